@@ -1,0 +1,104 @@
+#include "cTMutex.h"
+#include "cTThread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksBeforeAnotherThreadGetsIt) {
+    cTMutex m;
+    ASSERT_EQ(m.lock(), 0);
+    ASSERT_EQ(m.lock(), 0);  // same thread again: no deadlock
+    ASSERT_EQ(m.unlock(), 0);
+
+    auto other = std::async(std::launch::async, [&m] { return pthread_mutex_trylock(&m.mutex); });
+    EXPECT_EQ(other.get(), EBUSY);  // still held once
+
+    ASSERT_EQ(m.unlock(), 0);
+    auto again = std::async(std::launch::async, [&m] {
+        int r = pthread_mutex_trylock(&m.mutex);
+        if (r == 0) pthread_mutex_unlock(&m.mutex);
+        return r;
+    });
+    EXPECT_EQ(again.get(), 0);
+}
+
+TEST(cTMutex, DestroyingWhileHeldByOwnerReleasesIt) {
+    auto* m = new cTMutex;
+    m->lock();
+    delete m;  // unlock + destroy; must not fail or hang
+    SUCCEED();
+}
+
+// A worker with the engine's loop shape: Running first, poll the state each round, Exited last.
+class Worker : public cTThread {
+public:
+    std::atomic<int32_t> state{ThreadState::Created};
+    std::atomic<int> rounds{0};
+    int maxRounds;
+    std::chrono::milliseconds sleep;
+
+    explicit Worker(int maxRoundsIn, std::chrono::milliseconds sleepIn)
+        : maxRounds(maxRoundsIn), sleep(sleepIn) {}
+
+    void start() { startThread(); }
+    void stop() { stopThread(state); }
+
+    void Run() override {
+        state = ThreadState::Running;
+        while (state.load(std::memory_order_relaxed) == ThreadState::Running) {
+            if (rounds.fetch_add(1) + 1 >= maxRounds) break;
+            std::this_thread::sleep_for(sleep);
+        }
+        state = ThreadState::Exited;
+    }
+};
+
+TEST(cTThread, StopDuringSleepReturnsAfterOneMoreRoundAndEndsJoined) {
+    Worker w(1 << 30, 20ms);
+    w.start();
+    while (w.rounds.load() == 0) std::this_thread::yield();
+
+    auto stopped = std::async(std::launch::async, [&w] { w.stop(); });
+    ASSERT_EQ(stopped.wait_for(5s), std::future_status::ready) << "stop did not return";
+    EXPECT_EQ(w.state.load(), ThreadState::Joined);
+}
+
+TEST(cTThread, WorkerThatExitedOnItsOwnIsStillJoined) {
+    Worker w(3, 1ms);
+    w.start();
+    auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (w.state.load() != ThreadState::Exited && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(1ms);
+    }
+    ASSERT_EQ(w.state.load(), ThreadState::Exited);
+    w.stop();
+    EXPECT_EQ(w.state.load(), ThreadState::Joined);
+    EXPECT_EQ(w.rounds.load(), 3);
+}
+
+TEST(cTThread, RestartAllowedOnlyFromCreatedOrJoined) {
+    EXPECT_TRUE(ThreadState::canStart(ThreadState::Created));
+    EXPECT_TRUE(ThreadState::canStart(ThreadState::Joined));
+    EXPECT_FALSE(ThreadState::canStart(ThreadState::Running));
+    EXPECT_FALSE(ThreadState::canStart(ThreadState::StopRequested));
+    EXPECT_FALSE(ThreadState::canStart(ThreadState::Exited));
+
+    Worker w(1 << 30, 1ms);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(ThreadState::canStart(w.state.load()));
+        w.start();
+        while (w.state.load() != ThreadState::Running) std::this_thread::yield();
+        EXPECT_FALSE(ThreadState::canStart(w.state.load()));
+        w.stop();
+    }
+}
+
+}  // namespace
