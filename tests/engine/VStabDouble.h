@@ -1,0 +1,69 @@
+// A conforming stand-in for the stabilization library, linked into engine tests so that every
+// status the engine tells apart can be produced on demand and every call can be inspected.
+//
+// Thread-safety: the engine serialises library calls with its own mutex; the control block is
+// also read by the test thread, so its counters are atomics and the scripted statuses sit
+// behind a mutex.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "zef_gyro_vstab.h"
+
+struct VStabDouble {
+    // Configuration record values handed out by vStabConfig.
+    uint32_t gridColumns = 4;
+    uint32_t gridRows = 3;
+    int64_t windowNs = 200000000;
+    int64_t latencyNs = 100000000;
+    int32_t debugFrameIndex = 0;
+    int32_t clockIdGyro = 7;
+    int32_t clockIdFrame = 7;
+
+    // Results of the non-warp calls.
+    int createStatus = 0;
+    bool configNull = false;
+    int addStatus = 0;
+    int destroyStatus = 0;
+
+    // Warp behaviour: scripted statuses are used first, one per call; then `defaultStatus`.
+    // On status 0 the grid written is the unwarped ±1.25 grid scaled by `gridScale`.
+    int defaultStatus = 0;
+    float gridScale = 1.0f;
+    bool writeGrid = true;
+
+    std::atomic<int> createCalls{0};
+    std::atomic<int> addCalls{0};
+    std::atomic<int> warpCalls{0};
+    std::atomic<int> destroyCalls{0};
+    std::atomic<int> liveHandles{0};
+
+    std::mutex mutex;
+    std::deque<int> scriptedStatuses;
+    std::vector<int64_t> gyroTimestamps;   // every sample's timestamp, in arrival order
+    std::vector<int64_t> warpTimestamps;   // every warp call's frame timestamp
+    std::vector<VStabFrameInfo> warpInfos;  // every warp call's frame record
+    std::string lastConfigText;
+
+    void script(std::initializer_list<int> statuses) {
+        std::lock_guard<std::mutex> lock(mutex);
+        scriptedStatuses.insert(scriptedStatuses.end(), statuses);
+    }
+    std::vector<int64_t> gyroSnapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return gyroTimestamps;
+    }
+    std::vector<int64_t> warpSnapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return warpTimestamps;
+    }
+};
+
+// Restores every setting and clears the records. Call at the start of each test.
+void resetVStabDouble();
+VStabDouble& vstabDouble();
