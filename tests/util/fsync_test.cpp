@@ -1,0 +1,127 @@
+#include "FSync.h"
+
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+
+namespace {
+
+// Error lines under "NAT", in order.
+std::vector<std::string> errors(const LogCapture& capture) {
+    std::vector<std::string> out;
+    for (const auto& l : capture.lines()) {
+        EXPECT_EQ(l.priority, 6) << l.text;
+        EXPECT_EQ(l.tag, "NAT");
+        out.push_back(l.text);
+    }
+    return out;
+}
+
+TEST(FSync, FirstLapAcceptsAnyNonZeroSampleAgainstZeroedSlots) {
+    LogCapture capture;
+    FSync f;
+    f.setExpectedDelta(1000);
+    f.addSample(5000);  // stored 4000
+    f.addSample(2000);  // older, still accepted: compared with a zeroed slot
+    f.addSample(1000);  // stored 0: equals the zeroed slot
+    EXPECT_EQ(errors(capture), std::vector<std::string>{
+                                   "[VSTAB][FSync][Error] Trying to add same sample twice (0)"});
+    EXPECT_EQ(f.findClosest(1100), 1000u);
+    EXPECT_EQ(f.findClosest(3900), 4000u);
+}
+
+TEST(FSync, FullRingDropsOldestAndLaterLapsCompareWithSlotAhead) {
+    LogCapture capture;
+    FSync f;
+    for (unsigned long long i = 1; i <= 127; ++i)
+        f.addSample(i * 1000);
+    EXPECT_TRUE(capture.lines().empty());
+    f.addSample(128000);  // fills the last free slot: the oldest goes
+    EXPECT_EQ(errors(capture),
+              std::vector<std::string>{"[VSTAB][FSync][Error] Buffer full dropping sample: 1000"});
+    capture.clear();
+
+    f.addSample(500);  // the slot ahead still holds the dropped 1000
+    f.addSample(1000);
+    f.addSample(129000);
+    EXPECT_EQ(errors(capture),
+              (std::vector<std::string>{
+                  "[VSTAB][FSync][Error] Trying to add sample before last timestamp (500 < 1000)",
+                  "[VSTAB][FSync][Error] Trying to add same sample twice (1000)",
+                  "[VSTAB][FSync][Error] Buffer full dropping sample: 2000"}));
+    EXPECT_EQ(f.findClosest(1), 3000u);  // oldest kept
+}
+
+TEST(FSync, ClosestLearnsAverageErrorAndDropsOlderSamples) {
+    LogCapture capture;
+    FSync f;
+    f.setExpectedDelta(500);
+    for (unsigned long long t : {10500ull, 20500ull, 30500ull})
+        f.addSample(t);  // 10000.. stored
+    EXPECT_EQ(f.findClosest(8000), 10000u);
+    EXPECT_EQ(f.getExpectedDelta(), 500 + 2000);
+    EXPECT_EQ(f.findClosest(20000), 20000u);  // error 0: 0.05 * 0 + 0.95 * 2000
+    EXPECT_EQ(f.getExpectedDelta(), 500 + 1900);
+    EXPECT_EQ(f.findClosest(10000), 20000u);  // 10000 was dropped by the previous answer
+    EXPECT_EQ(errors(capture),
+              std::vector<std::string>{
+                  "[VSTAB][FSync][Error] Closest FSync timestamp found is not monotonically "
+                  "increasing"});
+}
+
+TEST(FSync, TieGoesToEarlierSampleAndFarMatchIsReported) {
+    LogCapture capture;
+    FSync f;
+    f.addSample(1000);
+    f.addSample(3000);
+    EXPECT_EQ(f.findClosest(2000), 1000u);
+    EXPECT_EQ(f.getExpectedDelta(), -1000);
+    EXPECT_TRUE(capture.lines().empty());
+    EXPECT_EQ(f.findClosest(20000000), 3000u);
+    EXPECT_EQ(errors(capture),
+              std::vector<std::string>{
+                  "[VSTAB][FSync][Error] Closest FSync timestamp found is more than 10ms away."});
+}
+
+TEST(FSync, RepeatedQueryIsNotCheckedForMonotony) {
+    LogCapture capture;
+    FSync f;
+    f.addSample(10000);
+    f.addSample(50000);
+    EXPECT_EQ(f.findClosest(10000), 10000u);
+    EXPECT_EQ(f.findClosest(10000), 10000u);  // same query: no check
+    EXPECT_TRUE(capture.lines().empty());
+    EXPECT_EQ(f.findClosest(10001), 10000u);  // new query, same answer
+    EXPECT_EQ(capture.countContaining("not monotonically increasing"), 1);
+}
+
+TEST(FSync, EmptyRingAndZeroQueryChangeNothing) {
+    LogCapture capture;
+    FSync f;
+    f.setExpectedDelta(7);
+    EXPECT_EQ(f.findClosest(12345), 12345u);
+    EXPECT_TRUE(capture.lines().empty());
+    f.addSample(5007);
+    EXPECT_EQ(f.findClosest(0), 0u);
+    EXPECT_EQ(errors(capture), std::vector<std::string>{
+                                   "[VSTAB][FSync][Error] Searching for invalid timestamp == 0"});
+    EXPECT_EQ(f.getExpectedDelta(), 7);
+    EXPECT_EQ(f.findClosest(6000), 5000u);  // sample still there
+}
+
+TEST(FSync, RemoveSamplesIgnoresDeltaAndReadsStaleSlotOfEmptyRing) {
+    FSync f;
+    f.setExpectedDelta(100);
+    for (unsigned long long t : {1100ull, 2100ull, 3100ull})
+        f.addSample(t);  // 1000 2000 3000
+    f.removeSamples(1500);
+    EXPECT_EQ(f.findClosest(1000), 2000u);  // 1000 is gone
+    f.removeSamples(5000);                  // empties the ring
+    EXPECT_EQ(f.findClosest(2000), 2000u);  // empty: the query comes back
+    // On the empty ring the slot at the read position is still examined: the zeroed slots are
+    // skipped until the old 1000 stops the scan, and the old samples are in the ring again.
+    f.removeSamples(500);
+    EXPECT_EQ(f.findClosest(2100), 2000u);
+}
+
+}  // namespace

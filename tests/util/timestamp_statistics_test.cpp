@@ -1,0 +1,93 @@
+#include "TimestampStatistics.h"
+
+#include <gtest/gtest.h>
+
+#include "LogCapture.h"
+
+namespace {
+
+std::vector<std::string> printed(TimestampStatistics& s) {
+    LogCapture capture;
+    s.printGatheredInformation("ts");
+    for (const auto& l : capture.lines()) {
+        EXPECT_EQ(l.priority, 5);
+        EXPECT_EQ(l.tag, "[QLMR]");
+    }
+    return capture.texts();
+}
+
+TEST(TimestampStatistics, PrintsOldestToNewestAcrossWrap) {
+    TimestampStatistics s(4);
+    s << 10 << 20 << 30;
+    EXPECT_EQ(printed(s), (std::vector<std::string>{"ts 10", "ts 20", "ts 30"}));
+    s << 40;
+    EXPECT_EQ(s.stack.full, 1);
+    EXPECT_EQ(s.stack.next, 0);
+    EXPECT_EQ(printed(s), (std::vector<std::string>{"ts 10", "ts 20", "ts 30", "ts 40"}));
+    s << 50;
+    EXPECT_EQ(printed(s), (std::vector<std::string>{"ts 20", "ts 30", "ts 40", "ts 50"}));
+}
+
+TEST(TimestampStatistics, IndexingOutsideRingThrows) {
+    TimestampStatistics s(3);
+    for (int i : {-1, 3}) {
+        try {
+            s.stack[i];
+            FAIL() << i;
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(), "Out of bounds indexing");
+        }
+    }
+    s.stack[2] = 5;
+    EXPECT_THROW(TimestampStatistics(0), std::runtime_error);
+}
+
+TEST(TimestampStatistics, FewerThanTwoValuesLeaveOutputsUntouched) {
+    TimestampStatistics s(4);
+    float mean = -1, stddev = -2;
+    int rejected = -3, kept = -4;
+    s.calcStatistics(mean, stddev, rejected, kept);
+    s << 100;
+    s.calcStatistics(mean, stddev, rejected, kept);
+    EXPECT_EQ(mean, -1);
+    EXPECT_EQ(stddev, -2);
+    EXPECT_EQ(rejected, -3);
+    EXPECT_EQ(kept, -4);
+}
+
+TEST(TimestampStatistics, DoubleIntervalIsRejected) {
+    TimestampStatistics s(8);
+    s << 0 << 1000 << 2000 << 4000 << 5000 << 6000;  // m0 = 1200; 2000 is 800 away, not < 600
+    float mean, stddev;
+    int rejected, kept;
+    s.calcStatistics(mean, stddev, rejected, kept);
+    EXPECT_EQ(mean, 1000.0f);
+    EXPECT_EQ(stddev, 0.0f);
+    EXPECT_EQ(rejected, 1);
+    EXPECT_EQ(kept, 4);
+}
+
+TEST(TimestampStatistics, SampleDeviationInAgeOrderAfterWrap) {
+    TimestampStatistics s(5);
+    s << 7 << 0 << 900 << 2000 << 3000 << 4000;  // 7 is overwritten; intervals 900 1100 1000 1000
+    float mean, stddev;
+    int rejected, kept;
+    s.calcStatistics(mean, stddev, rejected, kept);
+    EXPECT_EQ(mean, 1000.0f);
+    EXPECT_NEAR(stddev, 81.6497f, 1e-3f);  // sqrt(20000 / 3)
+    EXPECT_EQ(rejected, 0);
+    EXPECT_EQ(kept, 4);
+}
+
+TEST(TimestampStatistics, DistanceIsTruncatedBeforeOutlierTest) {
+    TimestampStatistics s(3);
+    s << 0 << 1 << 5;  // intervals 1, 4: m0 2.5, distance 1.5 -> 1, below 1.25
+    float mean, stddev;
+    int rejected, kept;
+    s.calcStatistics(mean, stddev, rejected, kept);
+    EXPECT_EQ(kept, 2);
+    EXPECT_EQ(rejected, 0);
+    EXPECT_EQ(mean, 2.5f);
+}
+
+}  // namespace

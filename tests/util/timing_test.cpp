@@ -1,0 +1,108 @@
+#include "cTTiming.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <regex>
+#include <thread>
+
+#include "LogCapture.h"
+
+// The engine defines the switch; this test program stands in for it.
+int32_t eis_debug = 0;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class cTTimingTest : public ::testing::Test {
+  protected:
+    void SetUp() override { eis_debug = 1; }
+    void TearDown() override { eis_debug = 0; }
+
+    // The single report line written while `body` runs (empty when none).
+    template <typename F>
+    std::string report(F body) {
+        LogCapture capture;
+        body();
+        auto lines = capture.lines();
+        if (lines.empty())
+            return "";
+        EXPECT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].priority, 5);
+        EXPECT_EQ(lines[0].tag, "[QLMR]");
+        return lines[0].text;
+    }
+};
+
+TEST_F(cTTimingTest, ReportListsStagesInLabelOrderAsMilliseconds) {
+    EXPECT_EQ(report([] {
+                  cTTiming t("Render()");
+                  t.stages["popFrame"] = 1520;
+                  t.stages["Render"] = 8250;
+              }),
+              "[cTTiming][Render()] Render(8.25) popFrame(1.52) ");
+    // Six significant digits, no fixed notation.
+    EXPECT_EQ(report([] {
+                  cTTiming t("p");
+                  t.stages["a"] = 1234567;
+                  t.stages["b"] = 0;
+                  t.stages["c"] = 1000000000;
+              }),
+              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");
+}
+
+TEST_F(cTTimingTest, EmptyProbeAndNullName) {
+    EXPECT_EQ(report([] { cTTiming t("MainThread()"); }), "[cTTiming][MainThread()] ");
+    EXPECT_EQ(report([] { cTTiming t(nullptr); }), "[cTTiming]");
+    EXPECT_EQ(report([] {
+                  cTTiming t(nullptr);
+                  t.stages["x"] = 2000;
+              }),
+              "[cTTiming]x(2) ");
+}
+
+TEST_F(cTTimingTest, MeasuredStagesAreMicrosecondsAndPrintedSorted) {
+    std::string line = report([] {
+        cTTiming t("triggerVStab()");
+        std::this_thread::sleep_for(30ms);
+        t("sleep");
+        t("VStab");
+        EXPECT_GE(t.stages["sleep"], 30000);
+        EXPECT_LT(t.stages["sleep"], 30000000);  // not nanoseconds
+        EXPECT_LT(t.stages["VStab"], 30000);
+    });
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(
+        line, m,
+        std::regex(
+            R"(\[cTTiming\]\[triggerVStab\(\)\] VStab\(([0-9.e+-]+)\) sleep\(([0-9.]+)\) )")))
+        << line;
+    EXPECT_GE(std::stof(m[2].str()), 30.0f);
+}
+
+TEST_F(cTTimingTest, NullLabelRestartsAndRepeatedLabelKeepsLatest) {
+    cTTiming t("p");
+    std::this_thread::sleep_for(60ms);
+    t(nullptr);
+    EXPECT_TRUE(t.stages.empty());
+    t("a");
+    EXPECT_LT(t.stages["a"], 60000);  // the sleep was not charged
+
+    std::this_thread::sleep_for(60ms);
+    t("b");
+    t("b");
+    EXPECT_EQ(t.stages.size(), 2u);
+    EXPECT_LT(t.stages["b"], 60000);  // second duration replaced, not added to, the first
+}
+
+TEST_F(cTTimingTest, NothingLoggedWhenDebugIsOff) {
+    eis_debug = 0;
+    EXPECT_EQ(report([] {
+                  cTTiming t("Render()");
+                  t("Render");
+              }),
+              "");
+}
+
+}  // namespace
