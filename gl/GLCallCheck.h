@@ -72,3 +72,8 @@ class CurrentLevel {
         call;                         \
         QLMR_GL_CHECK(signature);     \
     } while (0)
+#define QLMR_EGL_CALL(signature, call) \
+    do {                               \
+        call;                          \
+        QLMR_EGL_CHECK(signature);     \
+    } while (0)
