@@ -25,7 +25,7 @@
 #include "shared_ptr.h"
 
 class GLGraphicBuffer {
-public:
+  public:
     enum : int32_t {
         kUsageTexture = 1,       // make the GL_TEXTURE_EXTERNAL_OES texture
         kUsageRenderbuffer = 2,  // make the renderbuffer
@@ -33,8 +33,7 @@ public:
     // The vendor call that attaches a renderbuffer of external (YUV) content, where the driver
     // has it; same arguments as glFramebufferRenderbuffer.
     typedef void (*FramebufferRenderbufferExternal)(GLenum target, GLenum attachment,
-                                                    GLenum renderbufferTarget,
-                                                    GLuint renderbuffer);
+                                                    GLenum renderbufferTarget, GLuint renderbuffer);
 
     android::sp<android::GraphicBuffer> buffer;  // kept alive as long as the binding
     EGLImageKHR image = EGL_NO_IMAGE_KHR;        // made from `buffer`; none when not made

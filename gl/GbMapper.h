@@ -17,7 +17,7 @@
 #include "shared_ptr.h"
 
 class GbMapper {
-public:
+  public:
     // The engine's context pointer, by reference: the cache must not outlive it, and each new
     // binding shares whatever context it holds at the time.
     shared_ptr<GLContext>& context;

@@ -32,13 +32,14 @@ inline std::vector<float> uniformGrid(int columns, int rows) {
 }
 
 class WarpScene {
-public:
+  public:
     WarpScene(int columns, int rows) : vs_(GL_VERTEX_SHADER), fs_(GL_FRAGMENT_SHADER) {
         if (!vs_.compile(PwarpVS::source) || !fs_.compile(PwarpFS::source)) {
             throw std::runtime_error("warp shaders: " + vs_.log() + fs_.log());
         }
         program_.initialize(vs_, fs_);
-        if (!program_.link()) throw std::runtime_error("warp program: " + program_.log());
+        if (!program_.link())
+            throw std::runtime_error("warp program: " + program_.log());
         const int w = columns + 2, h = rows + 2;
         mesh_.resize(static_cast<unsigned short>(w), static_cast<unsigned short>(h));
         mesh_.uniformBorder(0.0f, 1.0f, 1.0f, 0.0f);
@@ -103,10 +104,11 @@ public:
         glFlush();
         glFinish();
         GLenum error = glGetError();
-        if (error != GL_NO_ERROR) throw std::runtime_error("warp draw GL error " + std::to_string(error));
+        if (error != GL_NO_ERROR)
+            throw std::runtime_error("warp draw GL error " + std::to_string(error));
     }
 
-private:
+  private:
     cTGLShader vs_, fs_;
     cTGLProgram<PwarpVS, PwarpFS> program_;
     cTGridMesh mesh_;
