@@ -129,6 +129,9 @@ void renderFrame(OutputWindow& out, const sp<GraphicBuffer>& camera, int64_t tim
                    static_cast<int>(buffer->getHeight()));
         native_window_set_buffers_timestamp(out.window.get(), timestampNs);
         ASSERT_EQ(out.window->queueBuffer(out.window.get(), anb, -1), 0);
+        // The host platform writes a buffer's memory again when its last image goes, which
+        // would race with the consumer still copying the queued frame; let it finish first.
+        ASSERT_TRUE(host::waitForIdle(out.window.get(), std::chrono::seconds(10)));
         mapper.release();  // the session's pause: bindings go while the context is current
     }
     ASSERT_TRUE(context->clearCurrent());
