@@ -1,6 +1,7 @@
 // The warp draw end to end on the real driver: camera graphic buffers sampled through their
 // bindings, drawn through the warp mesh into buffers dequeued from a host output window, and
 // checked in what the window's consumer receives.
+#include <android/log.h>
 #include <gtest/gtest.h>
 #include <system/window.h>
 #include <ui/GraphicBuffer.h>
@@ -9,14 +10,17 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
+#include "ColorCalibration.h"
 #include "GLContext.h"
 #include "GLGraphicBuffer.h"
 #include "GbMapper.h"
 #include "WarpDraw.h"
+#include "LogCapture.h"
 #include "host/Window.h"
 
 namespace {
@@ -167,6 +171,92 @@ TEST(WarpRender, DisplayTerminatedAndReinitialisedTwentyTimes) {
         EXPECT_EQ(frames[cycle].timestampNs, 1000 + cycle);
         EXPECT_EQ(mismatches(frames[cycle]), 0) << "cycle " << cycle;
     }
+}
+
+// BT.601 limited range ("video" levels), the conversion a camera's NV21 frame must get.
+void bt601(int y, int v, int u, double rgb[3]) {
+    const double l = 1.164383 * (y - 16);
+    rgb[0] = l + 1.596027 * (v - 128);
+    rgb[1] = l - 0.391762 * (u - 128) - 0.812968 * (v - 128);
+    rgb[2] = l + 2.017232 * (u - 128);
+    for (int c = 0; c < 3; ++c)
+        rgb[c] = std::clamp(rgb[c], 0.0, 255.0);
+}
+
+// The calibration chart painted into an NV21 camera buffer, drawn through the warp program with
+// an identity mesh into an RGBA output buffer and read back.
+TEST(WarpRender, CalibrationChartComesOutAsBt601) {
+    constexpr int w = ColorCalibration::kWidth, h = ColorCalibration::kHeight;
+    sp<GraphicBuffer> camera(
+        new GraphicBuffer(w, h, HAL_PIXEL_FORMAT_YCrCb_420_SP,
+                          GraphicBuffer::USAGE_SW_WRITE_OFTEN | GraphicBuffer::USAGE_HW_TEXTURE));
+    sp<GraphicBuffer> output(
+        new GraphicBuffer(w, h, HAL_PIXEL_FORMAT_RGBA_8888,
+                          GraphicBuffer::USAGE_SW_READ_OFTEN | GraphicBuffer::USAGE_HW_RENDER));
+    ColorCalibration chart;
+    void* address = nullptr;
+    ASSERT_EQ(camera->lock(GraphicBuffer::USAGE_SW_WRITE_OFTEN, &address), android::NO_ERROR);
+    auto* luma = static_cast<unsigned char*>(address);
+    const int stride = static_cast<int>(camera->getStride());
+    chart.setColorCalibration_YUV21sp(luma, luma + stride * h, stride);
+    ASSERT_EQ(camera->unlock(), android::NO_ERROR);
+
+    shared_ptr<GLContext> context;
+    context.acquire(new GLContext(EGL_NO_CONTEXT), nullptr);
+    auto* guard = new GLContext::Guard(context);
+    {
+        // Identity: the interior spans exactly the output, on top of the border ring.
+        gltest::WarpScene scene(9, 5);
+        std::vector<float> grid = gltest::uniformGrid(9, 5);
+        for (float& value : grid)
+            value /= 1.25f;
+        scene.setGrid(grid.data());
+        GLGraphicBuffer source(context, camera, GLGraphicBuffer::kUsageTexture);
+        GLGraphicBuffer target(context, output, 3);
+        scene.draw(source, target, w, h);
+    }
+    delete guard;
+    context.release();
+
+    ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+    ASSERT_EQ(output->getStride(), static_cast<uint32_t>(w));
+    std::vector<unsigned char> rgba(static_cast<unsigned char*>(address),
+                                    static_cast<unsigned char*>(address) + w * h * 4);
+    ASSERT_EQ(output->unlock(), android::NO_ERROR);
+
+    for (int b = 0; b < 5; ++b) {
+        for (int c = 0; c < 9; ++c) {
+            const int yv = ColorCalibration::y[b];
+            const int v = ColorCalibration::vu[c + 1][0], u = ColorCalibration::vu[c + 1][1];
+            double ref[3];
+            bt601(yv, v, u, ref);
+            // The whole patch but its outer 2 pixels, where chroma and filtering blend.
+            for (int row = 32 * b + 2; row < 32 * b + 30; ++row) {
+                for (int col = 32 * c + 2; col < 32 * c + 30; ++col) {
+                    const unsigned char* p = &rgba[(static_cast<size_t>(row) * w + col) * 4];
+                    if (v == 128 && u == 128) {
+                        ASSERT_LE(std::abs(p[0] - p[1]), 1) << "grey patch " << b << "," << c;
+                        ASSERT_LE(std::abs(p[1] - p[2]), 1) << "grey patch " << b << "," << c;
+                    }
+                    for (int k = 0; k < 3; ++k) {
+                        ASSERT_NEAR(p[k], ref[k], 3.0) << "patch " << b << "," << c << " channel "
+                                                       << k << " at " << col << "," << row;
+                    }
+                }
+            }
+        }
+    }
+
+    LogCapture log;
+    chart.getColorCalibration(rgba.data(), w);
+    const std::vector<LogLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), 45u);
+    const unsigned char* last = &rgba[(static_cast<size_t>(144) * w + 272) * 4];
+    char expected[96];
+    std::snprintf(expected, sizeof expected, "[COLORCONVERSION] 170 170 70 -> %d %d %d", last[0],
+                  last[1], last[2]);
+    EXPECT_EQ(lines.back().text, expected);
+    EXPECT_EQ(lines.back().priority, ANDROID_LOG_WARN);
 }
 
 }  // namespace
