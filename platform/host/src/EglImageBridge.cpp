@@ -1,0 +1,597 @@
+// EGL images of GraphicBuffers on a driver without native-buffer images.
+//
+// Each image handed to a caller is a real driver image whose storage is an RGBA GL_TEXTURE_2D
+// of the buffer's size. The texture belongs to a private context that this platform makes on the
+// caller's display, one per display, alive exactly while images exist on that display (so a
+// caller that destroys its images before eglTerminate leaves nothing of ours on the display,
+// and the next eglInitialize starts clean). All private-context GL work runs on the platform's
+// GL thread (GlThread), never on the caller's thread.
+//
+// The buffer's memory stays the reference copy of its content:
+//   memory -> image: on image creation and on every unlock() after a software-write lock
+//     (NV21 is converted to RGB on the CPU first), finished with glFinish before returning;
+//   image -> memory: on lock(), on queueing to a native window and on image destruction, for
+//     buffers with an image that was made renderbuffer storage (GL may have drawn into it).
+// Callers finish their own GL work on a buffer (glFinish) before locking or queueing it.
+#include "EglImageBridge.h"
+
+#include <EGL/egl.h>
+#include <EGL/eglext.h>
+#include <GLES2/gl2.h>
+#include <GLES2/gl2ext.h>
+#include <android/log.h>
+
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "GlThread.h"
+#include "host/Graphics.h"
+#include "host/PixelConversion.h"
+
+namespace host {
+
+// A private context of the platform on one display, with a 1 x 1 pbuffer to be current with.
+struct PrivateContext {
+    EGLDisplay display = EGL_NO_DISPLAY;
+    EGLContext context = EGL_NO_CONTEXT;
+    EGLSurface surface = EGL_NO_SURFACE;
+    int images = 0;  // live images made in this context
+};
+
+// One image made from a buffer on one display. Repeated creation for the same buffer and display
+// returns the same image with one more reference.
+struct ImageImport {
+    EGLImageKHR image = EGL_NO_IMAGE_KHR;
+    PrivateContext* owner = nullptr;
+    GLuint texture = 0;      // the image's storage, a name of owner's context
+    GLuint framebuffer = 0;  // owner's framebuffer for reading back; made on first read-back
+    int refs = 1;
+    bool renderTarget = false;  // made renderbuffer storage by some context
+    android::sp<android::GraphicBuffer> buffer;
+};
+
+namespace {
+
+constexpr const char* kTag = "host-graphics";
+
+void logWarning(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void logWarning(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    __android_log_vprint(ANDROID_LOG_WARN, kTag, format, args);
+    va_end(args);
+}
+
+struct DriverEntryPoints {
+    PFNEGLCREATEIMAGEKHRPROC createImage = nullptr;
+    PFNEGLDESTROYIMAGEKHRPROC destroyImage = nullptr;
+    PFNGLEGLIMAGETARGETTEXTURE2DOESPROC targetTexture = nullptr;
+    PFNGLEGLIMAGETARGETRENDERBUFFERSTORAGEOESPROC targetRenderbuffer = nullptr;
+};
+
+// The driver's own entry points. The loader exports none of them and eglGetProcAddress answers
+// even for names no driver has, so each use is guarded by an extension check.
+const DriverEntryPoints& driver() {
+    static const DriverEntryPoints entryPoints = [] {
+        DriverEntryPoints e;
+        e.createImage =
+            reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR"));
+        e.destroyImage =
+            reinterpret_cast<PFNEGLDESTROYIMAGEKHRPROC>(eglGetProcAddress("eglDestroyImageKHR"));
+        e.targetTexture = reinterpret_cast<PFNGLEGLIMAGETARGETTEXTURE2DOESPROC>(
+            eglGetProcAddress("glEGLImageTargetTexture2DOES"));
+        e.targetRenderbuffer = reinterpret_cast<PFNGLEGLIMAGETARGETRENDERBUFFERSTORAGEOESPROC>(
+            eglGetProcAddress("glEGLImageTargetRenderbufferStorageOES"));
+        return e;
+    }();
+    return entryPoints;
+}
+
+// Whether the space-separated list `extensions` names `name` exactly.
+bool hasExtension(const char* extensions, const char* name) {
+    if (extensions == nullptr)
+        return false;
+    const size_t length = std::strlen(name);
+    for (const char* p = extensions; (p = std::strstr(p, name)) != nullptr; p += length) {
+        const bool startOk = p == extensions || p[-1] == ' ';
+        const bool endOk = p[length] == ' ' || p[length] == '\0';
+        if (startOk && endOk)
+            return true;
+    }
+    return false;
+}
+
+struct Bridge {
+    std::mutex mutex;  // guards everything below; taken after any buffer's mutex
+    std::map<EGLDisplay, PrivateContext*> contexts;
+    std::map<EGLImageKHR, ImageImport*> images;
+    GraphicsCounters counters;
+};
+
+Bridge& bridge() {
+    static Bridge* b = new Bridge;  // never destroyed: images may be destroyed at exit
+    return *b;
+}
+
+// ---- GL thread side -------------------------------------------------------------------------
+
+bool makeCurrent(PrivateContext& pc) {
+    if (pc.context == EGL_NO_CONTEXT) {
+        eglBindAPI(EGL_OPENGL_ES_API);
+        const EGLint configAttribs[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
+                                        EGL_OPENGL_ES2_BIT, EGL_NONE};
+        EGLConfig config = nullptr;
+        EGLint count = 0;
+        if (!eglChooseConfig(pc.display, configAttribs, &config, 1, &count) || count < 1) {
+            logWarning("no pbuffer config for the private context (0x%x)", eglGetError());
+            return false;
+        }
+        const EGLint pbufferAttribs[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
+        pc.surface = eglCreatePbufferSurface(pc.display, config, pbufferAttribs);
+        const EGLint contextAttribs[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
+        pc.context = eglCreateContext(pc.display, config, EGL_NO_CONTEXT, contextAttribs);
+        if (pc.surface == EGL_NO_SURFACE || pc.context == EGL_NO_CONTEXT) {
+            logWarning("private context creation failed (0x%x)", eglGetError());
+            if (pc.surface != EGL_NO_SURFACE)
+                eglDestroySurface(pc.display, pc.surface);
+            if (pc.context != EGL_NO_CONTEXT)
+                eglDestroyContext(pc.display, pc.context);
+            pc.surface = EGL_NO_SURFACE;
+            pc.context = EGL_NO_CONTEXT;
+            return false;
+        }
+    }
+    if (!eglMakeCurrent(pc.display, pc.surface, pc.surface, pc.context)) {
+        logWarning("private context cannot be made current (0x%x)", eglGetError());
+        return false;
+    }
+    return true;
+}
+
+void releaseCurrent(PrivateContext& pc) {
+    eglMakeCurrent(pc.display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+}
+
+void destroyContextObjects(PrivateContext& pc) {
+    if (pc.context != EGL_NO_CONTEXT)
+        eglDestroyContext(pc.display, pc.context);
+    if (pc.surface != EGL_NO_SURFACE)
+        eglDestroySurface(pc.display, pc.surface);
+    pc.context = EGL_NO_CONTEXT;
+    pc.surface = EGL_NO_SURFACE;
+}
+
+struct CreateTask {
+    PrivateContext* owner;
+    GLsizei width;
+    GLsizei height;
+    const uint8_t* pixels;  // tightly packed RGBA, or null for undefined content
+    GLuint texture = 0;
+    EGLImageKHR image = EGL_NO_IMAGE_KHR;
+
+    static void run(void* arg) {
+        auto& t = *static_cast<CreateTask*>(arg);
+        if (!makeCurrent(*t.owner))
+            return;
+        glGenTextures(1, &t.texture);
+        glBindTexture(GL_TEXTURE_2D, t.texture);
+        // No mipmaps: the texture must be complete at level 0 to become an image.
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, t.width, t.height, 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                     t.pixels);
+        glBindTexture(GL_TEXTURE_2D, 0);
+        const GLenum glError = glGetError();
+        if (glError == GL_NO_ERROR) {
+            const EGLint attribs[] = {EGL_IMAGE_PRESERVED_KHR, EGL_TRUE, EGL_NONE};
+            t.image = driver().createImage(
+                t.owner->display, t.owner->context, EGL_GL_TEXTURE_2D_KHR,
+                reinterpret_cast<EGLClientBuffer>(static_cast<uintptr_t>(t.texture)), attribs);
+            if (t.image == EGL_NO_IMAGE_KHR) {
+                logWarning("driver image from texture failed (0x%x)", eglGetError());
+            }
+        } else {
+            logWarning("texture %dx%d for an image failed (GL 0x%x)", t.width, t.height, glError);
+        }
+        if (t.image == EGL_NO_IMAGE_KHR) {
+            glDeleteTextures(1, &t.texture);
+            t.texture = 0;
+        }
+        glFinish();
+        releaseCurrent(*t.owner);
+    }
+};
+
+struct DestroyTask {
+    ImageImport* import;
+    bool destroyContext;  // the owner has no image left
+
+    static void run(void* arg) {
+        auto& t = *static_cast<DestroyTask*>(arg);
+        PrivateContext& pc = *t.import->owner;
+        const bool current = makeCurrent(pc);
+        if (!driver().destroyImage(pc.display, t.import->image)) {
+            logWarning("driver image destruction failed (0x%x)", eglGetError());
+        }
+        if (current) {
+            if (t.import->framebuffer != 0)
+                glDeleteFramebuffers(1, &t.import->framebuffer);
+            glDeleteTextures(1, &t.import->texture);
+            glFinish();
+            releaseCurrent(pc);
+        }
+        if (t.destroyContext)
+            destroyContextObjects(pc);
+    }
+};
+
+struct UploadTask {
+    ImageImport* const* imports;
+    size_t count;
+    GLsizei width;
+    GLsizei height;
+    const uint8_t* pixels;  // tightly packed RGBA
+    bool ok = true;
+
+    static void run(void* arg) {
+        auto& t = *static_cast<UploadTask*>(arg);
+        PrivateContext* current = nullptr;
+        for (size_t i = 0; i < t.count; ++i) {
+            ImageImport& import = *t.imports[i];
+            if (import.owner != current) {
+                if (current != nullptr) {
+                    glFinish();
+                    releaseCurrent(*current);
+                }
+                current = import.owner;
+                if (!makeCurrent(*current)) {
+                    current = nullptr;
+                    t.ok = false;
+                    continue;
+                }
+            }
+            glBindTexture(GL_TEXTURE_2D, import.texture);
+            glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, t.width, t.height, GL_RGBA, GL_UNSIGNED_BYTE,
+                            t.pixels);
+            glBindTexture(GL_TEXTURE_2D, 0);
+            if (glGetError() != GL_NO_ERROR)
+                t.ok = false;
+        }
+        if (current != nullptr) {
+            // Complete before the caller returns: another context may sample the image next.
+            glFinish();
+            releaseCurrent(*current);
+        }
+    }
+};
+
+struct ReadBackTask {
+    ImageImport* import;
+    GLsizei width;
+    GLsizei height;
+    uint8_t* pixels;  // receives tightly packed RGBA
+    bool ok = false;
+
+    static void run(void* arg) {
+        auto& t = *static_cast<ReadBackTask*>(arg);
+        ImageImport& import = *t.import;
+        if (!makeCurrent(*import.owner))
+            return;
+        if (import.framebuffer == 0) {
+            glGenFramebuffers(1, &import.framebuffer);
+            glBindFramebuffer(GL_FRAMEBUFFER, import.framebuffer);
+            glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D,
+                                   import.texture, 0);
+        } else {
+            glBindFramebuffer(GL_FRAMEBUFFER, import.framebuffer);
+        }
+        if (glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE) {
+            glPixelStorei(GL_PACK_ALIGNMENT, 4);
+            glReadPixels(0, 0, t.width, t.height, GL_RGBA, GL_UNSIGNED_BYTE, t.pixels);
+            t.ok = glGetError() == GL_NO_ERROR;
+        } else {
+            logWarning("read-back framebuffer incomplete");
+        }
+        glBindFramebuffer(GL_FRAMEBUFFER, 0);
+        releaseCurrent(*import.owner);
+    }
+};
+
+// ---- caller side ----------------------------------------------------------------------------
+
+bool needsStaging(const android::GraphicBuffer& buffer) {
+    return buffer.getPixelFormat() != HAL_PIXEL_FORMAT_RGBA_8888 ||
+           buffer.getStride() != buffer.getWidth();
+}
+
+// The buffer's content as tightly packed RGBA, converted into the staging area when the memory
+// is not already in that form. Called with store.mutex held.
+const uint8_t* contentAsRgba(const android::GraphicBuffer& buffer, BufferStore& store) {
+    const uint32_t w = buffer.getWidth();
+    const uint32_t h = buffer.getHeight();
+    const uint32_t s = buffer.getStride();
+    if (!needsStaging(buffer))
+        return store.memory;
+    uint8_t* rgba = store.staging.data();
+    if (buffer.getPixelFormat() == HAL_PIXEL_FORMAT_YCrCb_420_SP) {
+        nv21ToRgba(store.memory, s, store.memory + static_cast<size_t>(s) * h, s, w, h, rgba);
+    } else {
+        packToRgba(buffer.getPixelFormat(), store.memory, static_cast<size_t>(s) * 4, w, h, rgba);
+    }
+    return rgba;
+}
+
+// Reads `import` back into the buffer's memory. Called with store.mutex and the bridge held.
+android::status_t readBackLocked(Bridge& b, const android::GraphicBuffer& buffer,
+                                 BufferStore& store, ImageImport& import) {
+    const bool direct = !needsStaging(buffer);
+    ReadBackTask task{&import, static_cast<GLsizei>(buffer.getWidth()),
+                      static_cast<GLsizei>(buffer.getHeight()),
+                      direct ? store.memory : store.staging.data()};
+    GlThread::instance().run(&ReadBackTask::run, &task);
+    if (!task.ok)
+        return android::UNKNOWN_ERROR;
+    ++b.counters.readBacks;
+    if (!direct) {
+        unpackFromRgba(buffer.getPixelFormat(), store.staging.data(), buffer.getWidth(),
+                       buffer.getHeight(), store.memory,
+                       static_cast<size_t>(buffer.getStride()) * 4);
+    }
+    return android::NO_ERROR;
+}
+
+ImageImport* renderTargetOf(const BufferStore& store) {
+    for (ImageImport* import : store.imports) {
+        if (import->renderTarget)
+            return import;
+    }
+    return nullptr;
+}
+
+// Leaves EGL_SUCCESS as the calling thread's EGL error after a call handled here.
+void reportSuccess(EGLDisplay dpy) {
+    eglQueryString(dpy, EGL_VERSION);
+}
+
+EGLImageKHR createNativeBufferImage(EGLDisplay dpy, android::GraphicBuffer& buffer) {
+    BufferStore& store = BufferStore::of(buffer);
+    Bridge& b = bridge();
+    std::lock_guard<std::mutex> storeLock(store.mutex);
+    std::lock_guard<std::mutex> bridgeLock(b.mutex);
+    for (ImageImport* import : store.imports) {
+        if (import->owner->display == dpy) {
+            ++import->refs;
+            return import->image;
+        }
+    }
+    PrivateContext*& owner = b.contexts[dpy];
+    if (owner == nullptr) {
+        owner = new PrivateContext;
+        owner->display = dpy;
+        ++b.counters.privateContexts;
+    }
+    if (needsStaging(buffer) && store.staging.empty()) {
+        store.staging.resize(static_cast<size_t>(buffer.getWidth()) * buffer.getHeight() * 4);
+    }
+    // While a CPU writer holds the buffer its memory is in flux; its unlock uploads it.
+    const bool writing =
+        store.locked && (store.lockUsage & android::GraphicBuffer::USAGE_SW_WRITE_MASK) != 0;
+    CreateTask task{owner, static_cast<GLsizei>(buffer.getWidth()),
+                    static_cast<GLsizei>(buffer.getHeight()),
+                    writing ? nullptr : contentAsRgba(buffer, store)};
+    GlThread::instance().run(&CreateTask::run, &task);
+    if (task.image == EGL_NO_IMAGE_KHR) {
+        if (owner->images == 0) {
+            PrivateContext* unused = owner;
+            b.contexts.erase(dpy);
+            struct Cleanup {
+                static void run(void* pc) {
+                    destroyContextObjects(*static_cast<PrivateContext*>(pc));
+                }
+            };
+            GlThread::instance().run(&Cleanup::run, unused);
+            delete unused;
+            --b.counters.privateContexts;
+        }
+        return EGL_NO_IMAGE_KHR;
+    }
+    auto* import = new ImageImport;
+    import->image = task.image;
+    import->owner = owner;
+    import->texture = task.texture;
+    import->buffer = &buffer;
+    ++owner->images;
+    store.imports.push_back(import);
+    b.images[task.image] = import;
+    ++b.counters.imagesMade;
+    ++b.counters.imagesLive;
+    return task.image;
+}
+
+// Result of destroying one of our images; `keep` holds the buffer until all locks are dropped.
+bool destroyNativeBufferImage(EGLDisplay dpy, EGLImageKHR image,
+                              android::sp<android::GraphicBuffer>& keep) {
+    Bridge& b = bridge();
+    {
+        std::lock_guard<std::mutex> bridgeLock(b.mutex);
+        auto it = b.images.find(image);
+        if (it == b.images.end() || it->second->owner->display != dpy)
+            return false;
+        keep = it->second->buffer;
+    }
+    BufferStore& store = BufferStore::of(*keep);
+    std::lock_guard<std::mutex> storeLock(store.mutex);
+    std::lock_guard<std::mutex> bridgeLock(b.mutex);
+    auto it = b.images.find(image);  // may have gone while no lock was held
+    if (it == b.images.end())
+        return false;
+    ImageImport* import = it->second;
+    if (--import->refs > 0)
+        return true;
+    // Keep what GL drew: the memory is the content once the image is gone.
+    if (import->renderTarget && !store.locked)
+        readBackLocked(b, *keep, store, *import);
+    b.images.erase(it);
+    for (auto i = store.imports.begin(); i != store.imports.end(); ++i) {
+        if (*i == import) {
+            store.imports.erase(i);
+            break;
+        }
+    }
+    PrivateContext* owner = import->owner;
+    DestroyTask task{import, --owner->images == 0};
+    GlThread::instance().run(&DestroyTask::run, &task);
+    if (task.destroyContext) {
+        b.contexts.erase(owner->display);
+        delete owner;
+        --b.counters.privateContexts;
+    }
+    --b.counters.imagesLive;
+    import->buffer.clear();  // `keep` still holds the buffer
+    delete import;
+    return true;
+}
+
+}  // namespace
+
+android::status_t uploadToImages(android::GraphicBuffer& buffer, BufferStore& store) {
+    const uint8_t* pixels = contentAsRgba(buffer, store);
+    Bridge& b = bridge();
+    std::lock_guard<std::mutex> bridgeLock(b.mutex);
+    UploadTask task{store.imports.data(), store.imports.size(),
+                    static_cast<GLsizei>(buffer.getWidth()),
+                    static_cast<GLsizei>(buffer.getHeight()), pixels};
+    GlThread::instance().run(&UploadTask::run, &task);
+    ++b.counters.uploads;
+    if (!task.ok) {
+        logWarning("upload of a %ux%u buffer to its images failed", buffer.getWidth(),
+                   buffer.getHeight());
+        return android::UNKNOWN_ERROR;
+    }
+    return android::NO_ERROR;
+}
+
+android::status_t readBackFromImages(android::GraphicBuffer& buffer, BufferStore& store) {
+    Bridge& b = bridge();
+    std::lock_guard<std::mutex> bridgeLock(b.mutex);
+    ImageImport* target = renderTargetOf(store);
+    if (target == nullptr)
+        return android::NO_ERROR;
+    android::status_t status = readBackLocked(b, buffer, store, *target);
+    if (status != android::NO_ERROR) {
+        logWarning("read-back of a %ux%u buffer failed", buffer.getWidth(), buffer.getHeight());
+    }
+    return status;
+}
+
+android::status_t readBackForConsumer(android::GraphicBuffer& buffer) {
+    BufferStore& store = BufferStore::of(buffer);
+    std::lock_guard<std::mutex> storeLock(store.mutex);
+    if (store.locked || store.imports.empty())
+        return android::NO_ERROR;
+    return readBackFromImages(buffer, store);
+}
+
+GraphicsCounters graphicsCounters() {
+    Bridge& b = bridge();
+    std::lock_guard<std::mutex> lock(b.mutex);
+    return b.counters;
+}
+
+}  // namespace host
+
+using host::logWarning;
+
+extern "C" EGLImageKHR eglCreateImageKHR(EGLDisplay dpy, EGLContext ctx, EGLenum target,
+                                         EGLClientBuffer buffer, const EGLint* attrib_list) {
+    const host::DriverEntryPoints& real = host::driver();
+    if (target != EGL_NATIVE_BUFFER_ANDROID) {
+        return real.createImage(dpy, ctx, target, buffer, attrib_list);
+    }
+    // Refusals are left to the driver, which does not know the native-buffer target and so
+    // reports the caller's mistake through eglGetError as EGL_BAD_PARAMETER (or the display's
+    // own error).
+    auto* record = static_cast<ANativeWindowBuffer*>(buffer);
+    if (ctx != EGL_NO_CONTEXT || record == nullptr || !host::isLiveBuffer(record)) {
+        logWarning("eglCreateImageKHR: not a live GraphicBuffer (%p) or context given", buffer);
+        return real.createImage(dpy, ctx, target, buffer, attrib_list);
+    }
+    for (const EGLint* a = attrib_list; a != nullptr && *a != EGL_NONE; a += 2) {
+        if (a[0] != EGL_IMAGE_PRESERVED_KHR) {
+            logWarning("eglCreateImageKHR: unsupported attribute 0x%x", a[0]);
+            return real.createImage(dpy, ctx, target, buffer, attrib_list);
+        }
+    }
+    const char* extensions = eglQueryString(dpy, EGL_EXTENSIONS);
+    if (extensions == nullptr)
+        return EGL_NO_IMAGE_KHR;  // the query left the display's error
+    if (!host::hasExtension(extensions, "EGL_KHR_image_base") ||
+        !host::hasExtension(extensions, "EGL_KHR_gl_texture_2D_image")) {
+        logWarning("eglCreateImageKHR: the driver has no texture images");
+        return real.createImage(dpy, ctx, target, buffer, attrib_list);
+    }
+    android::sp<android::GraphicBuffer> graphicBuffer = android::GraphicBuffer::from(record);
+    if (graphicBuffer == nullptr || graphicBuffer->initCheck() != android::NO_ERROR) {
+        logWarning("eglCreateImageKHR: GraphicBuffer %p has no memory", buffer);
+        return real.createImage(dpy, ctx, target, buffer, attrib_list);
+    }
+    EGLImageKHR image = host::createNativeBufferImage(dpy, *graphicBuffer);
+    if (image == EGL_NO_IMAGE_KHR)
+        return real.createImage(dpy, ctx, target, buffer, attrib_list);
+    host::reportSuccess(dpy);
+    return image;
+}
+
+extern "C" EGLBoolean eglDestroyImageKHR(EGLDisplay dpy, EGLImageKHR image) {
+    android::sp<android::GraphicBuffer> keep;
+    if (!host::destroyNativeBufferImage(dpy, image, keep)) {
+        return host::driver().destroyImage(dpy, image);
+    }
+    host::reportSuccess(dpy);
+    return EGL_TRUE;
+}
+
+namespace {
+
+// Whether the caller's current context can take EGL images; logs once per process if not.
+bool callerHasEglImage() {
+    const char* extensions = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+    if (host::hasExtension(extensions, "GL_OES_EGL_image"))
+        return true;
+    static std::once_flag logged;
+    std::call_once(logged, [] { logWarning("GL_OES_EGL_image missing in the current context"); });
+    return false;
+}
+
+}  // namespace
+
+extern "C" void glEGLImageTargetTexture2DOES(GLenum target, GLeglImageOES image) {
+    if (!callerHasEglImage())
+        return;
+    host::driver().targetTexture(target, image);
+}
+
+extern "C" void glEGLImageTargetRenderbufferStorageOES(GLenum target, GLeglImageOES image) {
+    if (!callerHasEglImage())
+        return;
+    host::Bridge& b = host::bridge();
+    {
+        std::lock_guard<std::mutex> lock(b.mutex);
+        auto it = b.images.find(static_cast<EGLImageKHR>(image));
+        if (it != b.images.end()) {
+            host::ImageImport& import = *it->second;
+            if (import.buffer->getPixelFormat() == HAL_PIXEL_FORMAT_YCrCb_420_SP) {
+                // GL cannot draw YUV here: refuse the way the driver refuses a bad image,
+                // with GL_INVALID_VALUE.
+                logWarning("an NV21 buffer cannot be renderbuffer storage");
+                image = nullptr;
+            } else {
+                import.renderTarget = true;
+            }
+        }
+    }
+    host::driver().targetRenderbuffer(target, image);
+}

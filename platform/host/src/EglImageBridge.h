@@ -1,0 +1,23 @@
+// Transfers between a GraphicBuffer's memory and the EGL images made from it. Internal.
+#pragma once
+
+#include <ui/GraphicBuffer.h>
+
+#include "BufferStore.h"
+
+namespace host {
+
+// Uploads the buffer's content to each of its images. Called with store.mutex held and at
+// least one image present; returns NO_ERROR or UNKNOWN_ERROR when the GL side failed.
+android::status_t uploadToImages(android::GraphicBuffer& buffer, BufferStore& store);
+
+// Reads the content back from an image that GL may have drawn into (one that was made
+// renderbuffer storage); does nothing for buffers that GL only samples. Called with
+// store.mutex held.
+android::status_t readBackFromImages(android::GraphicBuffer& buffer, BufferStore& store);
+
+// The same for a buffer handed to a consumer: takes store.mutex itself and does nothing while
+// the CPU holds a lock on the buffer.
+android::status_t readBackForConsumer(android::GraphicBuffer& buffer);
+
+}  // namespace host

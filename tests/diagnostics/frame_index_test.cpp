@@ -1,0 +1,101 @@
+// Frame-number marks and pixel-format names.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "FrameIndex.h"
+
+namespace {
+
+uint32_t pixelAt(const std::vector<unsigned char>& image, unsigned stride, unsigned col,
+                 unsigned row) {
+    uint32_t value;
+    std::memcpy(&value, &image[(row * stride + col) * 4], 4);
+    return value;
+}
+
+TEST(FrameIndexRgba, BlocksEncodeBitsLeastSignificantFirst) {
+    const unsigned w = 40, h = 64, stride = 48;
+    std::vector<unsigned char> image(stride * h * 4, 0x11);
+    paintFrameIndexRGBA(image.data(), w, h, stride, 5);
+    for (unsigned k = 0; k < 8; ++k) {
+        const uint32_t expected = (k == 0 || k == 2) ? 0xFFFFFFFFu : 0u;
+        for (unsigned row = 8 * k; row < 8 * k + 8; ++row) {
+            for (unsigned col = w - 8; col < w; ++col) {
+                ASSERT_EQ(pixelAt(image, stride, col, row), expected) << k;
+            }
+        }
+    }
+    EXPECT_EQ(pixelAt(image, stride, w - 9, 0), 0x11111111u);  // left of the blocks
+    EXPECT_EQ(pixelAt(image, stride, w, 0), 0x11111111u);      // stride padding
+}
+
+TEST(FrameIndexRgba, BlockCountFollowsHeightUpToThirtyTwo) {
+    std::vector<unsigned char> narrow(31 * 64 * 4, 0x22);
+    paintFrameIndexRGBA(narrow.data(), 31, 64, 31, 0xFFFFFFFFu);
+    EXPECT_EQ(narrow, std::vector<unsigned char>(31 * 64 * 4, 0x22));
+
+    std::vector<unsigned char> flat(32 * 7 * 4, 0x22);
+    paintFrameIndexRGBA(flat.data(), 32, 7, 32, 0xFFFFFFFFu);
+    EXPECT_EQ(flat, std::vector<unsigned char>(32 * 7 * 4, 0x22));
+
+    std::vector<unsigned char> tall(32 * 300 * 4, 0x22);
+    paintFrameIndexRGBA(tall.data(), 32, 300, 32, 0x80000001u);
+    EXPECT_EQ(pixelAt(tall, 32, 31, 0), 0xFFFFFFFFu);
+    EXPECT_EQ(pixelAt(tall, 32, 31, 8), 0u);
+    EXPECT_EQ(pixelAt(tall, 32, 31, 255), 0xFFFFFFFFu);  // block 31
+    EXPECT_EQ(pixelAt(tall, 32, 31, 256), 0x22222222u);  // no block 32
+}
+
+TEST(FrameIndexNv21, LumaBlocksAndShiftedNeutralChroma) {
+    const unsigned w = 64, h = 320;  // 32 blocks, chroma writes all inside the picture
+    std::vector<unsigned char> image(w * h * 3 / 2, 7);
+    paintFrameIndex(image.data(), w, h, 2);
+    EXPECT_EQ(image[0 * w + 56], 0);    // block 0 black
+    EXPECT_EQ(image[8 * w + 63], 255);  // block 1 white
+    EXPECT_EQ(image[16 * w + 60], 0);   // block 2 black
+    EXPECT_EQ(image[8 * w + 55], 7);    // left of the blocks
+    const size_t chroma = w * h;
+    const size_t first = chroma + 2 * (w - 8);  // block 0, row 0: one chroma row down, 8 left
+    EXPECT_EQ(image[first - 1], 7);
+    for (size_t i = 0; i < 8; ++i)
+        EXPECT_EQ(image[first + i], 128) << i;
+    EXPECT_EQ(image[first + 8], 7);
+    EXPECT_EQ(image[first + 3 * w + 7], 128);
+    EXPECT_EQ(image[first + 4 * w], 128);  // block 1 starts 4 rows further
+    EXPECT_EQ(image[chroma + w - 8], 7);   // the block's own chroma stays as it was
+}
+
+TEST(FrameIndexNv21, SmallPicturesStayInsideTheirBuffer) {
+    // 64 high: 8 blocks, whose last neutral rows would fall past the picture.
+    const unsigned w = 16, h = 64;
+    std::vector<unsigned char> image(w * h * 3 / 2, 7);
+    paintFrameIndex(image.data(), w, h, 0xFF);
+    EXPECT_EQ(image[w * h + 2 * (w - 8)], 128);
+    // Block 7 starts at 1024 + 16 + 28 * 16 = 1488: rows at 1488, 1504 and 1520 fit, the fourth
+    // (1536) would lie past the 1536-byte picture.
+    EXPECT_EQ(image[1520 + 7], 128);
+    EXPECT_EQ(image[1528], 7);
+    std::vector<unsigned char> tiny(7 * 16 * 3 / 2, 7);
+    paintFrameIndex(tiny.data(), 7, 16, 1);
+    EXPECT_EQ(tiny, std::vector<unsigned char>(7 * 16 * 3 / 2, 7));
+}
+
+TEST(PixelFormatString, NamesKnownCodesAndCallsTheRestRgba) {
+    EXPECT_STREQ(getPixelFormatString(1), "HAL_PIXEL_FORMAT_RGBA_8888");
+    EXPECT_STREQ(getPixelFormatString(2), "HAL_PIXEL_FORMAT_RGBX_8888");
+    EXPECT_STREQ(getPixelFormatString(3), "HAL_PIXEL_FORMAT_RGB_888");
+    EXPECT_STREQ(getPixelFormatString(4), "HAL_PIXEL_FORMAT_RGB_565");
+    EXPECT_STREQ(getPixelFormatString(5), "HAL_PIXEL_FORMAT_BGRA_8888");
+    EXPECT_STREQ(getPixelFormatString(16), "HAL_PIXEL_FORMAT_YCbCr_422_SP");
+    EXPECT_STREQ(getPixelFormatString(17), "HAL_PIXEL_FORMAT_YCrCb_420_SP");
+    EXPECT_STREQ(getPixelFormatString(20), "HAL_PIXEL_FORMAT_YCbCr_422_I");
+    EXPECT_STREQ(getPixelFormatString(32), "HAL_PIXEL_FORMAT_RAW_SENSOR");
+    EXPECT_STREQ(getPixelFormatString(0x32315659), "HAL_PIXEL_FORMAT_YV12");
+    EXPECT_STREQ(getPixelFormatString(0), "HAL_PIXEL_FORMAT_RGBA_8888");
+    EXPECT_STREQ(getPixelFormatString(999), "HAL_PIXEL_FORMAT_RGBA_8888");
+}
+
+}  // namespace

@@ -1,0 +1,177 @@
+#include "GLTexture.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "GLTestSupport.h"
+
+namespace {
+
+class GLTextureTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        context.acquire(new GLContext(EGL_NO_CONTEXT), nullptr);
+        guard = new GLContext::Guard(context);
+    }
+    void TearDown() override {
+        delete guard;
+        context.release();
+    }
+    // A thread other than the owner: any operation that makes the context current throws there.
+    static std::string fromOtherThread(const std::function<void()>& work) {
+        return gltest::onOtherThread([&]() -> std::string {
+            try {
+                work();
+            } catch (const std::runtime_error& e) {
+                return e.what();
+            }
+            return "no GL";
+        });
+    }
+    GLint parameter(GLTexture& t, GLenum name) {
+        GLint value = 0;
+        glBindTexture(t.target, t.name);
+        glGetTexParameteriv(t.target, name, &value);
+        glBindTexture(t.target, 0);
+        return value;
+    }
+    shared_ptr<GLContext> context;
+    GLContext::Guard* guard = nullptr;
+};
+
+std::vector<uint8_t> pattern(int w, int h) {
+    std::vector<uint8_t> p(static_cast<size_t>(w) * h * 4);
+    for (size_t i = 0; i < p.size(); ++i)
+        p[i] = static_cast<uint8_t>(i * 7 + i / 13);
+    return p;
+}
+
+TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
+    GLTexture t(context, GL_TEXTURE_2D, 37, 23, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_NEAREST,
+                GL_CLAMP_TO_EDGE);
+    ASSERT_NE(t.name, 0u);
+    std::vector<uint8_t> in = pattern(37, 23), out(in.size(), 0);
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 2);
+    t.upload(in.data(), 0);
+    GLint alignment = 0;
+    glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
+    EXPECT_EQ(alignment, 2);  // alignment 0 leaves the unpack state alone
+    EXPECT_TRUE(t.download(out.data()));
+    EXPECT_EQ(in, out);
+    EXPECT_EQ(context->count, 1);  // every operation gave its level back
+
+    // A non-zero alignment is reset to 0 afterwards, which this driver rejects: the data is in,
+    // and the check reports the upload's signature and GL_INVALID_VALUE.
+    std::vector<uint8_t> second = pattern(37, 23);
+    second[0] ^= 0xFF;
+    try {
+        t.upload(second.data(), 4);
+        ADD_FAILURE() << "reset of the unpack alignment to 0 was accepted";
+    } catch (const std::runtime_error& e) {
+        EXPECT_TRUE(std::regex_match(
+            e.what(), std::regex(R"(void GLTexture::upload\(const void \*, int\):\d+ \(1281\))")))
+            << e.what();
+    }
+    EXPECT_EQ(context->count, 1);
+    t.download(out.data());
+    EXPECT_EQ(second, out);
+}
+
+TEST_F(GLTextureTest, UnchangedParametersCostNoGLWork) {
+    GLTexture t(context, GL_TEXTURE_2D, 8, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR,
+                GL_CLAMP_TO_EDGE);
+    // Unchanged values do not even take the context, so they pass on a non-owning thread;
+    // changed ones take it and are refused there.
+    EXPECT_EQ(fromOtherThread([&] { t.setFilter(GL_LINEAR, GL_CLAMP_TO_EDGE); }), "no GL");
+    EXPECT_EQ(fromOtherThread([&] {
+                  t.update(8, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE);
+              }),
+              "no GL");
+    EXPECT_EQ(fromOtherThread([&] { t.setFilter(GL_NEAREST, GL_CLAMP_TO_EDGE); }),
+              "GL Context current to another thread ... Logical Error");
+
+    // A new filter alone changes the parameters and keeps the storage and its content.
+    std::vector<uint8_t> in = pattern(8, 8), out(in.size());
+    t.upload(in.data(), 0);
+    t.update(8, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_NEAREST, GL_REPEAT);
+    EXPECT_EQ(parameter(t, GL_TEXTURE_MIN_FILTER), GL_NEAREST);
+    EXPECT_EQ(parameter(t, GL_TEXTURE_MAG_FILTER), GL_NEAREST);
+    EXPECT_EQ(parameter(t, GL_TEXTURE_WRAP_T), GL_REPEAT);
+    t.download(out.data());
+    EXPECT_EQ(in, out);
+
+    // A new width reallocates level 0 at the new size.
+    t.update(16, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_NEAREST, GL_REPEAT);
+    std::vector<uint8_t> wide = pattern(16, 8), back(wide.size());
+    t.upload(wide.data(), 0);
+    t.download(back.data());
+    EXPECT_EQ(wide, back);
+    GLint viewport[4];
+    glGetIntegerv(GL_VIEWPORT, viewport);
+    EXPECT_EQ(viewport[2], 16);  // the read-back leaves the viewport at the texture's size
+}
+
+TEST_F(GLTextureTest, NamesAreReplacedAndFreed) {
+    GLTexture t(context, GL_TEXTURE_EXTERNAL_OES, GL_LINEAR, GL_CLAMP_TO_EDGE);
+    EXPECT_EQ(t.width, 0);  // no storage for an external texture
+    EXPECT_EQ(parameter(t, GL_TEXTURE_MIN_FILTER), GL_LINEAR);
+    const GLuint old = t.name;
+    EXPECT_TRUE(glIsTexture(old));
+    t.createName();
+    EXPECT_FALSE(glIsTexture(old));  // deleted (or reissued and not yet bound)
+    EXPECT_NE(t.name, 0u);
+    t.destroyName();
+    EXPECT_EQ(t.name, 0u);
+    // With no name there is nothing to do, so no context is taken.
+    EXPECT_EQ(fromOtherThread([&] { t.destroyName(); }), "no GL");
+}
+
+TEST_F(GLTextureTest, FailuresThrowTheCheckMessage) {
+    shared_ptr<GLContext> none;
+    EXPECT_THROW(
+        {
+            try {
+                GLTexture t(none, GL_TEXTURE_2D, GL_LINEAR, GL_CLAMP_TO_EDGE);
+            } catch (const std::runtime_error& e) {
+                EXPECT_STREQ(e.what(), "shared_ptr data is null");
+                throw;
+            }
+        },
+        std::runtime_error);
+
+    GLTexture t(context, GL_TEXTURE_2D, 4, 4, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR,
+                GL_CLAMP_TO_EDGE);
+    // Internal format and format disagree: glTexImage2D fails; the new values stay stored.
+    try {
+        t.update(4, 4, GL_RGBA, GL_RGB, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE);
+        ADD_FAILURE() << "mismatched formats were accepted";
+    } catch (const std::runtime_error& e) {
+        EXPECT_TRUE(std::regex_match(
+            e.what(), std::regex(R"(void GLTexture::update\(int, int, GLint, GLenum, GLenum, )"
+                                 R"(GLint, GLint\):\d+ \(1282\))")))
+            << e.what();
+    }
+    EXPECT_EQ(t.format, static_cast<GLenum>(GL_RGB));
+    EXPECT_EQ(context->count, 1);
+
+    // Luminance is not colour-renderable: the read-back framebuffer is incomplete.
+    GLTexture lum(context, GL_TEXTURE_2D, 4, 4, GL_LUMINANCE, GL_LUMINANCE, GL_UNSIGNED_BYTE,
+                  GL_LINEAR, GL_CLAMP_TO_EDGE);
+    std::vector<uint8_t> out(64);
+    try {
+        lum.download(out.data());
+        ADD_FAILURE() << "a luminance texture was read back";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(),
+                     "GLTexture::downloadBase(...) Could not bind texture to framebuffer");
+    }
+    EXPECT_EQ(context->count, 1);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+}
+
+}  // namespace

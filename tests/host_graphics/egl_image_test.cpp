@@ -1,0 +1,318 @@
+// GraphicBuffers as EGL images on the host driver: sampling, drawing, CPU coherence, threads,
+// and display termination.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+
+#include "GlTestSupport.h"
+#include "host/Graphics.h"
+#include "host/Window.h"
+
+namespace {
+
+using android::GraphicBuffer;
+using android::sp;
+using std::chrono::seconds;
+
+constexpr uint32_t kWrite = GraphicBuffer::USAGE_SW_WRITE_OFTEN | GraphicBuffer::USAGE_HW_TEXTURE;
+
+// Fills an NV21 buffer: 8 x 8 pixel patches, each with its own (Y, U, V) from `patch`.
+template <typename PatchFn>
+void fillNv21(const sp<GraphicBuffer>& buffer, PatchFn patch) {
+    void* address = nullptr;
+    ASSERT_EQ(buffer->lock(kWrite, &address), android::NO_ERROR);
+    auto* bytes = static_cast<uint8_t*>(address);
+    const uint32_t w = buffer->getWidth(), h = buffer->getHeight(), s = buffer->getStride();
+    for (uint32_t row = 0; row < h; ++row) {
+        for (uint32_t col = 0; col < w; ++col) {
+            int y, u, v;
+            patch(col / 8, row / 8, &y, &u, &v);
+            bytes[row * s + col] = static_cast<uint8_t>(y);
+            if (row % 2 == 0 && col % 2 == 0) {
+                uint8_t* vu = bytes + s * h + (row / 2) * s + col;
+                vu[0] = static_cast<uint8_t>(v);
+                vu[1] = static_cast<uint8_t>(u);
+            }
+        }
+    }
+    ASSERT_EQ(buffer->unlock(), android::NO_ERROR);
+}
+
+void patchColours(uint32_t px, uint32_t py, int* y, int* u, int* v) {
+    *y = 20 + static_cast<int>(px) * 27;  // 20 .. 236
+    *u = 16 + static_cast<int>((px + 3 * py) * 37 % 225);
+    *v = 240 - static_cast<int>((2 * px + py) * 29 % 225);
+}
+
+class EglImage : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(gl_.ok()) << "no EGL context on the default display";
+        ASSERT_TRUE(gl_.makeCurrent());
+    }
+    void TearDown() override { gl_.releaseCurrent(); }
+
+    gltest::Context gl_;
+};
+
+TEST_F(EglImage, Nv21SamplesAsBt601LimitedRangeRgb) {
+    sp<GraphicBuffer> camera(new GraphicBuffer(64, 32, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    ASSERT_EQ(camera->initCheck(), android::NO_ERROR);
+    fillNv21(camera, patchColours);
+    EGLImageKHR image = gltest::importBuffer(gl_.display(), camera);
+    ASSERT_NE(image, EGL_NO_IMAGE_KHR);
+    EXPECT_EQ(eglGetError(), EGL_SUCCESS);
+
+    std::vector<uint8_t> rgba = gltest::sampleExternal(image, 64, 32);
+    ASSERT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
+    for (uint32_t row = 0; row < 32; ++row) {
+        for (uint32_t col = 0; col < 64; ++col) {
+            int y, u, v;
+            patchColours(col / 8, row / 8, &y, &u, &v);
+            double ref[3];
+            gltest::referenceRgb(y, u, v, ref);
+            const uint8_t* p = &rgba[(row * 64 + col) * 4];
+            for (int c = 0; c < 3; ++c) {
+                ASSERT_NEAR(p[c], ref[c], 3.0) << "pixel " << col << "," << row << " ch " << c;
+            }
+        }
+    }
+    EXPECT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_TRUE);
+    EXPECT_EQ(eglGetError(), EGL_SUCCESS);
+}
+
+TEST_F(EglImage, NeutralChromaStaysGreyAndLaterWritesAreSampled) {
+    sp<GraphicBuffer> camera(new GraphicBuffer(32, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    fillNv21(camera, [](uint32_t px, uint32_t, int* y, int* u, int* v) {
+        *y = px < 2 ? 16 : 235;
+        *u = *v = 128;
+    });
+    EGLImageKHR image = gltest::importBuffer(gl_.display(), camera);
+    ASSERT_NE(image, EGL_NO_IMAGE_KHR);
+    std::vector<uint8_t> first = gltest::sampleExternal(image, 32, 16);
+    for (uint32_t i = 0; i < 32 * 16; ++i) {
+        const uint8_t* p = &first[i * 4];
+        EXPECT_EQ(p[0], p[1]);
+        EXPECT_EQ(p[1], p[2]);
+        EXPECT_NEAR(p[0], (i % 32) < 16 ? 0 : 255, 1);
+    }
+    // Written after the image exists: the next sampling must see it.
+    fillNv21(camera, [](uint32_t, uint32_t, int* y, int* u, int* v) {
+        *y = 126;
+        *u = *v = 128;
+    });
+    std::vector<uint8_t> second = gltest::sampleExternal(image, 32, 16);
+    EXPECT_NEAR(second[0], 128, 1);
+    EXPECT_EQ(second[0], second[2]);
+    eglDestroyImageKHR(gl_.display(), image);
+}
+
+struct RgbCase {
+    int format;
+    uint32_t width;
+};
+
+class EglRenderTarget : public EglImage, public ::testing::WithParamInterface<RgbCase> {};
+
+TEST_P(EglRenderTarget, GlDrawingIsSeenByTheNextCpuLock) {
+    const RgbCase c = GetParam();
+    sp<GraphicBuffer> output(
+        new GraphicBuffer(c.width, 24, c.format, GraphicBuffer::USAGE_SW_WRITE_OFTEN));
+    ASSERT_EQ(output->initCheck(), android::NO_ERROR);
+    EGLImageKHR image = gltest::importBuffer(gl_.display(), output);
+    ASSERT_NE(image, EGL_NO_IMAGE_KHR);
+    const float base[4] = {0.0f, 0.0f, 1.0f, 1.0f};
+    const float patch[4] = {1.0f, 0.0f, 0.0f, 1.0f};
+    // GL rows 0..11 of columns 0..9 red, the rest blue.
+    ASSERT_EQ(gltest::renderInto(image, base, 0, 0, 10, 12, patch),
+              static_cast<GLenum>(GL_NO_ERROR));
+
+    void* address = nullptr;
+    ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+    const auto* bytes = static_cast<const uint8_t*>(address);
+    const bool bgra = c.format == HAL_PIXEL_FORMAT_BGRA_8888;
+    for (uint32_t row = 0; row < 24; ++row) {
+        for (uint32_t col = 0; col < c.width; ++col) {
+            const uint8_t* p = bytes + (row * output->getStride() + col) * 4;
+            const bool red = row < 12 && col < 10;
+            ASSERT_EQ(p[bgra ? 2 : 0], red ? 255 : 0) << col << "," << row;
+            ASSERT_EQ(p[bgra ? 0 : 2], red ? 0 : 255) << col << "," << row;
+        }
+    }
+    EXPECT_EQ(output->unlock(), android::NO_ERROR);
+    eglDestroyImageKHR(gl_.display(), image);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, EglRenderTarget,
+                         ::testing::Values(RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 48},
+                                           RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 50},
+                                           RgbCase{HAL_PIXEL_FORMAT_BGRA_8888, 32}));
+
+TEST_F(EglImage, ContentDrawnByGlSurvivesTheImage) {
+    sp<GraphicBuffer> output(
+        new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, GraphicBuffer::USAGE_SW_READ_OFTEN));
+    EGLImageKHR image = gltest::importBuffer(gl_.display(), output);
+    const float green[4] = {0.0f, 1.0f, 0.0f, 1.0f};
+    ASSERT_EQ(gltest::renderInto(image, green, 0, 0, 0, 0, green),
+              static_cast<GLenum>(GL_NO_ERROR));
+    ASSERT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_TRUE);
+    void* address = nullptr;
+    ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+    EXPECT_EQ(static_cast<uint8_t*>(address)[1], 255);
+    output->unlock();
+}
+
+TEST_F(EglImage, RepeatedImportSharesOneImageAndKeepsTheBufferAlive) {
+    const host::GraphicsCounters before = host::graphicsCounters();
+    sp<GraphicBuffer> buffer(new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, kWrite));
+    android::wp<GraphicBuffer> weak(buffer);
+    EGLImageKHR first = gltest::importBuffer(gl_.display(), buffer);
+    EGLImageKHR second = gltest::importBuffer(gl_.display(), buffer);
+    ASSERT_NE(first, EGL_NO_IMAGE_KHR);
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(host::graphicsCounters().imagesLive, before.imagesLive + 1);
+    buffer.clear();
+    EXPECT_NE(weak.promote(), nullptr);  // the image holds the buffer
+    EXPECT_EQ(eglDestroyImageKHR(gl_.display(), first), EGL_TRUE);
+    EXPECT_NE(weak.promote(), nullptr);
+    EXPECT_EQ(eglDestroyImageKHR(gl_.display(), second), EGL_TRUE);
+    EXPECT_EQ(weak.promote(), nullptr);
+    const host::GraphicsCounters after = host::graphicsCounters();
+    EXPECT_EQ(after.imagesLive, before.imagesLive);
+    EXPECT_EQ(after.privateContexts, 0u);  // the last image took the private context with it
+}
+
+TEST_F(EglImage, BadRequestsFailWithEglErrors) {
+    uint8_t junk[256] = {};
+    const EGLint attribs[] = {EGL_IMAGE_PRESERVED_KHR, EGL_TRUE, EGL_NONE};
+    EXPECT_EQ(
+        eglCreateImageKHR(gl_.display(), EGL_NO_CONTEXT, EGL_NATIVE_BUFFER_ANDROID, junk, attribs),
+        EGL_NO_IMAGE_KHR);
+    EXPECT_EQ(eglGetError(), EGL_BAD_PARAMETER);
+
+    sp<GraphicBuffer> empty(new GraphicBuffer());
+    EXPECT_EQ(gltest::importBuffer(gl_.display(), empty), EGL_NO_IMAGE_KHR);
+    EXPECT_EQ(eglGetError(), EGL_BAD_PARAMETER);
+
+    sp<GraphicBuffer> camera(new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    EGLImageKHR image = gltest::importBuffer(gl_.display(), camera);
+    ASSERT_NE(image, EGL_NO_IMAGE_KHR);
+    // NV21 cannot be drawn into.
+    const float black[4] = {0, 0, 0, 1};
+    EXPECT_EQ(gltest::renderInto(image, black, 0, 0, 1, 1, black),
+              static_cast<GLenum>(GL_INVALID_VALUE));
+    eglDestroyImageKHR(gl_.display(), image);
+    EXPECT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_FALSE);
+    EXPECT_EQ(eglGetError(), EGL_BAD_PARAMETER);
+}
+
+TEST(EglImageThreads, CameraThreadWritesProcessingThreadSamples) {
+    sp<GraphicBuffer> camera(new GraphicBuffer(32, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    constexpr int kFrames = 8;
+    std::promise<void> ready;
+    std::promise<void> written[kFrames];
+    std::promise<void> sampled[kFrames];
+    auto lumaOf = [](int frame) { return 40 + 20 * frame; };
+
+    // Processing thread: owns its GL context and samples each frame once the camera wrote it.
+    auto processing = std::async(std::launch::async, [&]() -> std::string {
+        gltest::Context gl;
+        if (!gl.ok() || !gl.makeCurrent())
+            return "no GL context";
+        EGLImageKHR image = gltest::importBuffer(gl.display(), camera);
+        ready.set_value();
+        std::string failures;
+        for (int frame = 0; frame < kFrames; ++frame) {
+            if (written[frame].get_future().wait_for(seconds(20)) != std::future_status::ready) {
+                return "camera thread stalled";
+            }
+            std::vector<uint8_t> rgba = gltest::sampleExternal(image, 32, 16);
+            double ref[3];
+            gltest::referenceRgb(lumaOf(frame), 128, 128, ref);
+            if (std::abs(rgba[0] - ref[0]) > 3 || std::abs(rgba[4 * 100 + 2] - ref[2]) > 3) {
+                failures += "frame " + std::to_string(frame) + " sampled stale content; ";
+            }
+            sampled[frame].set_value();
+        }
+        eglDestroyImageKHR(gl.display(), image);
+        gl.releaseCurrent();
+        return failures;
+    });
+    // Camera thread: writes frame after frame into the one buffer.
+    auto cameraThread = std::async(std::launch::async, [&]() -> bool {
+        if (ready.get_future().wait_for(seconds(20)) != std::future_status::ready)
+            return false;
+        for (int frame = 0; frame < kFrames; ++frame) {
+            if (frame > 0 && sampled[frame - 1].get_future().wait_for(seconds(20)) !=
+                                 std::future_status::ready) {
+                return false;
+            }
+            fillNv21(camera, [&](uint32_t, uint32_t, int* y, int* u, int* v) {
+                *y = lumaOf(frame);
+                *u = *v = 128;
+            });
+            written[frame].set_value();
+        }
+        return true;
+    });
+    ASSERT_EQ(cameraThread.wait_for(seconds(60)), std::future_status::ready);
+    ASSERT_EQ(processing.wait_for(seconds(60)), std::future_status::ready);
+    EXPECT_TRUE(cameraThread.get());
+    EXPECT_EQ(processing.get(), "");
+}
+
+// The engine's pause/resume: every cycle makes a context, draws into an output window's buffer,
+// destroys its images and terminates the display while the window and a camera buffer live on.
+TEST(EglImageLifecycle, OutputsSurviveTwentyTerminateCycles) {
+    auto sink = std::make_shared<host::MemorySink>();
+    host::WindowConfig config;
+    config.defaultWidth = 32;
+    config.defaultHeight = 16;
+    sp<ANativeWindow> window = host::createWindow(sink, config);
+    ASSERT_NE(window, nullptr);
+    ASSERT_EQ(native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU), 0);
+    sp<GraphicBuffer> camera(new GraphicBuffer(32, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    fillNv21(camera, [](uint32_t, uint32_t, int* y, int* u, int* v) {
+        *y = 81;
+        *u = *v = 128;
+    });
+    constexpr int kCycles = 20;
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        {
+            gltest::Context gl(/*terminateOnDestroy=*/true);
+            ASSERT_TRUE(gl.ok()) << "cycle " << cycle;
+            ASSERT_TRUE(gl.makeCurrent());
+            EGLImageKHR cameraImage = gltest::importBuffer(gl.display(), camera);
+            std::vector<uint8_t> sampledCamera = gltest::sampleExternal(cameraImage, 32, 16);
+            EXPECT_NEAR(sampledCamera[0], 76, 1) << "cycle " << cycle;  // 1.164 * (81 - 16)
+
+            ANativeWindowBuffer* nativeBuffer = nullptr;
+            ASSERT_EQ(window->dequeueBuffer_DEPRECATED(window.get(), &nativeBuffer), 0);
+            sp<GraphicBuffer> output = GraphicBuffer::from(nativeBuffer);
+            EGLImageKHR outputImage = gltest::importBuffer(gl.display(), output);
+            ASSERT_NE(outputImage, EGL_NO_IMAGE_KHR) << "cycle " << cycle;
+            const float level = static_cast<float>(cycle * 10) / 255.0f;
+            const float colour[4] = {level, 1.0f - level, 0.5f, 1.0f};
+            ASSERT_EQ(gltest::renderInto(outputImage, colour, 0, 0, 0, 0, colour),
+                      static_cast<GLenum>(GL_NO_ERROR));
+            native_window_set_buffers_timestamp(window.get(), 1000 + cycle);
+            ASSERT_EQ(window->queueBuffer(window.get(), nativeBuffer, -1), 0);
+            eglDestroyImageKHR(gl.display(), outputImage);
+            eglDestroyImageKHR(gl.display(), cameraImage);
+            gl.releaseCurrent();
+        }
+        EXPECT_EQ(host::graphicsCounters().privateContexts, 0u) << "cycle " << cycle;
+    }
+    ASSERT_TRUE(sink->waitForCount(kCycles, seconds(20)));
+    std::vector<host::MemorySink::StoredFrame> frames = sink->frames();
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        EXPECT_EQ(frames[cycle].timestampNs, 1000 + cycle);
+        EXPECT_EQ(frames[cycle].pixels[0], cycle * 10) << "cycle " << cycle;
+        EXPECT_EQ(frames[cycle].pixels[1], 255 - cycle * 10) << "cycle " << cycle;
+    }
+}
+
+}  // namespace

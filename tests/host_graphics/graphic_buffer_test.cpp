@@ -1,0 +1,178 @@
+// GraphicBuffer allocation, layout and CPU locking; the CPU colour conversion.
+#include <gtest/gtest.h>
+#include <ui/GraphicBuffer.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "host/PixelConversion.h"
+
+namespace {
+
+using android::GraphicBuffer;
+using android::sp;
+
+constexpr uint32_t kCamera = 0x130;  // software write often | hardware texture
+
+TEST(GraphicBuffer, StrideIsWidthRoundedUpToSixteenAndPlanesFollowIt) {
+    struct Case {
+        uint32_t width, height;
+        int format;
+        uint32_t stride;
+        size_t bytes;
+    } cases[] = {
+        {1920, 1080, HAL_PIXEL_FORMAT_YCrCb_420_SP, 1920, 1920 * 1080 * 3 / 2},
+        {1088, 1080, HAL_PIXEL_FORMAT_YCrCb_420_SP, 1088, 1088 * 1080 * 3 / 2},
+        {1080, 720, HAL_PIXEL_FORMAT_YCrCb_420_SP, 1088, 1088 * 720 * 3 / 2},
+        {100, 10, HAL_PIXEL_FORMAT_RGBA_8888, 112, 112 * 10 * 4},
+        {64, 3, HAL_PIXEL_FORMAT_BGRA_8888, 64, 64 * 3 * 4},
+    };
+    for (const Case& c : cases) {
+        sp<GraphicBuffer> b(new GraphicBuffer(c.width, c.height, c.format, kCamera));
+        ASSERT_EQ(b->initCheck(), android::NO_ERROR) << c.width;
+        EXPECT_EQ(b->getWidth(), c.width);
+        EXPECT_EQ(b->getHeight(), c.height);
+        EXPECT_EQ(b->getStride(), c.stride) << c.width;
+        EXPECT_EQ(b->getPixelFormat(), c.format);
+        EXPECT_EQ(b->getUsage(), kCamera);
+        EXPECT_EQ(b->getSize(), c.bytes) << c.width;
+        ANativeWindowBuffer* n = b->getNativeBuffer();
+        EXPECT_EQ(n->width, static_cast<int>(c.width));
+        EXPECT_EQ(n->stride, static_cast<int>(c.stride));
+        EXPECT_EQ(n->format, c.format);
+    }
+}
+
+TEST(GraphicBuffer, EmptyBufferReallocatesWithLayerCountZero) {
+    sp<GraphicBuffer> b(new GraphicBuffer());
+    EXPECT_EQ(b->initCheck(), android::NO_INIT);
+    void* address = nullptr;
+    EXPECT_EQ(b->lock(kCamera, &address), android::NO_INIT);
+    ASSERT_EQ(b->reallocate(640, 480, HAL_PIXEL_FORMAT_YCrCb_420_SP, 0, kCamera),
+              android::NO_ERROR);
+    EXPECT_EQ(b->initCheck(), android::NO_ERROR);
+    EXPECT_EQ(b->getLayerCount(), 1u);
+    EXPECT_EQ(b->getStride(), 640u);
+}
+
+TEST(GraphicBuffer, RefusesWhatItCannotHold) {
+    const struct {
+        uint32_t w, h;
+        int format;
+        uint32_t layers;
+    } bad[] = {
+        {0, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1},     {16, 0, HAL_PIXEL_FORMAT_RGBA_8888, 1},
+        {16, 16, HAL_PIXEL_FORMAT_RGB_888, 1},      {16, 16, HAL_PIXEL_FORMAT_YV12, 1},
+        {15, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, 1}, {16, 15, HAL_PIXEL_FORMAT_YCrCb_420_SP, 1},
+        {16, 16, HAL_PIXEL_FORMAT_RGBA_8888, 2},    {20000, 16, HAL_PIXEL_FORMAT_RGBA_8888, 1},
+    };
+    for (const auto& c : bad) {
+        sp<GraphicBuffer> b(new GraphicBuffer(c.w, c.h, c.format, c.layers, kCamera));
+        EXPECT_EQ(b->initCheck(), android::BAD_VALUE) << c.w << "x" << c.h << " " << c.format;
+        EXPECT_EQ(b->getSize(), 0u);
+    }
+}
+
+TEST(GraphicBuffer, LockGivesPersistentMemoryOneLockAtATime) {
+    sp<GraphicBuffer> b(new GraphicBuffer(32, 8, HAL_PIXEL_FORMAT_YCrCb_420_SP, kCamera));
+    void* address = nullptr;
+    EXPECT_EQ(b->lock(GraphicBuffer::USAGE_HW_TEXTURE, &address), android::BAD_VALUE);
+    EXPECT_EQ(b->lock(kCamera, nullptr), android::BAD_VALUE);
+    EXPECT_EQ(b->unlock(), android::INVALID_OPERATION);
+    ASSERT_EQ(b->lock(kCamera, &address), android::NO_ERROR);
+    ASSERT_NE(address, nullptr);
+    void* second = nullptr;
+    EXPECT_EQ(b->lock(kCamera, &second), android::INVALID_OPERATION);
+    EXPECT_EQ(b->reallocate(64, 8, HAL_PIXEL_FORMAT_YCrCb_420_SP, 1, kCamera),
+              android::INVALID_OPERATION);
+    std::memset(address, 0x5a, b->getSize());
+    ASSERT_EQ(b->unlock(), android::NO_ERROR);
+    ASSERT_EQ(b->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &second), android::NO_ERROR);
+    EXPECT_EQ(second, address);
+    EXPECT_EQ(static_cast<uint8_t*>(second)[b->getSize() - 1], 0x5a);
+    EXPECT_EQ(b->unlock(), android::NO_ERROR);
+}
+
+TEST(GraphicBuffer, NativeBufferLeadsBackToTheSameCountedObject) {
+    sp<GraphicBuffer> b(new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, kCamera));
+    android::wp<GraphicBuffer> weak(b);
+    ANativeWindowBuffer* native = b->getNativeBuffer();
+    EXPECT_EQ(native->common.magic, static_cast<int>(ANDROID_NATIVE_BUFFER_MAGIC));
+    EXPECT_EQ(native->common.version, static_cast<int>(sizeof(ANativeWindowBuffer)));
+    EXPECT_EQ(GraphicBuffer::from(native).get(), b.get());
+    {
+        sp<ANativeWindowBuffer> counted(native);  // counts through the native header
+        b.clear();
+        EXPECT_NE(weak.promote(), nullptr);
+    }
+    EXPECT_EQ(weak.promote(), nullptr);
+
+    ANativeWindowBuffer stranger;
+    EXPECT_EQ(GraphicBuffer::from(&stranger), nullptr);
+    EXPECT_EQ(GraphicBuffer::from(nullptr), nullptr);
+}
+
+TEST(PixelConversion, Bt601LimitedRangeWithinOneOfTheExactFormula) {
+    for (int y = 0; y < 256; y += 5) {
+        for (int u = 0; u < 256; u += 15) {
+            for (int v = 0; v < 256; v += 15) {
+                const double c = 255.0 / 219.0 * (y - 16);
+                const double d = 255.0 / 224.0 * (u - 128);
+                const double e = 255.0 / 224.0 * (v - 128);
+                const double exact[3] = {c + 1.402 * e, c - 0.344136 * d - 0.714136 * e,
+                                         c + 1.772 * d};
+                uint8_t rgb[3];
+                host::yuvToRgb(static_cast<uint8_t>(y), static_cast<uint8_t>(u),
+                               static_cast<uint8_t>(v), rgb);
+                for (int i = 0; i < 3; ++i) {
+                    const double clamped = std::fmin(255.0, std::fmax(0.0, exact[i]));
+                    ASSERT_LE(std::fabs(rgb[i] - clamped), 1.0) << y << " " << u << " " << v;
+                }
+            }
+        }
+    }
+    uint8_t rgb[3];
+    host::yuvToRgb(235, 128, 128, rgb);
+    EXPECT_EQ(rgb[0], 255);
+    EXPECT_EQ(rgb[1], 255);
+    host::yuvToRgb(16, 128, 128, rgb);
+    EXPECT_EQ(rgb[2], 0);
+}
+
+TEST(PixelConversion, Nv21ChromaSampleCoversItsTwoByTwoBlock) {
+    // 4 x 2 picture, luma stride 8, chroma stride 6 (padding must be skipped).
+    const uint8_t luma[16] = {16, 50, 100, 150, 0, 0, 0, 0, 200, 235, 60, 90, 0, 0, 0, 0};
+    const uint8_t vu[6] = {200, 60, 90, 180, 0, 0};  // (V, U) pairs
+    uint8_t rgba[4 * 2 * 4];
+    host::nv21ToRgba(luma, 8, vu, 6, 4, 2, rgba);
+    const int expectedY[8] = {16, 50, 100, 150, 200, 235, 60, 90};
+    for (int i = 0; i < 8; ++i) {
+        const int col = i % 4;
+        uint8_t ref[3];
+        host::yuvToRgb(static_cast<uint8_t>(expectedY[i]), vu[(col / 2) * 2 + 1], vu[(col / 2) * 2],
+                       ref);
+        EXPECT_EQ(rgba[i * 4 + 0], ref[0]) << i;
+        EXPECT_EQ(rgba[i * 4 + 1], ref[1]) << i;
+        EXPECT_EQ(rgba[i * 4 + 2], ref[2]) << i;
+        EXPECT_EQ(rgba[i * 4 + 3], 255) << i;
+    }
+}
+
+TEST(PixelConversion, ChannelOrdersRoundTrip) {
+    const uint8_t bgra[2 * 4] = {1, 2, 3, 4, 5, 6, 7, 8};  // stride 2 pixels, width 1
+    uint8_t rgba[4];
+    ASSERT_TRUE(host::packToRgba(HAL_PIXEL_FORMAT_BGRA_8888, bgra, 8, 1, 1, rgba));
+    EXPECT_EQ(rgba[0], 3);
+    EXPECT_EQ(rgba[2], 1);
+    uint8_t rgbx[4];
+    ASSERT_TRUE(host::packToRgba(HAL_PIXEL_FORMAT_RGBX_8888, bgra, 8, 1, 1, rgbx));
+    EXPECT_EQ(rgbx[0], 1);
+    EXPECT_EQ(rgbx[3], 255);
+    uint8_t back[8] = {};
+    ASSERT_TRUE(host::unpackFromRgba(HAL_PIXEL_FORMAT_BGRA_8888, rgba, 1, 1, back, 8));
+    EXPECT_EQ(back[0], 1);
+    EXPECT_EQ(back[2], 3);
+    EXPECT_FALSE(host::packToRgba(HAL_PIXEL_FORMAT_YCrCb_420_SP, bgra, 8, 1, 1, rgba));
+}
+
+}  // namespace
