@@ -15,8 +15,10 @@
 // recorded spacing and drops on a full queue like a live one; AsFastAsConsumed waits until
 // every enabled queue has room, so nothing is lost. When the source ends, each enabled queue's
 // looper is woken (ALooper_wake) once the queue is empty, so a thread blocked in ALooper_pollAll
-// returns ALOOPER_POLL_WAKE instead of waiting out its time-out. Stopping the last queue keeps an
-// unqueued sample for the next start, so a replay loses nothing across a stop.
+// returns ALOOPER_POLL_WAKE instead of waiting out its time-out. (The wake belongs to the
+// looper: if nobody polls it, a later poll of the same looper returns it.) Stopping the last
+// queue keeps a sample taken from the source but not yet queued for the next start, so a
+// replay does not skip it; events still in a destroyed queue go with it, as on a device.
 //
 // Event fields: version = sizeof(ASensorEvent), sensor = the sensor's handle, type = 4,
 // timestamp = the sample's timestamp in nanoseconds, data[0..2] = x, y, z in rad/s, the other
