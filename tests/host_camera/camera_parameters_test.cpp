@@ -1,0 +1,211 @@
+// Camera parameter text, size lists, and how a host camera device applies parameters.
+#include <camera/CameraParameters.h>
+
+#include <string>
+
+#include "CameraTestSupport.h"
+#include "LogCapture.h"
+
+using android::CameraParameters;
+using android::Size;
+using android::String8;
+using android::Vector;
+
+TEST(CameraParameters, TextRoundTripsSortedByKey) {
+    CameraParameters p(String8("video-size=1920x1080;recording-hint=true;a=b=c"));
+    EXPECT_STREQ(p.get("video-size"), "1920x1080");
+    EXPECT_STREQ(p.get("recording-hint"), "true");
+    EXPECT_STREQ(p.get("a"), "b=c");  // the value runs from the first '=' to the ';'
+    EXPECT_EQ(p.get("missing"), nullptr);
+    EXPECT_EQ(std::string(p.flatten().string()), "a=b=c;recording-hint=true;video-size=1920x1080");
+
+    CameraParameters copy(p.flatten());
+    EXPECT_EQ(std::string(copy.flatten().string()), std::string(p.flatten().string()));
+
+    p.set("recording-hint", "false");
+    p.remove("a");
+    EXPECT_EQ(std::string(p.flatten().string()), "recording-hint=false;video-size=1920x1080");
+}
+
+TEST(CameraParameters, MalformedEntriesAndValuesAreRefused) {
+    LogCapture log;
+    CameraParameters p(String8("a=1;junk;=3;;b=2;"));
+    EXPECT_EQ(std::string(p.flatten().string()), "a=1;b=2");
+    EXPECT_EQ(log.countContaining("malformed camera parameter"), 2);
+
+    p.set("k", "x;y");
+    p.set("k=", "v");
+    p.set("", "v");
+    EXPECT_EQ(p.get("k"), nullptr);
+    EXPECT_EQ(std::string(p.flatten().string()), "a=1;b=2");
+}
+
+TEST(CameraParameters, SizesNumbersAndLists) {
+    CameraParameters p;
+    int w = 0;
+    int h = 0;
+    p.getVideoSize(&w, &h);
+    EXPECT_EQ(w, -1);
+    EXPECT_EQ(h, -1);
+    EXPECT_EQ(p.getPreviewFrameRate(), -1);
+
+    p.setVideoSize(1080, 1920);
+    p.setPreviewSize(640, 480);
+    p.setPictureSize(4160, 3120);
+    p.setPreviewFrameRate(24);
+    EXPECT_STREQ(p.get(CameraParameters::KEY_VIDEO_SIZE), "1080x1920");
+    p.getVideoSize(&w, &h);
+    EXPECT_EQ(w, 1080);
+    EXPECT_EQ(h, 1920);
+    p.getPictureSize(&w, &h);
+    EXPECT_EQ(w, 4160);
+    EXPECT_EQ(h, 3120);
+    EXPECT_EQ(p.getPreviewFrameRate(), 24);
+
+    for (const char* bad : {"1920x", "x1080", "1920*1080", "1920x1080x3", "-2x4", "0x0"}) {
+        p.set(CameraParameters::KEY_PREVIEW_SIZE, bad);
+        p.getPreviewSize(&w, &h);
+        EXPECT_EQ(w, -1) << bad;
+        EXPECT_EQ(h, -1) << bad;
+    }
+    p.set("n", "12abc");
+    EXPECT_EQ(p.getInt("n"), -1);
+
+    p.set(CameraParameters::KEY_SUPPORTED_VIDEO_SIZES, "3840x2160,1920x1080,1080x1920");
+    Vector<Size> sizes;
+    p.getSupportedVideoSizes(sizes);
+    ASSERT_EQ(sizes.size(), 3u);
+    EXPECT_EQ(sizes[0].width, 3840);
+    EXPECT_EQ(sizes[2].width, 1080);
+    EXPECT_EQ(sizes[2].height, 1920);
+
+    // A list is read up to its first bad entry.
+    p.set(CameraParameters::KEY_SUPPORTED_PREVIEW_SIZES, "1280x720,big,640x480");
+    p.getSupportedPreviewSizes(sizes);
+    ASSERT_EQ(sizes.size(), 1u);
+    EXPECT_EQ(sizes[0].height, 720);
+
+    p.set(CameraParameters::KEY_PREVIEW_FPS_RANGE, "15000,30000");
+    int lo = 0;
+    int hi = 0;
+    p.getPreviewFpsRange(&lo, &hi);
+    EXPECT_EQ(lo, 15000);
+    EXPECT_EQ(hi, 30000);
+}
+
+class CameraDeviceParameters : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        device = host::CameraDevice::create(host::CameraSetup{});
+        camera = device->connect();
+        ASSERT_NE(camera, nullptr);
+    }
+    CameraParameters params() { return CameraParameters(camera->getParameters()); }
+
+    std::shared_ptr<host::CameraDevice> device;
+    android::sp<android::Camera> camera;
+};
+
+TEST_F(CameraDeviceParameters, DescribeTheSetup) {
+    CameraParameters p = params();
+    Vector<Size> sizes;
+    p.getSupportedVideoSizes(sizes);
+    ASSERT_EQ(sizes.size(), 4u);
+    EXPECT_EQ(sizes[0].width, 3840);
+    EXPECT_EQ(sizes[0].height, 2160);
+    p.getSupportedPreviewSizes(sizes);
+    EXPECT_EQ(sizes.size(), 3u);
+    int w = 0;
+    int h = 0;
+    p.getVideoSize(&w, &h);
+    EXPECT_EQ(w, 1920);
+    EXPECT_EQ(h, 1080);
+    p.getPreviewSize(&w, &h);
+    EXPECT_EQ(w, 1920);
+    p.getPictureSize(&w, &h);
+    EXPECT_EQ(w, 4160);
+    EXPECT_EQ(p.getPreviewFrameRate(), 30);
+    EXPECT_STREQ(p.getPreviewFormat(), "yuv420sp");
+    EXPECT_STREQ(p.getPictureFormat(), "jpeg");
+    EXPECT_STREQ(p.get(CameraParameters::KEY_RECORDING_HINT), "false");
+}
+
+TEST_F(CameraDeviceParameters, ApplyOnlySupportedValues) {
+    CameraParameters p = params();
+    p.setVideoSize(1280, 720);
+    p.set(CameraParameters::KEY_RECORDING_HINT, CameraParameters::TRUE);
+    ASSERT_EQ(camera->setParameters(p.flatten()), android::OK);
+    CameraParameters now = params();
+    int w = 0;
+    int h = 0;
+    now.getVideoSize(&w, &h);
+    EXPECT_EQ(w, 1280);
+    EXPECT_EQ(h, 720);
+    EXPECT_STREQ(now.get(CameraParameters::KEY_RECORDING_HINT), "true");
+
+    LogCapture log;
+    const String8 before = camera->getParameters();
+    CameraParameters bad = params();
+    bad.setVideoSize(1000, 700);
+    EXPECT_EQ(camera->setParameters(bad.flatten()), android::BAD_VALUE);
+    bad = params();
+    bad.setPreviewFrameRate(25);
+    EXPECT_EQ(camera->setParameters(bad.flatten()), android::BAD_VALUE);
+    bad = params();
+    bad.setPreviewFormat("rgb565");
+    EXPECT_EQ(camera->setParameters(bad.flatten()), android::BAD_VALUE);
+    EXPECT_EQ(camera->setParameters(String8("video-size=1280x720;oops")), android::BAD_VALUE);
+    EXPECT_EQ(std::string(camera->getParameters().string()), std::string(before.string()));
+    EXPECT_GE(log.countContaining("setParameters"), 4);
+
+    // The device's lists are its own: a client cannot add a size to them.
+    bad = params();
+    bad.set(CameraParameters::KEY_SUPPORTED_VIDEO_SIZES, "1000x700");
+    bad.setVideoSize(1000, 700);
+    EXPECT_EQ(camera->setParameters(bad.flatten()), android::BAD_VALUE);
+    bad = params();
+    bad.set(CameraParameters::KEY_SUPPORTED_VIDEO_SIZES, "1000x700");
+    ASSERT_EQ(camera->setParameters(bad.flatten()), android::OK);
+    EXPECT_STREQ(params().get(CameraParameters::KEY_SUPPORTED_VIDEO_SIZES),
+                 "3840x2160,1920x1080,1280x720,640x480");
+}
+
+TEST_F(CameraDeviceParameters, VideoSizeIsFixedWhileRecording) {
+    ASSERT_EQ(camera->startRecording(), android::OK);
+    CameraParameters p = params();
+    p.setVideoSize(1280, 720);
+    EXPECT_EQ(camera->setParameters(p.flatten()), android::INVALID_OPERATION);
+    p = params();
+    p.set(CameraParameters::KEY_RECORDING_HINT, CameraParameters::TRUE);
+    EXPECT_EQ(camera->setParameters(p.flatten()), android::OK);
+    camera->stopRecording();
+    p = params();
+    p.setVideoSize(1280, 720);
+    EXPECT_EQ(camera->setParameters(p.flatten()), android::OK);
+}
+
+TEST(CameraSetup, InconsistentSetupsAreRefused) {
+    auto expectRefused = [](host::CameraSetup setup, const char* part) {
+        try {
+            host::CameraDevice::create(std::move(setup));
+            ADD_FAILURE() << "accepted a setup with " << part;
+        } catch (const std::invalid_argument& e) {
+            EXPECT_NE(std::string(e.what()).find(part), std::string::npos) << e.what();
+        }
+    };
+    host::CameraSetup odd;
+    odd.videoSizes.push_back({1921, 1080});
+    expectRefused(odd, "1921x1080");
+    host::CameraSetup missing;
+    missing.videoSize = {800, 600};
+    expectRefused(missing, "800x600");
+    host::CameraSetup buffers;
+    buffers.bufferCount = 0;
+    expectRefused(buffers, "buffer count 0");
+    host::CameraSetup rate;
+    rate.frameRate = 25;
+    expectRefused(rate, "frame rate 25");
+    host::CameraSetup format;
+    format.previewFormats = {"yuv;420"};
+    expectRefused(format, "yuv;420");
+}
