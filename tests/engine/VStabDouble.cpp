@@ -14,7 +14,9 @@ struct Handle {
 
 }  // namespace
 
-VStabDouble& vstabDouble() { return *gDouble; }
+VStabDouble& vstabDouble() {
+    return *gDouble;
+}
 
 void resetVStabDouble() {
     delete gDouble;
@@ -53,7 +55,8 @@ int vStabCreateUseCharCnfgBuff(void** handle, const char* configText, int config
 }
 
 VStabConfigRecord* vStabConfig(void* handle) {
-    if (vstabDouble().configNull || handle == nullptr) return nullptr;
+    if (vstabDouble().configNull || handle == nullptr)
+        return nullptr;
     return &static_cast<Handle*>(handle)->record;
 }
 
@@ -96,7 +99,8 @@ int vStabWarpGrid(void* handle, const void* frameInfo, VStabOutput* output) {
 int vStabDestroy(void* handle) {
     VStabDouble& d = vstabDouble();
     d.destroyCalls++;
-    if (d.destroyStatus != 0) return d.destroyStatus;
+    if (d.destroyStatus != 0)
+        return d.destroyStatus;
     delete static_cast<Handle*>(handle);
     d.liveHandles--;
     return 0;

@@ -45,8 +45,8 @@ struct VStabDouble {
 
     std::mutex mutex;
     std::deque<int> scriptedStatuses;
-    std::vector<int64_t> gyroTimestamps;   // every sample's timestamp, in arrival order
-    std::vector<int64_t> warpTimestamps;   // every warp call's frame timestamp
+    std::vector<int64_t> gyroTimestamps;    // every sample's timestamp, in arrival order
+    std::vector<int64_t> warpTimestamps;    // every warp call's frame timestamp
     std::vector<VStabFrameInfo> warpInfos;  // every warp call's frame record
     std::string lastConfigText;
 

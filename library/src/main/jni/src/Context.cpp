@@ -41,14 +41,15 @@ int64_t nowNs(clockid_t clock) {
 // Releases a cTMutex when the scope unwinds. Used only where the engine must hand both its
 // locks back while an exception leaves start/stop; the normal path unlocks explicitly.
 class UnlockOnUnwind {
-public:
+  public:
     explicit UnlockOnUnwind(cTMutex& m) : mutex(m) {}
     ~UnlockOnUnwind() {
-        if (armed) mutex.unlock();
+        if (armed)
+            mutex.unlock();
     }
     void disarm() { armed = false; }
 
-private:
+  private:
     cTMutex& mutex;
     bool armed = true;
 };
@@ -57,11 +58,14 @@ private:
 
 bool findConfigValue(const std::string& text, const char* key, std::string& raw) {
     size_t keyPos = text.find(key);
-    if (keyPos == std::string::npos) return false;
+    if (keyPos == std::string::npos)
+        return false;
     size_t eq = text.find('=', keyPos);
-    if (eq == std::string::npos) return false;
+    if (eq == std::string::npos)
+        return false;
     size_t lineEnd = text.find('\n', eq);
-    if (lineEnd == std::string::npos) lineEnd = text.size();
+    if (lineEnd == std::string::npos)
+        lineEnd = text.size();
     raw = text.substr(eq + 1, lineEnd - eq - 1);
     return true;
 }
@@ -70,7 +74,8 @@ void readConfigParam(std::string text, const char* key, std::string& value,
                      std::string defaultValue) {
     value = defaultValue;
     std::string raw;
-    if (findConfigValue(text, key, raw)) value = raw.c_str();
+    if (findConfigValue(text, key, raw))
+        value = raw.c_str();
 }
 
 Context::Context() {
@@ -140,7 +145,8 @@ void Context::start(android::sp<android::Camera> camera, int width, int height,
             qlmr::throwLogged("Could not create VStab with given configuration");
         }
         vstabConfig = vStabConfig(vstabHandle);
-        if (vstabConfig == nullptr) qlmr::throwLogged("VStab config is not valid");
+        if (vstabConfig == nullptr)
+            qlmr::throwLogged("VStab config is not valid");
 
         clockIdFrame = vstabConfig->clockIdFrame;
         clockIdGyro = vstabConfig->clockIdGyro;
@@ -156,12 +162,10 @@ void Context::start(android::sp<android::Camera> camera, int width, int height,
             float* v = uniform_vrtxArr;
             for (uint32_t j = 0; j < rows; ++j) {
                 for (uint32_t i = 0; i < columns; ++i) {
-                    *v++ = (2.0f * static_cast<float>(i) / static_cast<float>(columns - 1) -
-                            1.0f) *
+                    *v++ = (2.0f * static_cast<float>(i) / static_cast<float>(columns - 1) - 1.0f) *
                            1.25f;
-                    *v++ =
-                        (2.0f * static_cast<float>(j) / static_cast<float>(rows - 1) - 1.0f) *
-                        1.25f;
+                    *v++ = (2.0f * static_cast<float>(j) / static_cast<float>(rows - 1) - 1.0f) *
+                           1.25f;
                     *v++ = 0.0f;
                 }
             }
@@ -257,7 +261,8 @@ void Context::start(android::sp<android::Camera> camera, int width, int height,
         }
         android::sp<android::GraphicBuffer> gb = new android::GraphicBuffer();
         gb->reallocate(bufferWidth, bufferHeight, kQueueBufferFormat, 0, kQueueBufferUsage);
-        if (gb->initCheck() != 0) qlmr::throwLogged("[CPGL] Could not initialize GraphicBuffer");
+        if (gb->initCheck() != 0)
+            qlmr::throwLogged("[CPGL] Could not initialize GraphicBuffer");
         shared_ptr<GLGraphicBuffer> binding;
         binding.acquire(new GLGraphicBuffer(glContext, gb, 1), nullptr);
         slot->buffer = binding;
@@ -305,7 +310,8 @@ int Context::stop() {
         usleep(kDrainPollUs);
         sleptUs += kDrainPollUs;
         if (sleptUs > kDrainForceAfterUs) {
-            if (forceRecordStop.exchange(1) == 0) QLOGW("forceRecordStop = 1");
+            if (forceRecordStop.exchange(1) == 0)
+                QLOGW("forceRecordStop = 1");
         }
     }
     QLOGW("Frame Queue Length = 0, exit");
@@ -319,13 +325,16 @@ int Context::stop() {
     sensorManager.release();
     frameQueue.release();
 
-    if (uniform_vrtxArr != nullptr) delete[] uniform_vrtxArr;
-    if (vstabOutput.warpVertices != nullptr) delete[] vstabOutput.warpVertices;
+    if (uniform_vrtxArr != nullptr)
+        delete[] uniform_vrtxArr;
+    if (vstabOutput.warpVertices != nullptr)
+        delete[] vstabOutput.warpVertices;
 
     vstabMutex.lock();
     {
         UnlockOnUnwind vstabGuard(vstabMutex);
-        if (vStabDestroy(vstabHandle) != 0) qlmr::throwLogged("Could not destroy VStab");
+        if (vStabDestroy(vstabHandle) != 0)
+            qlmr::throwLogged("Could not destroy VStab");
         vstabGuard.disarm();
     }
     vstabMutex.unlock();
@@ -336,8 +345,8 @@ int Context::stop() {
     return 0;
 }
 
-void Context::getCamConfig(android::sp<android::Camera> camera, int& width, int& height,
-                           int& fps, int& cameraField) {
+void Context::getCamConfig(android::sp<android::Camera> camera, int& width, int& height, int& fps,
+                           int& cameraField) {
     // The sixth 32-bit word of the platform camera object, passed to Java unchanged.
     int32_t field = 0;
     std::memcpy(&field, reinterpret_cast<const unsigned char*>(camera.get()) + 5 * sizeof(int32_t),

@@ -27,12 +27,15 @@
 #include "CircularQueueThreadSafe.h"
 #include "GLContext.h"
 #include "GLGraphicBuffer.h"
+#include "GbMapper.h"
 #include "GLTexture.h"
 #include "JavaSurfaceManager.h"
 #include "SensorManager.h"
 #include "cTGLProgram.h"
 #include "cTGLShader.h"
+#include "PwarpShaders.h"
 #include "cTGridMesh.h"
+#include "cTGridMeshIndices.h"
 #include "cTMutex.h"
 #include "cTThread.h"
 #include "shared_ptr.h"
@@ -44,7 +47,7 @@ class Context;
 // frames; every other callback only logs. Called on the camera service's callback thread.
 class MyCameraListener : public android::CameraListener,
                          public android::ICameraRecordingProxyListener {
-public:
+  public:
     explicit MyCameraListener(Context* context) : context(context) {}
 
     void notify(int32_t msgType, int32_t ext1, int32_t ext2) override;
@@ -59,20 +62,19 @@ public:
 
     void dataCallbackTimestamp(nsecs_t timestamp, int32_t msgType,
                                const android::sp<android::IMemory>& data) override;
-    void recordingFrameHandleCallbackTimestamp(nsecs_t timestamp,
-                                               native_handle_t* handle) override;
+    void recordingFrameHandleCallbackTimestamp(nsecs_t timestamp, native_handle_t* handle) override;
     void recordingFrameHandleCallbackTimestampBatch(
         const std::vector<nsecs_t>& timestamps,
         const std::vector<native_handle_t*>& handles) override;
 
     android::IBinder* onAsBinder() override { return nullptr; }
 
-private:
+  private:
     Context* context;
 };
 
 class Context : public cTThread {
-public:
+  public:
     // One queue slot: the slot's own NV21 graphic buffer (allocated once per recording), the
     // frame description handed to the library, and the slot lock used by the queue.
     struct VStabFrame {
@@ -85,8 +87,7 @@ public:
     ~Context() override;
 
     // Lifecycle (Java caller thread).
-    void start(android::sp<android::Camera> camera, int width, int height,
-               const char* configText);
+    void start(android::sp<android::Camera> camera, int width, int height, const char* configText);
     int stop();
     void getCamConfig(android::sp<android::Camera> camera, int& width, int& height, int& fps,
                       int& cameraField);
@@ -181,7 +182,8 @@ template <typename T>
 void readConfigParam(std::string text, const char* key, T& value, T defaultValue) {
     value = defaultValue;
     std::string raw;
-    if (findConfigValue(text, key, raw)) value = static_cast<T>(atof(raw.c_str()));
+    if (findConfigValue(text, key, raw))
+        value = static_cast<T>(atof(raw.c_str()));
 }
 
 // Copies `rows` rows of `width` bytes between buffers of different row strides; one block copy

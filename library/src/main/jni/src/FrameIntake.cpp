@@ -79,7 +79,8 @@ void Context::dataCallbackTimestamp(long long timestamp, int msgType,
               static_cast<long long>(Boottime_Monotonic_timerDiff));
     }
     timing("clocks");
-    if (eis_debug) QLOGW("[VStab] Frame: %lld", timestamp);
+    if (eis_debug)
+        QLOGW("[VStab] Frame: %lld", timestamp);
 
     if (firstFrameTimestamp == 0) {
         QLOGW("[VStab] first frame timestamp %lld", timestamp);
@@ -100,7 +101,8 @@ void Context::dataCallbackTimestamp(long long timestamp, int msgType,
     if (lastFrameTimestamp == 0) {
         QLOGW("[VStab] first frame timestamp %lld", timestamp);
     } else if (lastFrameTimestamp >= timestamp) {
-        if (eis_debug) QLOGW("[VStab] error, duplicate frame timestamp, ignore this frame");
+        if (eis_debug)
+            QLOGW("[VStab] error, duplicate frame timestamp, ignore this frame");
         mCamera->releaseRecordingFrame(data);
         return;
     }
@@ -143,19 +145,22 @@ void Context::dataCallbackTimestamp(long long timestamp, int msgType,
         int32_t jump = std::abs(static_cast<int32_t>(static_cast<uint32_t>(lastSeenExposureNs) -
                                                      static_cast<uint32_t>(exposureNs)));
         if (jump > 0.05 * static_cast<double>(exposureNs)) {
-            QLOGW("[Warning] Big exposure jump or exposure not written in the frames, please "
-                  "capture in good light - through a window - and see whether this error will "
-                  "stay");
+            QLOGW(
+                "[Warning] Big exposure jump or exposure not written in the frames, please "
+                "capture in good light - through a window - and see whether this error will "
+                "stay");
             if (exposureNs > kMaxExposureNs) {
-                QLOGW("[Warning] VSTab frame has long exposure or exposure not written in the "
-                      "frames, please capture in bright light - through a window - and see "
-                      "whether this error will stay");
+                QLOGW(
+                    "[Warning] VSTab frame has long exposure or exposure not written in the "
+                    "frames, please capture in bright light - through a window - and see "
+                    "whether this error will stay");
             }
         }
     }
     lastSeenExposureNs = exposureNs;
 
-    if (zoom < 1.0f || zoom > 5.0f) QLOGW("[Warning] VStab frame zoom is not written in the frames");
+    if (zoom < 1.0f || zoom > 5.0f)
+        QLOGW("[Warning] VStab frame zoom is not written in the frames");
     if (eis_debug) {
         QLOGW("Frame Metadata Zoom %.2f Exposure %lld", static_cast<double>(zoom),
               static_cast<long long>(exposureNs));
@@ -166,10 +171,11 @@ void Context::dataCallbackTimestamp(long long timestamp, int msgType,
     uint32_t width = gb->getWidth();
     uint32_t height = gb->getHeight();
     uint32_t stride = gb->getStride();
-    if (eis_debug) QLOGW("[JJJ] W: %d S: %d H: %d", width, stride, height);
+    if (eis_debug)
+        QLOGW("[JJJ] W: %d S: %d H: %d", width, stride, height);
     uint32_t pitch = roundUp(width, 128);
-    uint32_t uvOffset = cameraUvOffset == -1 ? pitch * roundUp(height, 32)
-                                             : stride * height + cameraUvOffset;
+    uint32_t uvOffset =
+        cameraUvOffset == -1 ? pitch * roundUp(height, 32) : stride * height + cameraUvOffset;
     uint32_t uvOffsetGb = stride * height;
     if (eis_debug) {
         QLOGW("[JJJ] UVOffset: %d UVOffsetGB: %d", uvOffset, uvOffsetGb);

@@ -1,36 +1,19 @@
 // GL session: the engine's GL objects live from onResume to onPause (Java caller thread).
 // onResume also reads the two diagnostic system properties and prints the build options.
-#include <GLES2/gl2ext.h>
 #include <cutils/properties.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "Context.h"
+
+#include <GLES2/gl2ext.h>
 #include "Log.h"
 #include "cTTiming.h"
 
 namespace {
 
 constexpr const char* kSourceFile = "library/src/main/jni/src/Context";
-
-const char kWarpVertexShader[] =
-    "attribute vec3 aPosition;\n"
-    "attribute vec2 aTexCoord;\n"
-    "varying vec2 vTexCoord;\n"
-    "void main() {\n"
-    "   gl_Position = vec4(aPosition, 1.0);\n"
-    "   vTexCoord   = aTexCoord;\n"
-    "}\n";
-
-const char kWarpFragmentShader[] =
-    "#extension GL_OES_EGL_image_external : require\n"
-    "precision mediump float;\n"
-    "varying vec2 vTexCoord;\n"
-    "uniform samplerExternalOES uSampler;\n"
-    "void main() {\n"
-    "gl_FragColor = vec4(texture2D(uSampler, vTexCoord).rgb, 1.0);\n"
-    "}\n";
 
 const char kBuildOptions[] =
     "Building for platform: oem_qcom8976_board_O ~Building for arch: 32 ~Building for ndk: "
@@ -42,10 +25,8 @@ const char kBuildOptions[] =
 // Compiles one shader of the warp program; a failure is logged with the compiler's text and
 // the session goes on (rendering then runs with a broken program).
 cTGLShader* compileShader(GLenum type, const char* source, const char* failureText) {
-    auto* shader = new cTGLShader(type, source);
-    GLint compiled = GL_FALSE;
-    glGetShaderiv(shader->id, GL_COMPILE_STATUS, &compiled);
-    if (compiled == GL_FALSE) {
+    auto* shader = new cTGLShader(type);
+    if (!shader->compile(source)) {
         QLOGE("%s", failureText);
         QLOGE("%s", shader->log().c_str());
     }
@@ -80,7 +61,8 @@ void Context::onResume() {
     for (;;) {
         size_t tilde = options.find('~', begin);
         QLOGW("[ABO] %s", options.substr(begin, tilde - begin).c_str());
-        if (tilde == std::string::npos) break;
+        if (tilde == std::string::npos)
+            break;
         begin = tilde + 1;
     }
     QLOGW("[ABO] ----------------------------------------");
@@ -89,7 +71,8 @@ void Context::onResume() {
     jsm.lock();
     bool surfacesRegistered = !jsm.windows.empty();
     jsm.unlock();
-    if (surfacesRegistered) QLOGW("onResume JSM is not empty ... surface has been reused?");
+    if (surfacesRegistered)
+        QLOGW("onResume JSM is not empty ... surface has been reused?");
 
     {
         shared_ptr<GLContext> context;
@@ -115,10 +98,10 @@ void Context::onResume() {
     if (error != GL_NO_ERROR) {
         QLOGE(" %s %d (%d)\n", "void Context::onResume()", 566, static_cast<int>(error));
     } else {
-        vertexShader = compileShader(GL_VERTEX_SHADER, kWarpVertexShader,
-                                     "Could not compile Vertex Shader: ");
-        fragmentShader = compileShader(GL_FRAGMENT_SHADER, kWarpFragmentShader,
-                                       "Could not compile Fragment Shader: ");
+        vertexShader =
+            compileShader(PwarpVS::type, PwarpVS::source, "Could not compile Vertex Shader: ");
+        fragmentShader =
+            compileShader(PwarpFS::type, PwarpFS::source, "Could not compile Fragment Shader: ");
         program = new cTGLProgram<PwarpVS, PwarpFS>();
         program->initialize(*vertexShader, *fragmentShader);
         if (!program->link()) {
@@ -144,21 +127,13 @@ void Context::onPause() {
     }
 
     cameraTexture.release();
-    if (program != nullptr) {
-        if (program->program != 0) glDeleteProgram(program->program);
-        delete program;
-        program = nullptr;
-    }
-    if (fragmentShader != nullptr) {
-        glDeleteShader(fragmentShader->id);
-        delete fragmentShader;
-        fragmentShader = nullptr;
-    }
-    if (vertexShader != nullptr) {
-        glDeleteShader(vertexShader->id);
-        delete vertexShader;
-        vertexShader = nullptr;
-    }
+    // Each wrapper deletes its GL name (glDeleteProgram / glDeleteShader) in its destructor.
+    delete program;
+    program = nullptr;
+    delete fragmentShader;
+    fragmentShader = nullptr;
+    delete vertexShader;
+    vertexShader = nullptr;
     gbMapper.release();
     frameQueue.release();
 
@@ -168,13 +143,15 @@ void Context::onPause() {
 }
 
 void Context::lock() {
-    if (glGuard.data != nullptr) QLMR_ASSERT(kSourceFile, 0 && "glLock Logical Error");
+    if (glGuard.data != nullptr)
+        QLMR_ASSERT(kSourceFile, 0 && "glLock Logical Error");
     shared_ptr<GLContext::Guard> guard;
     guard.acquire(new GLContext::Guard(glContext), nullptr);
     glGuard = guard;
 }
 
 void Context::unlock() {
-    if (glGuard.data == nullptr) QLMR_ASSERT(kSourceFile, 0 && "glUnlock Logical Error");
+    if (glGuard.data == nullptr)
+        QLMR_ASSERT(kSourceFile, 0 && "glUnlock Logical Error");
     glGuard.release();
 }

@@ -18,7 +18,8 @@ constexpr long long kClosestClockLimitNs = 500000000;
 
 bool readClockNs(int clock, long long* ns) {
     timespec ts{};
-    if (clock_gettime(static_cast<clockid_t>(clock), &ts) != 0) return false;
+    if (clock_gettime(static_cast<clockid_t>(clock), &ts) != 0)
+        return false;
     *ns = static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
     return true;
 }
@@ -33,26 +34,30 @@ bool getDeltaTime(int clockA, int clockB, long long* delta) {
         return true;
     }
     long long t0 = 0;
-    if (!readClockNs(clockB, &t0)) return false;
+    if (!readClockNs(clockB, &t0))
+        return false;
     long long a1 = 0, b = 0, a2 = 0;
     for (;;) {
         if (!readClockNs(clockA, &a1) || !readClockNs(clockB, &b) || !readClockNs(clockA, &a2)) {
             return false;
         }
-        if (b - t0 > kDeltaBudgetNs) return false;
-        if (a2 - a1 <= kDeltaBudgetNs) break;
+        if (b - t0 > kDeltaBudgetNs)
+            return false;
+        if (a2 - a1 <= kDeltaBudgetNs)
+            break;
     }
     *delta = (a1 + a2) / 2 - b;
     return true;
 }
 
 const char* getClockName(int id) {
-    static const char* const kNames[] = {
-        "CLOCK_REALTIME",        "CLOCK_MONOTONIC",        "CLOCK_PROCESS_CPUTIME_ID",
-        "CLOCK_THREAD_CPUTIME_ID", "CLOCK_MONOTONIC_RAW",  "CLOCK_REALTIME_COARSE",
-        "CLOCK_MONOTONIC_COARSE", "CLOCK_BOOTTIME",        "CLOCK_REALTIME_ALARM",
-        "CLOCK_BOOTTIME_ALARM"};
-    if (id < 0 || id > 9) return "Unknown";
+    static const char* const kNames[] = {"CLOCK_REALTIME",           "CLOCK_MONOTONIC",
+                                         "CLOCK_PROCESS_CPUTIME_ID", "CLOCK_THREAD_CPUTIME_ID",
+                                         "CLOCK_MONOTONIC_RAW",      "CLOCK_REALTIME_COARSE",
+                                         "CLOCK_MONOTONIC_COARSE",   "CLOCK_BOOTTIME",
+                                         "CLOCK_REALTIME_ALARM",     "CLOCK_BOOTTIME_ALARM"};
+    if (id < 0 || id > 9)
+        return "Unknown";
     return kNames[id];
 }
 
@@ -66,7 +71,8 @@ int findClosestClock(long long timestamp) {
     }
     int best = 0;
     for (int k = 1; k < 3; ++k) {
-        if (diffs[k] < diffs[best]) best = k;
+        if (diffs[k] < diffs[best])
+            best = k;
     }
     auto logTable = [&]() {
         QLOGW("[Warning] (clock_id) clock_name: |clock - timestamp| = diff ns (diff ms)");
@@ -88,7 +94,8 @@ int findClosestClock(long long timestamp) {
 
 void Context::gyroCallbackTimestamp(long long timestamp, float* xyz, float* /*next*/) {
     cTTiming timing("gyroCallbackTimestamp()");
-    if (eis_debug) QLOGW("Gyro callback: %lld", timestamp);
+    if (eis_debug)
+        QLOGW("Gyro callback: %lld", timestamp);
     if (timestamp == 0) {
         QLOGW("[Warning] Received invalid gyro sample timestamp (ignoring sample)");
         return;
@@ -98,8 +105,9 @@ void Context::gyroCallbackTimestamp(long long timestamp, float* xyz, float* /*ne
     timing("vstabMutex");
 
     if (clockIdFrame == -1 || clockIdGyro == -1) {
-        QLOGW("[Error] gyro or frames TIMER is NOT SET! Run Verification mode, observe the "
-              "autodetected timers in the log and set them in config");
+        QLOGW(
+            "[Error] gyro or frames TIMER is NOT SET! Run Verification mode, observe the "
+            "autodetected timers in the log and set them in config");
         vstabMutex.unlock();
         timing("addAngularVelocity");
         return;

@@ -32,11 +32,14 @@ void Context::Run() {
         QLOGI("Context Thread");
         while (threadState.load(std::memory_order_relaxed) == ThreadState::Running) {
             cTTiming timing("MainThread()");
-            if (eis_debug) QLOGW("[MainThread] Entering VStab");
+            if (eis_debug)
+                QLOGW("[MainThread] Entering VStab");
             int rendered = triggerVStab();
             timing("triggerVStab");
-            if (eis_debug) QLOGW("[MainThread] Sleeping");
-            if (rendered == 0) usleep(sleepUs);
+            if (eis_debug)
+                QLOGW("[MainThread] Sleeping");
+            if (rendered == 0)
+                usleep(sleepUs);
             timing("sleep");
         }
         QLOGI("Context Thread Exit");
@@ -54,9 +57,11 @@ int Context::triggerVStab() {
         QLOGW("[MainThread] peek frame");
     }
     VStabFrame* frame = nullptr;
-    if (!frameQueue->peekLock(frame)) return 0;
+    if (!frameQueue->peekLock(frame))
+        return 0;
     timing("peekFrame");
-    if (eis_debug) QLOGW("[MainThread] Call VStab");
+    if (eis_debug)
+        QLOGW("[MainThread] Call VStab");
 
     vstabMutex.lock();
     int status = vStabWarpGrid(vstabHandle, &frame->info, &vstabOutput);
@@ -85,7 +90,8 @@ int Context::triggerVStab() {
         }
         Render(frame, vstabOutput, timestamp);
         timing("Render");
-        if (eis_debug) QLOGW("[MainThread] Pop");
+        if (eis_debug)
+            QLOGW("[MainThread] Pop");
         VStabFrame* popped = nullptr;
         frameQueue->pop(popped);
         timing("popFrame");
@@ -96,7 +102,8 @@ int Context::triggerVStab() {
         renderUnwarpedAndPop();
         result = 1;
     } else if (inMask(status, VSTAB_STATUS_MASK_NEED_MORE_GYRO)) {
-        if (eis_debug) QLOGI("[VStab][Status] Not Enough Gyro Data (%d)", status);
+        if (eis_debug)
+            QLOGI("[VStab][Status] Not Enough Gyro Data (%d)", status);
         int size = frameQueue->size();
         int capacity = frameQueue->getCapacity();
         int force = forceRecordStop.load(std::memory_order_relaxed);
@@ -117,7 +124,8 @@ int Context::triggerVStab() {
         throw std::runtime_error("VStab returned error in main loop");
     }
 
-    if (eis_debug) QLOGW("[MainThread] unlock");
+    if (eis_debug)
+        QLOGW("[MainThread] unlock");
     frameQueue->unlock(frame);
     timing("finish");
     return result;

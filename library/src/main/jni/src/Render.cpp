@@ -4,9 +4,9 @@
 #include <system/window.h>
 #include <ui/GraphicBuffer.h>
 
-#include <GLES2/gl2ext.h>
-
 #include "Context.h"
+
+#include <GLES2/gl2ext.h>
 #include "FrameIndex.h"
 #include "Log.h"
 #include "cTTiming.h"
@@ -24,14 +24,14 @@ float emptyRedLevel = 0.0f;
 // After a GL call in a render path: on an error, log it with the function text and line,
 // release the context and leave the function. The dequeued buffer is dropped unqueued, the
 // remaining windows are skipped and the registry lock stays taken.
-#define RENDER_GL_CHECK(function)                                                      \
-    do {                                                                               \
-        GLenum glError = glGetError();                                                 \
-        if (glError != GL_NO_ERROR) {                                                  \
-            QLOGE(" %s %d (%d)\n", function, __LINE__, static_cast<int>(glError));      \
-            glContext->clearCurrent();                                                 \
-            return;                                                                    \
-        }                                                                              \
+#define RENDER_GL_CHECK(function)                                                  \
+    do {                                                                           \
+        GLenum glError = glGetError();                                             \
+        if (glError != GL_NO_ERROR) {                                              \
+            QLOGE(" %s %d (%d)\n", function, __LINE__, static_cast<int>(glError)); \
+            glContext->clearCurrent();                                             \
+            return;                                                                \
+        }                                                                          \
     } while (0)
 
 static const char kRenderName[] =
@@ -98,8 +98,7 @@ void Context::Render(const VStabFrame* frame, const VStabOutput& output, long lo
         frame->buffer->buffer->unlock();
     }
 
-    const GLsizei indexCount =
-        static_cast<GLsizei>(meshIndices.indices.size() % 65536u);
+    const GLsizei indexCount = static_cast<GLsizei>(meshIndices.indices.size() % 65536u);
     for (auto& entry : jsm.windows) {
         JavaSurfaceManager::Window& window = entry.second;
         android::sp<android::GraphicBuffer> buffer = window.dequeue();
@@ -193,7 +192,8 @@ void Context::RenderEmpty() {
         target->attachRenderBuffer();
         double red = static_cast<double>(emptyRedLevel) + 0.01;
         emptyRedLevel = static_cast<float>(red);
-        if (emptyRedLevel > 1.0f) emptyRedLevel = 0.0f;
+        if (emptyRedLevel > 1.0f)
+            emptyRedLevel = 0.0f;
         glClearColor(emptyRedLevel, 0.0f, 0.0f, 0.0f);
         RENDER_GL_CHECK(kRenderEmptyName);
         glClear(GL_COLOR_BUFFER_BIT);

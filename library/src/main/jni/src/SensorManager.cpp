@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr int kGyroscopeType = 4;       // ASENSOR_TYPE_GYROSCOPE
-constexpr int kLooperIdent = 5565;      // ident of the sensor event queue on the looper
+constexpr int kGyroscopeType = 4;           // ASENSOR_TYPE_GYROSCOPE
+constexpr int kLooperIdent = 5565;          // ident of the sensor event queue on the looper
 constexpr useconds_t kFakePeriodUs = 4000;  // 250 Hz stand-by stream
 constexpr int kMinTimeout = 10000;
 
@@ -32,7 +32,9 @@ SensorManager::SensorManager(Context* engineIn) : engine(engineIn) {
     startThread();
 }
 
-SensorManager::~SensorManager() { stopThread(state); }
+SensorManager::~SensorManager() {
+    stopThread(state);
+}
 
 void SensorManager::Run() {
     state.store(ThreadState::Running, std::memory_order_relaxed);
@@ -64,12 +66,14 @@ void SensorManager::runGyro() {
     QLOGW("[SensorManager] Using gyroscope sensor: %s - %d", ASensor_getName(sensor),
           ASensor_getType(sensor));
     ALooper* looper = ALooper_prepare(ALOOPER_PREPARE_ALLOW_NON_CALLBACKS);
-    if (looper == nullptr) fail("Could not create looper, fatal error");
+    if (looper == nullptr)
+        fail("Could not create looper, fatal error");
     ALooper_acquire(looper);
 
-    eventQueue = ASensorManager_createEventQueue(sensorManager, looper, kLooperIdent, nullptr,
-                                                 nullptr);
-    if (eventQueue == nullptr) fail("Could not create Event Queue");
+    eventQueue =
+        ASensorManager_createEventQueue(sensorManager, looper, kLooperIdent, nullptr, nullptr);
+    if (eventQueue == nullptr)
+        fail("Could not create Event Queue");
 
     int minDelayUs = ASensor_getMinDelay(sensor);
     if (ASensorEventQueue_enableSensor(eventQueue, sensor) < 0) {
@@ -86,8 +90,10 @@ void SensorManager::runGyro() {
 
     while (state.load(std::memory_order_relaxed) == ThreadState::Running) {
         int ident = ALooper_pollAll(timeout, nullptr, nullptr, nullptr);
-        if (ident < 0) break;
-        if (ident != kLooperIdent) continue;
+        if (ident < 0)
+            break;
+        if (ident != kLooperIdent)
+            continue;
         ASensorEvent event;
         while (state.load(std::memory_order_relaxed) == ThreadState::Running &&
                ASensorEventQueue_getEvents(eventQueue, &event, 1) > 0) {

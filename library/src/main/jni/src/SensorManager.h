@@ -16,7 +16,7 @@
 class Context;
 
 class SensorManager : public cTThread {
-public:
+  public:
     explicit SensorManager(Context* engine);
     // Requests the stop, joins the thread (after its current poll returns or times out).
     ~SensorManager() override;
@@ -29,7 +29,7 @@ public:
     std::atomic<int32_t> state{ThreadState::Created};
     Context* engine;
 
-private:
+  private:
     void runFakeGyro();
     void runGyro();
 };
