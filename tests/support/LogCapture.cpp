@@ -25,10 +25,14 @@ void captureLogger(const __android_logger_data* data, const char* message) {
 }  // namespace
 
 LogCapture::LogCapture() {
-    std::lock_guard<std::mutex> lock(gMutex);
-    gLines = new std::vector<LogLine>();
-    const char* echo = std::getenv("QLMR_TEST_ECHO_LOG");
-    gEcho = echo != nullptr && echo[0] == '1';
+    {
+        std::lock_guard<std::mutex> lock(gMutex);
+        gLines = new std::vector<LogLine>();
+        const char* echo = std::getenv("QLMR_TEST_ECHO_LOG");
+        gEcho = echo != nullptr && echo[0] == '1';
+    }
+    // Outside gMutex: liblog holds its own logger lock while it calls captureLogger, which takes
+    // gMutex, so taking liblog's lock under gMutex here would invert the order.
     __android_log_set_logger(captureLogger);
 }
 
