@@ -299,6 +299,63 @@ TEST(CameraRecording, FramesOfAnotherSizeBlockANewRecording) {
         camera->releaseRecordingFrame(m);
 }
 
+// A listener shaped like the engine's: both listener interfaces on one reference count.
+class BothListeners : public android::CameraListener,
+                      public android::ICameraRecordingProxyListener {
+  public:
+    BothListeners(android::Camera* camera, std::atomic<int>* destroyed)
+        : mCamera(camera), mDestroyed(destroyed) {}
+    ~BothListeners() override { ++*mDestroyed; }
+
+    void notify(int32_t, int32_t, int32_t) override {}
+    void postData(int32_t, const android::sp<android::IMemory>&,
+                  camera_frame_metadata_t*) override {}
+    void postDataTimestamp(nsecs_t, int32_t, const android::sp<android::IMemory>&) override {
+        ADD_FAILURE() << "frames go to the recording proxy listener when one is set";
+    }
+    void postRecordingFrameHandleTimestamp(nsecs_t, native_handle_t*) override {}
+    void postRecordingFrameHandleTimestampBatch(const std::vector<nsecs_t>&,
+                                                const std::vector<native_handle_t*>&) override {}
+    void dataCallbackTimestamp(nsecs_t, int32_t,
+                               const android::sp<android::IMemory>& data) override {
+        ++frames;
+        mCamera->releaseRecordingFrame(data);
+    }
+    void recordingFrameHandleCallbackTimestamp(nsecs_t, native_handle_t*) override {}
+    void recordingFrameHandleCallbackTimestampBatch(const std::vector<nsecs_t>&,
+                                                    const std::vector<native_handle_t*>&) override {
+    }
+    android::IBinder* onAsBinder() override { return nullptr; }
+
+    std::atomic<int> frames{0};
+
+  private:
+    android::Camera* const mCamera;  // plain pointer: no reference cycle with the camera
+    std::atomic<int>* mDestroyed;
+};
+
+TEST(CameraRecording, AListenerOfBothKindsIsOneObjectWithOneCount) {
+    auto device = CameraDevice::create(smallSetup(indexSource(5), Pacing::AsFastAsConsumed, 2));
+    auto camera = device->connect();
+    std::atomic<int> destroyed{0};
+    {
+        BothListeners* listener = new BothListeners(camera.get(), &destroyed);
+        camera->setListener(listener);
+        camera->setRecordingProxyListener(listener);
+        EXPECT_EQ(android::IInterface::asBinder(
+                      static_cast<android::ICameraRecordingProxyListener*>(listener)),
+                  nullptr);
+        ASSERT_EQ(camera->startRecording(), android::OK);
+        ASSERT_TRUE(device->waitUntilDrained(10s));
+        camera->stopRecording();
+        EXPECT_EQ(listener->frames.load(), 5);
+    }
+    camera->setRecordingProxyListener(nullptr);
+    EXPECT_EQ(destroyed.load(), 0);  // the camera still holds it as its CameraListener
+    camera->setListener(nullptr);
+    EXPECT_EQ(destroyed.load(), 1);
+}
+
 TEST(CameraRecording, OnlyYuvDataCallbacksExist) {
     auto device = CameraDevice::create(smallSetup(indexSource(10), Pacing::RealTime, 2));
     auto camera = device->connect();
