@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "GLTestSupport.h"
 #include "GbMapper.h"
 #include "LogCapture.h"
 #include "host/Graphics.h"
@@ -21,31 +22,13 @@ using android::sp;
 constexpr uint32_t kUsage = GraphicBuffer::USAGE_SW_WRITE_OFTEN | GraphicBuffer::USAGE_HW_TEXTURE |
                             GraphicBuffer::USAGE_HW_RENDER;
 
-class GLGraphicBufferTest : public ::testing::Test {
+using gltest::thrown;
+
+class GLGraphicBufferTest : public gltest::CurrentContextTest {
   protected:
-    void SetUp() override {
-        context.acquire(new GLContext(EGL_NO_CONTEXT), nullptr);
-        guard = new GLContext::Guard(context);
-    }
-    void TearDown() override {
-        delete guard;
-        context.release();
-    }
     static sp<GraphicBuffer> buffer(int format) {
         return sp<GraphicBuffer>(new GraphicBuffer(32, 16, format, kUsage));
     }
-    // The runtime_error message of `f`, or "" when it does not throw.
-    template <typename F>
-    static std::string thrown(F&& f) {
-        try {
-            f();
-        } catch (const std::runtime_error& e) {
-            return e.what();
-        }
-        return "";
-    }
-    shared_ptr<GLContext> context;
-    GLContext::Guard* guard = nullptr;
 };
 
 TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbuffer) {
