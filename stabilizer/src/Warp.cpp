@@ -1,0 +1,191 @@
+#include "Warp.h"
+
+#include <cmath>
+#include <initializer_list>
+
+#include "Config.h"
+
+namespace vstab {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+// Largest |x|, |y| written into the grid: far outside the output, finite for the GPU.
+constexpr double kFarNdc = 64.0;
+
+double clampAbs(double v, double limit) {
+    return v > limit ? limit : (v < -limit ? -limit : v);
+}
+
+}  // namespace
+
+CameraModel CameraModel::fromConfig(const StabConfig& config, double zoom) {
+    CameraModel c;
+    const double fx1 = 0.5 / std::tan(config.fovHorizontalDeg * kPi / 360.0);
+    const double fy1 = 0.5 / std::tan(config.fovVerticalDeg * kPi / 360.0);
+    c.fx = fx1 * zoom;
+    c.fy = fy1 * zoom;
+    c.cx = 0.5 + (config.principalPointX - 0.5) * zoom;
+    c.cy = 0.5 + (config.principalPointY - 0.5) * zoom;
+    return c;
+}
+
+FrameTiming FrameTiming::make(int64_t timestampNs, int64_t exposureNs, double zoom,
+                              const StabConfig& config) {
+    FrameTiming t;
+    const double readout = static_cast<double>(config.readoutNs);
+    // Mid-exposure of the sensor's first row, then the start of the zoomed crop's rows.
+    const int64_t sensorFirstRow = timestampNs + config.gyroTimeOffsetNs + exposureNs / 2;
+    t.firstRowNs =
+        sensorFirstRow + static_cast<int64_t>(std::llround(readout * 0.5 * (1.0 - 1.0 / zoom)));
+    t.rowSpanNs = readout / zoom;
+    return t;
+}
+
+Vec3 cropMargins(const CameraModel& c, double overscan) {
+    // Angle between the output edge and the frame edge on the tighter side of each axis.
+    auto edgeMargin = [overscan](double f, double centre) {
+        double best = kPi;
+        for (double edge : {0.0, 1.0}) {
+            const double frameHalf = std::fabs(edge - centre);
+            const double outHalf = std::fabs((0.5 + (edge - 0.5) / overscan) - centre);
+            const double m = std::atan(frameHalf / f) - std::atan(outHalf / f);
+            best = m < best ? m : best;
+        }
+        return best > 0.0 ? best : 0.0;
+    };
+    Vec3 m;
+    m.y = edgeMargin(c.fx, c.cx);  // yaw moves the picture sideways
+    m.x = edgeMargin(c.fy, c.cy);  // pitch moves it up and down
+    // Roll: largest turn of the output rectangle about the optical axis that keeps its corners
+    // inside the frame (in ray-plane units, where both axes share one scale).
+    const double a = (0.5 / overscan) / c.fx;
+    const double b = (0.5 / overscan) / c.fy;
+    const double fa = (c.cx < 0.5 ? c.cx : 1.0 - c.cx) / c.fx;
+    const double fb = (c.cy < 0.5 ? c.cy : 1.0 - c.cy) / c.fy;
+    double lo = 0.0;
+    double hi = kPi / 4;
+    if (a > fa || b > fb) {
+        hi = 0.0;
+    }
+    for (int i = 0; i < 40 && hi > 0.0; ++i) {
+        const double t = 0.5 * (lo + hi);
+        const double s = std::sin(t), co = std::cos(t);
+        const bool fits = a * co + b * s <= fa && a * s + b * co <= fb;
+        (fits ? lo : hi) = t;
+    }
+    m.z = lo;
+    return m;
+}
+
+Quat RowOrientations::at(double v) const {
+    if (count == 0) {
+        return Quat{};
+    }
+    if (count == 1 || !(v > 0.0)) {
+        return rows[0];
+    }
+    const double f = v * static_cast<double>(count - 1);
+    if (!(f < static_cast<double>(count - 1))) {
+        return rows[count - 1];
+    }
+    const uint32_t i = static_cast<uint32_t>(f);
+    const double w = f - static_cast<double>(i);
+    Quat b = rows[i + 1];
+    const Quat& a = rows[i];
+    if (a.w * b.w + a.x * b.x + a.y * b.y + a.z * b.z < 0.0) {
+        b = {-b.w, -b.x, -b.y, -b.z};
+    }
+    // Neighbouring rows differ by a tiny rotation: normalised linear interpolation is exact to
+    // far below a pixel.
+    return normalized({a.w + (b.w - a.w) * w, a.x + (b.x - a.x) * w, a.y + (b.y - a.y) * w,
+                       a.z + (b.z - a.z) * w});
+}
+
+void writeGrid(const CameraModel& camera, double overscan, const Quat& virtualCam,
+               const RowOrientations& rows, uint32_t columns, uint32_t gridRows, float* out) {
+    const Quat virtInv = conj(virtualCam);
+    const double du = columns > 1 ? 1.0 / static_cast<double>(columns - 1) : 0.0;
+    const double dv = gridRows > 1 ? 1.0 / static_cast<double>(gridRows - 1) : 0.0;
+    for (uint32_t j = 0; j < gridRows; ++j) {
+        const double v = static_cast<double>(j) * dv;
+        // Row ray -> world -> virtual camera, as one matrix per grid row.
+        const Mat3 m = toMat3(virtInv * rows.at(v));
+        const double ry = (v - camera.cy) / camera.fy;
+        // Ray (rx, ry, 1) maps to base + rx * col0.
+        const Vec3 base = {m.m[1] * ry + m.m[2], m.m[4] * ry + m.m[5], m.m[7] * ry + m.m[8]};
+        for (uint32_t i = 0; i < columns; ++i) {
+            const double u = static_cast<double>(i) * du;
+            const double rx = (u - camera.cx) / camera.fx;
+            const double X = base.x + m.m[0] * rx;
+            const double Y = base.y + m.m[3] * rx;
+            double Z = base.z + m.m[6] * rx;
+            // A ray turned behind the virtual camera cannot be shown; push it far out.
+            Z = Z > 1e-6 ? Z : 1e-6;
+            const double uo = camera.cx + camera.fx * X / Z;
+            const double vo = camera.cy + camera.fy * Y / Z;
+            float* p = out + 3 * (static_cast<size_t>(j) * columns + i);
+            p[0] = static_cast<float>(clampAbs((2.0 * uo - 1.0) * overscan, kFarNdc));
+            p[1] = static_cast<float>(clampAbs((2.0 * vo - 1.0) * overscan, kFarNdc));
+            p[2] = 0.0f;
+        }
+    }
+}
+
+bool sourceOf(const CameraModel& camera, double overscan, const Quat& virtualCam,
+              const RowOrientations& rows, double x, double y, double& u, double& v) {
+    const double uo = 0.5 + 0.5 * x / overscan;
+    const double vo = 0.5 + 0.5 * y / overscan;
+    const Vec3 world = rotate(virtualCam, camera.ray(uo, vo));
+    double vRow = vo;
+    // The row that sees the point depends on the point itself; a few fixed-point steps
+    // converge because a frame's rows turn by far less than its field of view.
+    for (int it = 0; it < 4; ++it) {
+        const double vc = vRow < 0.0 ? 0.0 : (vRow > 1.0 ? 1.0 : vRow);
+        const Vec3 r = rotate(conj(rows.at(vc)), world);
+        if (!camera.project(r, u, v)) {
+            return false;
+        }
+        vRow = v;
+    }
+    return true;
+}
+
+bool coversOutput(const CameraModel& camera, double overscan, const Quat& virtualCam,
+                  const RowOrientations& rows, double inset) {
+    constexpr int kPerEdge = 8;  // segments per output edge
+    for (int e = 0; e < 4; ++e) {
+        for (int k = 0; k < kPerEdge; ++k) {
+            const double s = -1.0 + 2.0 * k / kPerEdge;
+            double x, y;
+            switch (e) {
+                case 0:
+                    x = s;
+                    y = -1.0;
+                    break;
+                case 1:
+                    x = 1.0;
+                    y = s;
+                    break;
+                case 2:
+                    x = -s;
+                    y = 1.0;
+                    break;
+                default:
+                    x = -1.0;
+                    y = -s;
+                    break;
+            }
+            double u, v;
+            if (!sourceOf(camera, overscan, virtualCam, rows, x, y, u, v)) {
+                return false;
+            }
+            if (u < inset || u > 1.0 - inset || v < inset || v > 1.0 - inset) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+}  // namespace vstab
