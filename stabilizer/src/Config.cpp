@@ -25,7 +25,6 @@ enum class KeyId {
     GyroTimeOffsetNs,
     GyroAxes,
     Overscan,
-    CutoffHz,
     GyroRateMaxHz,
     GyroGapMaxNs,
     Count
@@ -38,11 +37,11 @@ const ConfigKey kKeys[kKeyCount] = {
     {"vstab.gridColumns", "vertices per warp grid row, >= 2 (default 33)"},
     {"vstab.gridRows", "rows of warp grid vertices, >= 2 (default 19)"},
     {"vstab.windowNs",
-     "span centred on a frame over which the intended camera velocity is estimated; the engine "
-     "sizes its frame queue with half of it (default 800000000)"},
+     "smoothing window centred on a frame; motion slower than 0.6 / window is kept as intended "
+     "motion (default 1200000000, i.e. 0.5 Hz)"},
     {"vstab.latencyNs",
-     "look-ahead: gyro data must reach this far past a frame's centre before it is warped "
-     "(default 400000000)"},
+     "look-ahead: gyro data must reach this far past a frame's centre before it is warped; at "
+     "least half the window (default 600000000)"},
     {"vstab.debugFrameIndex",
      "1 makes the engine paint frame numbers into its outputs (default 0)"},
     {"vstab.clockIdGyro", "POSIX clock id of the gyro timestamps (default 7, CLOCK_BOOTTIME)"},
@@ -58,7 +57,6 @@ const ConfigKey kKeys[kKeyCount] = {
     {"vstab.gyroAxes", "camera x,y,z rates as signed gyro axes, e.g. -y,-x,-z (default -y,-x,-z)"},
     {"vstab.overscan",
      "extent of the engine's unwarped grid in output half-widths; 1.25 for this engine"},
-    {"vstab.cutoffHz", "motion slower than this is kept as intended motion (default 0.5)"},
     {"vstab.gyroRateMaxHz", "highest gyro sample rate the history is sized for (default 1000)"},
     {"vstab.gyroGapMaxNs",
      "longer gaps between gyro samples count as no rotation (default 100000000)"},
@@ -214,7 +212,6 @@ const Range kRanges[kKeyCount] = {
     {-1e9, 1e9},     // gyroTimeOffsetNs
     {0, 0},          // gyroAxes
     {1.0, 4.0},      // overscan
-    {0.05, 10.0},    // cutoffHz
     {50.0, 5000.0},  // gyroRateMaxHz
     {1e6, 1e9},      // gyroGapMaxNs
 };
@@ -280,9 +277,6 @@ void store(KeyId id, int64_t i, double d, StabConfig& c) {
             break;
         case KeyId::Overscan:
             c.overscan = d;
-            break;
-        case KeyId::CutoffHz:
-            c.cutoffHz = d;
             break;
         case KeyId::GyroRateMaxHz:
             c.gyroRateMaxHz = d;
@@ -407,6 +401,14 @@ bool parseConfig(const char* text, size_t length, StabConfig& out, char* error,
                     "A grid of %u x %u vertices with its border ring has %llu vertices; 16-bit "
                     "mesh indices allow at most 65536.",
                     cfg.gridColumns, cfg.gridRows, static_cast<unsigned long long>(meshVertices));
+    }
+    if (cfg.latencyNs < cfg.windowNs / 2) {
+        return fail(error, errorCapacity,
+                    "A smoothing window of %lld ms needs at least half of it, %lld ms, of "
+                    "look-ahead, but vstab.latencyNs gives %lld ms.",
+                    static_cast<long long>(cfg.windowNs / 1000000),
+                    static_cast<long long>(cfg.windowNs / 2000000),
+                    static_cast<long long>(cfg.latencyNs / 1000000));
     }
     out = cfg;
     return true;

@@ -19,12 +19,12 @@ struct AxisMap {
 struct StabConfig {
     uint32_t gridColumns = 33;  // vertices per grid row
     uint32_t gridRows = 19;     // rows of grid vertices
-    // Span (centred on a frame, its future half cut at latencyNs) over which the intended camera
-    // velocity is estimated; the engine sizes its frame queue with windowNs / 2.
-    int64_t windowNs = 800000000;
+    // Smoothing window centred on a frame: motion slower than 0.6 / window (s) is kept as
+    // intended motion, faster motion is removed as shake. Needs latencyNs >= windowNs / 2.
+    int64_t windowNs = 1200000000;
     // How far gyro data must reach past a frame's centre before the frame is warped: the
     // smoother's look-ahead horizon.
-    int64_t latencyNs = 400000000;
+    int64_t latencyNs = 600000000;
     int32_t debugFrameIndex = 0;
     int32_t clockIdGyro = 7;   // CLOCK_BOOTTIME
     int32_t clockIdFrame = 7;  // CLOCK_BOOTTIME
@@ -37,7 +37,6 @@ struct StabConfig {
     int64_t gyroTimeOffsetNs = 0;
     AxisMap gyroAxes;
     double overscan = 1.25;         // extent of the engine's unwarped grid, in output half-widths
-    double cutoffHz = 0.5;          // motion below this frequency is kept as intended motion
     double gyroRateMaxHz = 1000.0;  // highest gyro rate the sample history is sized for
     int64_t gyroGapMaxNs = 100000000;  // longer sample gaps are bridged as no rotation
 };

@@ -15,13 +15,6 @@ PathSmoother::PathSmoother(size_t maxNodes)
       b_(w_.size()),
       x_(w_.size()) {}
 
-double PathSmoother::usage(const Vec3& d, const Vec3& m) {
-    auto share = [](double dev, double margin) {
-        return margin > 0.0 ? std::fabs(dev) / margin : (dev != 0.0 ? 1e9 : 0.0);
-    };
-    return share(d.x, m.x) + share(d.y, m.y) + share(d.z, m.z);
-}
-
 bool PathSmoother::solveOnce(const SmootherProblem& pr, const SmootherParams& params) {
     const int n = pr.count;
     const int past = pr.pastCount;
@@ -81,20 +74,6 @@ bool PathSmoother::solveOnce(const SmootherProblem& pr, const SmootherParams& pa
                 }
             }
         }
-    }
-    // Terminal velocity towards the intended velocity.
-    if (n >= 2 && params.terminalWeight > 0.0) {
-        const double h = pr.t[n - 1] - pr.t[n - 2];
-        if (!(h > 0.0)) {
-            return false;
-        }
-        const double c0 = -1.0 / h, c1 = 1.0 / h;
-        const double mu = params.terminalWeight;
-        a0_[n - 2] += mu * c0 * c0;
-        a1_[n - 2] += mu * c0 * c1;
-        a0_[n - 1] += mu * c1 * c1;
-        b_[n - 2] = b_[n - 2] + pr.trendVelocity * (mu * c0);
-        b_[n - 1] = b_[n - 1] + pr.trendVelocity * (mu * c1);
     }
     // Banded Cholesky, then forward and backward substitution for the three axes at once.
     for (int i = 0; i < n; ++i) {
@@ -163,7 +142,7 @@ Vec3 PathSmoother::solve(const SmootherProblem& pr, const SmootherParams& params
         // smoothness terms, gently around it.
         bool over = false;
         for (int i = 0; i < n; ++i) {
-            const double u = usage(x_[i] - p.p[i], params.margin) +
+            const double u = params.margins.usage(x_[i] - p.p[i]) +
                              (p.extraUsage != nullptr ? p.extraUsage[i] : 0.0);
             const double allowed = params.usageLimit;
             if (u > allowed * 1.02) {

@@ -8,14 +8,14 @@
 //
 //   sum_i w_i h_i |x_i - p_i|^2                      (stay near the physical orientation p)
 // + lambda * sum_k hbar_k |x''_k|^2                  (low angular acceleration)
-// + mu * |x'_end - v_trend|^2                        (leave the horizon at the intended velocity)
 //
-// which is a zero-phase low-pass of the physical path (cut-off (2 pi)^-1 lambda^-1/4) that
-// follows constant-velocity pans without lag. The fixed past nodes keep the path and its
-// velocity continuous from frame to frame. Where the deviation would use up the crop margin,
-// the weights w_i are raised and the problem solved again, so the path bends towards the
-// physical one ahead of time instead of being clamped. Only node 0 is used; the rest of the
-// horizon is re-solved with the next frame.
+// which approximates a zero-phase low-pass of the physical path (cut-off (2 pi)^-1
+// lambda^-1/4) that follows constant-velocity pans without lag. The horizon must span about
+// twice the filter's time constant lambda^1/4: a shorter one makes the path overshoot. The fixed
+// past nodes keep the path and its velocity continuous from frame to frame. Where the deviation
+// would use up the crop margin, the weights w_i are raised and the problem solved again, so the
+// path bends towards the physical one ahead of time instead of being clamped. Only node 0 is used;
+// the rest of the horizon is re-solved with the next frame.
 //
 // Called on the engine's processing thread. Allocates only in its constructor.
 #ifndef ZEF_VSTAB_PATH_SMOOTHER_H
@@ -25,15 +25,15 @@
 #include <vector>
 
 #include "Quat.h"
+#include "Warp.h"
 
 namespace vstab {
 
 struct SmootherParams {
-    double lambda = 0.0;          // acceleration weight, s^4
-    double terminalWeight = 0.0;  // mu, s^3
-    Vec3 margin;                  // allowed deviation per camera axis, rad
-    double usageLimit = 0.8;      // share of the margin the soft limit aims to stay within
-    int maxIterations = 6;        // re-weighting passes for the soft limit
+    double lambda = 0.0;      // acceleration weight, s^4
+    CropMargins margins;      // how far the path may deviate from the physical one
+    double usageLimit = 0.9;  // share of the margin the soft limit aims to stay within
+    int maxIterations = 6;    // re-weighting passes for the soft limit
 };
 
 // One frame's problem. Times are seconds relative to node 0; values are rotation vectors
@@ -48,7 +48,6 @@ struct SmootherProblem {
     // Margin share already used at each node by the rolling-shutter spread of its frame
     // (may be null: none).
     const double* extraUsage = nullptr;
-    Vec3 trendVelocity;  // rad/s
 };
 
 class PathSmoother {
@@ -61,9 +60,6 @@ class PathSmoother {
     // `iterationsUsed` (optional) receives the number of solves.
     Vec3 solve(const SmootherProblem& problem, const SmootherParams& params, Vec3* path = nullptr,
                int* iterationsUsed = nullptr);
-
-    // Share of the crop margin a deviation d uses.
-    static double usage(const Vec3& d, const Vec3& margin);
 
   private:
     bool solveOnce(const SmootherProblem& pr, const SmootherParams& params);

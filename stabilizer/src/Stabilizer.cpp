@@ -44,9 +44,10 @@ Stabilizer::Stabilizer(const StabConfig& config)
       nodeT_(static_cast<size_t>(nodeCount_)),
       nodeP_(static_cast<size_t>(nodeCount_)),
       nodeUsage_(static_cast<size_t>(nodeCount_)) {
-    const double tau = 1.0 / (2.0 * kPi * config.cutoffHz);
+    // Cut-off 0.6 / window: the smoothing's time constant tau = window / (1.2 pi) is then at
+    // most half the look-ahead (latency >= window / 2), which keeps the path from overshooting.
+    const double tau = static_cast<double>(config.windowNs) * 1e-9 / (1.2 * kPi);
     params_.lambda = tau * tau * tau * tau;
-    params_.terminalWeight = tau * tau * tau;
     for (int i = 0; i < nodeCount_; ++i) {
         nodeT_[i] = nodeStepS_ * i;
     }
@@ -163,19 +164,8 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
         const int64_t t = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
         nodeP_[i] = logMap(refInv * physical(t));
     }
-    // Intended velocity: the mean over the window around the frame (its future part limited
-    // to the look-ahead), in which whole cycles of hand shake cancel.
-    const int64_t half = config_.windowNs / 2;
-    int64_t ta = centreNs - half;
-    const int64_t tb = centreNs + (half < config_.latencyNs ? half : config_.latencyNs);
-    ta = ta < history_.oldestNs() ? history_.oldestNs() : ta;
-    if (tb - ta > 10000000) {
-        const Vec3 xa = logMap(refInv * physical(ta));
-        const Vec3 xb = logMap(refInv * physical(tb));
-        pr.trendVelocity = (xb - xa) * (1e9 / static_cast<double>(tb - ta));
-    }
     SmootherParams params = params_;
-    params.margin = cropMargins(camera, config_.overscan);
+    params.margins = cropMargins(camera, config_.overscan);
     // The rows of a frame turn with the camera during readout; half that spread on either side
     // of the centre row is margin the path cannot use.
     const double halfSpanS = 0.5 * timing.rowSpanNs * 1e-9;
@@ -186,7 +176,7 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
             const int b = i + 1 < nodeCount_ ? i + 1 : nodeCount_ - 1;
             rate = (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
         }
-        nodeUsage_[i] = PathSmoother::usage(rate * halfSpanS, params.margin);
+        nodeUsage_[i] = params.margins.usage(rate * halfSpanS);
     }
     pr.count = nodeCount_;
     pr.t = nodeT_.data();

@@ -42,7 +42,17 @@ FrameTiming FrameTiming::make(int64_t timestampNs, int64_t exposureNs, double zo
     return t;
 }
 
-Vec3 cropMargins(const CameraModel& c, double overscan) {
+double CropMargins::usage(const Vec3& d) const {
+    auto share = [](double dev, double margin) {
+        return margin > 0.0 ? std::fabs(dev) / margin : (dev != 0.0 ? 1e9 : 0.0);
+    };
+    const double roll = std::fabs(d.z);
+    const double h = share(d.y, yaw) + roll * rollH;
+    const double v = share(d.x, pitch) + roll * rollV;
+    return h > v ? h : v;
+}
+
+CropMargins cropMargins(const CameraModel& c, double overscan) {
     // Angle between the output edge and the frame edge on the tighter side of each axis.
     auto edgeMargin = [overscan](double f, double centre) {
         double best = kPi;
@@ -54,27 +64,17 @@ Vec3 cropMargins(const CameraModel& c, double overscan) {
         }
         return best > 0.0 ? best : 0.0;
     };
-    Vec3 m;
-    m.y = edgeMargin(c.fx, c.cx);  // yaw moves the picture sideways
-    m.x = edgeMargin(c.fy, c.cy);  // pitch moves it up and down
-    // Roll: largest turn of the output rectangle about the optical axis that keeps its corners
-    // inside the frame (in ray-plane units, where both axes share one scale).
+    CropMargins m;
+    m.yaw = edgeMargin(c.fx, c.cx);
+    m.pitch = edgeMargin(c.fy, c.cy);
+    // Roll by r moves the output's corner (a, b) (image plane at unit distance) by (b r, a r);
+    // the slack to the frame's edge is (fa - a, fb - b).
     const double a = (0.5 / overscan) / c.fx;
     const double b = (0.5 / overscan) / c.fy;
     const double fa = (c.cx < 0.5 ? c.cx : 1.0 - c.cx) / c.fx;
     const double fb = (c.cy < 0.5 ? c.cy : 1.0 - c.cy) / c.fy;
-    double lo = 0.0;
-    double hi = kPi / 4;
-    if (a > fa || b > fb) {
-        hi = 0.0;
-    }
-    for (int i = 0; i < 40 && hi > 0.0; ++i) {
-        const double t = 0.5 * (lo + hi);
-        const double s = std::sin(t), co = std::cos(t);
-        const bool fits = a * co + b * s <= fa && a * s + b * co <= fb;
-        (fits ? lo : hi) = t;
-    }
-    m.z = lo;
+    m.rollH = fa > a ? b / (fa - a) : 1e9;
+    m.rollV = fb > b ? a / (fb - b) : 1e9;
     return m;
 }
 

@@ -55,11 +55,22 @@ struct FrameTiming {
     int64_t lastRowNs() const { return rowNs(1.0); }
 };
 
-// How far the virtual camera may turn away from the physical one about each camera axis
-// (radians; x: pitch, y: yaw, z: roll) before the output leaves the frame, for an output that
-// shows the frame's centre magnified by `overscan`. Deviations about several axes use the same
-// margin together: sum(|deviation| / margin) <= 1 keeps the output inside.
-Vec3 cropMargins(const CameraModel& camera, double overscan);
+// How far the virtual camera may turn away from the physical one before the output, which shows
+// the frame's centre magnified by the overscan, reaches past the frame's edges. Yaw (about the
+// camera's y axis) uses the horizontal margin, pitch (x) the vertical one, roll (z) both, at the
+// output's corners.
+struct CropMargins {
+    double yaw = 0.0;    // radians of yaw that use up the horizontal margin
+    double pitch = 0.0;  // radians of pitch that use up the vertical margin
+    double rollH = 0.0;  // share of the horizontal margin one radian of roll uses
+    double rollV = 0.0;  // share of the vertical margin one radian of roll uses
+
+    // Share of the tighter margin that a deviation d (rotation vector in camera axes, from the
+    // physical to the virtual camera) uses: 1 reaches the frame's edge (to first order).
+    double usage(const Vec3& d) const;
+};
+
+CropMargins cropMargins(const CameraModel& camera, double overscan);
 
 // Physical orientations of the frame at `count` evenly spaced rows v = j / (count - 1),
 // interpolated in between.

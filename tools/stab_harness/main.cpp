@@ -29,7 +29,7 @@ constexpr double kWalkMinStability = 0.9;
 constexpr double kMinWobbleReduction = 0.9;
 constexpr double kWobbleMeaningfulPx = 1.0;  // below this the input has no wobble to reduce
 constexpr double kStillMaxJitterPx = 0.1;
-constexpr double kPanMaxAccelRadS2 = 3.0;
+constexpr double kPanMaxAccelRadS2 = 1.0;
 constexpr double kTrimS = 1.0;
 
 const char* kBeginMarker = "<!-- stab_harness:begin -->";
