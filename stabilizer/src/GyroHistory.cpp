@@ -95,20 +95,31 @@ bool GyroHistory::orientationAt(int64_t tNs, Quat& out) const {
     return true;
 }
 
-Vec3 GyroHistory::meanRate(int64_t t0Ns, int64_t t1Ns) const {
-    if (size_ < 2 || t1Ns <= t0Ns) {
-        return Vec3{};
+void GyroHistory::orientationsAt(const int64_t* tNs, size_t count, Quat* out) const {
+    if (count == 0) {
+        return;
     }
-    Quat q0;
-    Quat q1;
-    orientationAt(t0Ns, q0);
-    orientationAt(t1Ns, q1);
-    const int64_t a = t0Ns < oldestNs() ? oldestNs() : t0Ns;
-    const int64_t b = t1Ns > newestNs() ? newestNs() : t1Ns;
-    if (b <= a) {
-        return Vec3{};
+    size_t j = 0;  // first node with time >= the current query
+    for (size_t k = 0; k < count; ++k) {
+        const int64_t t = tNs[k];
+        if (size_ == 0 || t <= at(0).tNs || t >= at(size_ - 1).tNs) {
+            orientationAt(t, out[k]);
+            continue;
+        }
+        if (j == 0 || at(j - 1).tNs >= t) {
+            j = lowerBound(t);
+        }
+        while (at(j).tNs < t) {
+            ++j;
+        }
+        const Node& b = at(j);
+        if (b.tNs == t) {
+            out[k] = b.q;
+            continue;
+        }
+        const Node& a = at(j - 1);
+        out[k] = normalized(a.q * expMap(b.rate * (static_cast<double>(t - a.tNs) * 1e-9)));
     }
-    return logMap(conj(q0) * q1) * (1e9 / static_cast<double>(b - a));
 }
 
 }  // namespace vstab

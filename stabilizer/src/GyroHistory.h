@@ -42,9 +42,8 @@ class GyroHistory {
     // within [oldestNs, newestNs]; outside that span the nearest end is returned and false.
     bool orientationAt(int64_t tNs, Quat& out) const;
 
-    // Mean rate over [t0Ns, t1Ns] (both clamped into the history), rad/s in the camera axes of
-    // the orientation at t0Ns.
-    Vec3 meanRate(int64_t t0Ns, int64_t t1Ns) const;
+    // orientationAt for `count` times in ascending order (one search, then a forward walk).
+    void orientationsAt(const int64_t* tNs, size_t count, Quat* out) const;
 
   private:
     struct Node {

@@ -41,6 +41,11 @@ Stabilizer::Stabilizer(const StabConfig& config)
       nodeStepS_(nodeCount_ > 1 ? static_cast<double>(config.latencyNs) * 1e-9 / (nodeCount_ - 1)
                                 : 0.0),
       rowQ_(config.gridRows),
+      rowM_(config.gridRows),
+      times_(config.gridRows > static_cast<uint32_t>(lookAheadNodes(config.latencyNs))
+                 ? config.gridRows
+                 : static_cast<uint32_t>(lookAheadNodes(config.latencyNs))),
+      nodeQ_(static_cast<size_t>(lookAheadNodes(config.latencyNs))),
       nodeT_(static_cast<size_t>(nodeCount_)),
       nodeP_(static_cast<size_t>(nodeCount_)),
       nodeUsage_(static_cast<size_t>(nodeCount_)) {
@@ -161,8 +166,11 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     }
     const Quat refInv = conj(ref);
     for (int i = 0; i < nodeCount_; ++i) {
-        const int64_t t = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
-        nodeP_[i] = logMap(refInv * physical(t));
+        times_[i] = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
+    }
+    history_.orientationsAt(times_.data(), static_cast<size_t>(nodeCount_), nodeQ_.data());
+    for (int i = 0; i < nodeCount_; ++i) {
+        nodeP_[i] = logMap(refInv * nodeQ_[i]);
     }
     SmootherParams params = params_;
     params.margins = cropMargins(camera, config_.overscan);
@@ -221,9 +229,11 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     const CameraModel camera = CameraModel::fromConfig(config_, zoom);
     const uint32_t rows = config_.gridRows;
     for (uint32_t j = 0; j < rows; ++j) {
-        rowQ_[j] = physical(timing.rowNs(static_cast<double>(j) / (rows - 1)));
+        times_[j] = timing.rowNs(static_cast<double>(j) / (rows - 1));
     }
-    const RowOrientations rowSet{rowQ_.data(), rows};
+    history_.orientationsAt(times_.data(), rows, rowQ_.data());
+    worldToCameraMatrices(rowQ_.data(), rows, rowM_.data());
+    const RowOrientations rowSet{rowQ_.data(), rowM_.data(), rows};
     const Quat physicalCentre = physical(centre);
 
     const Committed* last = committed(0);

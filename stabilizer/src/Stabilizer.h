@@ -91,6 +91,9 @@ class Stabilizer {
 
     // Per-frame work buffers, sized once.
     std::vector<Quat> rowQ_;
+    std::vector<Mat3> rowM_;
+    std::vector<int64_t> times_;  // query times, ascending
+    std::vector<Quat> nodeQ_;
     std::vector<double> nodeT_;
     std::vector<Vec3> nodeP_;
     std::vector<double> nodeUsage_;

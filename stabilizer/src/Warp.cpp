@@ -102,31 +102,58 @@ Quat RowOrientations::at(double v) const {
                        a.z + (b.z - a.z) * w});
 }
 
+void worldToCameraMatrices(const Quat* rows, uint32_t count, Mat3* toCamera) {
+    for (uint32_t j = 0; j < count; ++j) {
+        toCamera[j] = toMat3(conj(rows[j]));
+    }
+}
+
+Vec3 RowOrientations::worldToCamera(double v, const Vec3& w) const {
+    if (count == 0) {
+        return w;
+    }
+    const double f = v * static_cast<double>(count - 1);
+    uint32_t i = 0;
+    double t = 0.0;
+    if (f >= static_cast<double>(count - 1)) {
+        i = count - 1;
+    } else if (f > 0.0) {
+        i = static_cast<uint32_t>(f);
+        t = f - static_cast<double>(i);
+    }
+    const Vec3 a = toCamera[i] * w;
+    if (t == 0.0) {
+        return a;
+    }
+    const Vec3 b = toCamera[i + 1] * w;
+    return a + (b - a) * t;
+}
+
 void writeGrid(const CameraModel& camera, double overscan, const Quat& virtualCam,
                const RowOrientations& rows, uint32_t columns, uint32_t gridRows, float* out) {
     const Quat virtInv = conj(virtualCam);
     const double du = columns > 1 ? 1.0 / static_cast<double>(columns - 1) : 0.0;
     const double dv = gridRows > 1 ? 1.0 / static_cast<double>(gridRows - 1) : 0.0;
+    // Output coordinate = overscan * (2 (c + f X / Z) - 1) = offset + scale * X / Z.
+    const double sx = 2.0 * overscan * camera.fx, ox = overscan * (2.0 * camera.cx - 1.0);
+    const double sy = 2.0 * overscan * camera.fy, oy = overscan * (2.0 * camera.cy - 1.0);
     for (uint32_t j = 0; j < gridRows; ++j) {
         const double v = static_cast<double>(j) * dv;
         // Row ray -> world -> virtual camera, as one matrix per grid row.
         const Mat3 m = toMat3(virtInv * rows.at(v));
         const double ry = (v - camera.cy) / camera.fy;
-        // Ray (rx, ry, 1) maps to base + rx * col0.
+        // Ray (rx, ry, 1) maps to base + rx * (first column of m).
         const Vec3 base = {m.m[1] * ry + m.m[2], m.m[4] * ry + m.m[5], m.m[7] * ry + m.m[8]};
-        for (uint32_t i = 0; i < columns; ++i) {
-            const double u = static_cast<double>(i) * du;
-            const double rx = (u - camera.cx) / camera.fx;
+        float* p = out + 3 * static_cast<size_t>(j) * columns;
+        for (uint32_t i = 0; i < columns; ++i, p += 3) {
+            const double rx = (static_cast<double>(i) * du - camera.cx) / camera.fx;
             const double X = base.x + m.m[0] * rx;
             const double Y = base.y + m.m[3] * rx;
-            double Z = base.z + m.m[6] * rx;
+            const double Z = base.z + m.m[6] * rx;
             // A ray turned behind the virtual camera cannot be shown; push it far out.
-            Z = Z > 1e-6 ? Z : 1e-6;
-            const double uo = camera.cx + camera.fx * X / Z;
-            const double vo = camera.cy + camera.fy * Y / Z;
-            float* p = out + 3 * (static_cast<size_t>(j) * columns + i);
-            p[0] = static_cast<float>(clampAbs((2.0 * uo - 1.0) * overscan, kFarNdc));
-            p[1] = static_cast<float>(clampAbs((2.0 * vo - 1.0) * overscan, kFarNdc));
+            const double invZ = 1.0 / (Z > 1e-6 ? Z : 1e-6);
+            p[0] = static_cast<float>(clampAbs(ox + sx * X * invZ, kFarNdc));
+            p[1] = static_cast<float>(clampAbs(oy + sy * Y * invZ, kFarNdc));
             p[2] = 0.0f;
         }
     }
@@ -140,10 +167,9 @@ bool sourceOf(const CameraModel& camera, double overscan, const Quat& virtualCam
     double vRow = vo;
     // The row that sees the point depends on the point itself; a few fixed-point steps
     // converge because a frame's rows turn by far less than its field of view.
-    for (int it = 0; it < 4; ++it) {
+    for (int it = 0; it < 3; ++it) {
         const double vc = vRow < 0.0 ? 0.0 : (vRow > 1.0 ? 1.0 : vRow);
-        const Vec3 r = rotate(conj(rows.at(vc)), world);
-        if (!camera.project(r, u, v)) {
+        if (!camera.project(rows.worldToCamera(vc, world), u, v)) {
             return false;
         }
         vRow = v;

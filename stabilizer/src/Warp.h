@@ -72,13 +72,20 @@ struct CropMargins {
 
 CropMargins cropMargins(const CameraModel& camera, double overscan);
 
-// Physical orientations of the frame at `count` evenly spaced rows v = j / (count - 1),
-// interpolated in between.
+// Physical orientations of the frame at `count` evenly spaced rows v = j / (count - 1), with
+// their world-to-camera matrices; in between, interpolated (neighbouring rows differ by tiny
+// rotations, so linear interpolation is exact to far below a pixel).
 struct RowOrientations {
-    const Quat* rows = nullptr;
+    const Quat* rows = nullptr;      // camera to world
+    const Mat3* toCamera = nullptr;  // toMat3(conj(rows[j]))
     uint32_t count = 0;
+
     Quat at(double v) const;
+    Vec3 worldToCamera(double v, const Vec3& world) const;
 };
+
+// Fills toCamera[j] for rows[0 .. count - 1].
+void worldToCameraMatrices(const Quat* rows, uint32_t count, Mat3* toCamera);
 
 // Writes the columns x rows grid (x, y, z floats, row-major) that shows the frame as the
 // virtual camera `virtualCam` sees it: vertex (i, j)'s ray is turned by the physical
