@@ -237,7 +237,7 @@ double lowFrequencyShare(const std::vector<const std::vector<double>*>& sequence
             }
         }
     }
-    return all > 0.0 ? low / all : 1.0;
+    return all > 1e-24 ? low / all : -1.0;
 }
 
 double displacementPx(const V3& d, double focalPx, double rmsRadiusPx) {
@@ -399,9 +399,14 @@ Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraS
         tx[k] = step[1][k] * focalOut;
         ty[k] = step[0][k] * focalOut;
     }
+    // A component without any motion has no spectrum to judge; the other one decides alone.
     const double translation = lowFrequencyShare({&tx, &ty});
     const double rotation = lowFrequencyShare({&step[2]});
-    f.stability = 0.5 * (translation + rotation);
+    if (translation < 0.0 || rotation < 0.0) {
+        f.stability = translation < 0.0 && rotation < 0.0 ? 1.0 : std::max(translation, rotation);
+    } else {
+        f.stability = 0.5 * (translation + rotation);
+    }
     return f;
 }
 

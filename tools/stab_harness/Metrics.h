@@ -40,7 +40,7 @@ std::vector<double> lowPassZeroPhase(const std::vector<double>& x, double cutoff
                                      double sampleHz);
 
 // Share of the energy (DC left out) in the 2nd to 6th lowest frequency components of the
-// spectra of the given sequences together; 1 for sequences without energy.
+// spectra of the given sequences together; -1 for sequences without energy.
 double lowFrequencyShare(const std::vector<const std::vector<double>*>& sequences);
 
 // Image displacement (px, RMS over the picture) caused by a small rotation d of the camera:

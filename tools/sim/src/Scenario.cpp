@@ -21,9 +21,9 @@ Scenario makeScenario(const std::string& name, double scale, uint64_t seed) {
     if (name == "walk") {
         s.description = "handheld walk, looking around, shake 2-12 Hz";
         s.durationS = 30.0 * scale;
-        s.motion.yaw.waves = {{12 * kDeg, 0.06 / scale, 0.3}, {6 * kDeg, 0.11 / scale, 1.9}};
-        s.motion.pitch.waves = {{4 * kDeg, 0.05 / scale, 2.2}};
-        s.motion.roll.waves = {{2.5 * kDeg, 0.07 / scale, 0.7}};
+        s.motion.yaw.waves = {{12 * kDeg, 0.06, 0.3}, {6 * kDeg, 0.11, 1.9}};
+        s.motion.pitch.waves = {{4 * kDeg, 0.05, 2.2}};
+        s.motion.roll.waves = {{2.5 * kDeg, 0.07, 0.7}};
         s.motion.shake[0] = handShake(rng, 2.0, 12.0, 2.0 * kDeg, 6);
         s.motion.shake[1] = handShake(rng, 2.0, 12.0, 1.5 * kDeg, 6);
         s.motion.shake[2] = handShake(rng, 2.0, 12.0, 1.2 * kDeg, 6);
@@ -41,12 +41,19 @@ Scenario makeScenario(const std::string& name, double scale, uint64_t seed) {
     } else if (name == "jog") {
         s.description = "strong shake up to 3 degrees on quick turns";
         s.durationS = 20.0 * scale;
-        s.motion.yaw.waves = {{20 * kDeg, 0.09 / scale, 0.0}};
-        s.motion.pitch.waves = {{5 * kDeg, 0.13 / scale, 1.0}};
+        s.motion.yaw.waves = {{20 * kDeg, 0.09, 0.0}};
+        s.motion.pitch.waves = {{5 * kDeg, 0.13, 1.0}};
         s.motion.shake[0] = handShake(rng, 2.0, 12.0, 3.0 * kDeg, 6);
         s.motion.shake[1] = handShake(rng, 2.0, 12.0, 2.5 * kDeg, 6);
         s.motion.shake[2] = handShake(rng, 2.0, 12.0, 1.5 * kDeg, 6);
         s.gyro.rateHz = 200.0;
+    } else if (name == "violent") {
+        s.description = "shake of 6 degrees, beyond the crop margin";
+        s.durationS = 20.0 * scale;
+        s.motion.yaw.waves = {{10 * kDeg, 0.1, 0.0}};
+        s.motion.shake[0] = handShake(rng, 2.0, 12.0, 6.0 * kDeg, 6);
+        s.motion.shake[1] = handShake(rng, 2.0, 12.0, 6.0 * kDeg, 6);
+        s.motion.shake[2] = handShake(rng, 2.0, 12.0, 4.0 * kDeg, 6);
     } else {
         throw std::invalid_argument("unknown scenario: " + name);
     }

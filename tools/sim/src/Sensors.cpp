@@ -45,7 +45,11 @@ std::vector<GyroSample> simulateGyro(const Trajectory& truth, const GyroSpec& sp
     std::uniform_real_distribution<double> jitter(-spec.jitterS, spec.jitterS);
     std::vector<GyroSample> out;
     const double period = 1.0 / spec.rateHz;
-    for (double t = t0S; t < t1S; t += period) {
+    for (int64_t k = 0;; ++k) {
+        const double t = t0S + static_cast<double>(k) * period;
+        if (t >= t1S) {
+            break;
+        }
         const double tSample = t + jitter(rng);
         const V3 cam = truth.angularVelocity(tSample) + spec.biasRadPerS;
         GyroSample s;

@@ -24,11 +24,12 @@ struct Scenario {
 // "walk": handheld walk, slow looking around, 2-12 Hz shake of 1.2-2 degrees per axis.
 // "pan": a 40 degree pan over 7 s (far beyond the crop margin) with light shake.
 // "still": a camera that does not move at all (gyro noise and bias only).
-// "jog": strong shake (up to 3 degrees) on quick turns, the crop limit's stress case.
+// "jog": strong shake (up to 3 degrees) on quick turns.
+// "violent": shake of 6 degrees that no crop margin can absorb: the crop limit's stress case.
 std::vector<std::string> scenarioNames();
 
 // Throws std::invalid_argument for an unknown name. durationScale shortens or lengthens the
-// recording (pans and turns keep their timing relative to it).
+// recording; pans keep their place relative to its length, waves their frequency.
 Scenario makeScenario(const std::string& name, double durationScale = 1.0, uint64_t seed = 1);
 
 }  // namespace qlmr::sim
