@@ -66,9 +66,10 @@ void Stabilizer::addAngularVelocity(int64_t timestampNs, const float* rateSensor
     const double s[3] = {rateSensor[0], rateSensor[1], rateSensor[2]};
     const AxisMap& m = config_.gyroAxes;
     const Vec3 cam = {m.sign[0] * s[m.axis[0]], m.sign[1] * s[m.axis[1]], m.sign[2] * s[m.axis[2]]};
-    switch (history_.add(timestampNs, cam)) {
+    switch (history_.add(timestampNs, cam - bias_.bias())) {
         case GyroHistory::AddResult::Accepted:
             ++counters_.samplesAccepted;
+            bias_.add(timestampNs, cam);
             break;
         case GyroHistory::AddResult::NonFinite:
             ++counters_.samplesNonFinite;

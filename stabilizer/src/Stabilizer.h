@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "BiasEstimator.h"
 #include "Config.h"
 #include "GyroHistory.h"
 #include "PathSmoother.h"
@@ -52,10 +53,11 @@ class Stabilizer {
     const StabConfig& config() const { return config_; }
     const Counters& counters() const { return counters_; }
     const GyroHistory& history() const { return history_; }
-    size_t gyroCapacity() const { return history_.capacity(); }
+    const BiasEstimator& bias() const { return bias_; }
 
     // One gyro sample in the sensor's axes (rad/s). Samples that cannot be used (not finite,
-    // absurd, out of order, repeated) are counted and dropped; the call always succeeds.
+    // absurd, out of order, repeated) are counted and dropped; the call always succeeds. The
+    // offset estimated while the camera was at rest is taken off before integration.
     void addAngularVelocity(int64_t timestampNs, const float* rateSensor);
 
     // Warp grid of one frame into `vertices` (gridColumns x gridRows x 3 floats). Returns
@@ -84,6 +86,7 @@ class Stabilizer {
     StabConfig config_;
     Counters counters_;
     GyroHistory history_;
+    BiasEstimator bias_;
     PathSmoother smoother_;
     SmootherParams params_;
     int nodeCount_;     // look-ahead nodes including the frame's own

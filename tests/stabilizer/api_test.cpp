@@ -160,35 +160,40 @@ TEST(VStabApi, StillCameraGetsTheUnwarpedGrid) {
 }
 
 TEST(VStabApi, ShakeIsCancelledAndAPanIsFollowed) {
-    // Yaw: a pan at 0.2 rad/s plus 5 Hz shake of 0.01 rad; the grid centre must move with the
-    // shake (cancelling it) but not drift away with the pan.
+    // A yaw pan at 0.2 rad/s with 5 Hz yaw shake of 0.01 rad and 4 Hz pitch shake of 0.006 rad:
+    // the grid centre must move against the shake (cancelling it) but not with the pan.
     Lib lib;
-    const double w = 2 * 3.14159265358979 * 5.0;
-    lib.feed(kStart, kStart + 4000 * kMs, [w](double t, float* r) {
-        r[0] = 0.0f;
-        r[1] = static_cast<float>(0.2 + 0.01 * w * std::cos(w * t));
+    const double pi = 3.14159265358979;
+    const double wy = 2 * pi * 5.0, wx = 2 * pi * 4.0;
+    lib.feed(kStart, kStart + 4000 * kMs, [&](double t, float* r) {
+        r[0] = static_cast<float>(0.006 * wx * std::cos(wx * t));
+        r[1] = static_cast<float>(0.2 + 0.01 * wy * std::cos(wy * t));
         r[2] = 0.0f;
     });
     const VStabConfigRecord& c = lib.config();
     const size_t centre = 3 * ((c.gridRows / 2) * c.gridColumns + c.gridColumns / 2);
-    double worst = 0.0, spread = 0.0;
+    const double fx = 0.5 / std::tan(33.0 * pi / 180.0);
+    const double fy = 0.5 / std::tan(20.07 * pi / 180.0);
+    double worst = 0.0, spreadX = 0.0, spreadY = 0.0;
     for (int64_t f = kStart + 500 * kMs; f < kStart + 3000 * kMs; f += 33 * kMs) {
         ASSERT_EQ(lib.warp(f), 0);
         if (f < kStart + 1500 * kMs) {
             continue;  // the path starts at the shaken pose and settles first
         }
-        // The physical shake at the frame's centre row, seen in the output.
+        // The physical camera at the frame's centre row is turned by the shake against the
+        // smooth virtual one: to the right by the yaw, downwards by the pitch, so the frame
+        // centre shows up right of and above the output centre.
         const double t = static_cast<double>(f + 5 * kMs + 15 * kMs - kStart) * 1e-9;
-        const double shake = 0.01 * std::sin(w * t);
-        const double fx = 0.5 / std::tan(33.0 * 3.14159265358979 / 180.0);
-        // The physical camera is turned by `shake` against the smooth virtual one, so the frame
-        // centre shows up that far to the right.
-        const double expected = 2.5 * fx * std::tan(shake);
-        worst = std::fmax(worst, std::fabs(lib.vertices[centre] - expected));
-        spread = std::fmax(spread, std::fabs(lib.vertices[centre]));
+        const double x = 2.5 * fx * std::tan(0.01 * std::sin(wy * t));
+        const double y = -2.5 * fy * std::tan(0.006 * std::sin(wx * t));
+        worst = std::fmax(worst, std::fabs(lib.vertices[centre] - x));
+        worst = std::fmax(worst, std::fabs(lib.vertices[centre + 1] - y));
+        spreadX = std::fmax(spreadX, std::fabs(lib.vertices[centre]));
+        spreadY = std::fmax(spreadY, std::fabs(lib.vertices[centre + 1]));
     }
     EXPECT_LT(worst, 0.004) << "shake left in the output (NDC)";
-    EXPECT_GT(spread, 0.015) << "the grid does not move with the shake";
+    EXPECT_GT(spreadX, 0.015) << "the grid does not move with the yaw shake";
+    EXPECT_GT(spreadY, 0.015) << "the grid does not move with the pitch shake";
 }
 
 TEST(VStabApi, UnusableSamplesAreCountedNotRefused) {

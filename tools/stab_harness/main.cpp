@@ -72,7 +72,8 @@ void checkRow(Row& r) {
     }
 }
 
-std::string table(const std::vector<Row>& rows, double scale, unsigned long long seed) {
+std::string table(const std::vector<Row>& rows, const std::vector<std::string>& failures,
+                  double scale, unsigned long long seed) {
     std::ostringstream s;
     char line[512];
     std::snprintf(line, sizeof line,
@@ -86,16 +87,28 @@ std::string table(const std::vector<Row>& rows, double scale, unsigned long long
     for (const Row& r : rows) {
         const Figures& in = r.run.inputFigures;
         const Figures& out = r.run.outputFigures;
-        const double reduction =
-            in.wobblePx > 0.0 ? 100.0 * (1.0 - out.wobblePx / in.wobblePx) : 0.0;
+        char reduction[32] = "none to reduce";
+        if (in.wobblePx >= kWobbleMeaningfulPx) {
+            std::snprintf(reduction, sizeof reduction, "%.1f %%",
+                          100.0 * (1.0 - out.wobblePx / in.wobblePx));
+        }
         std::snprintf(line, sizeof line,
-                      "| %s (%s) | %.2f / %.3f | %.2f / %.3f (%.1f %%) | %.3f / %.3f | %.2f / %.2f "
+                      "| %s (%s) | %.2f / %.3f | %.2f / %.3f (%s) | %.3f / %.3f | %.2f / %.2f "
                       "| %d | %d / %d / %d |\n",
                       r.name.c_str(), r.description.c_str(), in.jitterPx, out.jitterPx, in.wobblePx,
                       out.wobblePx, reduction, in.stability, out.stability, in.maxAccelRadS2,
                       out.maxAccelRadS2, out.framesOutside, r.run.framesWarped,
                       r.run.framesUnwarped, r.run.framesDropped);
         s << line;
+    }
+    s << "\nAcceptance: ";
+    if (failures.empty()) {
+        s << "every threshold met.\n";
+    } else {
+        for (const std::string& f : failures) {
+            s << "FAILED " << f << "; ";
+        }
+        s << "\n";
     }
     return s.str();
 }
@@ -184,7 +197,7 @@ int main(int argc, char** argv) {
             failures.insert(failures.end(), r.failures.begin(), r.failures.end());
             rows.push_back(std::move(r));
         }
-        const std::string t = table(rows, scale, seed);
+        const std::string t = table(rows, failures, scale, seed);
         std::fputs(t.c_str(), stdout);
         if (!markdown.empty()) {
             replaceSection(markdown, t);
