@@ -114,7 +114,7 @@ void warpFrames(benchmark::State& state, const char* scenario) {
             state.ResumeTiming();
         }
     }
-    state.counters["warped"] =
+    state.counters["warpedShare"] =
         benchmark::Counter(static_cast<double>(warped), benchmark::Counter::kAvgIterations);
     state.counters["vertices"] = static_cast<double>(cfg->gridColumns * cfg->gridRows);
     vStabDestroy(h);

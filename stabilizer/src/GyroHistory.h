@@ -19,8 +19,9 @@ class GyroHistory {
     // Samples whose rate exceeds this are treated as sensor garbage (rad/s; phone gyros
     // saturate near 35 rad/s).
     static constexpr double kMaxRateRadPerS = 100.0;
-    // Timestamps beyond +-2^62 ns are refused so that adding offsets can never overflow.
-    static constexpr int64_t kMaxAbsTimestampNs = int64_t{1} << 62;
+    // Timestamps beyond +-2^61 ns (73 years) are refused so that neither differences of two
+    // timestamps nor a timestamp plus an offset can overflow.
+    static constexpr int64_t kMaxAbsTimestampNs = int64_t{1} << 61;
 
     // capacity: samples kept (rounded up to a power of two, at least 2); gapMaxNs: a longer
     // interval between two samples is bridged as no rotation instead of extrapolating the rates

@@ -55,7 +55,8 @@ TEST(GyroHistory, DropsUnusableSamplesWithoutChangingTheHistory) {
     EXPECT_EQ(h.add(5000002000, {nan, 0, 0}), GyroHistory::AddResult::NonFinite);
     EXPECT_EQ(h.add(5000002000, {0, -inf, 0}), GyroHistory::AddResult::NonFinite);
     EXPECT_EQ(h.add(5000002000, {1e6, 0, 0}), GyroHistory::AddResult::Implausible);
-    EXPECT_EQ(h.add(int64_t{1} << 62 | 1, {0, 0, 0}), GyroHistory::AddResult::Implausible);
+    EXPECT_EQ(h.add((int64_t{1} << 61) + 1, {0, 0, 0}), GyroHistory::AddResult::Implausible);
+    EXPECT_EQ(h.add(-(int64_t{1} << 62), {0, 0, 0}), GyroHistory::AddResult::Implausible);
     EXPECT_EQ(h.add(4000, {0, 0, 0}), GyroHistory::AddResult::OutOfOrder);
     EXPECT_EQ(h.add(5000001000, {0, 0, 0}), GyroHistory::AddResult::Duplicate);
     EXPECT_EQ(h.size(), 2u);

@@ -10,7 +10,7 @@ constexpr double kDeg = 3.14159265358979323846 / 180.0;
 }
 
 std::vector<std::string> scenarioNames() {
-    return {"walk", "pan", "still", "jog"};
+    return {"walk", "pan", "still", "jog", "violent"};
 }
 
 Scenario makeScenario(const std::string& name, double scale, uint64_t seed) {
