@@ -9,7 +9,8 @@ namespace vstab {
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
-// Timestamps whose magnitude exceeds this are refused before any offset is added to them.
+// A frame whose timestamp lies beyond +-this is shown unwarped (status 1), before any offset
+// is added to the timestamp that could overflow.
 constexpr int64_t kMaxAbsFrameNs = int64_t{1} << 61;
 // Longest exposure the engine reports (it clamps to 0.3 s); used to size the history.
 constexpr int64_t kMaxExposureNs = 300000000;
@@ -50,7 +51,8 @@ Stabilizer::Stabilizer(const StabConfig& config)
       nodeP_(static_cast<size_t>(nodeCount_)),
       nodeUsage_(static_cast<size_t>(nodeCount_)) {
     // Cut-off 0.6 / window: the smoothing's time constant tau = window / (1.2 pi) is then at
-    // most half the look-ahead (latency >= window / 2), which keeps the path from overshooting.
+    // most 0.53 x the look-ahead (latency >= window / 2), which keeps the receding-horizon path
+    // from overshooting.
     const double tau = static_cast<double>(config.windowNs) * 1e-9 / (1.2 * kPi);
     params_.lambda = tau * tau * tau * tau;
     for (int i = 0; i < nodeCount_; ++i) {
@@ -237,8 +239,11 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     const RowOrientations rowSet{rowQ_.data(), rowM_.data(), rows};
     const Quat physicalCentre = physical(centre);
 
+    // A frame not newer than the last committed one (a repeat, or a frame whose centre moved
+    // back because its exposure shrank sharply) is shown from the committed path, which it
+    // leaves unchanged; the path's times stay strictly increasing.
     const Committed* last = committed(0);
-    const bool replayed = last != nullptr && ts <= last->frameNs;
+    const bool replayed = last != nullptr && (ts <= last->frameNs || centre <= last->centreNs);
     Quat virt = replayed ? replay(centre, physicalCentre)
                          : solvePath(centre, timing, camera, physicalCentre);
 

@@ -128,6 +128,21 @@ TEST(Stabilizer, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
         previous = s.lastVirtual();
     }
     EXPECT_EQ(s.counters().pathRestarts, 1u);
+    // An exposure that jumps from 10 ms to 300 ms and back moves the frames' centre times
+    // forwards and then backwards; the path neither restarts nor jumps.
+    for (const int64_t exposureMs : {300, 10, 10}) {
+        const VStabFrameInfo info{40,
+                                  2,
+                                  kStart + (2000 + 33 * (exposureMs == 300 ? 0 : 1)) * kMs,
+                                  exposureMs * kMs,
+                                  1.0f,
+                                  1.0f,
+                                  0,
+                                  0};
+        ASSERT_EQ(s.warp(info, grid.data()), kStatusWarped);
+        EXPECT_LT(angleBetween(previous, s.lastVirtual()), 0.3 * 0.2) << exposureMs;
+    }
+    EXPECT_EQ(s.counters().pathRestarts, 1u);
     ASSERT_EQ(warp(s, kStart + 5000 * kMs, grid), kStatusWarped);
     EXPECT_EQ(s.counters().pathRestarts, 2u);
     EXPECT_EQ(s.lastCentreNs(), kStart + 5000 * kMs + 5 * kMs + 15 * kMs);
