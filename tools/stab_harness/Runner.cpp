@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <sstream>
 #include <stdexcept>
 
 #include "zef_gyro_vstab.h"
@@ -31,17 +32,25 @@ struct Handle {
 std::string configFor(const sim::Scenario& s, const std::string& extraLines) {
     char text[512];
     std::snprintf(text, sizeof text,
-                  "# simulated %s\n"
                   "vstab.fovHorizontalDeg=%.6f\n"
                   "vstab.fovVerticalDeg=%.6f\n"
                   "vstab.readoutNs=%lld\n"
                   "vstab.gyroTimeOffsetNs=%lld\n"
                   "vstab.gyroAxes=%s\n",
-                  s.name.c_str(), s.camera.fovHorizontalDeg, s.camera.fovVerticalDeg(),
+                  s.camera.fovHorizontalDeg, s.camera.fovVerticalDeg(),
                   static_cast<long long>(std::llround(s.camera.readoutS * 1e9)),
                   static_cast<long long>(std::llround(s.gyro.timeOffsetS * 1e9)),
                   s.gyro.axes.c_str());
-    return std::string(text) + extraLines;
+    // The scenario's lines, less those whose key the extra lines set (a key may appear once).
+    std::string out = "# simulated " + s.name + "\n";
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string key = line.substr(0, line.find('='));
+        if (("\n" + extraLines).find("\n" + key + "=") == std::string::npos) {
+            out += line + "\n";
+        }
+    }
+    return out + extraLines;
 }
 
 RunResult runScenario(const sim::Scenario& s, const std::string& configText, double trimS) {
