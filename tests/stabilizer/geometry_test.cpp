@@ -19,7 +19,7 @@ double distance(const Vec3& a, const Vec3& b) {
     return norm(a - b);
 }
 
-TEST(Rotation, ExpAndLogAreInverseAcrossTheTaylorBoundaryAndNearPi) {
+TEST(StabRotation, ExpAndLogAreInverseAcrossTheTaylorBoundaryAndNearPi) {
     for (double angle : {1e-9, 1e-3, 0.2499, 0.25, 0.2501, 1.0, 3.0, kPi - 1e-6}) {
         const Vec3 r = Vec3{0.48, -0.6, 0.64} * angle;  // unit axis times angle
         const Quat q = expMap(r);
@@ -32,7 +32,7 @@ TEST(Rotation, ExpAndLogAreInverseAcrossTheTaylorBoundaryAndNearPi) {
     EXPECT_LT(distance(v, {1, 0, 0}), 1e-15);
 }
 
-TEST(GyroHistory, IntegratesAConstantRateExactly) {
+TEST(StabGyroHistory, IntegratesAConstantRateExactly) {
     GyroHistory h(1024, 100000000);
     const Vec3 rate = {0.3, -1.2, 0.5};  // rad/s
     for (int i = 0; i <= 400; ++i) {
@@ -46,7 +46,7 @@ TEST(GyroHistory, IntegratesAConstantRateExactly) {
     EXPECT_LT(distance(logMap(q), rate * 0.001234567), 1e-12);
 }
 
-TEST(GyroHistory, DropsUnusableSamplesWithoutChangingTheHistory) {
+TEST(StabGyroHistory, DropsUnusableSamplesWithoutChangingTheHistory) {
     GyroHistory h(64, 100000000);
     ASSERT_EQ(h.add(1000, {0, 0, 1}), GyroHistory::AddResult::Accepted);
     ASSERT_EQ(h.add(5000001000, {0, 0, 1}), GyroHistory::AddResult::Accepted);
@@ -68,7 +68,7 @@ TEST(GyroHistory, DropsUnusableSamplesWithoutChangingTheHistory) {
     EXPECT_EQ(h.gapsBridged(), 1u);
 }
 
-TEST(GyroHistory, RingKeepsTheNewestSamplesAndOrderedLookupsAgree) {
+TEST(StabGyroHistory, RingKeepsTheNewestSamplesAndOrderedLookupsAgree) {
     GyroHistory h(100, 100000000);  // rounded up to 128
     ASSERT_EQ(h.capacity(), 128u);
     for (int i = 0; i < 1000; ++i) {
@@ -119,7 +119,7 @@ struct Fixture {
     }
 };
 
-TEST(WarpGrid, AtRestMatchesTheEnginesUnwarpedGrid) {
+TEST(StabWarpGrid, AtRestMatchesTheEnginesUnwarpedGrid) {
     for (double zoom : {1.0, 2.5}) {
         Fixture f(zoom);
         f.config.principalPointX = 0.47;
@@ -139,7 +139,7 @@ TEST(WarpGrid, AtRestMatchesTheEnginesUnwarpedGrid) {
     }
 }
 
-TEST(WarpGrid, VirtualCameraTurnedRightShowsTheFrameCentreLeftOfCentre) {
+TEST(StabWarpGrid, VirtualCameraTurnedRightShowsTheFrameCentreLeftOfCentre) {
     Fixture f;
     const double yaw = 0.02;  // virtual optical axis turned towards the physical +x
     f.write(expMap({0, yaw, 0}));
@@ -153,7 +153,7 @@ TEST(WarpGrid, VirtualCameraTurnedRightShowsTheFrameCentreLeftOfCentre) {
     EXPECT_GT(f.vertex(ci, cj)[1], 0.0f);
 }
 
-TEST(WarpGrid, EachRowIsProjectedWithItsOwnOrientation) {
+TEST(StabWarpGrid, EachRowIsProjectedWithItsOwnOrientation) {
     Fixture f;
     for (size_t j = 0; j < f.rows.size(); ++j) {
         f.rows[j] = expMap({0.001 * j, -0.002 * j, 0.0005 * j});  // rolling-shutter turn
@@ -179,7 +179,7 @@ TEST(WarpGrid, EachRowIsProjectedWithItsOwnOrientation) {
     }
 }
 
-TEST(WarpGrid, ExtremeTurnsStillWriteFiniteBoundedValues) {
+TEST(StabWarpGrid, ExtremeTurnsStillWriteFiniteBoundedValues) {
     Fixture f;
     for (const Vec3 r : {Vec3{0, kPi, 0}, Vec3{kPi / 2, 0, 0}, Vec3{0, 0, 3.0}}) {
         f.write(expMap(r));
@@ -190,7 +190,7 @@ TEST(WarpGrid, ExtremeTurnsStillWriteFiniteBoundedValues) {
     }
 }
 
-TEST(CropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
+TEST(StabCropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
     Fixture f;
     const RowOrientations rows = f.rowSet();
     const CropMargins m = cropMargins(f.camera, f.config.overscan);

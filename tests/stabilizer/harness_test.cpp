@@ -26,7 +26,7 @@ std::vector<float> uniformGrid(int columns, int rows, double shiftX = 0.0) {
     return g;
 }
 
-TEST(WarpMesh, FindsTheTextureCoordinateDrawnAtAPoint) {
+TEST(StabHarnessMesh, FindsTheTextureCoordinateDrawnAtAPoint) {
     const std::vector<float> g = uniformGrid(9, 7);
     const WarpMesh mesh(g.data(), 9, 7);
     for (double x : {-1.0, -0.31, 0.0, 0.77, 1.0}) {
@@ -41,7 +41,7 @@ TEST(WarpMesh, FindsTheTextureCoordinateDrawnAtAPoint) {
     EXPECT_FALSE(mesh.textureAt(1.3, 0.0, u, v));
 }
 
-TEST(Metrics, FitRotationRecoversAKnownRotation) {
+TEST(StabHarnessMetrics, FitRotationRecoversAKnownRotation) {
     const Q truth = sim::fromRotationVector({0.1, -0.4, 0.25});
     std::vector<V3> a, b;
     for (int k = 0; k < 12; ++k) {
@@ -52,7 +52,7 @@ TEST(Metrics, FitRotationRecoversAKnownRotation) {
     EXPECT_LT(sim::angle(fitRotation(a.data(), b.data(), 12), truth), 1e-9);
 }
 
-TEST(Metrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
+TEST(StabHarnessMetrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
     const sim::Trajectory still{sim::MotionSpec{}};
     const sim::CameraSpec camera;
     const std::vector<float> g = uniformGrid(33, 19);
@@ -68,7 +68,7 @@ TEST(Metrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
     EXPECT_GT(s.outsidePoints, 0);
 }
 
-TEST(Metrics, RollingShutterWobbleOfARotatingCameraIsSeen) {
+TEST(StabHarnessMetrics, RollingShutterWobbleOfARotatingCameraIsSeen) {
     sim::MotionSpec spin;
     spin.yaw.pans = {{0.0, 1000.0, 100.0}};  // ~0.2 rad/s
     const sim::Trajectory truth(spin);
@@ -82,7 +82,7 @@ TEST(Metrics, RollingShutterWobbleOfARotatingCameraIsSeen) {
     EXPECT_NEAR(e.wobblePx, expected, 0.1 * expected);
 }
 
-TEST(Metrics, JitterAndStabilityOfKnownMotions) {
+TEST(StabHarnessMetrics, JitterAndStabilityOfKnownMotions) {
     sim::CameraSpec camera;
     const double focalOut = camera.focalPx() * 1.25;
     auto frames = [&](double f, double amp) {
@@ -101,7 +101,7 @@ TEST(Metrics, JitterAndStabilityOfKnownMotions) {
     EXPECT_NEAR(slow.maxAccelRadS2, 0.2 * std::pow(2 * kPi * 0.1, 2), 0.01);
 }
 
-TEST(Simulation, GyroReportsTheTrajectoryInTheSensorsAxesAndClock) {
+TEST(StabSimulation, GyroReportsTheTrajectoryInTheSensorsAxesAndClock) {
     sim::Scenario s = sim::makeScenario("walk");
     s.gyro.noiseRadPerS = 0.0;
     s.gyro.biasRadPerS = {};

@@ -62,7 +62,7 @@ Response respond(double f, double windowS, double latencyS) {
     return {std::hypot(s, c), std::atan2(c, s) * 180.0 / kPi};
 }
 
-TEST(PathSmoother, KeepsIntendedMotionWithoutOvershootOrLag) {
+TEST(StabPathSmoother, KeepsIntendedMotionWithoutOvershootOrLag) {
     for (double f : {0.05, 0.1, 0.2, 0.3}) {
         const Response r = respond(f, 1.2, 0.6);
         EXPECT_LT(r.gain, 1.03) << f << " Hz is amplified";
@@ -71,13 +71,13 @@ TEST(PathSmoother, KeepsIntendedMotionWithoutOvershootOrLag) {
     }
 }
 
-TEST(PathSmoother, RemovesHandShake) {
+TEST(StabPathSmoother, RemovesHandShake) {
     for (double f : {2.0, 3.0, 5.0, 8.0, 12.0}) {
         EXPECT_LT(respond(f, 1.2, 0.6).gain, 0.01) << f << " Hz";
     }
 }
 
-TEST(PathSmoother, FollowsAConstantVelocityPanExactly) {
+TEST(StabPathSmoother, FollowsAConstantVelocityPanExactly) {
     PathSmoother smoother(13);
     SmootherParams params;
     params.lambda = 0.01;
@@ -105,7 +105,7 @@ TEST(PathSmoother, FollowsAConstantVelocityPanExactly) {
     }
 }
 
-TEST(PathSmoother, BendsTowardsThePhysicalPathBeforeTheCropMarginRunsOut) {
+TEST(StabPathSmoother, BendsTowardsThePhysicalPathBeforeTheCropMarginRunsOut) {
     // Still past, then the physical camera jumps 0.1 rad sideways ahead in the horizon.
     const int n = 37;
     PathSmoother smoother(n);

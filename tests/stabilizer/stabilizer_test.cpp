@@ -35,7 +35,7 @@ int warp(Stabilizer& s, int64_t t, std::vector<float>& grid) {
     return s.warp(info, grid.data());
 }
 
-TEST(Stabilizer, CountsEveryDroppedSample) {
+TEST(StabSession, CountsEveryDroppedSample) {
     Stabilizer s(configWithReadout());
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float ok[3] = {0.1f, 0.0f, 0.0f};
@@ -56,7 +56,7 @@ TEST(Stabilizer, CountsEveryDroppedSample) {
     EXPECT_EQ(c.samplesDuplicate, 1u);
 }
 
-TEST(BiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
+TEST(StabBiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
     const Vec3 offset = {0.004, -0.006, 0.002};
     BiasEstimator still, shaken, turning;
     uint32_t seed = 1;
@@ -77,7 +77,7 @@ TEST(BiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
     EXPECT_FALSE(turning.hasEstimate());
 }
 
-TEST(Stabilizer, CropLimitHoldsUnderShakeNoMarginAbsorbs) {
+TEST(StabSession, CropLimitHoldsUnderShakeNoMarginAbsorbs) {
     Stabilizer s(configWithReadout());
     const StabConfig& c = s.config();
     std::vector<float> grid(static_cast<size_t>(c.gridColumns) * c.gridRows * 3);
@@ -109,7 +109,7 @@ TEST(Stabilizer, CropLimitHoldsUnderShakeNoMarginAbsorbs) {
     EXPECT_GT(s.counters().framesClamped, 0u);
 }
 
-TEST(Stabilizer, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
+TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
     Stabilizer s(configWithReadout());
     std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows * 3);
     const Vec3 pan = {0.0, 0.3, 0.0};  // rad/s
