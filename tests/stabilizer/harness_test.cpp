@@ -53,8 +53,8 @@ TEST(StabHarnessMetrics, FitRotationRecoversAKnownRotation) {
 }
 
 TEST(StabHarnessMetrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
-    const sim::Trajectory still{sim::MotionSpec{}};
-    const sim::CameraSpec camera;
+    const sim::Trajectory still{sim::MotionPlan{}};
+    const sim::CameraSetup camera;
     const std::vector<float> g = uniformGrid(33, 19);
     const FrameEvaluation e =
         evaluateFrame(g.data(), 33, 19, 1.25, still, camera, {sim::toClockNs(1.0), 10000000});
@@ -69,10 +69,10 @@ TEST(StabHarnessMetrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
 }
 
 TEST(StabHarnessMetrics, RollingShutterWobbleOfARotatingCameraIsSeen) {
-    sim::MotionSpec spin;
+    sim::MotionPlan spin;
     spin.yaw.pans = {{0.0, 1000.0, 100.0}};  // ~0.2 rad/s
     const sim::Trajectory truth(spin);
-    sim::CameraSpec camera;
+    sim::CameraSetup camera;
     const std::vector<float> g = uniformGrid(33, 19);
     const sim::FrameStamp frame{sim::toClockNs(500.0), 10000000};
     const double rate = sim::length(truth.angularVelocity(500.0));
@@ -83,7 +83,7 @@ TEST(StabHarnessMetrics, RollingShutterWobbleOfARotatingCameraIsSeen) {
 }
 
 TEST(StabHarnessMetrics, JitterAndStabilityOfKnownMotions) {
-    sim::CameraSpec camera;
+    sim::CameraSetup camera;
     const double focalOut = camera.focalPx() * 1.25;
     auto frames = [&](double f, double amp) {
         std::vector<FrameEvaluation> out(600);

@@ -246,7 +246,7 @@ double displacementPx(const V3& d, double focalPx, double rmsRadiusPx) {
 }
 
 FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double overscan,
-                              const sim::Trajectory& truth, const sim::CameraSpec& camera,
+                              const sim::Trajectory& truth, const sim::CameraSetup& camera,
                               const sim::FrameStamp& frame) {
     FrameEvaluation ev;
     const WarpMesh mesh(grid, columns, rows);
@@ -334,7 +334,7 @@ FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double o
     return ev;
 }
 
-Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSpec& camera,
+Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSetup& camera,
                   double overscan, double trimS) {
     Figures f;
     const size_t n = frames.size();

@@ -56,7 +56,7 @@ struct FrameEvaluation {
 
 // Evaluates one output frame drawn through `grid`.
 FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double overscan,
-                              const sim::Trajectory& truth, const sim::CameraSpec& camera,
+                              const sim::Trajectory& truth, const sim::CameraSetup& camera,
                               const sim::FrameStamp& frame);
 
 struct Figures {
@@ -70,7 +70,7 @@ struct Figures {
 
 // Figures over consecutive frames at `fps`; `trimS` seconds at each end are left out of the
 // jitter and acceleration (filter edges, start-up).
-Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSpec& camera,
+Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSetup& camera,
                   double overscan, double trimS);
 
 }  // namespace qlmr::harness

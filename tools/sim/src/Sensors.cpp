@@ -35,25 +35,25 @@ void parseAxes(const std::string& text, int axis[3], int sign[3]) {
 
 }  // namespace
 
-std::vector<GyroSample> simulateGyro(const Trajectory& truth, const GyroSpec& spec, double t0S,
+std::vector<GyroSample> simulateGyro(const Trajectory& truth, const GyroSetup& setup, double t0S,
                                      double t1S) {
     int axis[3];
     int sign[3];
-    parseAxes(spec.axes, axis, sign);
-    std::mt19937_64 rng(spec.seed);
-    std::normal_distribution<double> noise(0.0, spec.noiseRadPerS);
-    std::uniform_real_distribution<double> jitter(-spec.jitterS, spec.jitterS);
+    parseAxes(setup.axes, axis, sign);
+    std::mt19937_64 rng(setup.seed);
+    std::normal_distribution<double> noise(0.0, setup.noiseRadPerS);
+    std::uniform_real_distribution<double> jitter(-setup.jitterS, setup.jitterS);
     std::vector<GyroSample> out;
-    const double period = 1.0 / spec.rateHz;
+    const double period = 1.0 / setup.rateHz;
     for (int64_t k = 0;; ++k) {
         const double t = t0S + static_cast<double>(k) * period;
         if (t >= t1S) {
             break;
         }
         const double tSample = t + jitter(rng);
-        const V3 cam = truth.angularVelocity(tSample) + spec.biasRadPerS;
+        const V3 cam = truth.angularVelocity(tSample) + setup.biasRadPerS;
         GyroSample s;
-        s.timestampNs = toClockNs(tSample + spec.timeOffsetS);
+        s.timestampNs = toClockNs(tSample + setup.timeOffsetS);
         for (int i = 0; i < 3; ++i) {
             s.rate[axis[i]] = static_cast<float>(sign[i] * cam[i] + noise(rng));
         }
@@ -62,17 +62,17 @@ std::vector<GyroSample> simulateGyro(const Trajectory& truth, const GyroSpec& sp
     return out;
 }
 
-double CameraSpec::fovVerticalDeg() const {
+double CameraSetup::fovVerticalDeg() const {
     return 2.0 * std::atan(std::tan(fovHorizontalDeg * kPi / 360.0) * height / width) * 180.0 / kPi;
 }
-double CameraSpec::fx() const {
+double CameraSetup::fx() const {
     return 0.5 / std::tan(fovHorizontalDeg * kPi / 360.0);
 }
-double CameraSpec::fy() const {
+double CameraSetup::fy() const {
     return fx() * width / height;
 }
 
-std::vector<FrameStamp> simulateFrames(const CameraSpec& camera, double t0S, double t1S) {
+std::vector<FrameStamp> simulateFrames(const CameraSetup& camera, double t0S, double t1S) {
     std::vector<FrameStamp> out;
     const int64_t exposureNs = std::llround(camera.exposureS * 1e9);
     for (int k = 0;; ++k) {
@@ -85,12 +85,12 @@ std::vector<FrameStamp> simulateFrames(const CameraSpec& camera, double t0S, dou
     return out;
 }
 
-double rowTimeS(const CameraSpec& camera, const FrameStamp& frame, double v) {
+double rowTimeS(const CameraSetup& camera, const FrameStamp& frame, double v) {
     return toSeconds(frame.timestampNs) + v * camera.readoutS +
            0.5 * static_cast<double>(frame.exposureNs) * 1e-9;
 }
 
-V3 worldDirection(const Trajectory& truth, const CameraSpec& camera, const FrameStamp& frame,
+V3 worldDirection(const Trajectory& truth, const CameraSetup& camera, const FrameStamp& frame,
                   double u, double v) {
     const V3 ray = unit(V3{(u - 0.5) / camera.fx(), (v - 0.5) / camera.fy(), 1.0});
     return rotate(truth.orientation(rowTimeS(camera, frame, v)), ray);

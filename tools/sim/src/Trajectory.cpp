@@ -44,14 +44,14 @@ AxisPath handShake(std::mt19937_64& rng, double loHz, double hiHz, double totalA
 }
 
 Q Trajectory::intended(double t) const {
-    const Q yaw = axisAngle({0, 1, 0}, spec_.yaw.value(t));
-    const Q pitch = axisAngle({1, 0, 0}, spec_.pitch.value(t));
-    const Q roll = axisAngle({0, 0, 1}, spec_.roll.value(t));
+    const Q yaw = axisAngle({0, 1, 0}, plan_.yaw.value(t));
+    const Q pitch = axisAngle({1, 0, 0}, plan_.pitch.value(t));
+    const Q roll = axisAngle({0, 0, 1}, plan_.roll.value(t));
     return yaw * pitch * roll;
 }
 
 Q Trajectory::orientation(double t) const {
-    const V3 shake = {spec_.shake[0].value(t), spec_.shake[1].value(t), spec_.shake[2].value(t)};
+    const V3 shake = {plan_.shake[0].value(t), plan_.shake[1].value(t), plan_.shake[2].value(t)};
     return unit(intended(t) * fromRotationVector(shake));
 }
 

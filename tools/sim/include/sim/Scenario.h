@@ -16,9 +16,9 @@ struct Scenario {
     std::string name;
     std::string description;
     double durationS = 0.0;
-    MotionSpec motion;
-    GyroSpec gyro;
-    CameraSpec camera;
+    MotionPlan motion;
+    GyroSetup gyro;
+    CameraSetup camera;
 };
 
 // "walk": handheld walk, slow looking around, 2-12 Hz shake of 1.2-2 degrees per axis.

@@ -24,7 +24,7 @@ inline double toSeconds(int64_t clockNs) {
     return static_cast<double>(clockNs - kClockBaseNs) * 1e-9;
 }
 
-struct GyroSpec {
+struct GyroSetup {
     double rateHz = 400.0;
     double jitterS = 0.0002;      // timestamp jitter (uniform +-), seconds
     double noiseRadPerS = 0.002;  // white noise per sample and axis, standard deviation
@@ -42,10 +42,10 @@ struct GyroSample {
 };
 
 // Samples over [t0S, t1S). Throws std::invalid_argument for a malformed axes text.
-std::vector<GyroSample> simulateGyro(const Trajectory& truth, const GyroSpec& spec, double t0S,
+std::vector<GyroSample> simulateGyro(const Trajectory& truth, const GyroSetup& setup, double t0S,
                                      double t1S);
 
-struct CameraSpec {
+struct CameraSetup {
     int width = 1920;
     int height = 1080;
     double fovHorizontalDeg = 66.0;
@@ -66,14 +66,14 @@ struct FrameStamp {
     int64_t exposureNs;
 };
 
-std::vector<FrameStamp> simulateFrames(const CameraSpec& camera, double t0S, double t1S);
+std::vector<FrameStamp> simulateFrames(const CameraSetup& camera, double t0S, double t1S);
 
 // True time (seconds) at which image row v (0 = first row in memory, 1 = last) of the frame
 // was exposed: the middle of that row's exposure.
-double rowTimeS(const CameraSpec& camera, const FrameStamp& frame, double v);
+double rowTimeS(const CameraSetup& camera, const FrameStamp& frame, double v);
 
 // World direction (unit) of what the frame shows at image point (u, v) in frame fractions.
-V3 worldDirection(const Trajectory& truth, const CameraSpec& camera, const FrameStamp& frame,
+V3 worldDirection(const Trajectory& truth, const CameraSetup& camera, const FrameStamp& frame,
                   double u, double v);
 
 }  // namespace qlmr::sim

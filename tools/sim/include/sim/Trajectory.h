@@ -34,7 +34,7 @@ struct AxisPath {
     double value(double tS) const;
 };
 
-struct MotionSpec {
+struct MotionPlan {
     // Intended motion as yaw (about the camera's y axis), pitch (x) and roll (z), applied in
     // that order: R = Ry(yaw) Rx(pitch) Rz(roll).
     AxisPath yaw, pitch, roll;
@@ -50,7 +50,7 @@ AxisPath handShake(std::mt19937_64& rng, double loHz, double hiHz, double totalA
 
 class Trajectory {
   public:
-    explicit Trajectory(MotionSpec spec) : spec_(std::move(spec)) {}
+    explicit Trajectory(MotionPlan plan) : plan_(std::move(plan)) {}
 
     // True orientation (camera to world) at tS seconds.
     Q orientation(double tS) const;
@@ -59,10 +59,10 @@ class Trajectory {
     // Angular velocity in the camera's axes, rad/s.
     V3 angularVelocity(double tS) const;
 
-    const MotionSpec& spec() const { return spec_; }
+    const MotionPlan& plan() const { return plan_; }
 
   private:
-    MotionSpec spec_;
+    MotionPlan plan_;
 };
 
 }  // namespace qlmr::sim
