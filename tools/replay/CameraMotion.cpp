@@ -32,7 +32,7 @@ Mat3 fromAngles(const Angles& a) {
 }
 
 class HandheldMotion : public CameraMotion {
-public:
+  public:
     HandheldMotion(Trajectory trajectory, uint64_t seed) : rng_(seed) {
         std::uniform_real_distribution<double> phase(0, 2 * kPi);
         std::uniform_real_distribution<double> unit(0, 1);
@@ -47,20 +47,23 @@ public:
             intended_[0].push_back({9.0 * kDeg, 0.1, 0.0});
             add(intended_[1], 0.8, 0.05);
         }
-        const double shake = trajectory == Trajectory::Walk ? 1.0 : (trajectory == Trajectory::Pan ? 0.6 : 0.0);
+        const double shake =
+            trajectory == Trajectory::Walk ? 1.0 : (trajectory == Trajectory::Pan ? 0.6 : 0.0);
         const double step = 1.7 + 0.2 * unit(rng_);  // steps per second
         if (shake > 0) {
-            add(shake_[1], 0.7 * shake, step);           // bob: pitch at the step rate
+            add(shake_[1], 0.7 * shake, step);  // bob: pitch at the step rate
             add(shake_[1], 0.2 * shake, 2 * step);
-            add(shake_[0], 0.5 * shake, step / 2);       // sway: yaw and roll at the stride rate
+            add(shake_[0], 0.5 * shake, step / 2);  // sway: yaw and roll at the stride rate
             add(shake_[0], 0.15 * shake, 1.5 * step);
             add(shake_[2], 0.6 * shake, step / 2);
             add(shake_[2], 0.1 * shake, step);
         }
         const double handScale = trajectory == Trajectory::Still ? 0.7 : 1.0;
         for (int axis = 0; axis < 3; ++axis) {
-            for (int k = 0; k < 6; ++k) add(shake_[axis], 0.04 * handScale, 4.0 + 5.0 * unit(rng_));
-            for (int k = 0; k < 8; ++k) add(shake_[axis], 0.12 * handScale, 0.6 + 1.4 * unit(rng_));
+            for (int k = 0; k < 6; ++k)
+                add(shake_[axis], 0.04 * handScale, 4.0 + 5.0 * unit(rng_));
+            for (int k = 0; k < 8; ++k)
+                add(shake_[axis], 0.12 * handScale, 0.6 + 1.4 * unit(rng_));
         }
     }
 
@@ -74,12 +77,15 @@ public:
     }
     Mat3 intended(double t) const override { return fromAngles(anglesOf(intended_, t)); }
 
-private:
+  private:
     static Angles anglesOf(const std::vector<Sine> (&set)[3], double t) {
         Angles a;
-        for (const Sine& s : set[0]) a.yaw += s.at(t);
-        for (const Sine& s : set[1]) a.pitch += s.at(t);
-        for (const Sine& s : set[2]) a.roll += s.at(t);
+        for (const Sine& s : set[0])
+            a.yaw += s.at(t);
+        for (const Sine& s : set[1])
+            a.pitch += s.at(t);
+        for (const Sine& s : set[2])
+            a.roll += s.at(t);
         return a;
     }
 
@@ -91,9 +97,12 @@ private:
 }  // namespace
 
 Trajectory parseTrajectory(const std::string& name) {
-    if (name == "walk") return Trajectory::Walk;
-    if (name == "pan") return Trajectory::Pan;
-    if (name == "still") return Trajectory::Still;
+    if (name == "walk")
+        return Trajectory::Walk;
+    if (name == "pan")
+        return Trajectory::Pan;
+    if (name == "still")
+        return Trajectory::Still;
     throw ReplayError("unknown trajectory '" + name + "' (walk, pan or still)");
 }
 
@@ -137,7 +146,8 @@ std::vector<GyroSample> synthesizeGyro(const CameraMotion& motion, const GyroMod
         const Vec3 dev = mapCameraToDevice(angularVelocity(motion, t)) + b;
         GyroSample s;
         s.timestampNs = zeroNs + static_cast<int64_t>(std::llround(t * 1e9)) + model.timeOffsetNs;
-        if (!out.empty() && s.timestampNs <= last) s.timestampNs = last + 1;
+        if (!out.empty() && s.timestampNs <= last)
+            s.timestampNs = last + 1;
         last = s.timestampNs;
         s.x = static_cast<float>(dev.x + noise(rng));
         s.y = static_cast<float>(dev.y + noise(rng));

@@ -16,7 +16,7 @@ namespace qlmr::replay {
 // Any source of camera orientation as a function of time; the renderer and the gyro model only
 // need this. A simulation library can be wired in by implementing these two functions.
 class CameraMotion {
-public:
+  public:
     virtual ~CameraMotion() = default;
     // Orientation of the shaking camera at `t` seconds after the start of the recording.
     virtual Mat3 actual(double t) const = 0;
@@ -42,10 +42,10 @@ std::unique_ptr<CameraMotion> makeHandheldMotion(Trajectory trajectory, uint64_t
 // How the synthetic gyroscope reports the camera's rotation.
 struct GyroModel {
     double rateHz = 400;
-    double noiseRadPerS = 0.004;      // white noise, standard deviation per sample
-    double biasRadPerS = 0.004;       // each axis gets a constant bias drawn in +-this
-    int64_t timeOffsetNs = 2000000;   // sample at true time t is stamped t + offset
-    double jitterNs = 50000;          // timestamp jitter, +-uniform
+    double noiseRadPerS = 0.004;     // white noise, standard deviation per sample
+    double biasRadPerS = 0.004;      // each axis gets a constant bias drawn in +-this
+    int64_t timeOffsetNs = 2000000;  // sample at true time t is stamped t + offset
+    double jitterNs = 50000;         // timestamp jitter, +-uniform
     uint64_t seed = 1;
 };
 
@@ -61,7 +61,11 @@ Vec3 angularVelocity(const CameraMotion& motion, double t);
 // Device (gyro) axes of a phone held in landscape whose back camera records: camera x = device
 // y, camera y = device x, camera z = -device z. Maps camera-axis rates to what the gyroscope
 // reports.
-inline Vec3 mapCameraToDevice(Vec3 cam) { return {cam.y, cam.x, -cam.z}; }
-inline Vec3 mapDeviceToCamera(Vec3 dev) { return {dev.y, dev.x, -dev.z}; }
+inline Vec3 mapCameraToDevice(Vec3 cam) {
+    return {cam.y, cam.x, -cam.z};
+}
+inline Vec3 mapDeviceToCamera(Vec3 dev) {
+    return {dev.y, dev.x, -dev.z};
+}
 
 }  // namespace qlmr::replay

@@ -129,7 +129,8 @@ void downsampleLuma(const uint8_t* y, int width, int height, int stride, int fac
             int sum = 0;
             for (int j = 0; j < factor; ++j) {
                 const uint8_t* r = y + static_cast<size_t>(dy * factor + j) * stride + dx * factor;
-                for (int i = 0; i < factor; ++i) sum += r[i];
+                for (int i = 0; i < factor; ++i)
+                    sum += r[i];
             }
             out[dx] = static_cast<uint8_t>((sum + area / 2) / area);
         }

@@ -13,7 +13,9 @@
 namespace qlmr::replay {
 
 // Integer BT.601 limited-range conversion of one pixel. Results are clamped to 0..255.
-inline uint8_t clampByte(int v) { return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v)); }
+inline uint8_t clampByte(int v) {
+    return static_cast<uint8_t>(v < 0 ? 0 : (v > 255 ? 255 : v));
+}
 inline uint8_t rgbToY(int r, int g, int b) {
     return clampByte(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16);
 }

@@ -19,7 +19,8 @@ void scalePlane(const uint8_t* src, int sw, int sh, uint8_t* dst, int dw, int dh
         if (dw == sw) {
             std::memcpy(d, s, static_cast<size_t>(dw));
         } else {
-            for (int x = 0; x < dw; ++x) d[x] = s[static_cast<long long>(x) * sw / dw];
+            for (int x = 0; x < dw; ++x)
+                d[x] = s[static_cast<long long>(x) * sw / dw];
         }
     }
 }
@@ -27,8 +28,10 @@ void scalePlane(const uint8_t* src, int sw, int sh, uint8_t* dst, int dw, int dh
 
 void scaleI420(const I420Image& in, I420Image& out) {
     scalePlane(in.y(), in.width, in.height, out.y(), out.width, out.height, out.width);
-    scalePlane(in.u(), in.width / 2, in.height / 2, out.u(), out.width / 2, out.height / 2, out.width / 2);
-    scalePlane(in.v(), in.width / 2, in.height / 2, out.v(), out.width / 2, out.height / 2, out.width / 2);
+    scalePlane(in.u(), in.width / 2, in.height / 2, out.u(), out.width / 2, out.height / 2,
+               out.width / 2);
+    scalePlane(in.v(), in.width / 2, in.height / 2, out.v(), out.width / 2, out.height / 2,
+               out.width / 2);
 }
 
 void composeSideBySide(const I420Image& left, const I420Image& right, I420Image& out) {
@@ -45,13 +48,16 @@ void composeSideBySide(const I420Image& left, const I420Image& right, I420Image&
     scalePlane(left.v(), left.width / 2, left.height / 2, out.v(), left.width / 2, h / 2, cw);
     const int offset = left.width + kSideBySideGap;
     scalePlane(right.y(), right.width, right.height, out.y() + offset, rw, h, w);
-    scalePlane(right.u(), right.width / 2, right.height / 2, out.u() + offset / 2, rw / 2, h / 2, cw);
-    scalePlane(right.v(), right.width / 2, right.height / 2, out.v() + offset / 2, rw / 2, h / 2, cw);
+    scalePlane(right.u(), right.width / 2, right.height / 2, out.u() + offset / 2, rw / 2, h / 2,
+               cw);
+    scalePlane(right.v(), right.width / 2, right.height / 2, out.v() + offset / 2, rw / 2, h / 2,
+               cw);
 }
 
 RgbImage thumbnail(const RgbImage& in, int maxWidth) {
     int f = 1;
-    while (in.width / f > maxWidth) ++f;
+    while (in.width / f > maxWidth)
+        ++f;
     RgbImage out;
     out.resize(in.width / f, in.height / f);
     for (int y = 0; y < out.height; ++y) {
@@ -59,7 +65,8 @@ RgbImage thumbnail(const RgbImage& in, int maxWidth) {
             for (int c = 0; c < 3; ++c) {
                 int sum = 0;
                 for (int j = 0; j < f; ++j) {
-                    for (int i = 0; i < f; ++i) sum += in.row(y * f + j)[3 * (x * f + i) + c];
+                    for (int i = 0; i < f; ++i)
+                        sum += in.row(y * f + j)[3 * (x * f + i) + c];
                 }
                 out.row(y)[3 * x + c] = static_cast<uint8_t>((sum + f * f / 2) / (f * f));
             }

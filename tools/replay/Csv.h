@@ -10,7 +10,7 @@
 namespace qlmr::replay {
 
 class CsvReader {
-public:
+  public:
     // Opens `path`; throws ReplayError naming it when it cannot.
     explicit CsvReader(const std::string& path);
     ~CsvReader();
@@ -33,7 +33,7 @@ public:
     int64_t toInt64(const std::string& field, const char* what) const;
     double toDouble(const std::string& field, const char* what) const;
 
-private:
+  private:
     FILE* file_ = nullptr;
     std::string path_;
     std::string text_;

@@ -18,7 +18,7 @@ namespace qlmr::replay {
 
 // One parsed timing line.
 struct TimingLine {
-    std::string probe;                                  // may be empty (probe without a name)
+    std::string probe;                                   // may be empty (probe without a name)
     std::vector<std::pair<std::string, double>> stages;  // label, milliseconds
 };
 
@@ -27,13 +27,13 @@ bool parseTimingLine(const std::string& text, TimingLine& out);
 
 // Counters and timings gathered from the log lines of one replay.
 struct EngineLogStats {
-    int droppedQueueFull = 0;       // "[Warning] Dropping new frame, internal buffer queue is full"
-    int renderedUnstabilized = 0;   // fallback renders with the unwarped grid
-    int duplicateFrames = 0;        // "[VStab] error, duplicate frame timestamp, ignore this frame"
-    int skippedBeforeStart = 0;     // frames within the start offset
-    int exceptions = 0;             // "[Exception] ..." lines
-    int warnings = 0;               // all priority-5 lines
-    int errors = 0;                 // all priority-6 lines
+    int droppedQueueFull = 0;      // "[Warning] Dropping new frame, internal buffer queue is full"
+    int renderedUnstabilized = 0;  // fallback renders with the unwarped grid
+    int duplicateFrames = 0;       // "[VStab] error, duplicate frame timestamp, ignore this frame"
+    int skippedBeforeStart = 0;    // frames within the start offset
+    int exceptions = 0;            // "[Exception] ..." lines
+    int warnings = 0;              // all priority-5 lines
+    int errors = 0;                // all priority-6 lines
     std::vector<std::string> exceptionTexts;
     // "<probe>/<label>" -> every duration seen, milliseconds.
     std::map<std::string, std::vector<double>> stageMs;
@@ -44,7 +44,7 @@ struct EngineLogStats {
 };
 
 class EngineLogTap {
-public:
+  public:
     // Installs the logger. `logPath` non-empty: every line is also written there, as
     // "<priority> <tag> <text>". Only one tap may exist at a time.
     explicit EngineLogTap(const std::string& logPath = "");
@@ -54,7 +54,7 @@ public:
 
     EngineLogStats stats() const;
 
-private:
+  private:
     static void onLine(const ::__android_logger_data* data, const char* message);
 
     mutable std::mutex mutex_;

@@ -30,7 +30,7 @@ void encodeMp4(const std::string& ffmpeg, const std::string& y4mPath, const std:
 
 // Decodes any video file ffmpeg reads into I420 frames, in order, through a pipe.
 class VideoDecoder {
-public:
+  public:
     VideoDecoder() = default;
     ~VideoDecoder();
     VideoDecoder(const VideoDecoder&) = delete;
@@ -46,7 +46,7 @@ public:
     int width() const { return reader_.width(); }
     int height() const { return reader_.height(); }
 
-private:
+  private:
     Y4mReader reader_;
     FILE* pipe_ = nullptr;
     pid_t child_ = -1;

@@ -9,7 +9,9 @@
 namespace qlmr::replay {
 
 namespace {
-double component(const Vec3& v, int i) { return i == 0 ? v.x : (i == 1 ? v.y : v.z); }
+double component(const Vec3& v, int i) {
+    return i == 0 ? v.x : (i == 1 ? v.y : v.z);
+}
 }  // namespace
 
 Vec3 AxisMap::apply(const Vec3& raw) const {
@@ -20,8 +22,10 @@ Vec3 AxisMap::apply(const Vec3& raw) const {
 std::string AxisMap::text() const {
     std::string out;
     for (int i = 0; i < 3; ++i) {
-        if (i) out += ",";
-        if (sign[i] < 0) out += "-";
+        if (i)
+            out += ",";
+        if (sign[i] < 0)
+            out += "-";
         out += static_cast<char>('x' + source[i]);
     }
     return out;
@@ -33,7 +37,8 @@ AxisMap AxisMap::parse(const std::string& text) {
     bool used[3] = {false, false, false};
     for (int i = 0; i < 3; ++i) {
         const size_t end = text.find(',', pos);
-        std::string part = text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        std::string part =
+            text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
         int sign = 1;
         if (!part.empty() && (part[0] == '-' || part[0] == '+')) {
             sign = part[0] == '-' ? -1 : 1;
@@ -41,7 +46,8 @@ AxisMap AxisMap::parse(const std::string& text) {
         }
         if (part.size() != 1 || part[0] < 'x' || part[0] > 'z' || used[part[0] - 'x'] ||
             (i < 2 && end == std::string::npos) || (i == 2 && end != std::string::npos)) {
-            throw ReplayError("axis map '" + text + "' must name x, y and z once each, e.g. y,x,-z");
+            throw ReplayError("axis map '" + text +
+                              "' must name x, y and z once each, e.g. y,x,-z");
         }
         used[part[0] - 'x'] = true;
         m.source[i] = part[0] - 'x';
@@ -71,7 +77,8 @@ bool AxisMap::isRotation() const {
     // Parity of the permutation times the product of the signs.
     int inversions = 0;
     for (int i = 0; i < 3; ++i) {
-        for (int j = i + 1; j < 3; ++j) inversions += source[i] > source[j];
+        for (int j = i + 1; j < 3; ++j)
+            inversions += source[i] > source[j];
     }
     const int parity = inversions % 2 == 0 ? 1 : -1;
     return parity * sign[0] * sign[1] * sign[2] == 1;
@@ -89,8 +96,8 @@ void measureBand(void* context, int begin, int end) {
     options.searchRadius = 10;
     for (int i = begin; i < end; ++i) {
         (*jobs->results)[static_cast<size_t>(i)] =
-            estimator.estimate((*jobs->lumas)[static_cast<size_t>(i)], (*jobs->lumas)[static_cast<size_t>(i) + 1],
-                               Similarity{}, options);
+            estimator.estimate((*jobs->lumas)[static_cast<size_t>(i)],
+                               (*jobs->lumas)[static_cast<size_t>(i) + 1], Similarity{}, options);
     }
 }
 }  // namespace
@@ -98,13 +105,29 @@ void measureBand(void* context, int begin, int end) {
 std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
                                             const std::vector<double>& timesSec, int threads) {
     std::vector<FrameMotion> out;
-    if (lumas.size() < 2) return out;
+    if (lumas.size() < 2)
+        return out;
     std::vector<MotionEstimate> results(lumas.size() - 1);
     PairJobs jobs{&lumas, &results};
     WorkerPool pool(std::max(1, threads));
     pool.run(&measureBand, &jobs, static_cast<int>(results.size()));
+    auto rowFraction = [](const GrayImage& g) {
+        double sum = 0, weighted = 0;
+        for (int y = 1; y + 1 < g.height; ++y) {
+            double e = 0;
+            for (int x = 1; x + 1 < g.width; ++x) {
+                const double gx = g.at(x + 1, y) - g.at(x - 1, y);
+                const double gy = g.at(x, y + 1) - g.at(x, y - 1);
+                e += gx * gx + gy * gy;
+            }
+            sum += e;
+            weighted += e * (y + 0.5);
+        }
+        return sum > 0 ? weighted / sum / g.height : 0.5;
+    };
     for (size_t i = 0; i < results.size(); ++i) {
         FrameMotion f;
+        f.rowFraction = 0.5 * (rowFraction(lumas[i]) + rowFraction(lumas[i + 1]));
         f.startSec = timesSec[i];
         f.endSec = timesSec[i + 1];
         f.ok = results[i].ok;
@@ -116,19 +139,20 @@ std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
     return out;
 }
 
-Vec3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0, double t1) {
+Vec3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0,
+                       double t1) {
     // Rates interpolated linearly between samples; small steps composed as rotations.
     Mat3 r;
-    if (gyro.size() < 2 || t1 <= t0) return {};
-    auto rateAt = [&](size_t i) {
-        return map.apply({gyro[i].x, gyro[i].y, gyro[i].z});
-    };
+    if (gyro.size() < 2 || t1 <= t0)
+        return {};
+    auto rateAt = [&](size_t i) { return map.apply({gyro[i].x, gyro[i].y, gyro[i].z}); };
     const auto timeOf = [&](size_t i) { return gyro[i].timestampNs * 1e-9; };
     size_t i = static_cast<size_t>(
         std::lower_bound(gyro.begin(), gyro.end(), static_cast<int64_t>(t0 * 1e9),
                          [](const GyroSample& s, int64_t t) { return s.timestampNs < t; }) -
         gyro.begin());
-    if (i > 0) --i;
+    if (i > 0)
+        --i;
     double t = t0;
     while (t < t1 && i + 1 < gyro.size()) {
         const double a = timeOf(i), b = timeOf(i + 1);
@@ -158,9 +182,10 @@ AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<G
     out.map = map;
     out.offsetMs = offsetMs;
     double sum = 0;
-    const double shift = (s.readoutMs * 0.5 + offsetMs) * 1e-3;
     for (const FrameMotion& f : motion) {
-        if (!f.ok) continue;
+        if (!f.ok)
+            continue;
+        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
         const Vec3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
         double tx, ty, angle;
         predictedMotion(r, s.focalPx, tx, ty, angle);
@@ -173,13 +198,15 @@ AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<G
 }
 }  // namespace
 
-ComponentFit fitComponents(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
-                           const AxisMap& map, double offsetMs, const AlignmentSearch& search) {
+ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
+                           const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
+                           const AlignmentSearch& search) {
     double spp[3] = {}, smm[3] = {}, spm[3] = {}, sp[3] = {}, sm[3] = {};
     int n = 0;
-    const double shift = (search.readoutMs * 0.5 + offsetMs) * 1e-3;
     for (const FrameMotion& f : motion) {
-        if (!f.ok) continue;
+        if (!f.ok)
+            continue;
+        const double shift = (search.readoutMs * f.rowFraction + offsetMs) * 1e-3;
         const Vec3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
         double p[3];
         predictedMotion(r, search.focalPx, p[0], p[1], p[2]);
@@ -194,7 +221,8 @@ ComponentFit fitComponents(const std::vector<FrameMotion>& motion, const std::ve
         ++n;
     }
     ComponentFit fit;
-    if (n < 2) return fit;
+    if (n < 2)
+        return fit;
     for (int k = 0; k < 3; ++k) {
         const double cov = spm[k] / n - sp[k] / n * sm[k] / n;
         const double vp = spp[k] / n - sp[k] / n * sp[k] / n;
@@ -225,7 +253,8 @@ std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motio
         AlignmentScore b;
         b.rmsPx = INFINITY;
         for (const AlignmentScore& s : offsetCurve(motion, gyro, map, search)) {
-            if (s.rmsPx < b.rmsPx) b = s;
+            if (s.rmsPx < b.rmsPx)
+                b = s;
         }
         // Refine around the best step to a tenth of it.
         AlignmentSearch fine = search;
@@ -233,11 +262,13 @@ std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motio
         fine.offsetMaxMs = b.offsetMs + search.offsetStepMs;
         fine.offsetStepMs = search.offsetStepMs / 10;
         for (const AlignmentScore& s : offsetCurve(motion, gyro, map, fine)) {
-            if (s.rmsPx < b.rmsPx) b = s;
+            if (s.rmsPx < b.rmsPx)
+                b = s;
         }
         best.push_back(b);
     }
-    std::sort(best.begin(), best.end(), [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
+    std::sort(best.begin(), best.end(),
+              [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
     return best;
 }
 

@@ -31,9 +31,13 @@ struct AxisMap {
 struct FrameMotion {
     double startSec = 0;  // frame timestamps (s), first row
     double endSec = 0;
-    double tx = 0;        // content displacement (pixels of the measured pictures' size)
+    double tx = 0;  // content displacement (pixels of the measured pictures' size)
     double ty = 0;
-    double angle = 0;     // content rotation, radians
+    double angle = 0;  // content rotation, radians
+    // Where the measurement "is" in a rolling-shutter picture: the rows weighted by their
+    // texture (squared vertical and horizontal gradients), as a fraction of the height. A
+    // picture whose detail sits in its upper part is measured at an earlier time.
+    double rowFraction = 0.5;
     bool ok = false;
 };
 
@@ -58,8 +62,8 @@ struct AlignmentScore {
 };
 
 struct AlignmentSearch {
-    double focalPx = 0;     // of the measured pictures
-    double readoutMs = 0;   // rolling shutter: frames are compared at their middle row
+    double focalPx = 0;    // of the measured pictures
+    double readoutMs = 0;  // rolling shutter: frames are compared at their textured rows' time
     double offsetMinMs = -60;
     double offsetMaxMs = 60;
     double offsetStepMs = 1;
@@ -80,8 +84,9 @@ struct ComponentFit {
     double predictedRms[3] = {0, 0, 0};
     double measuredRms[3] = {0, 0, 0};
 };
-ComponentFit fitComponents(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
-                           const AxisMap& map, double offsetMs, const AlignmentSearch& search);
+ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
+                           const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
+                           const AlignmentSearch& search);
 
 // The prediction error of one map over the whole offset range (for plotting the curve).
 std::vector<AlignmentScore> offsetCurve(const std::vector<FrameMotion>& motion,

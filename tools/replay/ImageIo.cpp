@@ -17,13 +17,18 @@ namespace {
 
 struct FileCloser {
     void operator()(FILE* f) const {
-        if (f != nullptr) std::fclose(f);
+        if (f != nullptr)
+            std::fclose(f);
     }
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
-bool isJpeg(const uint8_t* d, size_t n) { return n >= 3 && d[0] == 0xFF && d[1] == 0xD8 && d[2] == 0xFF; }
-bool isPng(const uint8_t* d, size_t n) { return n >= 8 && png_sig_cmp(d, 0, 8) == 0; }
+bool isJpeg(const uint8_t* d, size_t n) {
+    return n >= 3 && d[0] == 0xFF && d[1] == 0xD8 && d[2] == 0xFF;
+}
+bool isPng(const uint8_t* d, size_t n) {
+    return n >= 8 && png_sig_cmp(d, 0, 8) == 0;
+}
 
 // libjpeg reports fatal errors through error_exit, which must not return: jump back to the
 // caller's setjmp with the message kept.
@@ -81,7 +86,8 @@ struct PngSource {
 
 void pngRead(png_structp png, png_bytep dst, png_size_t n) {
     auto* src = static_cast<PngSource*>(png_get_io_ptr(png));
-    if (src->pos + n > src->size) png_error(png, "file ends inside the image");
+    if (src->pos + n > src->size)
+        png_error(png, "file ends inside the image");
     std::memcpy(dst, src->data + src->pos, n);
     src->pos += n;
 }
@@ -97,8 +103,10 @@ void pngWarnFn(png_structp, png_const_charp) {}
 std::string decodePngInto(const uint8_t* data, size_t size, RgbImage* out, ImageSize* dims,
                           std::vector<png_bytep>& rows) {
     std::string message;
-    png_structp png = png_create_read_struct(PNG_LIBPNG_VER_STRING, &message, pngErrorFn, pngWarnFn);
-    if (png == nullptr) return "cannot create PNG reader";
+    png_structp png =
+        png_create_read_struct(PNG_LIBPNG_VER_STRING, &message, pngErrorFn, pngWarnFn);
+    if (png == nullptr)
+        return "cannot create PNG reader";
     png_infop info = png_create_info_struct(png);
     if (info == nullptr) {
         png_destroy_read_struct(&png, nullptr, nullptr);
@@ -115,19 +123,23 @@ std::string decodePngInto(const uint8_t* data, size_t size, RgbImage* out, Image
     dims->height = static_cast<int>(png_get_image_height(png, info));
     if (out != nullptr) {
         const int colorType = png_get_color_type(png, info);
-        if (png_get_bit_depth(png, info) == 16) png_set_strip_16(png);
-        if (colorType == PNG_COLOR_TYPE_PALETTE) png_set_palette_to_rgb(png);
+        if (png_get_bit_depth(png, info) == 16)
+            png_set_strip_16(png);
+        if (colorType == PNG_COLOR_TYPE_PALETTE)
+            png_set_palette_to_rgb(png);
         if (colorType == PNG_COLOR_TYPE_GRAY || colorType == PNG_COLOR_TYPE_GRAY_ALPHA) {
             png_set_expand_gray_1_2_4_to_8(png);
             png_set_gray_to_rgb(png);
         }
-        if (png_get_valid(png, info, PNG_INFO_tRNS)) png_set_tRNS_to_alpha(png);
+        if (png_get_valid(png, info, PNG_INFO_tRNS))
+            png_set_tRNS_to_alpha(png);
         png_set_strip_alpha(png);
         png_set_interlace_handling(png);
         png_read_update_info(png, info);
         out->resize(dims->width, dims->height);
         rows.resize(static_cast<size_t>(dims->height));
-        for (int y = 0; y < dims->height; ++y) rows[static_cast<size_t>(y)] = out->row(y);
+        for (int y = 0; y < dims->height; ++y)
+            rows[static_cast<size_t>(y)] = out->row(y);
         png_read_image(png, rows.data());
         png_read_end(png, nullptr);
     }
@@ -142,8 +154,10 @@ std::string decodePng(const uint8_t* data, size_t size, RgbImage* out, ImageSize
 
 std::string decodeAny(const std::string& path, const std::vector<uint8_t>& file, RgbImage* out,
                       ImageSize* dims) {
-    if (isJpeg(file.data(), file.size())) return decodeJpeg(file.data(), file.size(), out, dims);
-    if (isPng(file.data(), file.size())) return decodePng(file.data(), file.size(), out, dims);
+    if (isJpeg(file.data(), file.size()))
+        return decodeJpeg(file.data(), file.size(), out, dims);
+    if (isPng(file.data(), file.size()))
+        return decodePng(file.data(), file.size(), out, dims);
     (void)path;
     return "not a JPEG or PNG file";
 }
@@ -152,10 +166,13 @@ std::string decodeAny(const std::string& path, const std::vector<uint8_t>& file,
 
 void readFile(const std::string& path, std::vector<uint8_t>& out) {
     FilePtr f(std::fopen(path.c_str(), "rb"));
-    if (!f) throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
-    if (std::fseek(f.get(), 0, SEEK_END) != 0) throw ReplayError(path, 0, "cannot seek");
+    if (!f)
+        throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
+    if (std::fseek(f.get(), 0, SEEK_END) != 0)
+        throw ReplayError(path, 0, "cannot seek");
     const long size = std::ftell(f.get());
-    if (size < 0) throw ReplayError(path, 0, "cannot tell size (not a regular file?)");
+    if (size < 0)
+        throw ReplayError(path, 0, "cannot tell size (not a regular file?)");
     std::rewind(f.get());
     out.resize(static_cast<size_t>(size));
     if (size > 0 && std::fread(out.data(), 1, out.size(), f.get()) != out.size()) {
@@ -165,11 +182,13 @@ void readFile(const std::string& path, std::vector<uint8_t>& out) {
 
 void writeFile(const std::string& path, const void* data, size_t size) {
     FilePtr f(std::fopen(path.c_str(), "wb"));
-    if (!f) throw ReplayError(path, 0, std::string("cannot create: ") + std::strerror(errno));
+    if (!f)
+        throw ReplayError(path, 0, std::string("cannot create: ") + std::strerror(errno));
     if (size > 0 && std::fwrite(data, 1, size, f.get()) != size) {
         throw ReplayError(path, 0, "write error (disk full?)");
     }
-    if (std::fclose(f.release()) != 0) throw ReplayError(path, 0, "write error on close");
+    if (std::fclose(f.release()) != 0)
+        throw ReplayError(path, 0, "write error on close");
 }
 
 ImageSize readImageSize(const std::string& path) {
@@ -178,7 +197,8 @@ ImageSize readImageSize(const std::string& path) {
     std::vector<uint8_t> head;
     {
         FilePtr f(std::fopen(path.c_str(), "rb"));
-        if (!f) throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
+        if (!f)
+            throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
         head.resize(65536);
         head.resize(std::fread(head.data(), 1, head.size(), f.get()));
     }
@@ -188,7 +208,8 @@ ImageSize readImageSize(const std::string& path) {
         readFile(path, head);
         err = decodeAny(path, head, nullptr, &dims);
     }
-    if (!err.empty()) throw ReplayError(path, 0, err);
+    if (!err.empty())
+        throw ReplayError(path, 0, err);
     return dims;
 }
 
@@ -196,7 +217,8 @@ void ImageReader::read(const std::string& path, RgbImage& out) {
     readFile(path, file_);
     ImageSize dims;
     const std::string err = decodeAny(path, file_, &out, &dims);
-    if (!err.empty()) throw ReplayError(path, 0, err);
+    if (!err.empty())
+        throw ReplayError(path, 0, err);
 }
 
 RgbImage readImage(const std::string& path) {
@@ -249,7 +271,8 @@ void pngFlush(png_structp) {}
 std::vector<uint8_t> encodePng(const RgbImage& image) {
     std::string message;
     std::vector<uint8_t> out;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &message, pngErrorFn, pngWarnFn);
+    png_structp png =
+        png_create_write_struct(PNG_LIBPNG_VER_STRING, &message, pngErrorFn, pngWarnFn);
     png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
     if (info == nullptr) {
         png_destroy_write_struct(&png, nullptr);

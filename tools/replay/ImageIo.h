@@ -22,11 +22,11 @@ ImageSize readImageSize(const std::string& path);
 // Decodes JPEG/PNG files into RGB. Keeps its file buffer between calls so that decoding a
 // sequence of same-sized frames reuses memory (the codec libraries allocate internally).
 class ImageReader {
-public:
+  public:
     // Decodes `path` into `out`, resizing it to the picture's size.
     void read(const std::string& path, RgbImage& out);
 
-private:
+  private:
     std::vector<uint8_t> file_;
 };
 

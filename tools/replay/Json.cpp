@@ -48,7 +48,8 @@ void JsonWriter::beforeValue() {
         return;
     }
     if (!first_.empty()) {
-        if (!first_.back()) out_.push_back(',');
+        if (!first_.back())
+            out_.push_back(',');
         first_.back() = false;
         newline();
     }
@@ -64,9 +65,11 @@ JsonWriter& JsonWriter::beginObject() {
 JsonWriter& JsonWriter::endObject() {
     const bool empty = first_.back();
     first_.pop_back();
-    if (!empty) newline();
+    if (!empty)
+        newline();
     out_.push_back('}');
-    if (first_.empty()) out_.push_back('\n');
+    if (first_.empty())
+        out_.push_back('\n');
     return *this;
 }
 
@@ -80,7 +83,8 @@ JsonWriter& JsonWriter::beginArray() {
 JsonWriter& JsonWriter::endArray() {
     const bool empty = first_.back();
     first_.pop_back();
-    if (!empty) newline();
+    if (!empty)
+        newline();
     out_.push_back(']');
     return *this;
 }

@@ -9,7 +9,7 @@
 namespace qlmr::replay {
 
 class JsonWriter {
-public:
+  public:
     JsonWriter& beginObject();
     JsonWriter& endObject();
     JsonWriter& beginArray();
@@ -35,7 +35,7 @@ public:
 
     static std::string escape(const std::string& s);
 
-private:
+  private:
     void beforeValue();
     void newline();
 

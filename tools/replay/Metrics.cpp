@@ -37,7 +37,8 @@ void runBatch(void* context, int begin, int end) {
 }
 
 void runJobs(std::vector<RegistrationJob>& jobs, int threads) {
-    if (jobs.empty()) return;
+    if (jobs.empty())
+        return;
     WorkerPool pool(std::max(1, threads));
     Batch batch{&jobs};
     pool.run(&runBatch, &batch, static_cast<int>(jobs.size()));
@@ -106,8 +107,12 @@ View viewOf(const Mat3& r, double f) {
     return {f * d.x / d.z, f * d.y / d.z, std::atan2(side.y, side.x) * kRadToDeg};
 }
 
-Vec3 normalized(Vec3 v) { return (1.0 / norm(v)) * v; }
-Vec3 cross(Vec3 a, Vec3 b) { return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x}; }
+Vec3 normalized(Vec3 v) {
+    return (1.0 / norm(v)) * v;
+}
+Vec3 cross(Vec3 a, Vec3 b) {
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
 
 // Direction in the world of input pixel p (full resolution) of frame `index`, taking the
 // rolling shutter into account.
@@ -117,16 +122,20 @@ Vec3 worldRay(const SyntheticRecording& syn, int index, double px, double py) {
     return normalized(r * Vec3{(px - c.cx) / c.focalPx, (py - c.cy) / c.focalPx, 1});
 }
 
-double toDeg(double px, double f) { return std::atan(px / f) * kRadToDeg; }
+double toDeg(double px, double f) {
+    return std::atan(px / f) * kRadToDeg;
+}
 
 std::vector<double> stepLengths(const PathSeries& p) {
     std::vector<double> out;
-    for (size_t i = 1; i < p.x.size(); ++i) out.push_back(std::hypot(p.x[i] - p.x[i - 1], p.y[i] - p.y[i - 1]));
+    for (size_t i = 1; i < p.x.size(); ++i)
+        out.push_back(std::hypot(p.x[i] - p.x[i - 1], p.y[i] - p.y[i - 1]));
     return out;
 }
 std::vector<double> stepRolls(const PathSeries& p) {
     std::vector<double> out;
-    for (size_t i = 1; i < p.roll.size(); ++i) out.push_back(p.roll[i] - p.roll[i - 1]);
+    for (size_t i = 1; i < p.roll.size(); ++i)
+        out.push_back(p.roll[i] - p.roll[i - 1]);
     return out;
 }
 double pathStability(const PathSeries& p) {
@@ -155,15 +164,19 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         const OutputRecord& o = outputs[k];
         if (o.inputIndex >= 0) {
             ++matched;
-            const double ms = (o.arrivedSec - inputs[static_cast<size_t>(o.inputIndex)].deliveredSec) * 1e3;
+            const double ms =
+                (o.arrivedSec - inputs[static_cast<size_t>(o.inputIndex)].deliveredSec) * 1e3;
             latency.push_back(ms);
             m.frameTimeSec.push_back((o.timestampNs - t0) * 1e-9);
             m.frameLatencyMs.push_back(ms);
         }
-        if (k > 0) interval.push_back((o.arrivedSec - outputs[k - 1].arrivedSec) * 1e3);
+        if (k > 0)
+            interval.push_back((o.arrivedSec - outputs[k - 1].arrivedSec) * 1e3);
     }
     for (int i = 1; i < delivered; ++i) {
-        deliveryInterval.push_back((inputs[static_cast<size_t>(i)].deliveredSec - inputs[static_cast<size_t>(i - 1)].deliveredSec) * 1e3);
+        deliveryInterval.push_back((inputs[static_cast<size_t>(i)].deliveredSec -
+                                    inputs[static_cast<size_t>(i - 1)].deliveredSec) *
+                                   1e3);
     }
     m.framesDropped = m.framesDelivered - matched;
     m.outputLatencyMs = percentiles(latency);
@@ -190,13 +203,16 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         }
         m.outputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads);
     }
-    m.pixelJitterRatio = m.outputMotion.jitterPx > 0 ? m.inputMotion.jitterPx / m.outputMotion.jitterPx
-                                                     : std::numeric_limits<double>::infinity();
+    m.pixelJitterRatio = m.outputMotion.jitterPx > 0
+                             ? m.inputMotion.jitterPx / m.outputMotion.jitterPx
+                             : std::numeric_limits<double>::infinity();
     if (m.inputMotion.failed > 0) {
-        m.warnings.push_back(std::to_string(m.inputMotion.failed) + " input frame pairs could not be registered");
+        m.warnings.push_back(std::to_string(m.inputMotion.failed) +
+                             " input frame pairs could not be registered");
     }
     if (m.outputMotion.failed > 0) {
-        m.warnings.push_back(std::to_string(m.outputMotion.failed) + " output frame pairs could not be registered");
+        m.warnings.push_back(std::to_string(m.outputMotion.failed) +
+                             " output frame pairs could not be registered");
     }
 
     // Each output frame against its own input frame: the crop, and the view for ground truth.
@@ -206,16 +222,19 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
     std::vector<int> jobOutput;
     for (size_t k = 0; k < outputs.size(); ++k) {
         const OutputRecord& o = outputs[k];
-        if (o.inputIndex < 0) continue;
+        if (o.inputIndex < 0)
+            continue;
         const GrayImage& in = inputs[static_cast<size_t>(o.inputIndex)].luma;
-        if (in.width != o.luma.width || in.height != o.luma.height) continue;
+        if (in.width != o.luma.width || in.height != o.luma.height)
+            continue;
         jobs.push_back({&o.luma, &in, Similarity{}, &cropOptions, {}});
         jobOutput.push_back(static_cast<int>(k));
     }
     runJobs(jobs, ctx.threads);
     double scaleSum = 0, cropSum = 0, cropMin = std::numeric_limits<double>::infinity();
     for (const RegistrationJob& j : jobs) {
-        if (!j.result.ok) continue;
+        if (!j.result.ok)
+            continue;
         const double s = j.result.motion.scale;
         ++m.crop.frames;
         scaleSum += s;
@@ -227,10 +246,12 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         m.crop.cropping = cropSum / m.crop.frames;
         m.crop.minCropping = cropMin;
     } else if (!outputs.empty()) {
-        m.warnings.push_back("no output frame could be registered against its input frame (cropping unknown)");
+        m.warnings.push_back(
+            "no output frame could be registered against its input frame (cropping unknown)");
     }
 
-    if (ctx.synthetic == nullptr || delivered == 0) return;
+    if (ctx.synthetic == nullptr || delivered == 0)
+        return;
     // Ground truth.
     const SyntheticRecording& syn = *ctx.synthetic;
     const PinholeCamera& cam = syn.camera();
@@ -262,7 +283,8 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
     PathSeries outAbsPx;
     for (size_t n = 0; n < jobs.size(); ++n) {
         const MotionEstimate& e = jobs[n].result;
-        if (!e.ok) continue;
+        if (!e.ok)
+            continue;
         const OutputRecord& o = outputs[static_cast<size_t>(jobOutput[n])];
         const int i = o.inputIndex;
         // Output centre and a point to its right, mapped into the input picture (full size).
@@ -312,18 +334,21 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
     double fOutMean = f;
     if (!devOutScale.empty()) {
         fOutMean = 0;
-        for (double v : devOutScale) fOutMean += v;
+        for (double v : devOutScale)
+            fOutMean += v;
         fOutMean /= devOutScale.size();
     }
     t.outputJitterDeg = toDeg(t.outputJitterPx, fOutMean);
     t.outputRollJitterDeg = highPassRms(devOutRoll, sigmaFrames);
-    t.jitterRatio = t.outputJitterPx > 0 ? t.inputJitterPx / t.outputJitterPx : std::numeric_limits<double>::infinity();
+    t.jitterRatio = t.outputJitterPx > 0 ? t.inputJitterPx / t.outputJitterPx
+                                         : std::numeric_limits<double>::infinity();
     t.inputStability = pathStability(t.actual);
     t.intendedStability = pathStability(t.intended);
     t.outputStability = pathStability(t.output);
     if (t.outputFrames < m.framesOut) {
-        m.warnings.push_back(std::to_string(m.framesOut - t.outputFrames) +
-                             " output frames have no ground-truth view (registration failed or sizes differ)");
+        m.warnings.push_back(
+            std::to_string(m.framesOut - t.outputFrames) +
+            " output frames have no ground-truth view (registration failed or sizes differ)");
     }
 }
 
@@ -374,7 +399,8 @@ std::string metricsJson(const ReplayMetrics& m) {
     j.field("late", m.framesLate);
     j.field("unmatched_outputs", m.unmatchedOutputs);
     j.key("per_surface").beginArray();
-    for (int n : m.framesPerSurface) j.value(n);
+    for (int n : m.framesPerSurface)
+        j.value(n);
     j.endArray();
     j.endObject();
     j.key("throughput").beginObject();
@@ -436,7 +462,8 @@ std::string metricsJson(const ReplayMetrics& m) {
         j.key("ground_truth").null();
     }
     j.key("warnings").beginArray();
-    for (const std::string& w : m.warnings) j.value(w);
+    for (const std::string& w : m.warnings)
+        j.value(w);
     j.endArray();
     j.endObject();
     return j.text();

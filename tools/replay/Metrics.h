@@ -32,14 +32,14 @@ struct PixelMotionStats {
     double meanStepPx = 0;     // mean frame-to-frame translation length
     double stabilityTranslation = 0;
     double stabilityRotation = 0;
-    double stability = 0;      // mean of the two
-    PathSeries path;           // chained camera path (the negative of the content's motion)
+    double stability = 0;  // mean of the two
+    PathSeries path;       // chained camera path (the negative of the content's motion)
 };
 
 struct CropStats {
-    int frames = 0;         // output frames registered against their input frame
-    double meanScale = 0;   // output pixel size in input pixels (below 1 = magnified)
-    double cropping = 0;    // mean retained area share (scale squared), 1 = no cropping
+    int frames = 0;        // output frames registered against their input frame
+    double meanScale = 0;  // output pixel size in input pixels (below 1 = magnified)
+    double cropping = 0;   // mean retained area share (scale squared), 1 = no cropping
     double minCropping = 0;
 };
 
@@ -85,8 +85,8 @@ struct ReplayMetrics {
     Percentiles outputLatencyMs;
     Percentiles outputIntervalMs;
     Percentiles deliveryIntervalMs;
-    std::vector<double> frameTimeSec;     // per output frame: recording time of the frame
-    std::vector<double> frameLatencyMs;   // per output frame
+    std::vector<double> frameTimeSec;    // per output frame: recording time of the frame
+    std::vector<double> frameLatencyMs;  // per output frame
     EngineLogStats engine;
 
     PixelMotionStats inputMotion;

@@ -46,13 +46,15 @@ double sparseCost(const std::vector<float>& ref, const std::vector<float>& mov, 
             const double dx = x - cx, dy = y - cy;
             const float mx = static_cast<float>((1 + l.a) * dx - l.b * dy + cx + l.tx);
             const float my = static_cast<float>(l.b * dx + (1 + l.a) * dy + cy + l.ty);
-            if (mx < 0 || my < 0 || mx >= w - 1 || my >= h - 1) continue;
+            if (mx < 0 || my < 0 || mx >= w - 1 || my >= h - 1)
+                continue;
             const double d = bilinear(mov, w, mx, my) - ref[static_cast<size_t>(y) * w + x];
             sum += std::min(d * d, 40.0 * 40.0);
             ++n;
         }
     }
-    if (n * 3 < total) return std::numeric_limits<double>::infinity();
+    if (n * 3 < total)
+        return std::numeric_limits<double>::infinity();
     return sum / n;
 }
 
@@ -64,7 +66,8 @@ void MotionEstimator::build(const GrayImage& image, int levels, std::vector<Leve
     base.width = image.width;
     base.height = image.height;
     base.pixels.resize(image.data.size());
-    for (size_t i = 0; i < image.data.size(); ++i) base.pixels[i] = image.data[i];
+    for (size_t i = 0; i < image.data.size(); ++i)
+        base.pixels[i] = image.data[i];
     for (int l = 1; l < levels; ++l) {
         const Level& src = pyr[static_cast<size_t>(l - 1)];
         Level& dst = pyr[static_cast<size_t>(l)];
@@ -101,7 +104,8 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
         return result;
     }
     int levels = 1;
-    while ((reference.width >> levels) >= options.minSize && (reference.height >> levels) >= options.minSize) {
+    while ((reference.width >> levels) >= options.minSize &&
+           (reference.height >> levels) >= options.minSize) {
         ++levels;
     }
     build(reference, levels, ref_);
@@ -133,7 +137,8 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
                 }
             }
         }
-        if (!std::isfinite(bestCost)) return result;
+        if (!std::isfinite(bestCost))
+            return result;
     }
 
     // Gauss-Newton with Huber weights, coarse to fine.
@@ -144,7 +149,7 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
         const Level& m = mov_[static_cast<size_t>(lv)];
         const int w = r.width, h = r.height;
         const double cx = w / 2.0, cy = h / 2.0;
-        const int step = (lv == 0 && w * h > 200000) ? 2 : 1;
+        const int step = 1;
         for (int it = 0; it < options.iterations; ++it) {
             double H[4][4] = {};
             double g[4] = {};
@@ -156,10 +161,14 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
                 for (int x = 2; x < w - 2; x += step) {
                     ++total;
                     const double dx = x - cx, dy = y - cy;
-                    const float mx = static_cast<float>((1 + best.a) * dx - best.b * dy + cx + best.tx);
-                    const float my = static_cast<float>(best.b * dx + (1 + best.a) * dy + cy + best.ty);
-                    if (mx < 1 || my < 1 || mx >= w - 2 || my >= h - 2) continue;
-                    const double e = bilinear(m.pixels, w, mx, my) - r.pixels[static_cast<size_t>(y) * w + x];
+                    const float mx =
+                        static_cast<float>((1 + best.a) * dx - best.b * dy + cx + best.tx);
+                    const float my =
+                        static_cast<float>(best.b * dx + (1 + best.a) * dy + cy + best.ty);
+                    if (mx < 1 || my < 1 || mx >= w - 2 || my >= h - 2)
+                        continue;
+                    const double e =
+                        bilinear(m.pixels, w, mx, my) - r.pixels[static_cast<size_t>(y) * w + x];
                     const double ix = bilinear(m.gx, w, mx, my);
                     const double iy = bilinear(m.gy, w, mx, my);
                     const double J[4] = {ix * dx + iy * dy, -ix * dy + iy * dx, ix, iy};
@@ -167,51 +176,62 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
                     const double wgt = ae <= huber ? 1.0 : huber / ae;
                     for (int i = 0; i < 4; ++i) {
                         g[i] += wgt * J[i] * e;
-                        for (int j = i; j < 4; ++j) H[i][j] += wgt * J[i] * J[j];
+                        for (int j = i; j < 4; ++j)
+                            H[i][j] += wgt * J[i] * J[j];
                     }
                     sse += e * e;
                     ++n;
                 }
             }
-            if (n < 50 || n * 4 < total) return result;
+            if (n < 50 || n * 4 < total)
+                return result;
             rms = std::sqrt(sse / n);
             used = static_cast<double>(n) / total;
             for (int i = 0; i < 4; ++i) {
-                for (int j = 0; j < i; ++j) H[i][j] = H[j][i];
+                for (int j = 0; j < i; ++j)
+                    H[i][j] = H[j][i];
                 H[i][i] *= 1.0 + 1e-6;
             }
             // Solve H d = -g by Gaussian elimination with partial pivoting.
             double A[4][5];
             for (int i = 0; i < 4; ++i) {
-                for (int j = 0; j < 4; ++j) A[i][j] = H[i][j];
+                for (int j = 0; j < 4; ++j)
+                    A[i][j] = H[i][j];
                 A[i][4] = -g[i];
             }
             bool singular = false;
             for (int c = 0; c < 4 && !singular; ++c) {
                 int p = c;
                 for (int i = c + 1; i < 4; ++i) {
-                    if (std::fabs(A[i][c]) > std::fabs(A[p][c])) p = i;
+                    if (std::fabs(A[i][c]) > std::fabs(A[p][c]))
+                        p = i;
                 }
                 if (std::fabs(A[p][c]) < 1e-12) {
                     singular = true;
                     break;
                 }
-                for (int j = 0; j < 5; ++j) std::swap(A[c][j], A[p][j]);
+                for (int j = 0; j < 5; ++j)
+                    std::swap(A[c][j], A[p][j]);
                 for (int i = 0; i < 4; ++i) {
-                    if (i == c) continue;
+                    if (i == c)
+                        continue;
                     const double f = A[i][c] / A[c][c];
-                    for (int j = c; j < 5; ++j) A[i][j] -= f * A[c][j];
+                    for (int j = c; j < 5; ++j)
+                        A[i][j] -= f * A[c][j];
                 }
             }
-            if (singular) return result;
-            const double d[4] = {A[0][4] / A[0][0], A[1][4] / A[1][1], A[2][4] / A[2][2], A[3][4] / A[3][3]};
+            if (singular)
+                return result;
+            const double d[4] = {A[0][4] / A[0][0], A[1][4] / A[1][1], A[2][4] / A[2][2],
+                                 A[3][4] / A[3][3]};
             best.a += d[0];
             best.b += d[1];
             best.tx += d[2];
             best.ty += d[3];
             const double moveAtEdge = std::fabs(d[2]) + std::fabs(d[3]) +
                                       (std::fabs(d[0]) + std::fabs(d[1])) * std::max(w, h) / 2.0;
-            if (moveAtEdge < 0.01) break;
+            if (moveAtEdge < 0.01)
+                break;
         }
         if (lv > 0) {
             best.tx *= 2;

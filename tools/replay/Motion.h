@@ -22,9 +22,9 @@ struct Similarity {
 
 struct MotionEstimate {
     Similarity motion;
-    double rmsResidual = 0;   // grey levels, over the pixels used
-    double usedShare = 0;     // share of reference pixels that map inside the moving picture
-    bool ok = false;          // false when too little overlap or no convergence
+    double rmsResidual = 0;  // grey levels, over the pixels used
+    double usedShare = 0;    // share of reference pixels that map inside the moving picture
+    bool ok = false;         // false when too little overlap or no convergence
 };
 
 struct MotionOptions {
@@ -38,11 +38,11 @@ struct MotionOptions {
 
 // Keeps its pyramids between calls; one per thread.
 class MotionEstimator {
-public:
+  public:
     MotionEstimate estimate(const GrayImage& reference, const GrayImage& moving,
                             const Similarity& initial, const MotionOptions& options);
 
-private:
+  private:
     struct Level {
         int width = 0;
         int height = 0;

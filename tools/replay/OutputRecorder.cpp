@@ -16,11 +16,14 @@ OutputRecorder::OutputRecorder(const RecorderOptions& options)
     auto bytes = [&](int f) {
         return static_cast<size_t>(o.expectedFrames) * 2 * (o.inputWidth / f) * (o.inputHeight / f);
     };
-    while (bytes(factor_) > o.lumaBudget && o.inputWidth / (factor_ + 1) >= 64) ++factor_;
+    while (bytes(factor_) > o.lumaBudget && o.inputWidth / (factor_ + 1) >= 64)
+        ++factor_;
     inputs_.resize(static_cast<size_t>(o.expectedFrames));
     outputs_.resize(static_cast<size_t>(o.expectedFrames));
-    for (OutputRecord& r : outputs_) r.luma.resize(o.outputWidth / factor_, o.outputHeight / factor_);
-    for (InputRecord& r : inputs_) r.luma.resize(o.inputWidth / factor_, o.inputHeight / factor_);
+    for (OutputRecord& r : outputs_)
+        r.luma.resize(o.outputWidth / factor_, o.outputHeight / factor_);
+    for (InputRecord& r : inputs_)
+        r.luma.resize(o.inputWidth / factor_, o.inputHeight / factor_);
     perSurface_.assign(1, 0);
 
     video_.open(o.videoPath, o.outputWidth, o.outputHeight, o.fpsNum, o.fpsDen);
@@ -32,12 +35,14 @@ OutputRecorder::OutputRecorder(const RecorderOptions& options)
         sideBySide_.open(o.sideBySidePath, w, h, o.fpsNum, o.fpsDen);
     }
     for (int k = 0; k < o.pairCount && o.expectedFrames > 0; ++k) {
-        pairIndices_.push_back(static_cast<int>(static_cast<long long>(o.expectedFrames) * (k + 1) / (o.pairCount + 1)));
+        pairIndices_.push_back(static_cast<int>(static_cast<long long>(o.expectedFrames) * (k + 1) /
+                                                (o.pairCount + 1)));
     }
     // Enough buffers for the frames in flight inside an engine (its queue) and then some.
     if (!o.sideBySidePath.empty() || !pairIndices_.empty()) {
         free_.resize(48);
-        for (I420Image& f : free_) f.resize(o.inputWidth, o.inputHeight);
+        for (I420Image& f : free_)
+            f.resize(o.inputWidth, o.inputHeight);
     }
 }
 
@@ -76,14 +81,17 @@ void OutputRecorder::onFrameDelivered(int index, int64_t timestampNs, const Nv21
 
 void OutputRecorder::onFrameOutput(int surface, int64_t timestampNs, const RgbaView& image) {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (surface >= static_cast<int>(perSurface_.size())) perSurface_.resize(static_cast<size_t>(surface) + 1, 0);
+    if (surface >= static_cast<int>(perSurface_.size()))
+        perSurface_.resize(static_cast<size_t>(surface) + 1, 0);
     ++perSurface_[static_cast<size_t>(surface)];
-    if (surface != 0) return;
+    if (surface != 0)
+        return;
     if (image.width != options_.outputWidth || image.height != options_.outputHeight) {
         ++sizeMismatch_;
         return;
     }
-    if (timestampNs <= lastOutputTs_) ++outOfOrder_;
+    if (timestampNs <= lastOutputTs_)
+        ++outOfOrder_;
     lastOutputTs_ = timestampNs;
 
     rgbaToI420(image, outFrame_);
@@ -91,7 +99,8 @@ void OutputRecorder::onFrameOutput(int surface, int64_t timestampNs, const RgbaV
 
     if (outputsUsed_ == outputs_.size()) {
         outputs_.emplace_back();  // more outputs than frames expected: grow (rare)
-        outputs_.back().luma.resize(options_.outputWidth / factor_, options_.outputHeight / factor_);
+        outputs_.back().luma.resize(options_.outputWidth / factor_,
+                                    options_.outputHeight / factor_);
     }
     OutputRecord& rec = outputs_[outputsUsed_++];
     rec.timestampNs = timestampNs;
@@ -106,7 +115,8 @@ void OutputRecorder::onFrameOutput(int surface, int64_t timestampNs, const RgbaV
     } else {
         ++unmatched_;
     }
-    downsampleLuma(outFrame_.y(), outFrame_.width, outFrame_.height, outFrame_.width, factor_, rec.luma);
+    downsampleLuma(outFrame_.y(), outFrame_.width, outFrame_.height, outFrame_.width, factor_,
+                   rec.luma);
 
     // Frames delivered before this one that never came out were dropped: recycle them.
     while (!pending_.empty() && pending_.begin()->first < timestampNs) {

@@ -19,8 +19,8 @@
 namespace qlmr::replay {
 
 struct RecorderOptions {
-    std::string videoPath;        // Y4M of surface 0
-    std::string sideBySidePath;   // "" = none
+    std::string videoPath;       // Y4M of surface 0
+    std::string sideBySidePath;  // "" = none
     int expectedFrames = 0;
     int inputWidth = 0;
     int inputHeight = 0;
@@ -28,7 +28,7 @@ struct RecorderOptions {
     int outputHeight = 0;
     int fpsNum = 30;
     int fpsDen = 1;
-    int pairCount = 4;            // before/after pairs kept for the report
+    int pairCount = 4;  // before/after pairs kept for the report
     int thumbnailWidth = 640;
     // Memory budget for the metrics' luma copies (both streams together), bytes.
     size_t lumaBudget = size_t(600) << 20;
@@ -55,7 +55,7 @@ struct FramePair {
 };
 
 class OutputRecorder : public SessionObserver {
-public:
+  public:
     explicit OutputRecorder(const RecorderOptions& options);
 
     void onFrameDelivered(int index, int64_t timestampNs, const Nv21Image& frame) override;
@@ -79,7 +79,7 @@ public:
     int delivered() const { return deliveredCount_.load(); }
     int output() const { return outputCount_.load(); }
 
-private:
+  private:
     struct Pending {
         int index;
         I420Image frame;

@@ -22,23 +22,27 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
     p.dir = dir;
     const std::string framesDir = dir + "/frames";
     DIR* d = opendir(framesDir.c_str());
-    if (d == nullptr) throw ReplayError(framesDir, 0, std::string("cannot open folder: ") + std::strerror(errno));
+    if (d == nullptr)
+        throw ReplayError(framesDir, 0, std::string("cannot open folder: ") + std::strerror(errno));
     while (dirent* e = readdir(d)) {
         const std::string name = e->d_name;
         int n = 0;
         char tail[8] = {0};
-        if (std::sscanf(name.c_str(), "frame-%d.%4s", &n, tail) == 2 && std::strcmp(tail, "jpg") == 0 &&
-            name == "frame-" + std::to_string(n) + ".jpg") {
+        if (std::sscanf(name.c_str(), "frame-%d.%4s", &n, tail) == 2 &&
+            std::strcmp(tail, "jpg") == 0 && name == "frame-" + std::to_string(n) + ".jpg") {
             p.frameNumbers.push_back(n);
         }
     }
     closedir(d);
-    if (p.frameNumbers.empty()) throw ReplayError(framesDir, 0, "no frame-N.jpg files");
+    if (p.frameNumbers.empty())
+        throw ReplayError(framesDir, 0, "no frame-N.jpg files");
     std::sort(p.frameNumbers.begin(), p.frameNumbers.end());
     for (size_t i = 1; i < p.frameNumbers.size(); ++i) {
         if (p.frameNumbers[i] != p.frameNumbers[i - 1] + 1) {
-            throw ReplayError(framesDir, 0, "frames are not consecutive: frame-" + std::to_string(p.frameNumbers[i - 1]) +
-                                                 ".jpg is followed by frame-" + std::to_string(p.frameNumbers[i]) + ".jpg");
+            throw ReplayError(
+                framesDir, 0,
+                "frames are not consecutive: frame-" + std::to_string(p.frameNumbers[i - 1]) +
+                    ".jpg is followed by frame-" + std::to_string(p.frameNumbers[i]) + ".jpg");
         }
     }
 
@@ -49,15 +53,21 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
         std::vector<std::string> f;
         std::vector<int64_t> stamps;  // by line number - 1
         while (csv.next(f)) {
-            if (f.size() != 1) csv.fail("expected one time in seconds per line");
+            if (f.size() != 1)
+                csv.fail("expected one time in seconds per line");
             const double s = csv.toDouble(f[0], "frame time");
-            if (s < 0 || s > 9.2e9) csv.fail("frame time out of range");
-            while (static_cast<int>(stamps.size()) < csv.line() - 1) stamps.push_back(INT64_MIN);
+            if (s < 0 || s > 9.2e9)
+                csv.fail("frame time out of range");
+            while (static_cast<int>(stamps.size()) < csv.line() - 1)
+                stamps.push_back(INT64_MIN);
             stamps.push_back(std::llround(s * 1e9));
         }
         for (int n : p.frameNumbers) {
-            if (n < 1 || n > static_cast<int>(stamps.size()) || stamps[static_cast<size_t>(n - 1)] == INT64_MIN) {
-                throw ReplayError(path, 0, "has no line " + std::to_string(n) + " for frame-" + std::to_string(n) + ".jpg");
+            if (n < 1 || n > static_cast<int>(stamps.size()) ||
+                stamps[static_cast<size_t>(n - 1)] == INT64_MIN) {
+                throw ReplayError(path, 0,
+                                  "has no line " + std::to_string(n) + " for frame-" +
+                                      std::to_string(n) + ".jpg");
             }
             const int64_t t = stamps[static_cast<size_t>(n - 1)];
             if (!p.frameTimestampsNs.empty() && t <= p.frameTimestampsNs.back()) {
@@ -73,16 +83,19 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
         CsvReader csv(path);
         std::vector<std::string> f;
         while (csv.next(f)) {
-            if (f.size() != 4) csv.fail("expected 4 fields x,y,z,t, got " + std::to_string(f.size()));
+            if (f.size() != 4)
+                csv.fail("expected 4 fields x,y,z,t, got " + std::to_string(f.size()));
             GyroSample s;
             s.x = static_cast<float>(csv.toDouble(f[0], "x"));
             s.y = static_cast<float>(csv.toDouble(f[1], "y"));
             s.z = static_cast<float>(csv.toDouble(f[2], "z"));
             s.timestampNs = std::llround(csv.toDouble(f[3], "t") * 1e9);
-            if (!p.gyro.empty() && s.timestampNs < p.gyro.back().timestampNs) csv.fail("time goes backwards");
+            if (!p.gyro.empty() && s.timestampNs < p.gyro.back().timestampNs)
+                csv.fail("time goes backwards");
             p.gyro.push_back(s);
         }
-        if (p.gyro.empty()) throw ReplayError(path, 0, "no gyro samples");
+        if (p.gyro.empty())
+            throw ReplayError(path, 0, "no gyro samples");
     }
     const ImageSize size = readImageSize(p.framePaths.front());
     p.width = size.width;
@@ -101,7 +114,8 @@ void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera,
     std::string frames = "timestamp_ns,file,exposure_us\n";
     for (size_t i = 0; i < phone.framePaths.size(); ++i) {
         frames += std::to_string(phone.frameTimestampsNs[i]) + "," + absDir + "/frames/frame-" +
-                  std::to_string(phone.frameNumbers[i]) + ".jpg," + std::to_string(camera.exposureUs) + "\n";
+                  std::to_string(phone.frameNumbers[i]) + ".jpg," +
+                  std::to_string(camera.exposureUs) + "\n";
     }
     writeFile(outDir + "/frames.csv", frames.data(), frames.size());
 
@@ -114,13 +128,15 @@ void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera,
     for (const GyroSample& s : phone.gyro) {
         // Gyro time g was taken at frame time g - offset.
         const int64_t t = s.timestampNs - offsetNs;
-        if (t < from || t > to) continue;
+        if (t < from || t > to)
+            continue;
         const Vec3 dev = mapCameraToDevice(map.apply({s.x, s.y, s.z}));
         std::snprintf(line, sizeof line, "%" PRId64 ",%.9g,%.9g,%.9g\n", t, dev.x, dev.y, dev.z);
         gyro += line;
         ++kept;
     }
-    if (kept == 0) throw ReplayError(phone.dir + "/gyro.txt", 0, "no gyro samples around the frames");
+    if (kept == 0)
+        throw ReplayError(phone.dir + "/gyro.txt", 0, "no gyro samples around the frames");
     writeFile(outDir + "/gyro.csv", gyro.data(), gyro.size());
 
     CameraFacts facts;
@@ -133,8 +149,8 @@ void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera,
     const double span = (phone.gyro.back().timestampNs - phone.gyro.front().timestampNs) * 1e-9;
     facts.gyroRateHz = span > 0 ? std::round((phone.gyro.size() - 1) / span) : 0;
     facts.gyroOffsetMs = 0;
-    facts.description = "phone hand-held recording (" + absDir + "), gyro axes mapped " + map.text() +
-                        ", gyro offset " + std::to_string(offsetMs) + " ms removed";
+    facts.description = "phone hand-held recording (" + absDir + "), gyro axes mapped " +
+                        map.text() + ", gyro offset " + std::to_string(offsetMs) + " ms removed";
     const std::string config = configTextFor(facts);
     writeFile(outDir + "/config.txt", config.data(), config.size());
 }

@@ -13,10 +13,10 @@ namespace qlmr::replay {
 
 struct PhoneRecording {
     std::string dir;
-    std::vector<int> frameNumbers;          // N of frame-N.jpg, ascending
+    std::vector<int> frameNumbers;  // N of frame-N.jpg, ascending
     std::vector<std::string> framePaths;
     std::vector<int64_t> frameTimestampsNs;  // from framestamp.txt line N
-    std::vector<GyroSample> gyro;           // raw axes, as in gyro.txt
+    std::vector<GyroSample> gyro;            // raw axes, as in gyro.txt
     int width = 0;
     int height = 0;
 };
@@ -37,8 +37,8 @@ PhoneRecording loadPhoneRecording(const std::string& dir);
 // Writes a replay recording: frames.csv pointing at the original JPEG files (absolute paths),
 // gyro.csv with the rates mapped to camera axes by `map` and then to the device axes the
 // replay tool's recordings use, the offset (gyro time minus frame time of the same instant)
-// removed from the timestamps, keeping the gyro samples from 1 s before the first frame to 1 s after the
-// last; config.txt from the camera facts.
+// removed from the timestamps, keeping the gyro samples from 1 s before the first frame to 1 s
+// after the last; config.txt from the camera facts.
 void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera, const AxisMap& map,
                          double offsetMs, const std::string& outDir);
 

@@ -16,8 +16,12 @@ std::string progressLine(int done, int total, int out, double fps) {
 }
 
 ProgressBar::ProgressBar(bool enabled, int total, std::function<void(int&, int&)> counts)
-    : enabled_(enabled), total_(total), counts_(std::move(counts)), start_(std::chrono::steady_clock::now()) {
-    if (!enabled_) return;
+    : enabled_(enabled),
+      total_(total),
+      counts_(std::move(counts)),
+      start_(std::chrono::steady_clock::now()) {
+    if (!enabled_)
+        return;
     thread_ = std::thread([this] {
         std::unique_lock<std::mutex> lock(mutex_);
         while (!wake_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; })) {
@@ -27,7 +31,8 @@ ProgressBar::ProgressBar(bool enabled, int total, std::function<void(int&, int&)
 }
 
 ProgressBar::~ProgressBar() {
-    if (!enabled_) return;
+    if (!enabled_)
+        return;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stop_ = true;
@@ -40,7 +45,8 @@ ProgressBar::~ProgressBar() {
 void ProgressBar::draw(bool last) {
     int done = 0, out = 0;
     counts_(done, out);
-    const double sec = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    const double sec =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     const std::string line = progressLine(done, total_, out, sec > 0 ? out / sec : 0.0);
     std::fprintf(stderr, "\r%s%s", line.c_str(), last ? "\n" : "");
     std::fflush(stderr);

@@ -15,7 +15,7 @@ namespace qlmr::replay {
 std::string progressLine(int done, int total, int out, double fps);
 
 class ProgressBar {
-public:
+  public:
     // `counts` gives (frames delivered, frames output); polled every 250 ms. Draws nothing
     // when `enabled` is false.
     ProgressBar(bool enabled, int total, std::function<void(int&, int&)> counts);
@@ -23,7 +23,7 @@ public:
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-private:
+  private:
     void draw(bool last);
 
     bool enabled_;

@@ -18,23 +18,28 @@ namespace qlmr::replay {
 namespace {
 
 std::string joinPath(const std::string& dir, const std::string& name) {
-    if (name.empty() || name[0] == '/' || dir.empty()) return name;
+    if (name.empty() || name[0] == '/' || dir.empty())
+        return name;
     return dir.back() == '/' ? dir + name : dir + "/" + name;
 }
 
-std::string sizeText(int w, int h) { return std::to_string(w) + "x" + std::to_string(h); }
+std::string sizeText(int w, int h) {
+    return std::to_string(w) + "x" + std::to_string(h);
+}
 
 // Finds the folder's single "video.*" file, or "".
 std::string findVideo(const std::string& dir) {
     std::string found;
     DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return found;
+    if (d == nullptr)
+        return found;
     while (dirent* e = readdir(d)) {
         const std::string name = e->d_name;
         if (name.rfind("video.", 0) == 0) {
             if (!found.empty()) {
                 closedir(d);
-                throw ReplayError(dir, 0, "more than one video.* file (" + found + ", " + name + ")");
+                throw ReplayError(dir, 0,
+                                  "more than one video.* file (" + found + ", " + name + ")");
             }
             found = name;
         }
@@ -47,7 +52,8 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
     const std::string path = joinPath(dir, "frames.csv");
     CsvReader csv(path);
     std::vector<std::string> f;
-    if (!csv.next(f)) throw ReplayError(path, 0, "empty file: a header line is expected");
+    if (!csv.next(f))
+        throw ReplayError(path, 0, "empty file: a header line is expected");
     // Header: timestamp_ns, then optionally file, then optionally exposure_us.
     int fileCol = -1;
     int exposureCol = -1;
@@ -66,7 +72,8 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
     }
     const size_t columns = f.size();
     std::string header;
-    for (size_t i = 0; i < f.size(); ++i) header += (i ? "," : "") + f[i];
+    for (size_t i = 0; i < f.size(); ++i)
+        header += (i ? "," : "") + f[i];
 
     if (fileCol < 0) {
         rec.videoPath = findVideo(dir);
@@ -91,12 +98,14 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
         }
         if (exposureCol >= 0) {
             const int64_t exp = csv.toInt64(f[static_cast<size_t>(exposureCol)], "exposure_us");
-            if (exp < 0 || exp > 65535) csv.fail("exposure_us " + std::to_string(exp) + " outside 0..65535");
+            if (exp < 0 || exp > 65535)
+                csv.fail("exposure_us " + std::to_string(exp) + " outside 0..65535");
             e.exposureUs = static_cast<int>(exp);
         }
         if (fileCol >= 0) {
             const std::string& name = f[static_cast<size_t>(fileCol)];
-            if (name.empty()) csv.fail("empty file name");
+            if (name.empty())
+                csv.fail("empty file name");
             e.file = joinPath(dir, name);
             if (checkImages || rec.frames.empty()) {
                 ImageSize size;
@@ -122,10 +131,12 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
         previousLine = csv.line();
         rec.frames.push_back(std::move(e));
     }
-    if (rec.frames.empty()) throw ReplayError(path, 0, "no frames listed");
+    if (rec.frames.empty())
+        throw ReplayError(path, 0, "no frames listed");
     if (!rec.videoPath.empty()) {
         // The size comes from the stream header.
-        if (rec.videoPath.size() > 4 && rec.videoPath.compare(rec.videoPath.size() - 4, 4, ".y4m") == 0) {
+        if (rec.videoPath.size() > 4 &&
+            rec.videoPath.compare(rec.videoPath.size() - 4, 4, ".y4m") == 0) {
             Y4mReader reader;
             reader.open(rec.videoPath);
             rec.width = reader.width();
@@ -149,7 +160,8 @@ void loadGyro(const std::string& dir, Recording& rec) {
     const std::string path = joinPath(dir, "gyro.csv");
     CsvReader csv(path);
     std::vector<std::string> f;
-    if (!csv.next(f)) throw ReplayError(path, 0, "empty file: a header line is expected");
+    if (!csv.next(f))
+        throw ReplayError(path, 0, "empty file: a header line is expected");
     if (f != std::vector<std::string>{"timestamp_ns", "x", "y", "z"}) {
         csv.fail("header must be timestamp_ns,x,y,z");
     }
@@ -160,7 +172,8 @@ void loadGyro(const std::string& dir, Recording& rec) {
         }
         GyroSample s;
         s.timestampNs = csv.toInt64(f[0], "timestamp_ns");
-        if (s.timestampNs <= 0) csv.fail("timestamp_ns must be positive");
+        if (s.timestampNs <= 0)
+            csv.fail("timestamp_ns must be positive");
         s.x = static_cast<float>(csv.toDouble(f[1], "x"));
         s.y = static_cast<float>(csv.toDouble(f[2], "y"));
         s.z = static_cast<float>(csv.toDouble(f[3], "z"));
@@ -172,18 +185,21 @@ void loadGyro(const std::string& dir, Recording& rec) {
         previousLine = csv.line();
         rec.gyro.push_back(s);
     }
-    if (rec.gyro.empty()) throw ReplayError(path, 0, "no gyro samples");
+    if (rec.gyro.empty())
+        throw ReplayError(path, 0, "no gyro samples");
 }
 
 void loadConfig(const std::string& dir, Recording& rec) {
     const std::string path = joinPath(dir, "config.txt");
     std::vector<uint8_t> bytes;
     readFile(path, bytes);
-    if (bytes.empty()) throw ReplayError(path, 0, "empty configuration text");
+    if (bytes.empty())
+        throw ReplayError(path, 0, "empty configuration text");
     for (size_t i = 0; i < bytes.size(); ++i) {
         if (bytes[i] == 0) {
             int line = 1;
-            for (size_t j = 0; j < i; ++j) line += bytes[j] == '\n';
+            for (size_t j = 0; j < i; ++j)
+                line += bytes[j] == '\n';
             throw ReplayError(path, line, "NUL byte in the configuration text");
         }
     }
@@ -192,12 +208,14 @@ void loadConfig(const std::string& dir, Recording& rec) {
 
 // Frames from image files.
 class ImageFrames : public FrameSource {
-public:
+  public:
     explicit ImageFrames(const Recording& rec) : rec_(rec) {}
     int width() const override { return rec_.width; }
     int height() const override { return rec_.height; }
     int count() const override { return static_cast<int>(rec_.frames.size()); }
-    int64_t timestampNs(int i) const override { return rec_.frames[static_cast<size_t>(i)].timestampNs; }
+    int64_t timestampNs(int i) const override {
+        return rec_.frames[static_cast<size_t>(i)].timestampNs;
+    }
     int exposureUs(int i) const override { return rec_.frames[static_cast<size_t>(i)].exposureUs; }
     void read(int i, Nv21Image& out) override {
         const FrameEntry& e = rec_.frames[static_cast<size_t>(i)];
@@ -205,7 +223,8 @@ public:
         if (rgb_.width != rec_.width || rgb_.height != rec_.height) {
             throw ReplayError(rec_.dir + "/frames.csv", e.line,
                               "image " + e.file + " is " + sizeText(rgb_.width, rgb_.height) +
-                                  ", the recording's frames are " + sizeText(rec_.width, rec_.height));
+                                  ", the recording's frames are " +
+                                  sizeText(rec_.width, rec_.height));
         }
         rgbToNv21(rgb_, out);
     }
@@ -214,7 +233,7 @@ public:
                sizeText(rec_.width, rec_.height) + ")";
     }
 
-private:
+  private:
     const Recording& rec_;
     ImageReader reader_;
     RgbImage rgb_;
@@ -222,31 +241,37 @@ private:
 
 // Frames from one video file (Y4M read directly, anything else through ffmpeg).
 class VideoFrames : public FrameSource {
-public:
+  public:
     explicit VideoFrames(const Recording& rec) : rec_(rec) {}
     int width() const override { return rec_.width; }
     int height() const override { return rec_.height; }
     int count() const override { return static_cast<int>(rec_.frames.size()); }
-    int64_t timestampNs(int i) const override { return rec_.frames[static_cast<size_t>(i)].timestampNs; }
+    int64_t timestampNs(int i) const override {
+        return rec_.frames[static_cast<size_t>(i)].timestampNs;
+    }
     int exposureUs(int i) const override { return rec_.frames[static_cast<size_t>(i)].exposureUs; }
     void read(int i, Nv21Image& out) override {
-        if (i != next_) throw ReplayError(rec_.videoPath, 0, "video frames must be read in order");
-        if (next_ == 0) start();
+        if (i != next_)
+            throw ReplayError(rec_.videoPath, 0, "video frames must be read in order");
+        if (next_ == 0)
+            start();
         if (!nextFrame()) {
             throw ReplayError(rec_.videoPath, 0,
-                              "video ends after " + std::to_string(i) + " frames, frames.csv lists " +
-                                  std::to_string(count()));
+                              "video ends after " + std::to_string(i) +
+                                  " frames, frames.csv lists " + std::to_string(count()));
         }
         if (yuv_.width != rec_.width || yuv_.height != rec_.height) {
-            throw ReplayError(rec_.videoPath, 0, "frame " + std::to_string(i + 1) + " is " +
-                                                     sizeText(yuv_.width, yuv_.height) + ", expected " +
-                                                     sizeText(rec_.width, rec_.height));
+            throw ReplayError(rec_.videoPath, 0,
+                              "frame " + std::to_string(i + 1) + " is " +
+                                  sizeText(yuv_.width, yuv_.height) + ", expected " +
+                                  sizeText(rec_.width, rec_.height));
         }
         toNv21(out);
         ++next_;
         if (next_ == count() && nextFrame()) {
-            throw ReplayError(rec_.videoPath, 0, "video has more frames than the " +
-                                                     std::to_string(count()) + " in frames.csv");
+            throw ReplayError(
+                rec_.videoPath, 0,
+                "video has more frames than the " + std::to_string(count()) + " in frames.csv");
         }
     }
     std::string describe() const override {
@@ -254,7 +279,7 @@ public:
                sizeText(rec_.width, rec_.height) + ")";
     }
 
-private:
+  private:
     bool isY4m() const {
         const std::string& p = rec_.videoPath;
         return p.size() > 4 && p.compare(p.size() - 4, 4, ".y4m") == 0;
@@ -264,7 +289,8 @@ private:
             y4m_.open(rec_.videoPath);
         } else {
             const std::string ffmpeg = ffmpegProgram();
-            if (ffmpeg.empty()) throw ReplayError(rec_.videoPath, 0, "the ffmpeg program is not installed");
+            if (ffmpeg.empty())
+                throw ReplayError(rec_.videoPath, 0, "the ffmpeg program is not installed");
             decoder_.open(ffmpeg, rec_.videoPath);
         }
     }
@@ -306,13 +332,13 @@ Recording loadRecording(const std::string& dir, bool checkImages) {
 }
 
 std::unique_ptr<FrameSource> openRecordingFrames(const Recording& recording) {
-    if (!recording.videoPath.empty()) return std::make_unique<VideoFrames>(recording);
+    if (!recording.videoPath.empty())
+        return std::make_unique<VideoFrames>(recording);
     return std::make_unique<ImageFrames>(recording);
 }
 
-void saveRecording(const std::string& dir, FrameSource& frames,
-                   const std::vector<GyroSample>& gyro, const std::string& configText,
-                   int jpegQuality) {
+void saveRecording(const std::string& dir, FrameSource& frames, const std::vector<GyroSample>& gyro,
+                   const std::string& configText, int jpegQuality) {
     mkdir(dir.c_str(), 0755);
     const std::string framesDir = joinPath(dir, "frames");
     if (mkdir(framesDir.c_str(), 0755) != 0 && errno != EEXIST) {
@@ -340,7 +366,8 @@ void saveRecording(const std::string& dir, FrameSource& frames,
     std::string g = "timestamp_ns,x,y,z\n";
     char line[128];
     for (const GyroSample& s : gyro) {
-        std::snprintf(line, sizeof line, "%" PRId64 ",%.9g,%.9g,%.9g\n", s.timestampNs, s.x, s.y, s.z);
+        std::snprintf(line, sizeof line, "%" PRId64 ",%.9g,%.9g,%.9g\n", s.timestampNs, s.x, s.y,
+                      s.z);
         g += line;
     }
     writeFile(joinPath(dir, "gyro.csv"), g.data(), g.size());

@@ -28,7 +28,7 @@ constexpr int kDefaultExposureUs = 10000;
 // Delivers a recording's frames as NV21 pictures, in order. Implementations reuse their
 // decoding buffers: frames are asked for once each, with increasing index.
 class FrameSource {
-public:
+  public:
     virtual ~FrameSource() = default;
 
     virtual int width() const = 0;
@@ -72,8 +72,7 @@ std::unique_ptr<FrameSource> openRecordingFrames(const Recording& recording);
 
 // Writes a recording folder (frames as JPEG files of the given quality, or PNG when quality is
 // 0), so that any frame source can be saved and replayed later.
-void saveRecording(const std::string& dir, FrameSource& frames,
-                   const std::vector<GyroSample>& gyro, const std::string& configText,
-                   int jpegQuality);
+void saveRecording(const std::string& dir, FrameSource& frames, const std::vector<GyroSample>& gyro,
+                   const std::string& configText, int jpegQuality);
 
 }  // namespace qlmr::replay

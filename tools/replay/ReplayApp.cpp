@@ -25,19 +25,23 @@ void makeDirs(const std::string& path) {
     while (pos != std::string::npos) {
         pos = path.find('/', pos + 1);
         partial = path.substr(0, pos);
-        if (partial.empty()) continue;
+        if (partial.empty())
+            continue;
         if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
-            throw ReplayError(partial, 0, std::string("cannot create folder: ") + std::strerror(errno));
+            throw ReplayError(partial, 0,
+                              std::string("cannot create folder: ") + std::strerror(errno));
         }
     }
     struct stat st;
-    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) throw ReplayError(path, 0, "not a folder");
+    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        throw ReplayError(path, 0, "not a folder");
 }
 
 // The first `limit` frames of another source.
 class LimitedFrames : public FrameSource {
-public:
-    LimitedFrames(FrameSource& inner, int limit) : inner_(inner), limit_(std::min(limit, inner.count())) {}
+  public:
+    LimitedFrames(FrameSource& inner, int limit)
+        : inner_(inner), limit_(std::min(limit, inner.count())) {}
     int width() const override { return inner_.width(); }
     int height() const override { return inner_.height(); }
     int count() const override { return limit_; }
@@ -48,7 +52,7 @@ public:
         return inner_.describe() + ", first " + std::to_string(limit_) + " frames";
     }
 
-private:
+  private:
     FrameSource& inner_;
     int limit_;
 };
@@ -56,12 +60,14 @@ private:
 // Frame rate from the median frame interval, as a rational for the Y4M header.
 void frameRate(const FrameSource& frames, double& fps, int& num, int& den) {
     std::vector<int64_t> d;
-    for (int i = 1; i < frames.count(); ++i) d.push_back(frames.timestampNs(i) - frames.timestampNs(i - 1));
+    for (int i = 1; i < frames.count(); ++i)
+        d.push_back(frames.timestampNs(i) - frames.timestampNs(i - 1));
     fps = 30;
     if (!d.empty()) {
         std::nth_element(d.begin(), d.begin() + static_cast<long>(d.size() / 2), d.end());
         const int64_t median = d[d.size() / 2];
-        if (median > 0) fps = 1e9 / static_cast<double>(median);
+        if (median > 0)
+            fps = 1e9 / static_cast<double>(median);
     }
     num = static_cast<int>(std::lround(fps * 1000));
     den = 1000;
@@ -120,7 +126,8 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         frames = limited.get();
     }
     if (!gyro->empty()) {
-        const int64_t first = frames->timestampNs(0), last = frames->timestampNs(frames->count() - 1);
+        const int64_t first = frames->timestampNs(0),
+                      last = frames->timestampNs(frames->count() - 1);
         if (gyro->front().timestampNs > first || gyro->back().timestampNs < last) {
             m.warnings.push_back("the gyro samples do not cover every frame (gyro " +
                                  std::to_string(gyro->front().timestampNs) + ".." +
@@ -184,17 +191,21 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     }
     recorder.finish();
     outcome.files = {"stabilized.y4m"};
-    if (options.sideBySide) outcome.files.push_back("side_by_side.y4m");
+    if (options.sideBySide)
+        outcome.files.push_back("side_by_side.y4m");
     outcome.files.push_back("engine.log");
     m.framesDelivered = result.framesDelivered;
     m.framesLate = result.framesLate;
     m.wallSec = result.wallSec;
-    for (const std::string& n : result.notes) m.warnings.push_back(n);
+    for (const std::string& n : result.notes)
+        m.warnings.push_back(n);
     if (recorder.sizeMismatches() > 0) {
-        m.warnings.push_back(std::to_string(recorder.sizeMismatches()) + " output frames had the wrong size and were not recorded");
+        m.warnings.push_back(std::to_string(recorder.sizeMismatches()) +
+                             " output frames had the wrong size and were not recorded");
     }
     if (recorder.outOfOrderOutputs() > 0) {
-        m.warnings.push_back(std::to_string(recorder.outOfOrderOutputs()) + " output frames came out of timestamp order");
+        m.warnings.push_back(std::to_string(recorder.outOfOrderOutputs()) +
+                             " output frames came out of timestamp order");
     }
 
     // MP4 through ffmpeg.
@@ -228,11 +239,16 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     rc.commandLine = options.commandLine;
     for (const std::string& f : outcome.files) {
         std::string what = "file";
-        if (f == "stabilized.y4m") what = "output video (Y4M, 4:2:0)";
-        if (f == "stabilized.mp4") what = "output video (H.264)";
-        if (f == "side_by_side.y4m" || f == "side_by_side.mp4") what = "input | output";
-        if (f == "engine.log") what = "every engine log line of the run";
-        if (f == "metrics.json") what = "the figures of this report";
+        if (f == "stabilized.y4m")
+            what = "output video (Y4M, 4:2:0)";
+        if (f == "stabilized.mp4")
+            what = "output video (H.264)";
+        if (f == "side_by_side.y4m" || f == "side_by_side.mp4")
+            what = "input | output";
+        if (f == "engine.log")
+            what = "every engine log line of the run";
+        if (f == "metrics.json")
+            what = "the figures of this report";
         rc.files.push_back({f, what});
     }
     const std::string html = reportHtml(m, recorder.pairs(), rc);

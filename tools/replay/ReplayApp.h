@@ -14,25 +14,25 @@
 namespace qlmr::replay {
 
 struct ReplayOptions {
-    std::string input;                 // recording folder; "" = the synthetic recording
+    std::string input;  // recording folder; "" = the synthetic recording
     std::string outDir = "replay-out";
     SyntheticOptions synthetic;
     bool realtime = false;
     bool sideBySide = false;
-    bool mp4 = true;                   // also MP4 when the ffmpeg program is installed
-    int maxFrames = 0;                 // 0 = all
-    int outputWidth = 0;               // output surface size; 0 = the input's
+    bool mp4 = true;      // also MP4 when the ffmpeg program is installed
+    int maxFrames = 0;    // 0 = all
+    int outputWidth = 0;  // output surface size; 0 = the input's
     int outputHeight = 0;
-    int pairs = 4;                     // before/after pairs in the report
+    int pairs = 4;  // before/after pairs in the report
     int threads = 2;
     bool progress = false;
-    std::string saveRecording;         // also write the input as a recording folder here
+    std::string saveRecording;  // also write the input as a recording folder here
     std::string commandLine;
 };
 
 struct ReplayOutcome {
     ReplayMetrics metrics;
-    std::vector<std::string> files;    // written into outDir
+    std::vector<std::string> files;  // written into outDir
 };
 
 // Parses "WIDTHxHEIGHT" (both even, positive); throws ReplayError.

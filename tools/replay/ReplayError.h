@@ -11,7 +11,7 @@ namespace qlmr::replay {
 // what() is "<file>:<line>: <message>" (line > 0) or "<file>: <message>" (line 0), or just the
 // message when no file is involved.
 class ReplayError : public std::runtime_error {
-public:
+  public:
     ReplayError(std::string file, int line, const std::string& message)
         : std::runtime_error(format(file, line, message)), file_(std::move(file)), line_(line) {}
     explicit ReplayError(const std::string& message) : std::runtime_error(message) {}
@@ -19,10 +19,12 @@ public:
     const std::string& file() const { return file_; }
     int line() const { return line_; }
 
-private:
+  private:
     static std::string format(const std::string& file, int line, const std::string& message) {
-        if (file.empty()) return message;
-        if (line > 0) return file + ":" + std::to_string(line) + ": " + message;
+        if (file.empty())
+            return message;
+        if (line > 0)
+            return file + ":" + std::to_string(line) + ": " + message;
         return file + ": " + message;
     }
 

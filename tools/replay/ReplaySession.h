@@ -38,7 +38,7 @@ struct SessionConfig {
 
 // Called by the session from its threads; implementations synchronise themselves.
 class SessionObserver {
-public:
+  public:
     virtual ~SessionObserver() = default;
     // The camera hands frame `index` (recording timestamp `timestampNs`) to the engine.
     // Called on the camera's thread, in index order, before the engine can have output it.
@@ -57,7 +57,7 @@ struct SessionResult {
 };
 
 class ReplaySession {
-public:
+  public:
     virtual ~ReplaySession() = default;
     virtual const char* name() const = 0;
     // Runs the whole recording; returns after the last output frame has been reported and

@@ -12,11 +12,21 @@ struct Vec3 {
     double z = 0;
 };
 
-inline Vec3 operator+(Vec3 a, Vec3 b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
-inline Vec3 operator-(Vec3 a, Vec3 b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
-inline Vec3 operator*(double s, Vec3 a) { return {s * a.x, s * a.y, s * a.z}; }
-inline double dot(Vec3 a, Vec3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
-inline double norm(Vec3 a) { return std::sqrt(dot(a, a)); }
+inline Vec3 operator+(Vec3 a, Vec3 b) {
+    return {a.x + b.x, a.y + b.y, a.z + b.z};
+}
+inline Vec3 operator-(Vec3 a, Vec3 b) {
+    return {a.x - b.x, a.y - b.y, a.z - b.z};
+}
+inline Vec3 operator*(double s, Vec3 a) {
+    return {s * a.x, s * a.y, s * a.z};
+}
+inline double dot(Vec3 a, Vec3 b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+inline double norm(Vec3 a) {
+    return std::sqrt(dot(a, a));
+}
 
 // Row-major 3x3 matrix.
 struct Mat3 {
@@ -40,7 +50,8 @@ struct Mat3 {
     Mat3 transposed() const {
         Mat3 r;
         for (int i = 0; i < 3; ++i) {
-            for (int j = 0; j < 3; ++j) r.m[i][j] = m[j][i];
+            for (int j = 0; j < 3; ++j)
+                r.m[i][j] = m[j][i];
         }
         return r;
     }
@@ -79,7 +90,8 @@ inline Vec3 vectorFromRotation(const Mat3& r) {
     const double c = (r.m[0][0] + r.m[1][1] + r.m[2][2] - 1) * 0.5;
     const double a = std::acos(c < -1 ? -1 : (c > 1 ? 1 : c));
     const Vec3 w{r.m[2][1] - r.m[1][2], r.m[0][2] - r.m[2][0], r.m[1][0] - r.m[0][1]};
-    if (a < 1e-9) return 0.5 * w;
+    if (a < 1e-9)
+        return 0.5 * w;
     return (a / (2 * std::sin(a))) * w;
 }
 

@@ -41,10 +41,14 @@ void planesFromRgb(const RgbImage& rgb, Scene& s) {
 // Bilinear sample of an 8-bit plane at continuous position (x, y) in pixel-centre coordinates
 // (pixel i's centre at i), clamped to the edge. Fixed point, 8-bit weights.
 inline int sample(const uint8_t* plane, int w, int h, float x, float y) {
-    if (x < 0) x = 0;
-    if (y < 0) y = 0;
-    if (x > w - 1.001f) x = w - 1.001f;
-    if (y > h - 1.001f) y = h - 1.001f;
+    if (x < 0)
+        x = 0;
+    if (y < 0)
+        y = 0;
+    if (x > w - 1.001f)
+        x = w - 1.001f;
+    if (y > h - 1.001f)
+        y = h - 1.001f;
     const int ix = static_cast<int>(x);
     const int iy = static_cast<int>(y);
     const int fx = static_cast<int>((x - ix) * 256.0f);
@@ -89,7 +93,8 @@ Scene Scene::procedural(int width, int height, double hfovDeg, uint64_t seed) {
         const int gw = width / cell + 2;
         const int gh = height / cell + 2;
         std::vector<float> grid(static_cast<size_t>(gw) * gh * 3);
-        for (float& g : grid) g = unit(rng);
+        for (float& g : grid)
+            g = unit(rng);
         for (int y = 0; y < height; ++y) {
             const float gy = static_cast<float>(y) / cell;
             const int iy = static_cast<int>(gy);
@@ -99,7 +104,9 @@ Scene Scene::procedural(int width, int height, double hfovDeg, uint64_t seed) {
                 const int ix = static_cast<int>(gx);
                 const float fx = gx - ix;
                 for (int c = 0; c < 3; ++c) {
-                    auto at = [&](int i, int j) { return grid[(static_cast<size_t>(j) * gw + i) * 3 + c]; };
+                    auto at = [&](int i, int j) {
+                        return grid[(static_cast<size_t>(j) * gw + i) * 3 + c];
+                    };
                     const float v = (at(ix, iy) * (1 - fx) + at(ix + 1, iy) * fx) * (1 - fy) +
                                     (at(ix, iy + 1) * (1 - fx) + at(ix + 1, iy + 1) * fx) * fy;
                     acc[(static_cast<size_t>(y) * width + x) * 3 + c] += weight * v;
@@ -124,13 +131,18 @@ Scene Scene::procedural(int width, int height, double hfovDeg, uint64_t seed) {
         const float cxp = unit(rng) * width;
         const float cyp = unit(rng) * height;
         const float r = 6 + 60 * unit(rng) * unit(rng);
-        const uint8_t col[3] = {static_cast<uint8_t>(unit(rng) * 255), static_cast<uint8_t>(unit(rng) * 255),
+        const uint8_t col[3] = {static_cast<uint8_t>(unit(rng) * 255),
+                                static_cast<uint8_t>(unit(rng) * 255),
                                 static_cast<uint8_t>(unit(rng) * 255)};
-        for (int y = std::max(0, static_cast<int>(cyp - r)); y < std::min(height, static_cast<int>(cyp + r) + 1); ++y) {
-            for (int x = std::max(0, static_cast<int>(cxp - r)); x < std::min(width, static_cast<int>(cxp + r) + 1); ++x) {
+        for (int y = std::max(0, static_cast<int>(cyp - r));
+             y < std::min(height, static_cast<int>(cyp + r) + 1); ++y) {
+            for (int x = std::max(0, static_cast<int>(cxp - r));
+                 x < std::min(width, static_cast<int>(cxp + r) + 1); ++x) {
                 const float d = std::hypot(x - cxp, y - cyp);
-                if (d > r) continue;
-                for (int c = 0; c < 3; ++c) img.row(y)[3 * x + c] = d > r - 2 ? 20 : col[c];
+                if (d > r)
+                    continue;
+                for (int c = 0; c < 3; ++c)
+                    img.row(y)[3 * x + c] = d > r - 2 ? 20 : col[c];
             }
         }
     }
@@ -138,7 +150,8 @@ Scene Scene::procedural(int width, int height, double hfovDeg, uint64_t seed) {
     for (int y = 0; y < height; ++y) {
         for (int x = 0; x < width; ++x) {
             if (x % 64 == 0 || y % 64 == 0) {
-                for (int c = 0; c < 3; ++c) img.row(y)[3 * x + c] = 235;
+                for (int c = 0; c < 3; ++c)
+                    img.row(y)[3 * x + c] = 235;
             }
         }
     }
@@ -208,8 +221,8 @@ void SceneRenderer::renderRows(void* context, int begin, int end) {
                 }
                 const float inv = 1.0f / Z;
                 // Continuous source coordinate minus 0.5 gives pixel-centre coordinates.
-                dst[x] = static_cast<uint8_t>(
-                    sample(scene.y.data(), sw, sh, fs * X * inv + scx - 0.5f, fs * Y * inv + scy - 0.5f));
+                dst[x] = static_cast<uint8_t>(sample(
+                    scene.y.data(), sw, sh, fs * X * inv + scx - 0.5f, fs * Y * inv + scy - 0.5f));
             }
         }
         // Chroma sample (i, pair) covers output pixels 2i..2i+1 x 2pair..2pair+1: its centre is

@@ -52,7 +52,7 @@ constexpr const char* kDefaultScenePhotoCredit =
 // t0 + (r + 0.5) / height * readout, plus half the exposure). Rows are split across a pool of
 // threads; nothing is allocated per frame.
 class SceneRenderer {
-public:
+  public:
     SceneRenderer(const Scene& scene, const PinholeCamera& camera, int threads);
 
     void render(const CameraMotion& motion, double frameStartSec, double readoutSec,
@@ -60,7 +60,7 @@ public:
 
     const PinholeCamera& camera() const { return camera_; }
 
-private:
+  private:
     struct Job;
     static void renderRows(void* context, int begin, int end);
 

@@ -8,30 +8,41 @@ namespace qlmr::replay {
 
 std::vector<double> gaussianSmooth(const std::vector<double>& v, double sigma) {
     const int n = static_cast<int>(v.size());
+    if (sigma <= 0 || n < 2)
+        return v;
     std::vector<double> out(v.size());
-    if (sigma <= 0) return v;
     const int radius = static_cast<int>(std::ceil(3 * sigma));
     std::vector<double> k(static_cast<size_t>(2 * radius + 1));
     for (int i = -radius; i <= radius; ++i) {
         k[static_cast<size_t>(i + radius)] = std::exp(-0.5 * i * i / (sigma * sigma));
     }
+    // Gaussian-weighted straight-line fit around every sample (local linear regression): in
+    // the middle it equals the plain Gaussian average, and near the ends it follows a steady
+    // trend instead of bending toward the inner samples.
     for (int i = 0; i < n; ++i) {
-        double s = 0, ws = 0;
+        double s0 = 0, s1 = 0, s2 = 0, sy = 0, sxy = 0;
         for (int j = std::max(0, i - radius); j <= std::min(n - 1, i + radius); ++j) {
             const double w = k[static_cast<size_t>(j - i + radius)];
-            s += w * v[static_cast<size_t>(j)];
-            ws += w;
+            const double d = j - i;
+            s0 += w;
+            s1 += w * d;
+            s2 += w * d * d;
+            sy += w * v[static_cast<size_t>(j)];
+            sxy += w * d * v[static_cast<size_t>(j)];
         }
-        out[static_cast<size_t>(i)] = s / ws;
+        const double det = s0 * s2 - s1 * s1;
+        out[static_cast<size_t>(i)] = det > 1e-12 * s0 * s0 ? (sy * s2 - sxy * s1) / det : sy / s0;
     }
     return out;
 }
 
 double highPassRms(const std::vector<double>& v, double sigma) {
-    if (v.size() < 2) return 0;
+    if (v.size() < 2)
+        return 0;
     const std::vector<double> s = gaussianSmooth(v, sigma);
     double sum = 0;
-    for (size_t i = 0; i < v.size(); ++i) sum += (v[i] - s[i]) * (v[i] - s[i]);
+    for (size_t i = 0; i < v.size(); ++i)
+        sum += (v[i] - s[i]) * (v[i] - s[i]);
     return std::sqrt(sum / v.size());
 }
 
@@ -43,7 +54,8 @@ double highPassRms2(const std::vector<double>& x, const std::vector<double>& y, 
 
 double stabilityScore(const std::vector<double>& motion) {
     const size_t n = motion.size();
-    if (n < 12) return std::numeric_limits<double>::quiet_NaN();
+    if (n < 12)
+        return std::numeric_limits<double>::quiet_NaN();
     const double kPi = 3.14159265358979323846;
     // Power spectrum by direct DFT (sequences are a few thousand values at most).
     const size_t half = n / 2;
@@ -57,23 +69,28 @@ double stabilityScore(const std::vector<double>& motion) {
         }
         const double p = re * re + im * im;
         total += p;
-        if (k <= 5) low += p;
+        if (k <= 5)
+            low += p;
     }
-    if (total <= 1e-18) return 1.0;
+    if (total <= 1e-18)
+        return 1.0;
     return low / total;
 }
 
 Percentiles percentiles(std::vector<double> values) {
     Percentiles p;
     p.count = static_cast<int>(values.size());
-    if (values.empty()) return p;
+    if (values.empty())
+        return p;
     std::sort(values.begin(), values.end());
     double sum = 0;
-    for (double v : values) sum += v;
+    for (double v : values)
+        sum += v;
     p.mean = sum / values.size();
     auto rank = [&](double q) {
         size_t r = static_cast<size_t>(std::ceil(q / 100.0 * values.size()));
-        if (r < 1) r = 1;
+        if (r < 1)
+            r = 1;
         return values[std::min(r, values.size()) - 1];
     };
     p.p50 = rank(50);

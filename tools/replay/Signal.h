@@ -6,8 +6,8 @@
 
 namespace qlmr::replay {
 
-// Gaussian smoothing with standard deviation `sigma` samples; near the ends the kernel is
-// cut and renormalised (no padding).
+// Gaussian smoothing with standard deviation `sigma` samples, as a Gaussian-weighted local
+// straight-line fit, so that a steady trend (a constant pan) passes unchanged, ends included.
 std::vector<double> gaussianSmooth(const std::vector<double>& v, double sigma);
 
 // Root mean square of v - gaussianSmooth(v, sigma): the part of a path that moves faster

@@ -33,13 +33,15 @@ std::string xmlEscape(const std::string& s) {
 
 std::vector<double> niceTicks(double lo, double hi, int target) {
     std::vector<double> ticks;
-    if (!(hi > lo) || target < 1) return ticks;
+    if (!(hi > lo) || target < 1)
+        return ticks;
     const double raw = (hi - lo) / target;
     const double mag = std::pow(10.0, std::floor(std::log10(raw)));
     double step = mag;
     for (double m : {1.0, 2.0, 5.0, 10.0}) {
         step = m * mag;
-        if (step >= raw) break;
+        if (step >= raw)
+            break;
     }
     const double first = std::ceil(lo / step - 1e-9) * step;
     for (double t = first; t <= hi + step * 1e-9; t += step) {
@@ -68,7 +70,8 @@ std::string svgLinePlot(const PlotSpec& spec) {
     double x0 = std::numeric_limits<double>::infinity(), x1 = -x0, y0 = x0, y1 = -x0;
     for (const PlotSeries& s : spec.series) {
         for (size_t i = 0; i < s.x.size() && i < s.y.size(); ++i) {
-            if (!std::isfinite(s.x[i]) || !std::isfinite(s.y[i])) continue;
+            if (!std::isfinite(s.x[i]) || !std::isfinite(s.y[i]))
+                continue;
             x0 = std::min(x0, s.x[i]);
             x1 = std::max(x1, s.x[i]);
             y0 = std::min(y0, s.y[i]);
@@ -81,7 +84,8 @@ std::string svgLinePlot(const PlotSpec& spec) {
         y0 = 0;
         y1 = 1;
     }
-    if (x1 - x0 < 1e-12) x1 = x0 + 1;
+    if (x1 - x0 < 1e-12)
+        x1 = x0 + 1;
     if (y1 - y0 < 1e-12) {
         y0 -= 0.5;
         y1 += 0.5;
@@ -103,8 +107,8 @@ std::string svgLinePlot(const PlotSpec& spec) {
     for (double t : niceTicks(y0, y1, 5)) {
         o += "<line x1=\"" + num(left) + "\" x2=\"" + num(left + pw) + "\" y1=\"" + num(sy(t)) +
              "\" y2=\"" + num(sy(t)) + "\" stroke=\"#e4e4e4\"/>\n";
-        o += "<text x=\"" + num(left - 6) + "\" y=\"" + num(sy(t) + 4) +
-             "\" text-anchor=\"end\">" + label(t) + "</text>\n";
+        o += "<text x=\"" + num(left - 6) + "\" y=\"" + num(sy(t) + 4) + "\" text-anchor=\"end\">" +
+             label(t) + "</text>\n";
     }
     for (double t : niceTicks(x0, x1, 8)) {
         o += "<line x1=\"" + num(sx(t)) + "\" x2=\"" + num(sx(t)) + "\" y1=\"" + num(top) +
@@ -122,16 +126,18 @@ std::string svgLinePlot(const PlotSpec& spec) {
     for (size_t k = spec.series.size(); k-- > 0;) {
         const PlotSeries& s = spec.series[k];
         legendX -= 14 + 7.0 * s.name.size() + 24;
-        o += "<line x1=\"" + num(legendX) + "\" x2=\"" + num(legendX + 18) + "\" y1=\"14\" y2=\"14\" stroke=\"" +
-             xmlEscape(s.color) + "\" stroke-width=\"2\"" + (s.dashed ? " stroke-dasharray=\"5,3\"" : "") + "/>\n";
+        o += "<line x1=\"" + num(legendX) + "\" x2=\"" + num(legendX + 18) +
+             "\" y1=\"14\" y2=\"14\" stroke=\"" + xmlEscape(s.color) + "\" stroke-width=\"2\"" +
+             (s.dashed ? " stroke-dasharray=\"5,3\"" : "") + "/>\n";
         o += "<text x=\"" + num(legendX + 22) + "\" y=\"18\">" + xmlEscape(s.name) + "</text>\n";
     }
     for (const PlotSeries& s : spec.series) {
         std::string points;
         auto flush = [&] {
             if (!points.empty()) {
-                o += "<polyline fill=\"none\" stroke=\"" + xmlEscape(s.color) + "\" stroke-width=\"1.4\"" +
-                     (s.dashed ? " stroke-dasharray=\"5,3\"" : "") + " points=\"" + points + "\"/>\n";
+                o += "<polyline fill=\"none\" stroke=\"" + xmlEscape(s.color) +
+                     "\" stroke-width=\"1.4\"" + (s.dashed ? " stroke-dasharray=\"5,3\"" : "") +
+                     " points=\"" + points + "\"/>\n";
                 points.clear();
             }
         };

@@ -11,25 +11,26 @@ namespace qlmr::replay {
 
 std::string configTextFor(const CameraFacts& f) {
     char buf[1024];
-    std::snprintf(buf, sizeof buf,
-                  "# %s\n"
-                  "# Camera: %dx%d, focal %.3f px, principal point (%.3f, %.3f), rolling-shutter "
-                  "readout %.3f ms.\n"
-                  "# Gyro: %.1f Hz in device axes (camera x = gyro y, camera y = gyro x, camera z = "
-                  "-gyro z), stamps %.3f ms after the true time.\n"
-                  "sensor.width=%d\n"
-                  "sensor.height=%d\n"
-                  "camera.focalPx=%.3f\n"
-                  "camera.cx=%.3f\n"
-                  "camera.cy=%.3f\n"
-                  "camera.readoutNs=%lld\n"
-                  "gyro.rateHz=%.1f\n"
-                  "gyro.timeOffsetNs=%lld\n"
-                  "gyro.axes=y,x,-z\n",
-                  f.description.c_str(), f.width, f.height, f.focalPx, f.cx, f.cy, f.readoutMs,
-                  f.gyroRateHz, f.gyroOffsetMs, f.width, f.height, f.focalPx, f.cx, f.cy,
-                  static_cast<long long>(std::llround(f.readoutMs * 1e6)), f.gyroRateHz,
-                  static_cast<long long>(std::llround(f.gyroOffsetMs * 1e6)));
+    std::snprintf(
+        buf, sizeof buf,
+        "# %s\n"
+        "# Camera: %dx%d, focal %.3f px, principal point (%.3f, %.3f), rolling-shutter "
+        "readout %.3f ms.\n"
+        "# Gyro: %.1f Hz in device axes (camera x = gyro y, camera y = gyro x, camera z = "
+        "-gyro z), stamps %.3f ms after the true time.\n"
+        "sensor.width=%d\n"
+        "sensor.height=%d\n"
+        "camera.focalPx=%.3f\n"
+        "camera.cx=%.3f\n"
+        "camera.cy=%.3f\n"
+        "camera.readoutNs=%lld\n"
+        "gyro.rateHz=%.1f\n"
+        "gyro.timeOffsetNs=%lld\n"
+        "gyro.axes=y,x,-z\n",
+        f.description.c_str(), f.width, f.height, f.focalPx, f.cx, f.cy, f.readoutMs, f.gyroRateHz,
+        f.gyroOffsetMs, f.width, f.height, f.focalPx, f.cx, f.cy,
+        static_cast<long long>(std::llround(f.readoutMs * 1e6)), f.gyroRateHz,
+        static_cast<long long>(std::llround(f.gyroOffsetMs * 1e6)));
     return buf;
 }
 
@@ -40,18 +41,25 @@ SyntheticRecording::SyntheticRecording(const SyntheticOptions& options) : option
                           std::to_string(o.height) + " must be even and at least 16x16");
     }
     if (!(o.seconds > 0) || !(o.fps > 0) || o.readoutMs < 0 || o.readoutMs * o.fps > 1000) {
-        throw ReplayError("synthetic timing is inconsistent (seconds > 0, fps > 0, readout within a frame)");
+        throw ReplayError(
+            "synthetic timing is inconsistent (seconds > 0, fps > 0, readout within a frame)");
     }
     frames_ = static_cast<int>(std::floor(o.seconds * o.fps + 1e-9));
-    if (frames_ < 2) throw ReplayError("a synthetic recording needs at least 2 frames");
+    if (frames_ < 2)
+        throw ReplayError("a synthetic recording needs at least 2 frames");
 
     std::string photo = o.scene;
     if (photo.empty()) {
         struct stat st;
-        if (stat(kDefaultScenePhoto, &st) == 0) photo = kDefaultScenePhoto;
+        if (stat(kDefaultScenePhoto, &st) == 0)
+            photo = kDefaultScenePhoto;
     }
     if (photo.empty() || photo == "procedural") {
-        scene_ = Scene::procedural(3264, 2448, o.sceneHfovDeg, o.seed);
+        // About 1.7 scene pixels per output pixel across (3264x2448 for 1920 wide frames):
+        // enough margin for the shake at the default fields of view, without wasting time on
+        // small test frames.
+        const int w = (static_cast<int>(o.width * 1.7) + 15) & ~15;
+        scene_ = Scene::procedural(w, (w * 3 / 4) & ~1, o.sceneHfovDeg, o.seed);
     } else {
         const RgbImage img = readImage(photo);
         const std::string credit = photo == kDefaultScenePhoto ? kDefaultScenePhotoCredit : photo;

@@ -18,9 +18,9 @@ struct SyntheticOptions {
     int width = 1920;
     int height = 1080;
     double fps = 30;
-    double readoutMs = 30;   // rolling shutter: first row to last row
-    int exposureUs = 2000;   // daylight exposure
-    double hfovDeg = 64;     // output camera's horizontal field of view
+    double readoutMs = 30;  // rolling shutter: first row to last row
+    int exposureUs = 2000;  // daylight exposure
+    double hfovDeg = 64;    // output camera's horizontal field of view
     Trajectory trajectory = Trajectory::Walk;
     uint64_t seed = 1;
     // Scene picture: "" = the default photograph when installed, else procedural;
@@ -50,7 +50,7 @@ struct CameraFacts {
 std::string configTextFor(const CameraFacts& facts);
 
 class SyntheticRecording : public FrameSource {
-public:
+  public:
     // Builds the scene and the gyro stream; throws ReplayError for bad options or an
     // unreadable scene picture.
     explicit SyntheticRecording(const SyntheticOptions& options);
@@ -78,7 +78,7 @@ public:
     // (middle of its exposure).
     double rowTimeSec(int index, double row) const;
 
-private:
+  private:
     SyntheticOptions options_;
     int frames_ = 0;
     Scene scene_;

@@ -3,7 +3,8 @@
 namespace qlmr::replay {
 
 WorkerPool::WorkerPool(int threads) {
-    for (int i = 1; i < threads; ++i) workers_.emplace_back([this, i] { workerLoop(i); });
+    for (int i = 1; i < threads; ++i)
+        workers_.emplace_back([this, i] { workerLoop(i); });
 }
 
 WorkerPool::~WorkerPool() {
@@ -12,7 +13,8 @@ WorkerPool::~WorkerPool() {
         quit_ = true;
     }
     start_.notify_all();
-    for (auto& t : workers_) t.join();
+    for (auto& t : workers_)
+        t.join();
 }
 
 void WorkerPool::band(int part, int& begin, int& end) const {
@@ -34,7 +36,8 @@ void WorkerPool::run(Job fn, void* context, int count) {
     int begin = 0;
     int end = 0;
     band(0, begin, end);
-    if (begin < end) fn(context, begin, end);
+    if (begin < end)
+        fn(context, begin, end);
     std::unique_lock<std::mutex> lock(mutex_);
     done_.wait(lock, [this] { return pending_ == 0; });
 }
@@ -49,13 +52,15 @@ void WorkerPool::workerLoop(int part) {
         {
             std::unique_lock<std::mutex> lock(mutex_);
             start_.wait(lock, [&] { return quit_ || generation_ != seen; });
-            if (quit_) return;
+            if (quit_)
+                return;
             seen = generation_;
             fn = job_;
             context = context_;
             band(part, begin, end);
         }
-        if (begin < end) fn(context, begin, end);
+        if (begin < end)
+            fn(context, begin, end);
         {
             std::lock_guard<std::mutex> lock(mutex_);
             --pending_;

@@ -10,7 +10,7 @@
 namespace qlmr::replay {
 
 class WorkerPool {
-public:
+  public:
     // `threads` >= 1 workers in total, the calling thread counted as one of them.
     explicit WorkerPool(int threads);
     ~WorkerPool();
@@ -24,7 +24,7 @@ public:
     using Job = void (*)(void* context, int begin, int end);
     void run(Job fn, void* context, int count);
 
-private:
+  private:
     void band(int part, int& begin, int& end) const;
     void workerLoop(int part);
 

@@ -12,7 +12,7 @@ namespace qlmr::replay {
 // Writes I420 frames to a .y4m file. Header: size, frame rate, progressive, square pixels,
 // centred 4:2:0 chroma, limited range.
 class Y4mWriter {
-public:
+  public:
     Y4mWriter() = default;
     ~Y4mWriter();
     Y4mWriter(const Y4mWriter&) = delete;
@@ -30,7 +30,7 @@ public:
     int frames() const { return frames_; }
     const std::string& path() const { return path_; }
 
-private:
+  private:
     FILE* file_ = nullptr;
     std::string path_;
     int width_ = 0;
@@ -40,7 +40,7 @@ private:
 
 // Reads a 4:2:0 Y4M stream from a file or from a pipe (e.g. ffmpeg's output).
 class Y4mReader {
-public:
+  public:
     Y4mReader() = default;
     ~Y4mReader();
     Y4mReader(const Y4mReader&) = delete;
@@ -60,7 +60,7 @@ public:
     int fpsDen() const { return fpsDen_; }
     int framesRead() const { return frames_; }
 
-private:
+  private:
     void readHeader();
 
     FILE* file_ = nullptr;

@@ -12,9 +12,10 @@
 using namespace qlmr::replay;
 
 int main(int argc, char** argv) {
-    CLI::App app{"Replays a recording through the stabilization engine and reports what comes out.\n"
-                 "Without --input the built-in synthetic recording is used (hand-held walk, 1920x1080, "
-                 "30 fps, 400 Hz gyro)."};
+    CLI::App app{
+        "Replays a recording through the stabilization engine and reports what comes out.\n"
+        "Without --input the built-in synthetic recording is used (hand-held walk, 1920x1080, "
+        "30 fps, 400 Hz gyro)."};
     ReplayOptions o;
     std::string size = "1920x1080";
     std::string outputSize;
@@ -24,54 +25,73 @@ int main(int argc, char** argv) {
     bool dryRun = false;
     bool noMp4 = false;
 
-    app.add_option("-i,--input", o.input, "recording folder (see docs/recording-format.md); default: synthetic")
+    app.add_option("-i,--input", o.input,
+                   "recording folder (see docs/recording-format.md); default: synthetic")
         ->check(CLI::ExistingDirectory);
     app.add_option("-o,--out", o.outDir, "output folder")->capture_default_str();
     app.add_option("--seconds", o.synthetic.seconds, "synthetic: length in seconds")
-        ->capture_default_str()->check(CLI::Range(0.2, 600.0));
+        ->capture_default_str()
+        ->check(CLI::Range(0.2, 600.0));
     app.add_option("--size", size, "synthetic: frame size WIDTHxHEIGHT")->capture_default_str();
     app.add_option("--fps", o.synthetic.fps, "synthetic: frames per second")
-        ->capture_default_str()->check(CLI::Range(1.0, 240.0));
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 240.0));
     app.add_option("--trajectory", trajectory, "synthetic: walk, pan or still")
-        ->capture_default_str()->check(CLI::IsMember({"walk", "pan", "still"}));
-    app.add_option("--seed", o.synthetic.seed, "synthetic: random seed of the shake and the gyro noise")
+        ->capture_default_str()
+        ->check(CLI::IsMember({"walk", "pan", "still"}));
+    app.add_option("--seed", o.synthetic.seed,
+                   "synthetic: random seed of the shake and the gyro noise")
         ->capture_default_str();
     app.add_option("--scene", o.synthetic.scene,
                    "synthetic: picture to film (JPEG/PNG), or 'procedural'; default: the installed "
                    "photograph, else procedural");
     app.add_option("--readout-ms", o.synthetic.readoutMs, "synthetic: rolling-shutter readout time")
-        ->capture_default_str()->check(CLI::Range(0.0, 100.0));
-    app.add_option("--gyro-offset-ms", [&o](const std::vector<std::string>& v) {
-        o.synthetic.gyro.timeOffsetNs = static_cast<int64_t>(std::stod(v[0]) * 1e6);
-        return true;
-    }, "synthetic: gyro timestamps minus true time (default 2)");
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 100.0));
+    app.add_option(
+        "--gyro-offset-ms",
+        [&o](const std::vector<std::string>& v) {
+            o.synthetic.gyro.timeOffsetNs = static_cast<int64_t>(std::stod(v[0]) * 1e6);
+            return true;
+        },
+        "synthetic: gyro timestamps minus true time (default 2)");
     app.add_flag("--realtime", o.realtime,
                  "pace the camera by the frame timestamps (frames may be dropped) instead of "
                  "waiting for the engine");
     app.add_flag("--side-by-side", o.sideBySide, "also write an input | output video");
-    app.add_flag("--dry-run", dryRun, "no engine: frames pass through unchanged (tests inputs and outputs)");
+    app.add_flag("--dry-run", dryRun,
+                 "no engine: frames pass through unchanged (tests inputs and outputs)");
     app.add_flag("--no-mp4", noMp4, "write Y4M only, even when ffmpeg is installed");
-    app.add_option("--max-frames", o.maxFrames, "replay only the first N frames")->check(CLI::PositiveNumber);
-    app.add_option("--output-size", outputSize, "output surface size WIDTHxHEIGHT (default: the input's)");
+    app.add_option("--max-frames", o.maxFrames, "replay only the first N frames")
+        ->check(CLI::PositiveNumber);
+    app.add_option("--output-size", outputSize,
+                   "output surface size WIDTHxHEIGHT (default: the input's)");
     app.add_option("--pairs", o.pairs, "before/after frame pairs in the report")
-        ->capture_default_str()->check(CLI::Range(0, 20));
+        ->capture_default_str()
+        ->check(CLI::Range(0, 20));
     app.add_option("--threads", o.threads, "threads for rendering and measuring")
-        ->capture_default_str()->check(CLI::Range(1, 64));
-    app.add_option("--save-recording", o.saveRecording, "also write the input as a recording folder");
-    app.add_flag("--progress", forceProgress, "show the progress bar even when stderr is not a terminal");
+        ->capture_default_str()
+        ->check(CLI::Range(1, 64));
+    app.add_option("--save-recording", o.saveRecording,
+                   "also write the input as a recording folder");
+    app.add_flag("--progress", forceProgress,
+                 "show the progress bar even when stderr is not a terminal");
     app.add_flag("-q,--quiet", quiet, "no progress bar and no summary");
 
     CLI11_PARSE(app, argc, argv);
 
-    for (int i = 0; i < argc; ++i) o.commandLine += (i ? " " : "") + std::string(argv[i]);
+    for (int i = 0; i < argc; ++i)
+        o.commandLine += (i ? " " : "") + std::string(argv[i]);
     o.mp4 = !noMp4;
     o.progress = !quiet && (forceProgress || isatty(2));
     o.synthetic.threads = o.threads;
     try {
         parseSize(size, o.synthetic.width, o.synthetic.height);
-        if (!outputSize.empty()) parseSize(outputSize, o.outputWidth, o.outputHeight);
+        if (!outputSize.empty())
+            parseSize(outputSize, o.outputWidth, o.outputHeight);
         o.synthetic.trajectory = parseTrajectory(trajectory);
-        std::unique_ptr<ReplaySession> session = dryRun ? makePassThroughSession() : makeDefaultSession();
+        std::unique_ptr<ReplaySession> session =
+            dryRun ? makePassThroughSession() : makeDefaultSession();
         std::ostream& log = quiet ? *new std::ostream(nullptr) : std::cerr;
         const ReplayOutcome outcome = runReplay(o, *session, log);
         if (!quiet) {
@@ -82,13 +102,16 @@ int main(int argc, char** argv) {
             std::printf("jitter from pixels: input %.2f px, output %.2f px (ratio %.1f)\n",
                         m.inputMotion.jitterPx, m.outputMotion.jitterPx, m.pixelJitterRatio);
             if (m.hasTruth) {
-                std::printf("residual jitter (ground truth): input %.2f px, output %.2f px (ratio %.1f)\n",
-                            m.truth.inputJitterPx, m.truth.outputJitterPx, m.truth.jitterRatio);
+                std::printf(
+                    "residual jitter (ground truth): input %.2f px, output %.2f px (ratio %.1f)\n",
+                    m.truth.inputJitterPx, m.truth.outputJitterPx, m.truth.jitterRatio);
             }
             std::printf("cropping: %.3f\n", m.crop.cropping);
-            for (const std::string& w : m.warnings) std::printf("note: %s\n", w.c_str());
+            for (const std::string& w : m.warnings)
+                std::printf("note: %s\n", w.c_str());
             std::printf("written to %s/:", o.outDir.c_str());
-            for (const std::string& f : outcome.files) std::printf(" %s", f.c_str());
+            for (const std::string& f : outcome.files)
+                std::printf(" %s", f.c_str());
             std::printf("\n");
         }
     } catch (const std::exception& e) {
