@@ -38,27 +38,6 @@ void planesFromRgb(const RgbImage& rgb, Scene& s) {
     }
 }
 
-// Bilinear sample of an 8-bit plane at continuous position (x, y) in pixel-centre coordinates
-// (pixel i's centre at i), clamped to the edge. Fixed point, 8-bit weights.
-inline int sample(const uint8_t* plane, int w, int h, float x, float y) {
-    if (x < 0)
-        x = 0;
-    if (y < 0)
-        y = 0;
-    if (x > w - 1.001f)
-        x = w - 1.001f;
-    if (y > h - 1.001f)
-        y = h - 1.001f;
-    const int ix = static_cast<int>(x);
-    const int iy = static_cast<int>(y);
-    const int fx = static_cast<int>((x - ix) * 256.0f);
-    const int fy = static_cast<int>((y - iy) * 256.0f);
-    const uint8_t* p = plane + static_cast<size_t>(iy) * w + ix;
-    const int top = p[0] * (256 - fx) + p[1] * fx;
-    const int bottom = p[w] * (256 - fx) + p[w + 1] * fx;
-    return (top * (256 - fy) + bottom * fy + 32768) >> 16;
-}
-
 }  // namespace
 
 PinholeCamera PinholeCamera::withFov(int width, int height, double hfovDeg) {
@@ -207,40 +186,81 @@ void SceneRenderer::renderRows(void* context, int begin, int end) {
         }
     };
 
+    // The source position is exact (one division) every kSpan output pixels and linear in
+    // between, in 16.16 fixed point: over 16 pixels the projective curvature of a view a few
+    // degrees off axis is far below a hundredth of a pixel.
+    constexpr int kSpan = 16;
+    const int32_t maxX = (sw - 1) * 65536 - 1, maxY = (sh - 1) * 65536 - 1;
+    const int32_t maxCX = (cw - 1) * 65536 - 1, maxCY = (ch - 1) * 65536 - 1;
+    auto project = [&](float X, float Y, float Z, float scale, float offset, int32_t& u,
+                       int32_t& v) {
+        if (Z < 1e-6f)
+            Z = 1e-6f;
+        const float inv = 1.0f / Z;
+        // Far outside the picture (views turned away) the edge is repeated; the bound keeps the
+        // fixed-point value and the interpolation steps within 32 bits.
+        const float fu = std::clamp((fs * X * inv + scx) * scale - offset, -8192.0f, 16384.0f);
+        const float fv = std::clamp((fs * Y * inv + scy) * scale - offset, -8192.0f, 16384.0f);
+        u = static_cast<int32_t>(fu * 65536.0f);
+        v = static_cast<int32_t>(fv * 65536.0f);
+    };
+    // Bilinear sample at 16.16 position, clamped inside the plane.
+    auto fetch = [](const uint8_t* plane, int pw, int32_t u, int32_t v, int32_t mu, int32_t mv) {
+        u = u < 0 ? 0 : (u > mu ? mu : u);
+        v = v < 0 ? 0 : (v > mv ? mv : v);
+        const uint8_t* p = plane + static_cast<size_t>(v >> 16) * pw + (u >> 16);
+        const int fx = (u >> 8) & 255, fy = (v >> 8) & 255;
+        const int top = p[0] * (256 - fx) + p[1] * fx;
+        const int bottom = p[pw] * (256 - fx) + p[pw + 1] * fx;
+        return static_cast<uint8_t>((top * (256 - fy) + bottom * fy + 32768) >> 16);
+    };
+
     float a[6];
     for (int pair = begin; pair < end; ++pair) {
         for (int k = 0; k < 2; ++k) {
             const int row = 2 * pair + k;
             rowSetup(row, a);
             uint8_t* dst = out.y() + static_cast<size_t>(row) * w;
-            float X = a[0], Y = a[1], Z = a[2];
-            for (int x = 0; x < w; ++x, X += a[3], Y += a[4], Z += a[5]) {
-                if (Z <= 1e-6f) {
-                    dst[x] = 16;
-                    continue;
-                }
-                const float inv = 1.0f / Z;
-                // Continuous source coordinate minus 0.5 gives pixel-centre coordinates.
-                dst[x] = static_cast<uint8_t>(sample(
-                    scene.y.data(), sw, sh, fs * X * inv + scx - 0.5f, fs * Y * inv + scy - 0.5f));
+            // Luma: source pixel-centre coordinates are continuous coordinates minus 0.5.
+            int32_t u0, v0;
+            project(a[0], a[1], a[2], 1.0f, 0.5f, u0, v0);
+            for (int x0 = 0; x0 < w; x0 += kSpan) {
+                const int n = std::min(kSpan, w - x0);
+                const float xe = static_cast<float>(x0 + n);
+                int32_t u1, v1;
+                project(a[0] + xe * a[3], a[1] + xe * a[4], a[2] + xe * a[5], 1.0f, 0.5f, u1, v1);
+                const int32_t du = (u1 - u0) / n, dv = (v1 - v0) / n;
+                int32_t u = u0, v = v0;
+                for (int i = 0; i < n; ++i, u += du, v += dv)
+                    dst[x0 + i] = fetch(scene.y.data(), sw, u, v, maxX, maxY);
+                u0 = u1;
+                v0 = v1;
             }
         }
         // Chroma sample (i, pair) covers output pixels 2i..2i+1 x 2pair..2pair+1: its centre is
-        // the output point (2i + 1, 2pair + 1), i.e. "row" 2pair + 0.5 at x = 2i + 0.5.
+        // the output point (2i + 1, 2pair + 1), i.e. "row" 2pair + 0.5 at x = 2i + 0.5. Source
+        // chroma sample j covers source pixels 2j, 2j+1, centred at 2j + 1.
         rowSetup(2 * pair + 0.5, a);
         uint8_t* vu = out.vu() + static_cast<size_t>(pair) * w;
-        float X = a[0] + 0.5f * a[3], Y = a[1] + 0.5f * a[4], Z = a[2] + 0.5f * a[5];
-        for (int i = 0; i < w / 2; ++i, X += 2 * a[3], Y += 2 * a[4], Z += 2 * a[5]) {
-            if (Z <= 1e-6f) {
-                vu[2 * i] = vu[2 * i + 1] = 128;
-                continue;
+        const int cwOut = w / 2;
+        auto chromaAt = [&](float i, int32_t& u, int32_t& v) {
+            const float x = 2 * i + 0.5f;
+            project(a[0] + x * a[3], a[1] + x * a[4], a[2] + x * a[5], 0.5f, 0.5f, u, v);
+        };
+        int32_t u0, v0;
+        chromaAt(0, u0, v0);
+        for (int i0 = 0; i0 < cwOut; i0 += kSpan) {
+            const int n = std::min(kSpan, cwOut - i0);
+            int32_t u1, v1;
+            chromaAt(static_cast<float>(i0 + n), u1, v1);
+            const int32_t du = (u1 - u0) / n, dv = (v1 - v0) / n;
+            int32_t u = u0, v = v0;
+            for (int i = 0; i < n; ++i, u += du, v += dv) {
+                vu[2 * (i0 + i)] = fetch(scene.v.data(), cw, u, v, maxCX, maxCY);
+                vu[2 * (i0 + i) + 1] = fetch(scene.u.data(), cw, u, v, maxCX, maxCY);
             }
-            const float inv = 1.0f / Z;
-            // Chroma sample j covers source pixels 2j, 2j+1: its centre is at 2j + 1.
-            const float sx = (fs * X * inv + scx) * 0.5f - 0.5f;
-            const float sy = (fs * Y * inv + scy) * 0.5f - 0.5f;
-            vu[2 * i] = static_cast<uint8_t>(sample(scene.v.data(), cw, ch, sx, sy));
-            vu[2 * i + 1] = static_cast<uint8_t>(sample(scene.u.data(), cw, ch, sx, sy));
+            u0 = u1;
+            v0 = v1;
         }
     }
 }
