@@ -69,20 +69,22 @@ TEST(PhoneRecording, ConvertsIntoALoadableRecording) {
     ASSERT_GT(rec.gyro.size(), 1000u);
     EXPECT_LT(rec.gyro.front().timestampNs, rec.frames.front().timestampNs);
     EXPECT_GT(rec.gyro.back().timestampNs, rec.frames.back().timestampNs);
-    // Device axes: device x = camera y = -raw x, shifted by -0.2 ms.
+    // The samples are kept as the phone recorded them.
     size_t k = 0;
     while (phone.gyro[k].timestampNs < phone.frameTimestampsNs[10])
         ++k;
-    const GyroSample& raw = phone.gyro[k];
     bool found = false;
     for (const GyroSample& s : rec.gyro) {
-        if (s.timestampNs == raw.timestampNs - 200000) {
-            EXPECT_FLOAT_EQ(s.x, -raw.x);
-            EXPECT_FLOAT_EQ(s.y, -raw.y);
-            EXPECT_FLOAT_EQ(s.z, raw.z);
+        if (s.timestampNs == phone.gyro[k].timestampNs) {
+            EXPECT_FLOAT_EQ(s.x, phone.gyro[k].x);
+            EXPECT_FLOAT_EQ(s.z, phone.gyro[k].z);
             found = true;
         }
     }
     EXPECT_TRUE(found);
-    EXPECT_NE(rec.configText.find("camera.focalPx=573.853"), std::string::npos);
+    // Measured offset minus half the 5.25 ms exposure.
+    EXPECT_NE(rec.configText.find("\nvstab.gyroTimeOffsetNs=-2425000\n"), std::string::npos)
+        << rec.configText;
+    EXPECT_NE(rec.configText.find("\nvstab.gyroAxes=-y,-x,-z\n"), std::string::npos);
+    EXPECT_NE(rec.configText.find("\nvstab.fovHorizontalDeg=69.7"), std::string::npos);
 }

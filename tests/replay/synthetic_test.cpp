@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 using namespace qlmr::replay;
@@ -62,7 +63,7 @@ TEST(CameraMotion, GyroMeasuresTheMotionInDeviceAxes) {
     EXPECT_EQ(gyro[0].timestampNs, 1003000000);
     EXPECT_EQ(gyro[400].timestampNs, 2003000000);
     // Integrating the camera-axis rates reproduces the rotation between two times.
-    AxisMap deviceToCamera = AxisMap::parse("y,x,-z");
+    AxisMap deviceToCamera = AxisMap::parse(kDeviceGyroAxes);
     const Vec3 r = integrateRotation(gyro, deviceToCamera, 1.003 + 0.5, 1.003 + 1.2);
     const Mat3 truth = motion->actual(0.5).transposed() * motion->actual(1.2);
     const Vec3 rt = vectorFromRotation(truth);
@@ -144,8 +145,11 @@ TEST(SyntheticRecording, FramesGyroAndConfigAreConsistent) {
     EXPECT_LT(rec.gyro().front().timestampNs, rec.timestampNs(0));
     EXPECT_GT(rec.gyro().back().timestampNs, rec.timestampNs(44));
     const std::string config = rec.configText();
-    EXPECT_NE(config.find("camera.readoutNs=30000000"), std::string::npos) << config;
-    EXPECT_NE(config.find("gyro.timeOffsetNs=2000000"), std::string::npos) << config;
+    EXPECT_NE(config.find("\nvstab.readoutNs=30000000\n"), std::string::npos) << config;
+    EXPECT_NE(config.find("\nvstab.gyroTimeOffsetNs=2000000\n"), std::string::npos) << config;
+    EXPECT_NE(config.find("\nvstab.gyroAxes=-y,-x,-z\n"), std::string::npos) << config;
+    EXPECT_NE(config.find("\nvstab.fovHorizontalDeg=64.0000\n"), std::string::npos) << config;
+    EXPECT_EQ(config.find("native."), std::string::npos) << config;
     Nv21Image a, b;
     a.resize(320, 240);
     b.resize(320, 240);
@@ -184,10 +188,50 @@ TEST(GyroAlignment, FindsTheSyntheticGyroAxesAndOffsetFromThePictures) {
     search.offsetMaxMs = 20;
     const std::vector<AlignmentScore> ranked = rankAlignments(motion, rec.gyro(), search);
     ASSERT_EQ(ranked.size(), 48u);
-    EXPECT_EQ(ranked[0].map.text(), "y,x,-z");
+    EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
     // Offset 6 ms plus half the 2 ms exposure (frames are compared at their middle row).
     EXPECT_NEAR(ranked[0].offsetMs, 7.0, 1.5);
     EXPECT_LT(ranked[0].rmsPx * 3, ranked[1].rmsPx + ranked[2].rmsPx);
+}
+
+TEST(CameraFacts, ConfigTextUsesTheLibraryKeysAndKeepsKeysOutOfComments) {
+    CameraFacts f;
+    f.width = 800;
+    f.height = 600;
+    f.focalPx = 400;
+    f.focalYPx = 300;
+    f.cx = 400;
+    f.cy = 330;
+    f.readoutMs = 33.3125;
+    f.gyroAxes = "-y,-x,-z";
+    f.gyroOffsetMs = -2.425;
+    f.description = "copied from vstab.readoutNs=1 and native.cameraHeight=2\nsecond line";
+    const std::string text = configTextFor(f);
+    EXPECT_NE(text.find("\nvstab.fovHorizontalDeg=90.0000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.fovVerticalDeg=90.0000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.principalPointY=0.55000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.readoutNs=33312500\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.gyroTimeOffsetNs=-2425000\n"), std::string::npos) << text;
+    // The first occurrence of each key (the engine's and the library's lookup) is the real line.
+    EXPECT_EQ(text.find("vstab.readoutNs"), text.find("\nvstab.readoutNs") + 1);
+    EXPECT_EQ(text.find("native.cameraHeight"), std::string::npos);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2);  // the description stays one line
+}
+
+TEST(CameraMotion, SimulationScenariosDriveTheCamera) {
+    EXPECT_EQ(parseTrajectory("sim-jog"), Trajectory::SimJog);
+    EXPECT_STREQ(trajectoryName(Trajectory::SimViolent), "sim-violent");
+    auto m = makeHandheldMotion(Trajectory::SimWalk, 2);
+    // Shake: the actual orientation leaves the intended one, and both are rotations.
+    double most = 0;
+    for (int i = 0; i < 60; ++i) {
+        const Mat3 a = m->actual(i / 30.0);
+        const Mat3 d = m->intended(i / 30.0).transposed() * a;
+        most = std::max(most, norm(vectorFromRotation(d)));
+        const Mat3 id = a.transposed() * a;
+        EXPECT_NEAR(id.m[0][0] + id.m[1][1] + id.m[2][2], 3.0, 1e-9);
+    }
+    EXPECT_GT(most, 0.005);
 }
 
 TEST(AxisMap, ParsesAndEnumeratesSignedPermutations) {

@@ -2,6 +2,8 @@
 
 #include "ReplayError.h"
 
+#include "sim/Scenario.h"
+
 #include <cmath>
 #include <random>
 
@@ -94,16 +96,60 @@ class HandheldMotion : public CameraMotion {
     std::vector<Sine> shake_[3];
 };
 
+Mat3 fromQuaternion(const sim::Q& q) {
+    Mat3 r;
+    const double w = q.w, x = q.x, y = q.y, z = q.z;
+    r.m[0][0] = 1 - 2 * (y * y + z * z);
+    r.m[0][1] = 2 * (x * y - w * z);
+    r.m[0][2] = 2 * (x * z + w * y);
+    r.m[1][0] = 2 * (x * y + w * z);
+    r.m[1][1] = 1 - 2 * (x * x + z * z);
+    r.m[1][2] = 2 * (y * z - w * x);
+    r.m[2][0] = 2 * (x * z - w * y);
+    r.m[2][1] = 2 * (y * z + w * x);
+    r.m[2][2] = 1 - 2 * (x * x + y * y);
+    return r;
+}
+
+// One of qlmr_sim's scenarios (the stabilizer's reference trajectories).
+class SimMotion : public CameraMotion {
+  public:
+    explicit SimMotion(const sim::Scenario& s) : trajectory_(s.motion) {}
+    Mat3 actual(double t) const override { return fromQuaternion(trajectory_.orientation(t)); }
+    Mat3 intended(double t) const override { return fromQuaternion(trajectory_.intended(t)); }
+
+  private:
+    sim::Trajectory trajectory_;
+};
+
+const char* simName(Trajectory t) {
+    switch (t) {
+        case Trajectory::SimWalk:
+            return "walk";
+        case Trajectory::SimPan:
+            return "pan";
+        case Trajectory::SimStill:
+            return "still";
+        case Trajectory::SimJog:
+            return "jog";
+        case Trajectory::SimViolent:
+            return "violent";
+        default:
+            return nullptr;
+    }
+}
+
 }  // namespace
 
 Trajectory parseTrajectory(const std::string& name) {
-    if (name == "walk")
-        return Trajectory::Walk;
-    if (name == "pan")
-        return Trajectory::Pan;
-    if (name == "still")
-        return Trajectory::Still;
-    throw ReplayError("unknown trajectory '" + name + "' (walk, pan or still)");
+    for (Trajectory t :
+         {Trajectory::Walk, Trajectory::Pan, Trajectory::Still, Trajectory::SimWalk,
+          Trajectory::SimPan, Trajectory::SimStill, Trajectory::SimJog, Trajectory::SimViolent}) {
+        if (name == trajectoryName(t))
+            return t;
+    }
+    throw ReplayError("unknown trajectory '" + name +
+                      "' (walk, pan, still, sim-walk, sim-pan, sim-still, sim-jog, sim-violent)");
 }
 
 const char* trajectoryName(Trajectory t) {
@@ -114,11 +160,24 @@ const char* trajectoryName(Trajectory t) {
             return "pan";
         case Trajectory::Still:
             return "still";
+        case Trajectory::SimWalk:
+            return "sim-walk";
+        case Trajectory::SimPan:
+            return "sim-pan";
+        case Trajectory::SimStill:
+            return "sim-still";
+        case Trajectory::SimJog:
+            return "sim-jog";
+        case Trajectory::SimViolent:
+            return "sim-violent";
     }
     return "?";
 }
 
 std::unique_ptr<CameraMotion> makeHandheldMotion(Trajectory trajectory, uint64_t seed) {
+    if (const char* name = simName(trajectory)) {
+        return std::make_unique<SimMotion>(sim::makeScenario(name, 1.0, seed));
+    }
     return std::make_unique<HandheldMotion>(trajectory, seed);
 }
 

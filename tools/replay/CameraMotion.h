@@ -25,9 +25,11 @@ class CameraMotion {
     virtual Mat3 intended(double t) const = 0;
 };
 
-enum class Trajectory { Walk, Pan, Still };
+enum class Trajectory { Walk, Pan, Still, SimWalk, SimPan, SimStill, SimJog, SimViolent };
 
-// Parses "walk", "pan" or "still"; throws ReplayError otherwise.
+// Parses "walk", "pan", "still", or "sim-walk", "sim-pan", "sim-still", "sim-jog",
+// "sim-violent" (the stabilizer's reference scenarios from qlmr_sim); throws ReplayError
+// otherwise.
 Trajectory parseTrajectory(const std::string& name);
 const char* trajectoryName(Trajectory t);
 
@@ -37,6 +39,8 @@ const char* trajectoryName(Trajectory t);
 //  - Walk: intended slow sweep of a few degrees; full walking shake (about 1 degree).
 //  - Pan: intended smooth back-and-forth pan of +-9 degrees; lighter shake.
 //  - Still: intended fixed; tremor and wander only.
+// The sim-* trajectories are qlmr_sim's scenarios of the same name (their own length; the
+// replay's time 0 is the scenario's).
 std::unique_ptr<CameraMotion> makeHandheldMotion(Trajectory trajectory, uint64_t seed);
 
 // How the synthetic gyroscope reports the camera's rotation.
@@ -58,14 +62,16 @@ std::vector<GyroSample> synthesizeGyro(const CameraMotion& motion, const GyroMod
 // Angular velocity in camera axes (rad/s) of `motion` at `t`, by central difference.
 Vec3 angularVelocity(const CameraMotion& motion, double t);
 
-// Device (gyro) axes of a phone held in landscape whose back camera records: camera x = device
-// y, camera y = device x, camera z = -device z. Maps camera-axis rates to what the gyroscope
-// reports.
+// Gyro axes of a phone whose back camera's sensor is turned a quarter turn (the usual layout,
+// and the one the real phone recording has): camera x = -gyro y, camera y = -gyro x,
+// camera z = -gyro z, written "-y,-x,-z". Maps camera-axis rates to what the gyroscope
+// reports and back.
+constexpr const char* kDeviceGyroAxes = "-y,-x,-z";
 inline Vec3 mapCameraToDevice(Vec3 cam) {
-    return {cam.y, cam.x, -cam.z};
+    return {-cam.y, -cam.x, -cam.z};
 }
 inline Vec3 mapDeviceToCamera(Vec3 dev) {
-    return {dev.y, dev.x, -dev.z};
+    return {-dev.y, -dev.x, -dev.z};
 }
 
 }  // namespace qlmr::replay

@@ -119,19 +119,16 @@ void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera,
     }
     writeFile(outDir + "/frames.csv", frames.data(), frames.size());
 
-    const int64_t offsetNs = std::llround(offsetMs * 1e6);
     const int64_t from = phone.frameTimestampsNs.front() - 1000000000LL;
     const int64_t to = phone.frameTimestampsNs.back() + 1000000000LL;
     std::string gyro = "timestamp_ns,x,y,z\n";
     char line[128];
     int kept = 0;
     for (const GyroSample& s : phone.gyro) {
-        // Gyro time g was taken at frame time g - offset.
-        const int64_t t = s.timestampNs - offsetNs;
-        if (t < from || t > to)
+        if (s.timestampNs < from || s.timestampNs > to)
             continue;
-        const Vec3 dev = mapCameraToDevice(map.apply({s.x, s.y, s.z}));
-        std::snprintf(line, sizeof line, "%" PRId64 ",%.9g,%.9g,%.9g\n", t, dev.x, dev.y, dev.z);
+        std::snprintf(line, sizeof line, "%" PRId64 ",%.9g,%.9g,%.9g\n", s.timestampNs, s.x, s.y,
+                      s.z);
         gyro += line;
         ++kept;
     }
@@ -143,14 +140,19 @@ void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera,
     facts.width = phone.width;
     facts.height = phone.height;
     facts.focalPx = camera.fx;
+    facts.focalYPx = camera.fy;
     facts.cx = camera.cx;
     facts.cy = camera.cy;
     facts.readoutMs = camera.readoutMs;
-    const double span = (phone.gyro.back().timestampNs - phone.gyro.front().timestampNs) * 1e-9;
-    facts.gyroRateHz = span > 0 ? std::round((phone.gyro.size() - 1) / span) : 0;
-    facts.gyroOffsetMs = 0;
-    facts.description = "phone hand-held recording (" + absDir + "), gyro axes mapped " +
-                        map.text() + ", gyro offset " + std::to_string(offsetMs) + " ms removed";
+    facts.gyroAxes = map.text();
+    facts.gyroOffsetMs = offsetMs - camera.exposureUs * 0.5e-3;
+    char desc[256];
+    std::snprintf(
+        desc, sizeof desc,
+        "Phone hand-held recording from %s; gyro axes and offset measured against the image "
+        "motion (%.2f ms at the textured rows).",
+        absDir.c_str(), offsetMs);
+    facts.description = desc;
     const std::string config = configTextFor(facts);
     writeFile(outDir + "/config.txt", config.data(), config.size());
 }

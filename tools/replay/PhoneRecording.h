@@ -35,10 +35,12 @@ struct PhoneCamera {
 PhoneRecording loadPhoneRecording(const std::string& dir);
 
 // Writes a replay recording: frames.csv pointing at the original JPEG files (absolute paths),
-// gyro.csv with the rates mapped to camera axes by `map` and then to the device axes the
-// replay tool's recordings use, the offset (gyro time minus frame time of the same instant)
-// removed from the timestamps, keeping the gyro samples from 1 s before the first frame to 1 s
-// after the last; config.txt from the camera facts.
+// gyro.csv with the samples as the phone recorded them (raw axes, raw timestamps) from 1 s
+// before the first frame to 1 s after the last, and config.txt from the camera facts, the
+// gyro axes `map` (camera-axis rates as signed raw axes) and the time offset. `offsetMs` is
+// what the alignment search measures: gyro time minus frame time of the same instant, frame
+// time of row r being timestamp + r/height * readout; the configuration's offset (gyro time of
+// the first row's exposure start minus the timestamp) is that minus half the exposure.
 void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera, const AxisMap& map,
                          double offsetMs, const std::string& outDir);
 

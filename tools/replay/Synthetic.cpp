@@ -10,27 +10,37 @@
 namespace qlmr::replay {
 
 std::string configTextFor(const CameraFacts& f) {
+    constexpr double kRadToDeg = 57.29577951308232;
+    const double fy = f.focalYPx > 0 ? f.focalYPx : f.focalPx;
+    // The description goes into a comment: it must not hold a key name, because the engine
+    // finds its keys with a plain substring search.
+    std::string description = f.description;
+    for (const std::string prefix : {"native.", "vstab."}) {
+        for (size_t p; (p = description.find(prefix)) != std::string::npos;)
+            description[p + prefix.size() - 1] = ' ';
+    }
+    for (char& c : description) {
+        if (c == '\n' || c == '\r')
+            c = ' ';
+    }
     char buf[1024];
-    std::snprintf(
-        buf, sizeof buf,
-        "# %s\n"
-        "# Camera: %dx%d, focal %.3f px, principal point (%.3f, %.3f), rolling-shutter "
-        "readout %.3f ms.\n"
-        "# Gyro: %.1f Hz in device axes (camera x = gyro y, camera y = gyro x, camera z = "
-        "-gyro z), stamps %.3f ms after the true time.\n"
-        "sensor.width=%d\n"
-        "sensor.height=%d\n"
-        "camera.focalPx=%.3f\n"
-        "camera.cx=%.3f\n"
-        "camera.cy=%.3f\n"
-        "camera.readoutNs=%lld\n"
-        "gyro.rateHz=%.1f\n"
-        "gyro.timeOffsetNs=%lld\n"
-        "gyro.axes=y,x,-z\n",
-        f.description.c_str(), f.width, f.height, f.focalPx, f.cx, f.cy, f.readoutMs, f.gyroRateHz,
-        f.gyroOffsetMs, f.width, f.height, f.focalPx, f.cx, f.cy,
-        static_cast<long long>(std::llround(f.readoutMs * 1e6)), f.gyroRateHz,
-        static_cast<long long>(std::llround(f.gyroOffsetMs * 1e6)));
+    std::snprintf(buf, sizeof buf,
+                  "# %s\n"
+                  "# Camera: %dx%d, focal length %.3f x %.3f px, optical centre (%.3f, %.3f).\n"
+                  "vstab.fovHorizontalDeg=%.4f\n"
+                  "vstab.fovVerticalDeg=%.4f\n"
+                  "vstab.principalPointX=%.5f\n"
+                  "vstab.principalPointY=%.5f\n"
+                  "vstab.readoutNs=%lld\n"
+                  "vstab.gyroAxes=%s\n"
+                  "vstab.gyroTimeOffsetNs=%lld\n"
+                  "vstab.clockIdGyro=7\n"
+                  "vstab.clockIdFrame=7\n",
+                  description.c_str(), f.width, f.height, f.focalPx, fy, f.cx, f.cy,
+                  2 * std::atan(f.width / (2 * f.focalPx)) * kRadToDeg,
+                  2 * std::atan(f.height / (2 * fy)) * kRadToDeg, f.cx / f.width, f.cy / f.height,
+                  static_cast<long long>(std::llround(f.readoutMs * 1e6)), f.gyroAxes.c_str(),
+                  static_cast<long long>(std::llround(f.gyroOffsetMs * 1e6)));
     return buf;
 }
 
@@ -100,7 +110,9 @@ CameraFacts SyntheticRecording::facts() const {
     f.cx = c.cx;
     f.cy = c.cy;
     f.readoutMs = options_.readoutMs;
-    f.gyroRateHz = options_.gyro.rateHz;
+    f.gyroAxes = kDeviceGyroAxes;
+    // Frame timestamps are the first row's exposure start, so the gyro's offset from true time
+    // is the library's offset as it stands.
     f.gyroOffsetMs = options_.gyro.timeOffsetNs * 1e-6;
     f.description = describe();
     return f;

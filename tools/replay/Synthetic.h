@@ -34,17 +34,20 @@ struct SyntheticOptions {
 };
 
 // Facts about a recording's camera and gyro that the stabilization library's configuration
-// text states. configTextFor() is the one place that writes them in the library's key format.
+// text states. configTextFor() writes them with the library's keys (vstab.*); everything
+// else (smoothing window, look-ahead, grid) is left at the library's defaults.
 struct CameraFacts {
     int width = 0;
     int height = 0;
-    double focalPx = 0;
+    double focalPx = 0;   // horizontal
+    double focalYPx = 0;  // vertical; 0 = square pixels
     double cx = 0;
     double cy = 0;
     double readoutMs = 0;
-    double gyroRateHz = 0;
-    double gyroOffsetMs = 0;  // gyro stamps minus true time (already removed when 0)
-    std::string description;
+    std::string gyroAxes = "-y,-x,-z";  // camera x, y, z rates as signed gyro axes
+    // Gyro time of a frame's first-row exposure start minus the frame timestamp.
+    double gyroOffsetMs = 0;
+    std::string description;  // one line, written as a comment
 };
 
 std::string configTextFor(const CameraFacts& facts);
