@@ -114,6 +114,10 @@ TEST(Signal, HighPassKeepsShakeAndDropsSlowMotion) {
         shake[i] = (i % 2 == 0) ? 1.0 : -1.0;  // fastest possible jitter
     }
     EXPECT_LT(highPassRms(ramp, 15), 1e-9);  // a steady pan is not shake, ends included
+    std::vector<double> turn(300);
+    for (int i = 0; i < 300; ++i)
+        turn[i] = 100 * std::sin(2 * kPi * 0.06 * i / 30.0);  // slow look around
+    EXPECT_LT(highPassRms(turn, 15), 0.05);
     EXPECT_NEAR(highPassRms(shake, 15), 1.0, 0.02);
     EXPECT_NEAR(highPassRms2(shake, shake, 15), std::sqrt(2.0), 0.03);
     const auto smooth = gaussianSmooth(ramp, 15);

@@ -84,10 +84,13 @@ TEST(CameraMotion, TrajectoriesDifferInShake) {
         }
         return std::sqrt(sum / 300) * 180 / kPi;
     };
-    const double walk = shakeRms(Trajectory::Walk), still = shakeRms(Trajectory::Still);
+    const double walk = shakeRms(Trajectory::SwayWalk), still = shakeRms(Trajectory::SwayStill);
     EXPECT_GT(walk, 0.4);
     EXPECT_LT(walk, 3.0);
     EXPECT_LT(still, walk / 2);
+    EXPECT_GT(shakeRms(Trajectory::Walk), 0.4);
+    EXPECT_EQ(shakeRms(Trajectory::Still), 0.0);  // the reference scenario's camera rests
+    EXPECT_GT(shakeRms(Trajectory::Violent), shakeRms(Trajectory::Walk));
     EXPECT_THROW(parseTrajectory("run"), ReplayError);
 }
 
@@ -219,9 +222,11 @@ TEST(CameraFacts, ConfigTextUsesTheLibraryKeysAndKeepsKeysOutOfComments) {
 }
 
 TEST(CameraMotion, SimulationScenariosDriveTheCamera) {
-    EXPECT_EQ(parseTrajectory("sim-jog"), Trajectory::SimJog);
-    EXPECT_STREQ(trajectoryName(Trajectory::SimViolent), "sim-violent");
-    auto m = makeHandheldMotion(Trajectory::SimWalk, 2);
+    for (Trajectory t : kAllTrajectories)
+        EXPECT_EQ(parseTrajectory(trajectoryName(t)), t);
+    EXPECT_EQ(parseTrajectory("jog"), Trajectory::Jog);
+    EXPECT_STREQ(trajectoryName(Trajectory::SwayPan), "sway-pan");
+    auto m = makeHandheldMotion(Trajectory::Walk, 2);
     // Shake: the actual orientation leaves the intended one, and both are rotations.
     double most = 0;
     for (int i = 0; i < 60; ++i) {

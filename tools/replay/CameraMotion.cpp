@@ -42,15 +42,16 @@ class HandheldMotion : public CameraMotion {
             v.push_back({ampDeg * kDeg, freq, phase(rng_)});
         };
         // Intended path.
-        if (trajectory == Trajectory::Walk) {
+        if (trajectory == Trajectory::SwayWalk) {
             add(intended_[0], 3.0, 0.04 + 0.01 * unit(rng_));
             add(intended_[1], 1.0, 0.03 + 0.01 * unit(rng_));
-        } else if (trajectory == Trajectory::Pan) {
+        } else if (trajectory == Trajectory::SwayPan) {
             intended_[0].push_back({9.0 * kDeg, 0.1, 0.0});
             add(intended_[1], 0.8, 0.05);
         }
-        const double shake =
-            trajectory == Trajectory::Walk ? 1.0 : (trajectory == Trajectory::Pan ? 0.6 : 0.0);
+        const double shake = trajectory == Trajectory::SwayWalk
+                                 ? 1.0
+                                 : (trajectory == Trajectory::SwayPan ? 0.6 : 0.0);
         const double step = 1.7 + 0.2 * unit(rng_);  // steps per second
         if (shake > 0) {
             add(shake_[1], 0.7 * shake, step);  // bob: pitch at the step rate
@@ -60,7 +61,7 @@ class HandheldMotion : public CameraMotion {
             add(shake_[2], 0.6 * shake, step / 2);
             add(shake_[2], 0.1 * shake, step);
         }
-        const double handScale = trajectory == Trajectory::Still ? 0.7 : 1.0;
+        const double handScale = trajectory == Trajectory::SwayStill ? 0.7 : 1.0;
         for (int axis = 0; axis < 3; ++axis) {
             for (int k = 0; k < 6; ++k)
                 add(shake_[axis], 0.04 * handScale, 4.0 + 5.0 * unit(rng_));
@@ -124,15 +125,15 @@ class SimMotion : public CameraMotion {
 
 const char* simName(Trajectory t) {
     switch (t) {
-        case Trajectory::SimWalk:
+        case Trajectory::Walk:
             return "walk";
-        case Trajectory::SimPan:
+        case Trajectory::Pan:
             return "pan";
-        case Trajectory::SimStill:
+        case Trajectory::Still:
             return "still";
-        case Trajectory::SimJog:
+        case Trajectory::Jog:
             return "jog";
-        case Trajectory::SimViolent:
+        case Trajectory::Violent:
             return "violent";
         default:
             return nullptr;
@@ -142,36 +143,25 @@ const char* simName(Trajectory t) {
 }  // namespace
 
 Trajectory parseTrajectory(const std::string& name) {
-    for (Trajectory t :
-         {Trajectory::Walk, Trajectory::Pan, Trajectory::Still, Trajectory::SimWalk,
-          Trajectory::SimPan, Trajectory::SimStill, Trajectory::SimJog, Trajectory::SimViolent}) {
+    for (Trajectory t : kAllTrajectories) {
         if (name == trajectoryName(t))
             return t;
     }
     throw ReplayError("unknown trajectory '" + name +
-                      "' (walk, pan, still, sim-walk, sim-pan, sim-still, sim-jog, sim-violent)");
+                      "' (walk, pan, still, jog, violent, sway-walk, sway-pan, sway-still)");
 }
 
 const char* trajectoryName(Trajectory t) {
     switch (t) {
-        case Trajectory::Walk:
-            return "walk";
-        case Trajectory::Pan:
-            return "pan";
-        case Trajectory::Still:
-            return "still";
-        case Trajectory::SimWalk:
-            return "sim-walk";
-        case Trajectory::SimPan:
-            return "sim-pan";
-        case Trajectory::SimStill:
-            return "sim-still";
-        case Trajectory::SimJog:
-            return "sim-jog";
-        case Trajectory::SimViolent:
-            return "sim-violent";
+        case Trajectory::SwayWalk:
+            return "sway-walk";
+        case Trajectory::SwayPan:
+            return "sway-pan";
+        case Trajectory::SwayStill:
+            return "sway-still";
+        default:
+            return simName(t);
     }
-    return "?";
 }
 
 std::unique_ptr<CameraMotion> makeHandheldMotion(Trajectory trajectory, uint64_t seed) {

@@ -25,22 +25,26 @@ class CameraMotion {
     virtual Mat3 intended(double t) const = 0;
 };
 
-enum class Trajectory { Walk, Pan, Still, SimWalk, SimPan, SimStill, SimJog, SimViolent };
+enum class Trajectory { Walk, Pan, Still, Jog, Violent, SwayWalk, SwayPan, SwayStill };
 
-// Parses "walk", "pan", "still", or "sim-walk", "sim-pan", "sim-still", "sim-jog",
-// "sim-violent" (the stabilizer's reference scenarios from qlmr_sim); throws ReplayError
-// otherwise.
+// Parses a trajectory name; throws ReplayError for an unknown one.
+//  - "walk", "pan", "still", "jog", "violent": the stabilizer's reference scenarios of
+//    qlmr_sim (hand shake of 2..12 Hz on top of slow looking around, pans, rest...).
+//  - "sway-walk", "sway-pan", "sway-still": the replay tool's own hand-held paths, whose
+//    shake reaches down to 0.6 Hz (stride sway, slow wander) below the step rate.
 Trajectory parseTrajectory(const std::string& name);
 const char* trajectoryName(Trajectory t);
+constexpr Trajectory kAllTrajectories[] = {
+    Trajectory::Walk,    Trajectory::Pan,      Trajectory::Still,   Trajectory::Jog,
+    Trajectory::Violent, Trajectory::SwayWalk, Trajectory::SwayPan, Trajectory::SwayStill};
 
-// A hand-held camera: slow intended motion plus the shake of walking (step bob about 1.8 Hz,
-// sway at half of it), hand tremor (4..9 Hz) and a band-limited random wander, all as sums of
-// sinusoids whose phases and small frequency offsets come from `seed`.
-//  - Walk: intended slow sweep of a few degrees; full walking shake (about 1 degree).
-//  - Pan: intended smooth back-and-forth pan of +-9 degrees; lighter shake.
-//  - Still: intended fixed; tremor and wander only.
-// The sim-* trajectories are qlmr_sim's scenarios of the same name (their own length; the
-// replay's time 0 is the scenario's).
+// The camera motion of a trajectory. Sway paths: slow intended motion plus the shake of
+// walking (step bob about 1.8 Hz, sway at half of it), hand tremor (4..9 Hz) and a
+// band-limited random wander (0.6..2 Hz), all sums of sinusoids whose phases and small
+// frequency offsets come from `seed`. sway-walk: a slow sweep of a few degrees and the full
+// shake (about 1 degree); sway-pan: a +-9 degree pan, lighter shake; sway-still: fixed, tremor
+// and wander only. The qlmr_sim scenarios are evaluated from their own definitions (time 0 of
+// the replay is the scenario's).
 std::unique_ptr<CameraMotion> makeHandheldMotion(Trajectory trajectory, uint64_t seed);
 
 // How the synthetic gyroscope reports the camera's rotation.

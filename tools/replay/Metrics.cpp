@@ -88,6 +88,10 @@ PixelMotionStats chainedMotion(const std::vector<const GrayImage*>& frames,
         lengthSum += std::hypot(tx, ty);
     }
     s.jitterPx = highPassRms2(s.path.x, s.path.y, sigmaFrames);
+    size_t settled = 0;
+    while (settled < s.path.t.size() && s.path.t[settled] < 1.0)
+        ++settled;
+    s.jitterSettledPx = highPassRms2(s.path.x, s.path.y, sigmaFrames, settled);
     s.rollJitterDeg = highPassRms(s.path.roll, sigmaFrames);
     s.meanStepPx = jobs.empty() ? 0 : lengthSum / jobs.size();
     s.stabilityTranslation = stabilityScore(stepLength);
@@ -203,6 +207,9 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         }
         m.outputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads);
     }
+    m.pixelJitterRatioSettled = m.outputMotion.jitterSettledPx > 0
+                                    ? m.inputMotion.jitterSettledPx / m.outputMotion.jitterSettledPx
+                                    : std::numeric_limits<double>::infinity();
     m.pixelJitterRatio = m.outputMotion.jitterPx > 0
                              ? m.inputMotion.jitterPx / m.outputMotion.jitterPx
                              : std::numeric_limits<double>::infinity();
@@ -327,6 +334,17 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         devOutScale.push_back(fOut);
         ++t.outputFrames;
     }
+    auto firstSettled = [&](const std::vector<double>& times) {
+        size_t i = 0;
+        while (i < times.size() && times[i] < t.settleSec)
+            ++i;
+        return i;
+    };
+    t.inputJitterSettledPx = highPassRms2(devInX, devInY, sigmaFrames, firstSettled(t.actual.t));
+    t.outputJitterSettledPx = highPassRms2(devOutX, devOutY, sigmaFrames, firstSettled(t.output.t));
+    t.jitterRatioSettled = t.outputJitterSettledPx > 0
+                               ? t.inputJitterSettledPx / t.outputJitterSettledPx
+                               : std::numeric_limits<double>::infinity();
     t.inputJitterPx = highPassRms2(devInX, devInY, sigmaFrames);
     t.inputJitterDeg = toDeg(t.inputJitterPx, f);
     t.inputRollJitterDeg = highPassRms(devInRoll, sigmaFrames);
@@ -368,6 +386,7 @@ void writeMotion(JsonWriter& j, const PixelMotionStats& s) {
     j.field("pairs", s.pairs);
     j.field("failed_pairs", s.failed);
     j.field("jitter_px", s.jitterPx);
+    j.field("jitter_settled_px", s.jitterSettledPx);
     j.field("roll_jitter_deg", s.rollJitterDeg);
     j.field("mean_step_px", s.meanStepPx);
     j.field("stability_translation", s.stabilityTranslation);
@@ -435,6 +454,7 @@ std::string metricsJson(const ReplayMetrics& m) {
     j.key("output");
     writeMotion(j, m.outputMotion);
     j.field("jitter_ratio", m.pixelJitterRatio);
+    j.field("jitter_ratio_settled", m.pixelJitterRatioSettled);
     j.endObject();
     j.key("cropping").beginObject();
     j.field("frames", m.crop.frames);
@@ -448,6 +468,10 @@ std::string metricsJson(const ReplayMetrics& m) {
         j.field("residual_jitter_input_px", t.inputJitterPx);
         j.field("residual_jitter_output_px", t.outputJitterPx);
         j.field("residual_jitter_ratio", t.jitterRatio);
+        j.field("settle_s", t.settleSec);
+        j.field("residual_jitter_input_settled_px", t.inputJitterSettledPx);
+        j.field("residual_jitter_output_settled_px", t.outputJitterSettledPx);
+        j.field("residual_jitter_ratio_settled", t.jitterRatioSettled);
         j.field("residual_jitter_input_deg", t.inputJitterDeg);
         j.field("residual_jitter_output_deg", t.outputJitterDeg);
         j.field("roll_jitter_input_deg", t.inputRollJitterDeg);

@@ -25,11 +25,12 @@ struct PathSeries {
 
 // Motion of one stream measured from its pixels, frame to frame.
 struct PixelMotionStats {
-    int pairs = 0;             // consecutive frame pairs measured
-    int failed = 0;            // pairs the estimator could not register
-    double jitterPx = 0;       // RMS of the high-passed chained path (x and y together)
-    double rollJitterDeg = 0;  // the same for the chained roll
-    double meanStepPx = 0;     // mean frame-to-frame translation length
+    int pairs = 0;               // consecutive frame pairs measured
+    int failed = 0;              // pairs the estimator could not register
+    double jitterPx = 0;         // RMS of the high-passed chained path (x and y together)
+    double rollJitterDeg = 0;    // the same for the chained roll
+    double jitterSettledPx = 0;  // the same, leaving the first second out of the mean
+    double meanStepPx = 0;       // mean frame-to-frame translation length
     double stabilityTranslation = 0;
     double stabilityRotation = 0;
     double stability = 0;  // mean of the two
@@ -49,6 +50,12 @@ struct TruthStats {
     double inputJitterPx = 0;   // high-passed deviation RMS, input pixels
     double outputJitterPx = 0;  // output pixels
     double jitterRatio = 0;     // input / output
+    // The same after the first `settleSec` of the recording (a stabilizer starts from the
+    // first frame's view and needs about one smoothing window to reach its path).
+    double settleSec = 1.0;
+    double inputJitterSettledPx = 0;
+    double outputJitterSettledPx = 0;
+    double jitterRatioSettled = 0;
     double inputJitterDeg = 0;
     double outputJitterDeg = 0;
     double inputRollJitterDeg = 0;
@@ -92,6 +99,7 @@ struct ReplayMetrics {
     PixelMotionStats inputMotion;
     PixelMotionStats outputMotion;
     double pixelJitterRatio = 0;
+    double pixelJitterRatioSettled = 0;  // after the first second, as for the ground truth
     CropStats crop;
     bool hasTruth = false;
     TruthStats truth;

@@ -196,6 +196,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     outcome.files.push_back("engine.log");
     m.framesDelivered = result.framesDelivered;
     m.framesLate = result.framesLate;
+    m.engine.renderedUnstabilized += result.renderedUnstabilized;
     m.wallSec = result.wallSec;
     for (const std::string& n : result.notes)
         m.warnings.push_back(n);

@@ -51,7 +51,8 @@ class SessionObserver {
 
 struct SessionResult {
     int framesDelivered = 0;
-    int framesLate = 0;  // realtime: frames that could not be produced by their due time
+    int framesLate = 0;            // realtime: frames that could not be produced by their due time
+    int renderedUnstabilized = 0;  // counted by the session itself (the engine's are in its log)
     double wallSec = 0;
     std::vector<std::string> notes;  // anything the session wants in the report
 };
@@ -71,5 +72,11 @@ class ReplaySession {
 // (nearest neighbour) to each surface, with its own timestamp: what an engine that does not
 // stabilize would output.
 std::unique_ptr<ReplaySession> makePassThroughSession();
+
+// No engine, but the stabilization library itself: frames and gyro samples go straight into
+// it, and each frame is drawn through its warp grid (vertex (i, j) showing texture point
+// (i/(columns-1), j/(rows-1)), positions x right and y down in -1..1) by a CPU rasterizer.
+// Frames the library cannot warp are drawn with the engine's unwarped grid (+-1.25).
+std::unique_ptr<ReplaySession> makeLibrarySession();
 
 }  // namespace qlmr::replay

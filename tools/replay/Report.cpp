@@ -127,6 +127,10 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
                  fmt(t.inputJitterPx, "%.2f") + " → " + fmt(t.outputJitterPx, "%.2f") + " px",
                  "ratio " + fmt(t.jitterRatio, "%.1f") + "; " + fmt(t.inputJitterDeg, "%.3f") +
                      "° → " + fmt(t.outputJitterDeg, "%.3f") + "°");
+        h += row("… after the first " + fmt(t.settleSec, "%.1f") + " s",
+                 fmt(t.inputJitterSettledPx, "%.2f") + " → " +
+                     fmt(t.outputJitterSettledPx, "%.2f") + " px",
+                 "ratio " + fmt(t.jitterRatioSettled, "%.1f") + " (the stabilizer has settled)");
         h += row("Roll jitter (ground truth)", fmt(t.inputRollJitterDeg, "%.3f") + "° → " +
                                                    fmt(t.outputRollJitterDeg, "%.3f") + "°");
         h += row("Stability score (ground truth)",

@@ -16,22 +16,30 @@ std::vector<double> gaussianSmooth(const std::vector<double>& v, double sigma) {
     for (int i = -radius; i <= radius; ++i) {
         k[static_cast<size_t>(i + radius)] = std::exp(-0.5 * i * i / (sigma * sigma));
     }
-    // Gaussian-weighted straight-line fit around every sample (local linear regression): in
-    // the middle it equals the plain Gaussian average, and near the ends it follows a steady
-    // trend instead of bending toward the inner samples.
+    // Gaussian-weighted quadratic fit around every sample (local polynomial regression): a
+    // steady pan and a slow turn pass unchanged, ends included, while motion faster than
+    // about 1 / (2 pi sigma) cycles per sample is removed.
     for (int i = 0; i < n; ++i) {
-        double s0 = 0, s1 = 0, s2 = 0, sy = 0, sxy = 0;
+        double m[5] = {0, 0, 0, 0, 0};  // sums of w * d^k
+        double r[3] = {0, 0, 0};        // sums of w * d^k * v
         for (int j = std::max(0, i - radius); j <= std::min(n - 1, i + radius); ++j) {
             const double w = k[static_cast<size_t>(j - i + radius)];
-            const double d = j - i;
-            s0 += w;
-            s1 += w * d;
-            s2 += w * d * d;
-            sy += w * v[static_cast<size_t>(j)];
-            sxy += w * d * v[static_cast<size_t>(j)];
+            const double d = (j - i) / sigma;  // scaled for conditioning
+            double p = w;
+            for (int e = 0; e < 5; ++e, p *= d) {
+                m[e] += p;
+                if (e < 3)
+                    r[e] += p * v[static_cast<size_t>(j)];
+            }
         }
-        const double det = s0 * s2 - s1 * s1;
-        out[static_cast<size_t>(i)] = det > 1e-12 * s0 * s0 ? (sy * s2 - sxy * s1) / det : sy / s0;
+        // Solve [m0 m1 m2; m1 m2 m3; m2 m3 m4] c = r for c0 by Cramer's rule; near the ends
+        // with too few samples for a parabola, fall back to the weighted mean.
+        const double det = m[0] * (m[2] * m[4] - m[3] * m[3]) - m[1] * (m[1] * m[4] - m[3] * m[2]) +
+                           m[2] * (m[1] * m[3] - m[2] * m[2]);
+        const double det0 = r[0] * (m[2] * m[4] - m[3] * m[3]) -
+                            m[1] * (r[1] * m[4] - m[3] * r[2]) + m[2] * (r[1] * m[3] - m[2] * r[2]);
+        out[static_cast<size_t>(i)] =
+            std::fabs(det) > 1e-9 * m[0] * m[0] * m[0] ? det0 / det : r[0] / m[0];
     }
     return out;
 }
@@ -46,10 +54,17 @@ double highPassRms(const std::vector<double>& v, double sigma) {
     return std::sqrt(sum / v.size());
 }
 
-double highPassRms2(const std::vector<double>& x, const std::vector<double>& y, double sigma) {
-    const double a = highPassRms(x, sigma);
-    const double b = highPassRms(y, sigma);
-    return std::sqrt(a * a + b * b);
+double highPassRms2(const std::vector<double>& x, const std::vector<double>& y, double sigma,
+                    size_t from) {
+    if (x.size() < 2 || x.size() != y.size() || from >= x.size())
+        return 0;
+    const std::vector<double> sx = gaussianSmooth(x, sigma);
+    const std::vector<double> sy = gaussianSmooth(y, sigma);
+    double sum = 0;
+    for (size_t i = from; i < x.size(); ++i) {
+        sum += (x[i] - sx[i]) * (x[i] - sx[i]) + (y[i] - sy[i]) * (y[i] - sy[i]);
+    }
+    return std::sqrt(sum / (x.size() - from));
 }
 
 double stabilityScore(const std::vector<double>& motion) {

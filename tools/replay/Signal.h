@@ -2,20 +2,25 @@
 // the stability score of Liu et al. (2013).
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 namespace qlmr::replay {
 
 // Gaussian smoothing with standard deviation `sigma` samples, as a Gaussian-weighted local
-// straight-line fit, so that a steady trend (a constant pan) passes unchanged, ends included.
+// quadratic fit, so that steady and slowly turning motion (pans, looking around) passes
+// unchanged, ends included, and only faster motion is taken out.
 std::vector<double> gaussianSmooth(const std::vector<double>& v, double sigma);
 
 // Root mean square of v - gaussianSmooth(v, sigma): the part of a path that moves faster
 // than about 1 / (2 pi sigma) cycles per sample. 0 for fewer than 2 values.
 double highPassRms(const std::vector<double>& v, double sigma);
 
-// Root mean square of the per-sample length of the high-passed 2-D path (x, y).
-double highPassRms2(const std::vector<double>& x, const std::vector<double>& y, double sigma);
+// Root mean square of the per-sample length of the high-passed 2-D path (x, y). With `from`
+// > 0 the samples before index `from` are filtered with the rest but left out of the mean
+// (the settling time of a stabilizer that starts from the first frame's view).
+double highPassRms2(const std::vector<double>& x, const std::vector<double>& y, double sigma,
+                    size_t from = 0);
 
 // Stability score of one sequence of frame-to-frame motion values (Liu, Yuan, Tan, Sun:
 // "Bundled camera paths for video stabilization", 2013): the energy in the 2nd to 6th lowest

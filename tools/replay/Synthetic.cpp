@@ -80,8 +80,9 @@ SyntheticRecording::SyntheticRecording(const SyntheticOptions& options) : option
         scene_, PinholeCamera::withFov(o.width, o.height, o.hfovDeg), o.threads);
     GyroModel g = o.gyro;
     g.seed = o.seed;
-    // The gyro runs from a little before the first frame to a little after the last one.
-    const double lead = 0.2;
+    // The gyro runs from 1 s before the first frame to 1 s after the last one: the sensor is
+    // on before the camera delivers and the stabilizer looks ahead of every frame.
+    const double lead = 1.0;
     gyro_ = synthesizeGyro(*motion_, g, -lead, frames_ / o.fps + lead, o.startNs);
 }
 

@@ -26,7 +26,7 @@ struct SyntheticOptions {
     // Scene picture: "" = the default photograph when installed, else procedural;
     // "procedural" = always procedural; anything else = path of a JPEG/PNG picture.
     std::string scene;
-    double sceneHfovDeg = 90;  // field of view the scene picture is taken to span
+    double sceneHfovDeg = 110;  // field of view the scene picture is taken to span
     GyroModel gyro;
     int threads = 2;
     // Timestamp of the first frame, nanoseconds.

@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
     bool quiet = false;
     bool forceProgress = false;
     bool dryRun = false;
+    bool libraryOnly = false;
     bool noMp4 = false;
 
     app.add_option("-i,--input", o.input,
@@ -36,15 +37,23 @@ int main(int argc, char** argv) {
     app.add_option("--fps", o.synthetic.fps, "synthetic: frames per second")
         ->capture_default_str()
         ->check(CLI::Range(1.0, 240.0));
-    app.add_option("--trajectory", trajectory, "synthetic: walk, pan or still")
+    app.add_option(
+           "--trajectory", trajectory,
+           "synthetic: walk, pan, still, jog, violent (the stabilizer's reference scenarios) or "
+           "sway-walk, sway-pan, sway-still (slower shake, down to 0.6 Hz)")
         ->capture_default_str()
-        ->check(CLI::IsMember({"walk", "pan", "still"}));
+        ->check(CLI::IsMember(
+            {"walk", "pan", "still", "jog", "violent", "sway-walk", "sway-pan", "sway-still"}));
     app.add_option("--seed", o.synthetic.seed,
                    "synthetic: random seed of the shake and the gyro noise")
         ->capture_default_str();
     app.add_option("--scene", o.synthetic.scene,
                    "synthetic: picture to film (JPEG/PNG), or 'procedural'; default: the installed "
                    "photograph, else procedural");
+    app.add_option("--scene-fov", o.synthetic.sceneHfovDeg,
+                   "synthetic: horizontal field of view the scene picture spans, degrees")
+        ->capture_default_str()
+        ->check(CLI::Range(30.0, 160.0));
     app.add_option("--readout-ms", o.synthetic.readoutMs, "synthetic: rolling-shutter readout time")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 100.0));
@@ -61,6 +70,8 @@ int main(int argc, char** argv) {
     app.add_flag("--side-by-side", o.sideBySide, "also write an input | output video");
     app.add_flag("--dry-run", dryRun,
                  "no engine: frames pass through unchanged (tests inputs and outputs)");
+    app.add_flag("--library-only", libraryOnly,
+                 "no engine: the stabilization library's warp grids drawn by a CPU renderer");
     app.add_flag("--no-mp4", noMp4, "write Y4M only, even when ffmpeg is installed");
     app.add_option("--max-frames", o.maxFrames, "replay only the first N frames")
         ->check(CLI::PositiveNumber);
@@ -90,9 +101,14 @@ int main(int argc, char** argv) {
         if (!outputSize.empty())
             parseSize(outputSize, o.outputWidth, o.outputHeight);
         o.synthetic.trajectory = parseTrajectory(trajectory);
-        std::unique_ptr<ReplaySession> session =
-            dryRun ? makePassThroughSession() : makeDefaultSession();
-        std::ostream& log = quiet ? *new std::ostream(nullptr) : std::cerr;
+        if (dryRun && libraryOnly) {
+            throw ReplayError("--dry-run and --library-only exclude each other");
+        }
+        std::unique_ptr<ReplaySession> session = dryRun        ? makePassThroughSession()
+                                                 : libraryOnly ? makeLibrarySession()
+                                                               : makeDefaultSession();
+        std::ostream nullStream(nullptr);
+        std::ostream& log = quiet ? nullStream : std::cerr;
         const ReplayOutcome outcome = runReplay(o, *session, log);
         if (!quiet) {
             const ReplayMetrics& m = outcome.metrics;
@@ -105,6 +121,10 @@ int main(int argc, char** argv) {
                 std::printf(
                     "residual jitter (ground truth): input %.2f px, output %.2f px (ratio %.1f)\n",
                     m.truth.inputJitterPx, m.truth.outputJitterPx, m.truth.jitterRatio);
+                std::printf(
+                    "  after the first %.1f s: input %.2f px, output %.2f px (ratio %.1f)\n",
+                    m.truth.settleSec, m.truth.inputJitterSettledPx, m.truth.outputJitterSettledPx,
+                    m.truth.jitterRatioSettled);
             }
             std::printf("cropping: %.3f\n", m.crop.cropping);
             for (const std::string& w : m.warnings)
