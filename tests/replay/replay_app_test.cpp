@@ -178,3 +178,40 @@ TEST(ReplayApp, ParsesSizes) {
         EXPECT_THROW(parseSize(bad, w, h), ReplayError) << bad;
     }
 }
+
+TEST(LibrarySession, StabilizesTheSyntheticWalk) {
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    auto session = makeLibrarySession();
+    std::ostringstream log;
+    const ReplayMetrics m = runReplay(o, *session, log).metrics;
+    EXPECT_EQ(m.framesOut, 90);
+    EXPECT_EQ(m.engine.renderedUnstabilized, 0);
+    ASSERT_TRUE(m.hasTruth);
+    EXPECT_GT(m.truth.jitterRatio, 4.0)
+        << m.truth.inputJitterPx << " -> " << m.truth.outputJitterPx;
+    EXPECT_NEAR(m.crop.cropping, 0.64, 0.03);  // the library's 1.25 overscan
+}
+
+TEST(LibrarySession, ReportsARefusedConfiguration) {
+    SyntheticOptions so;
+    so.width = 64;
+    so.height = 48;
+    so.seconds = 0.5;
+    so.scene = "procedural";
+    SyntheticRecording rec(so);
+    SessionConfig config;
+    config.configText = "vstab.gridColumns=1\n";
+    config.surfaces = {{64, 48, 1, 3}};
+    struct Nothing : SessionObserver {
+        void onFrameDelivered(int, int64_t, const Nv21Image&) override {}
+        void onFrameOutput(int, int64_t, const RgbaView&) override {}
+    } nothing;
+    try {
+        makeLibrarySession()->run(rec, rec.gyro(), config, nothing);
+        FAIL() << "a bad configuration was accepted";
+    } catch (const ReplayError& e) {
+        EXPECT_NE(std::string(e.what()).find("refused the configuration text"), std::string::npos)
+            << e.what();
+    }
+}

@@ -150,7 +150,10 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
         const int w = r.width, h = r.height;
         const double cx = w / 2.0, cy = h / 2.0;
         const int step = 1;
-        for (int it = 0; it < options.iterations; ++it) {
+        // The finest level starts close to the answer: a few iterations settle it.
+        const int iterations =
+            lv == 0 && top > 0 ? std::min(options.iterations, 6) : options.iterations;
+        for (int it = 0; it < iterations; ++it) {
             double H[4][4] = {};
             double g[4] = {};
             double sse = 0;
