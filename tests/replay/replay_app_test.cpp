@@ -1,6 +1,7 @@
 // The replay command end to end without an engine: the dry run's outputs, metrics that tell a
 // perfect stabilizer from none, and the command's error handling.
 #include "ColorConvert.h"
+#include "ImageIo.h"
 #include "ReplayApp.h"
 #include "ReplayError.h"
 #include "TestUtil.h"
@@ -8,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <sstream>
 #include <sys/wait.h>
@@ -159,6 +161,35 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
     EXPECT_EQ(runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err),
               1);
     EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("frames.csv") + ": no frames listed\n");
+
+    // Each kind of fault: one line naming file and line, exit status 1.
+    writePng(rec.file("frames/a.png"), replay_test::gradient(32, 16));
+    writePng(rec.file("frames/b.png"), replay_test::gradient(16, 16));
+    const std::string good = "timestamp_ns,file\n1000,frames/a.png\n2000,frames/a.png\n";
+    struct Fault {
+        const char* file;
+        std::string text;
+        std::string where;
+    } faults[] = {
+        {"frames.csv", "timestamp_ns,file\n1000,frames/a.png\n2000;frames/a.png\n",
+         "frames.csv:3: "},
+        {"frames.csv", "timestamp_ns,file\n1000,frames/a.png\n2000,frames/b.png\n",
+         "frames.csv:3: "},
+        {"frames.csv", "timestamp_ns,file\n2000,frames/a.png\n1000,frames/a.png\n",
+         "frames.csv:3: "},
+        {"gyro.csv", "timestamp_ns,x,y,z\n1,0,0,0\n2,0,0\n", "gyro.csv:3: "},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,0\n1,0,0,0\n", "gyro.csv:3: "},
+    };
+    for (const Fault& f : faults) {
+        replay_test::writeText(rec.file("frames.csv"), good);
+        replay_test::writeText(rec.file("gyro.csv"), "timestamp_ns,x,y,z\n1,0,0,0\n");
+        replay_test::writeText(rec.file(f.file), f.text);
+        EXPECT_EQ(
+            runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err), 1)
+            << f.text;
+        EXPECT_EQ(err.rfind("qlmr_replay: error: " + rec.file(f.where), 0), 0u) << err;
+        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    }
 
     EXPECT_NE(runCommand("--dry-run --size 100 --out " + out.path(), err), 0);
     EXPECT_NE(err.find("size '100'"), std::string::npos) << err;

@@ -38,9 +38,10 @@ OutputRecorder::OutputRecorder(const RecorderOptions& options)
         pairIndices_.push_back(static_cast<int>(static_cast<long long>(o.expectedFrames) * (k + 1) /
                                                 (o.pairCount + 1)));
     }
-    // Enough buffers for the frames in flight inside an engine (its queue) and then some.
+    // Side by side: enough buffers for the frames in flight inside an engine (its queue) and
+    // then some. Pairs only: one per pair frame (plus one), as only those are kept.
     if (!o.sideBySidePath.empty() || !pairIndices_.empty()) {
-        free_.resize(48);
+        free_.resize(o.sideBySidePath.empty() ? pairIndices_.size() + 1 : 48);
         for (I420Image& f : free_)
             f.resize(o.inputWidth, o.inputHeight);
     }

@@ -84,9 +84,12 @@ void parseSize(const std::string& text, int& width, int& height) {
     bool ok = x != std::string::npos && x > 0 && x + 1 < text.size();
     long w = 0, h = 0;
     if (ok) {
-        w = std::strtol(text.substr(0, x).c_str(), &end, 10);
+        // The parts live as long as `end` points into them.
+        const std::string first = text.substr(0, x);
+        const std::string second = text.substr(x + 1);
+        w = std::strtol(first.c_str(), &end, 10);
         ok = *end == '\0';
-        h = std::strtol(text.substr(x + 1).c_str(), &end, 10);
+        h = std::strtol(second.c_str(), &end, 10);
         ok = ok && *end == '\0';
     }
     if (!ok || w < 16 || h < 16 || w > 8192 || h > 8192 || w % 2 != 0 || h % 2 != 0) {
