@@ -1,0 +1,208 @@
+// Colour conversion, picture files, Y4M streams and composition.
+#include "ColorConvert.h"
+#include "Compose.h"
+#include "ImageIo.h"
+#include "ReplayError.h"
+#include "TestUtil.h"
+#include "Y4m.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using namespace qlmr::replay;
+using replay_test::TempDir;
+
+namespace {
+RgbImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b) {
+    RgbImage img;
+    img.resize(w, h);
+    for (size_t i = 0; i < img.data.size(); i += 3) {
+        img.data[i] = r;
+        img.data[i + 1] = g;
+        img.data[i + 2] = b;
+    }
+    return img;
+}
+}  // namespace
+
+TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
+    struct Case {
+        uint8_t r, g, b, y, u, v;
+    } cases[] = {{255, 255, 255, 235, 128, 128},
+                 {0, 0, 0, 16, 128, 128},
+                 {255, 0, 0, 82, 90, 240},
+                 {0, 255, 0, 144, 54, 34},
+                 {0, 0, 255, 41, 240, 110}};
+    for (const Case& c : cases) {
+        Nv21Image nv;
+        nv.resize(2, 2);
+        rgbToNv21(solid(2, 2, c.r, c.g, c.b), nv);
+        EXPECT_EQ(nv.y()[0], c.y) << int(c.r) << "," << int(c.g) << "," << int(c.b);
+        // NV21 stores V first, then U.
+        EXPECT_EQ(nv.vu()[0], c.v);
+        EXPECT_EQ(nv.vu()[1], c.u);
+    }
+}
+
+TEST(ColorConvert, RoundTripsThroughNv21AndRgba) {
+    const RgbImage src = replay_test::gradient(64, 32);
+    Nv21Image nv;
+    nv.resize(64, 32);
+    rgbToNv21(src, nv);
+    RgbImage back;
+    back.resize(64, 32);
+    nv21ToRgb(nv, back);
+    int worst = 0;
+    for (int y = 0; y < 32; ++y) {
+        for (int x = 0; x < 64; ++x) {
+            // Compare luma-dominated grey level: chroma is shared by 2x2 blocks.
+            const uint8_t* a = src.row(y) + 3 * x;
+            const uint8_t* b = back.row(y) + 3 * x;
+            const int ya = rgbToY(a[0], a[1], a[2]);
+            const int yb = rgbToY(b[0], b[1], b[2]);
+            worst = std::max(worst, std::abs(ya - yb));
+        }
+    }
+    EXPECT_LE(worst, 3);
+
+    // NV21 -> RGBA (what a window receives) -> I420 gives back the NV21 planes.
+    std::vector<uint8_t> rgba(64 * 32 * 4);
+    nv21ToRgba(nv, rgba.data(), 64);
+    EXPECT_EQ(rgba[3], 255);
+    I420Image direct, viaRgba;
+    direct.resize(64, 32);
+    viaRgba.resize(64, 32);
+    nv21ToI420(nv, direct);
+    rgbaToI420(RgbaView{64, 32, 64, rgba.data()}, viaRgba);
+    int worstPlane = 0;
+    for (size_t i = 0; i < direct.data.size(); ++i) {
+        worstPlane = std::max(worstPlane, std::abs(int(direct.data[i]) - int(viaRgba.data[i])));
+    }
+    EXPECT_LE(worstPlane, 3);
+    // Chroma planes keep U and V apart (a swap would move blue into red).
+    EXPECT_EQ(direct.v()[0], nv.vu()[0]);
+    EXPECT_EQ(direct.u()[0], nv.vu()[1]);
+}
+
+TEST(ColorConvert, DownsampleLumaAveragesBlocks) {
+    std::vector<uint8_t> y = {0, 10, 20, 30, 40, 50, 60, 70};  // 4x2, stride 4
+    GrayImage out;
+    out.resize(2, 1);
+    downsampleLuma(y.data(), 4, 2, 4, 2, out);
+    EXPECT_EQ(out.at(0, 0), 25);  // (0+10+40+50)/4
+    EXPECT_EQ(out.at(1, 0), 45);  // (20+30+60+70)/4
+}
+
+TEST(ImageIo, PngIsLosslessAndJpegClose) {
+    TempDir dir;
+    const RgbImage src = replay_test::gradient(48, 30);
+    writePng(dir.file("a.png"), src);
+    writeJpeg(dir.file("a.jpg"), src, 95);
+    EXPECT_EQ(readImage(dir.file("a.png")).data, src.data);
+    const RgbImage jpg = readImage(dir.file("a.jpg"));
+    ASSERT_EQ(jpg.width, 48);
+    ASSERT_EQ(jpg.height, 30);
+    double err = 0;
+    for (size_t i = 0; i < src.data.size(); ++i)
+        err += std::abs(int(src.data[i]) - int(jpg.data[i]));
+    EXPECT_LT(err / src.data.size(), 6.0);
+    const ImageSize s = readImageSize(dir.file("a.jpg"));
+    EXPECT_EQ(s.width, 48);
+    EXPECT_EQ(s.height, 30);
+    EXPECT_EQ(readImageSize(dir.file("a.png")).height, 30);
+}
+
+TEST(ImageIo, BadFilesGiveErrorsNamingTheFile) {
+    TempDir dir;
+    const std::string missing = dir.file("missing.jpg");
+    try {
+        readImage(missing);
+        FAIL() << "no error for a missing file";
+    } catch (const ReplayError& e) {
+        EXPECT_EQ(e.file(), missing);
+        EXPECT_NE(std::string(e.what()).find("cannot open"), std::string::npos);
+    }
+    replay_test::writeText(dir.file("text.jpg"), "this is not a picture");
+    EXPECT_THROW(readImage(dir.file("text.jpg")), ReplayError);
+    // A JPEG cut in half: the decoder's error comes back as an exception, not a crash.
+    const std::vector<uint8_t> jpg = encodeJpeg(replay_test::gradient(64, 64), 90);
+    writeFile(dir.file("cut.jpg"), jpg.data(), jpg.size() / 3);
+    EXPECT_THROW(readImage(dir.file("cut.jpg")), ReplayError);
+    const std::vector<uint8_t> png = encodePng(replay_test::gradient(64, 64));
+    writeFile(dir.file("cut.png"), png.data(), png.size() / 2);
+    EXPECT_THROW(readImage(dir.file("cut.png")), ReplayError);
+}
+
+TEST(Y4m, WritesAndReadsFramesExactly) {
+    TempDir dir;
+    const std::string path = dir.file("v.y4m");
+    I420Image f;
+    f.resize(8, 4);
+    {
+        Y4mWriter w;
+        w.open(path, 8, 4, 30000, 1001);
+        for (int k = 0; k < 3; ++k) {
+            for (size_t i = 0; i < f.data.size(); ++i)
+                f.data[i] = static_cast<uint8_t>(i * 7 + k);
+            w.write(f);
+        }
+        I420Image wrong;
+        wrong.resize(6, 4);
+        EXPECT_THROW(w.write(wrong), ReplayError);
+        EXPECT_EQ(w.frames(), 3);
+    }
+    EXPECT_EQ(replay_test::readText(path).substr(0, 27), "YUV4MPEG2 W8 H4 F30000:1001");
+    Y4mReader r;
+    r.open(path);
+    EXPECT_EQ(r.width(), 8);
+    EXPECT_EQ(r.fpsNum(), 30000);
+    EXPECT_EQ(r.fpsDen(), 1001);
+    I420Image g;
+    for (int k = 0; k < 3; ++k) {
+        ASSERT_TRUE(r.read(g));
+        EXPECT_EQ(g.data[5], static_cast<uint8_t>(5 * 7 + k));
+    }
+    EXPECT_FALSE(r.read(g));
+}
+
+TEST(Y4m, RejectsTruncatedAndUnsupportedStreams) {
+    TempDir dir;
+    std::string text = "YUV4MPEG2 W4 H2 F25:1 C420jpeg\nFRAME\n" + std::string(12, 'a') +
+                       "FRAME\n" + std::string(5, 'b');
+    replay_test::writeText(dir.file("cut.y4m"), text);
+    Y4mReader r;
+    r.open(dir.file("cut.y4m"));
+    I420Image g;
+    EXPECT_TRUE(r.read(g));
+    try {
+        r.read(g);
+        FAIL() << "truncated frame accepted";
+    } catch (const ReplayError& e) {
+        EXPECT_NE(std::string(e.what()).find("truncated"), std::string::npos);
+    }
+    replay_test::writeText(dir.file("444.y4m"), "YUV4MPEG2 W4 H2 F25:1 C444\n");
+    EXPECT_THROW(Y4mReader().open(dir.file("444.y4m")), ReplayError);
+    replay_test::writeText(dir.file("odd.y4m"), "YUV4MPEG2 W5 H2 F25:1\n");
+    EXPECT_THROW(Y4mReader().open(dir.file("odd.y4m")), ReplayError);
+}
+
+TEST(Compose, SideBySidePlacesBothPicturesWithAGap) {
+    I420Image left, right, out;
+    left.resize(8, 4);
+    right.resize(16, 8);  // scaled to the left's height: 8 wide
+    std::fill(left.data.begin(), left.data.end(), 50);
+    std::fill(right.data.begin(), right.data.end(), 200);
+    int w = 0, h = 0;
+    sideBySideSize(8, 4, 16, 8, w, h);
+    EXPECT_EQ(w, 8 + kSideBySideGap + 8);
+    EXPECT_EQ(h, 4);
+    out.resize(w, h);
+    composeSideBySide(left, right, out);
+    EXPECT_EQ(out.y()[0], 50);
+    EXPECT_EQ(out.y()[8], 16);  // gap: black
+    EXPECT_EQ(out.y()[w - 1], 200);
+    EXPECT_EQ(out.y()[3 * w + 7], 50);
+    EXPECT_EQ(out.u()[w / 2 - 1], 200);
+    EXPECT_EQ(out.u()[4], 128);
+}

@@ -1,0 +1,98 @@
+// Reading the engine's log: timing probe lines and the frame-fate lines, through liblog's
+// logger hook from several threads.
+#include "EngineLog.h"
+#include "ReplayError.h"
+#include "TestUtil.h"
+
+#include <android/log.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+using namespace qlmr::replay;
+
+TEST(EngineLog, ParsesTimingLines) {
+    TimingLine t;
+    ASSERT_TRUE(parseTimingLine("[cTTiming][Render()] Render(8.25) popFrame(1.52) ", t));
+    EXPECT_EQ(t.probe, "Render()");
+    ASSERT_EQ(t.stages.size(), 2u);
+    EXPECT_EQ(t.stages[0].first, "Render");
+    EXPECT_DOUBLE_EQ(t.stages[0].second, 8.25);
+    EXPECT_EQ(t.stages[1].first, "popFrame");
+    EXPECT_DOUBLE_EQ(t.stages[1].second, 1.52);
+
+    ASSERT_TRUE(
+        parseTimingLine("[cTTiming]VStab(0.031) sleep(1e-05) ", t));  // probe without a name
+    EXPECT_EQ(t.probe, "");
+    ASSERT_EQ(t.stages.size(), 2u);
+    EXPECT_DOUBLE_EQ(t.stages[1].second, 1e-05);
+
+    ASSERT_TRUE(parseTimingLine("[cTTiming][MainThread()] ", t));  // no stages
+    EXPECT_EQ(t.probe, "MainThread()");
+    EXPECT_TRUE(t.stages.empty());
+
+    EXPECT_FALSE(parseTimingLine("[VStab] Frame: 12", t));
+    EXPECT_FALSE(parseTimingLine("[cTTiming][x] label(abc) ", t));
+    EXPECT_FALSE(parseTimingLine("[cTTiming][x] label ", t));
+}
+
+TEST(EngineLog, CountsFrameFatesAndCollectsStageTimes) {
+    EngineLogStats s;
+    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
+    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
+    s.add(ANDROID_LOG_INFO, "[VStab][Status] use uniform_vrtxArr to Render");
+    s.add(ANDROID_LOG_INFO,
+          "[VStab][Status] frameQueue almost full, use uniform_vrtxArr to Render");
+    s.add(ANDROID_LOG_INFO,
+          "[VStab][Status] no Gyro Information before Frame 5 (1)");  // counted once, by the line
+                                                                      // above
+    s.add(ANDROID_LOG_WARN, "[Exception] VStab returned error in main loop");
+    s.add(ANDROID_LOG_ERROR, " void Context::Render() 12 (1282)");
+    for (double ms : {1.0, 2.0, 3.0, 4.0}) {
+        s.add(ANDROID_LOG_WARN, "[cTTiming][Render()] Render(" + std::to_string(ms) + ") ");
+    }
+    EXPECT_EQ(s.droppedQueueFull, 2);
+    EXPECT_EQ(s.renderedUnstabilized, 2);
+    EXPECT_EQ(s.exceptions, 1);
+    ASSERT_EQ(s.exceptionTexts.size(), 1u);
+    EXPECT_EQ(s.exceptionTexts[0], "VStab returned error in main loop");
+    EXPECT_EQ(s.errors, 1);
+    const auto p = s.stagePercentiles();
+    ASSERT_EQ(p.count("Render()/Render"), 1u);
+    EXPECT_DOUBLE_EQ(p.at("Render()/Render").p50, 2.0);
+    EXPECT_DOUBLE_EQ(p.at("Render()/Render").max, 4.0);
+}
+
+TEST(EngineLogTap, CapturesLinesFromEveryThreadAndWritesTheLog) {
+    replay_test::TempDir dir;
+    auto run = [&] {
+        EngineLogTap tap(dir.file("engine.log"));
+        EXPECT_THROW(EngineLogTap second, ReplayError);  // one at a time
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([] {
+                for (int i = 0; i < 50; ++i) {
+                    __android_log_print(ANDROID_LOG_WARN, "[QLMR]",
+                                        "[cTTiming][gyroCallbackTimestamp()] deltaTime(%d) \n", i);
+                }
+            });
+        }
+        for (auto& t : threads)
+            t.join();
+        __android_log_print(ANDROID_LOG_WARN, "[QLMR]", "%s",
+                            "[Warning] Dropping new frame, internal buffer queue is full");
+        return tap.stats();
+    };
+    auto f = std::async(std::launch::async, run);
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const EngineLogStats s = f.get();
+    ASSERT_EQ(s.stageMs.count("gyroCallbackTimestamp()/deltaTime"), 1u);
+    EXPECT_EQ(s.stageMs.at("gyroCallbackTimestamp()/deltaTime").size(), 200u);
+    EXPECT_EQ(s.droppedQueueFull, 1);
+    const std::string log = replay_test::readText(dir.file("engine.log"));
+    EXPECT_NE(log.find("5 [QLMR] [Warning] Dropping new frame"), std::string::npos);
+    // After the tap is gone a new one may be installed.
+    EngineLogTap again;
+}

@@ -1,0 +1,269 @@
+// The recorder of a session's outputs, the pass-through session, text tables, the ffmpeg
+// program (when installed) and the progress line.
+#include "ColorConvert.h"
+#include "Csv.h"
+#include "Ffmpeg.h"
+#include "OutputRecorder.h"
+#include "Progress.h"
+#include "Recording.h"
+#include "ReplayError.h"
+#include "ReplaySession.h"
+#include "TestUtil.h"
+#include "Y4m.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <future>
+
+using namespace qlmr::replay;
+using replay_test::TempDir;
+
+namespace {
+
+// Frames of one flat grey level each (level = 20 + 10 * index), 40 ms apart.
+class FlatFrames : public FrameSource {
+  public:
+    FlatFrames(int count, int w, int h) : count_(count), w_(w), h_(h) {}
+    int width() const override { return w_; }
+    int height() const override { return h_; }
+    int count() const override { return count_; }
+    int64_t timestampNs(int i) const override { return 5000000000LL + i * 40000000LL; }
+    int exposureUs(int) const override { return 1000; }
+    void read(int i, Nv21Image& out) override {
+        std::fill(out.y(), out.y() + w_ * h_, static_cast<uint8_t>(20 + 10 * i));
+        std::fill(out.vu(), out.vu() + w_ * h_ / 2, static_cast<uint8_t>(128));
+    }
+    std::string describe() const override { return "flat"; }
+
+  private:
+    int count_, w_, h_;
+};
+
+RecorderOptions recorderOptions(const TempDir& dir, int frames, bool sideBySide) {
+    RecorderOptions o;
+    o.videoPath = dir.file("v.y4m");
+    o.sideBySidePath = sideBySide ? dir.file("sbs.y4m") : "";
+    o.expectedFrames = frames;
+    o.inputWidth = o.outputWidth = 32;
+    o.inputHeight = o.outputHeight = 16;
+    o.pairCount = 1;
+    o.thumbnailWidth = 16;
+    return o;
+}
+
+std::vector<uint8_t> flatRgba(int w, int h, uint8_t v) {
+    std::vector<uint8_t> px(static_cast<size_t>(w) * h * 4, v);
+    for (size_t i = 3; i < px.size(); i += 4)
+        px[i] = 255;
+    return px;
+}
+
+int countFrames(const std::string& path) {
+    Y4mReader r;
+    r.open(path);
+    I420Image f;
+    int n = 0;
+    while (r.read(f))
+        ++n;
+    return n;
+}
+
+}  // namespace
+
+TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFrames) {
+    TempDir dir;
+    OutputRecorder rec(recorderOptions(dir, 4, true));
+    FlatFrames frames(4, 32, 16);
+    Nv21Image nv;
+    nv.resize(32, 16);
+    for (int i = 0; i < 4; ++i) {
+        frames.read(i, nv);
+        rec.onFrameDelivered(i, frames.timestampNs(i), nv);
+    }
+    const auto px = flatRgba(32, 16, 200);
+    const RgbaView view{32, 16, 32, px.data()};
+    // Frame 1 never comes out (dropped); frame 2 comes out; then an output with a timestamp
+    // no camera frame had; then frame 3 on a second surface only.
+    rec.onFrameOutput(0, frames.timestampNs(0), view);
+    rec.onFrameOutput(0, frames.timestampNs(2), view);
+    rec.onFrameOutput(0, frames.timestampNs(2) + 1, view);
+    rec.onFrameOutput(1, frames.timestampNs(3), view);
+    const auto small = flatRgba(16, 16, 0);
+    rec.onFrameOutput(0, frames.timestampNs(3), RgbaView{16, 16, 16, small.data()});
+    rec.finish();
+
+    ASSERT_EQ(rec.outputs().size(), 3u);
+    EXPECT_EQ(rec.outputs()[0].inputIndex, 0);
+    EXPECT_EQ(rec.outputs()[1].inputIndex, 2);
+    EXPECT_EQ(rec.outputs()[2].inputIndex, -1);
+    EXPECT_EQ(rec.unmatchedOutputs(), 1);
+    EXPECT_EQ(rec.sizeMismatches(), 1);
+    EXPECT_EQ(rec.framesPerSurface(), (std::vector<int>{4, 1}));
+    EXPECT_EQ(rec.delivered(), 4);
+    // Luma copies: the input's level, and the output's (RGB 200 grey -> Y 188).
+    EXPECT_EQ(rec.inputs()[2].luma.at(3, 3), 40);
+    EXPECT_EQ(rec.outputs()[1].luma.at(3, 3), rgbToY(200, 200, 200));
+    EXPECT_EQ(countFrames(dir.file("v.y4m")), 3);
+    // Side by side only where an input matched: frames 0 and 2.
+    EXPECT_EQ(countFrames(dir.file("sbs.y4m")), 2);
+    // The pair for the middle frame (index 2 of 4) was kept.
+    ASSERT_EQ(rec.pairs().size(), 1u);
+    EXPECT_EQ(rec.pairs()[0].inputIndex, 2);
+    EXPECT_EQ(rec.pairs()[0].before.width, 16);
+}
+
+TEST(OutputRecorder, SurvivesMoreFramesInFlightThanBuffers) {
+    TempDir dir;
+    const int n = 120;
+    OutputRecorder rec(recorderOptions(dir, n, true));
+    FlatFrames frames(n, 32, 16);
+    Nv21Image nv;
+    nv.resize(32, 16);
+    for (int i = 0; i < n; ++i) {
+        frames.read(i, nv);
+        rec.onFrameDelivered(i, frames.timestampNs(i), nv);
+    }
+    const auto px = flatRgba(32, 16, 90);
+    rec.onFrameOutput(0, frames.timestampNs(n - 1), RgbaView{32, 16, 32, px.data()});
+    rec.finish();
+    EXPECT_EQ(rec.outputs().size(), 1u);
+    EXPECT_EQ(rec.outputs()[0].inputIndex, n - 1);
+    EXPECT_EQ(countFrames(dir.file("sbs.y4m")), 1);
+}
+
+namespace {
+struct Collect : SessionObserver {
+    std::vector<int64_t> delivered, output;
+    std::vector<int> sizes;
+    int firstPixel = -1;
+    void onFrameDelivered(int, int64_t t, const Nv21Image&) override { delivered.push_back(t); }
+    void onFrameOutput(int surface, int64_t t, const RgbaView& v) override {
+        output.push_back(t);
+        sizes.push_back(surface * 100000 + v.width);
+        if (firstPixel < 0)
+            firstPixel = v.data[0];
+    }
+};
+}  // namespace
+
+TEST(PassThroughSession, OutputsEveryFrameToEverySurface) {
+    FlatFrames frames(5, 32, 16);
+    SessionConfig config;
+    config.surfaces = {{32, 16, 1, 3}, {16, 8, 1, 3}};
+    Collect c;
+    auto session = makePassThroughSession();
+    const SessionResult r = session->run(frames, {}, config, c);
+    EXPECT_EQ(r.framesDelivered, 5);
+    EXPECT_EQ(c.delivered.size(), 5u);
+    ASSERT_EQ(c.output.size(), 10u);
+    EXPECT_EQ(c.output[0], c.output[1]);
+    EXPECT_EQ(c.sizes[0], 32);
+    EXPECT_EQ(c.sizes[1], 100000 + 16);
+    uint8_t rgb[3];
+    yuvToRgb(20, 128, 128, rgb);
+    EXPECT_EQ(c.firstPixel, rgb[0]);
+    config.surfaces.clear();
+    EXPECT_THROW(session->run(frames, {}, config, c), ReplayError);
+}
+
+TEST(PassThroughSession, RealtimePacesFramesByTheirTimestamps) {
+    FlatFrames frames(6, 32, 16);  // 200 ms from first to last
+    SessionConfig config;
+    config.surfaces = {{32, 16, 1, 3}};
+    config.realtime = true;
+    Collect c;
+    auto session = makePassThroughSession();
+    auto f = std::async(std::launch::async, [&] { return session->run(frames, {}, config, c); });
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    const SessionResult r = f.get();
+    EXPECT_GE(r.wallSec, 0.19);
+    EXPECT_EQ(r.framesLate, 0);
+    EXPECT_EQ(c.output.size(), 6u);
+}
+
+TEST(CsvReader, SkipsCommentsTrimsAndCountsLines) {
+    TempDir dir;
+    replay_test::writeText(dir.file("t.csv"), "# head\r\n a , b \r\n\r\n  # note\n1,2.5e3,-7\n");
+    CsvReader csv(dir.file("t.csv"));
+    std::vector<std::string> f;
+    ASSERT_TRUE(csv.next(f));
+    EXPECT_EQ(f, (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(csv.line(), 2);
+    ASSERT_TRUE(csv.next(f));
+    EXPECT_EQ(csv.line(), 5);
+    EXPECT_EQ(csv.toInt64(f[0], "n"), 1);
+    EXPECT_DOUBLE_EQ(csv.toDouble(f[1], "v"), 2500.0);
+    EXPECT_THROW(csv.toInt64(f[1], "n"), ReplayError);
+    EXPECT_THROW(csv.toInt64("99999999999999999999", "n"), ReplayError);
+    EXPECT_THROW(csv.toDouble("", "v"), ReplayError);
+    EXPECT_FALSE(csv.next(f));
+    replay_test::writeText(dir.file("bin.csv"), std::string("a,b\n1,\0", 7));
+    CsvReader bin(dir.file("bin.csv"));
+    ASSERT_TRUE(bin.next(f));
+    try {
+        bin.next(f);
+        FAIL() << "NUL byte accepted";
+    } catch (const ReplayError& e) {
+        EXPECT_EQ(e.line(), 2);
+    }
+}
+
+TEST(Ffmpeg, FindsProgramsAndHonoursTheOverride) {
+    EXPECT_NE(findProgram("sh"), "");
+    EXPECT_EQ(findProgram("no-such-program-qlmr"), "");
+    setenv("QLMR_FFMPEG", "none", 1);
+    EXPECT_EQ(ffmpegProgram(), "");
+    unsetenv("QLMR_FFMPEG");
+    EXPECT_THROW(runProgram({"/nonexistent/program"}), ReplayError);
+    std::string err;
+    EXPECT_EQ(runProgram({findProgram("sh"), "-c", "echo oops >&2; exit 3"}, &err), 3);
+    EXPECT_EQ(err, "oops\n");
+}
+
+TEST(Ffmpeg, EncodesAndDecodesVideoRecordings) {
+    const std::string ffmpeg = findProgram("ffmpeg");
+    if (ffmpeg.empty())
+        GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
+    TempDir dir;
+    {
+        Y4mWriter w;
+        w.open(dir.file("in.y4m"), 64, 48, 30, 1);
+        I420Image f;
+        f.resize(64, 48);
+        for (int k = 0; k < 5; ++k) {
+            std::fill(f.data.begin(), f.data.end(), 128);
+            std::fill(f.y(), f.y() + 64 * 48, static_cast<uint8_t>(40 + 40 * k));
+            w.write(f);
+        }
+    }
+    encodeMp4(ffmpeg, dir.file("in.y4m"), dir.file("video.mp4"));
+    replay_test::writeText(dir.file("frames.csv"), "timestamp_ns\n10\n20\n30\n40\n50\n");
+    replay_test::writeText(dir.file("gyro.csv"), "timestamp_ns,x,y,z\n5,0,0,0\n");
+    replay_test::writeText(dir.file("config.txt"), "x=1\n");
+    const Recording rec = loadRecording(dir.path());
+    EXPECT_EQ(rec.width, 64);
+    auto frames = openRecordingFrames(rec);
+    Nv21Image nv;
+    nv.resize(64, 48);
+    for (int k = 0; k < 5; ++k) {
+        frames->read(k, nv);
+        EXPECT_NEAR(nv.y()[64 * 24 + 32], 40 + 40 * k, 4) << "frame " << k;
+    }
+    // A file ffmpeg cannot read is an error naming it.
+    replay_test::writeText(dir.file("bad.y4m"), "not a video");
+    try {
+        encodeMp4(ffmpeg, dir.file("bad.y4m"), dir.file("bad.mp4"));
+        FAIL() << "ffmpeg failure not reported";
+    } catch (const ReplayError& e) {
+        EXPECT_NE(std::string(e.what()).find("ffmpeg failed"), std::string::npos);
+    }
+}
+
+TEST(Progress, LineShowsCountsAndBar) {
+    EXPECT_EQ(progressLine(150, 300, 140, 35.25),
+              "[###############...............]   150/300 frames   140 out   35.2 fps");
+    EXPECT_EQ(progressLine(0, 0, 0, 0).substr(0, 32), "[..............................]");
+    EXPECT_EQ(progressLine(300, 300, 300, 1).substr(0, 32), "[" + std::string(30, '#') + "]");
+}

@@ -1,0 +1,90 @@
+// The real phone recording (read from the shared data folder when it is present).
+#include "ColorConvert.h"
+#include "GyroAlignment.h"
+#include "ImageIo.h"
+#include "PhoneRecording.h"
+#include "Recording.h"
+#include "TestUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+using namespace qlmr::replay;
+
+namespace {
+const char* kPhoneDir = "/work/shared/data/phone-handheld";
+bool havePhoneData() {
+    struct stat st;
+    return stat((std::string(kPhoneDir) + "/gyro.txt").c_str(), &st) == 0;
+}
+}  // namespace
+
+TEST(PhoneRecording, GyroAxesAndOffsetAgreeWithTheImageMotion) {
+    if (!havePhoneData())
+        GTEST_SKIP() << "the phone recording is not in " << kPhoneDir;
+    const PhoneRecording phone = loadPhoneRecording(kPhoneDir);
+    ASSERT_EQ(phone.framePaths.size(), 103u);
+    EXPECT_EQ(phone.width, 800);
+    EXPECT_EQ(phone.height, 600);
+    std::vector<GrayImage> lumas(phone.framePaths.size());
+    std::vector<double> times;
+    ImageReader reader;
+    RgbImage rgb;
+    Nv21Image nv;
+    nv.resize(800, 600);
+    for (size_t i = 0; i < phone.framePaths.size(); ++i) {
+        reader.read(phone.framePaths[i], rgb);
+        rgbToNv21(rgb, nv);
+        lumas[i].resize(400, 300);
+        downsampleLuma(nv.y(), 800, 600, 800, 2, lumas[i]);
+        times.push_back(phone.frameTimestampsNs[i] * 1e-9);
+    }
+    const std::vector<FrameMotion> half = measureFrameMotion(lumas, times, 2);
+    // Motion measured at half size: scale the focal length to match.
+    AlignmentSearch search;
+    search.focalPx = PhoneCamera().fx / 2;
+    search.readoutMs = PhoneCamera().readoutMs;
+    search.radiusPx = 150;
+    const std::vector<AlignmentScore> ranked = rankAlignments(half, phone.gyro, search);
+    EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
+    EXPECT_NEAR(ranked[0].offsetMs, 0.2, 3.0);
+    const ComponentFit fit =
+        fitComponents(half, phone.gyro, ranked[0].map, ranked[0].offsetMs, search);
+    EXPECT_GT(fit.correlation[0], 0.7);
+    EXPECT_GT(fit.correlation[1], 0.95);
+    EXPECT_GT(fit.correlation[2], 0.5);
+}
+
+TEST(PhoneRecording, ConvertsIntoALoadableRecording) {
+    if (!havePhoneData())
+        GTEST_SKIP() << "the phone recording is not in " << kPhoneDir;
+    const PhoneRecording phone = loadPhoneRecording(kPhoneDir);
+    replay_test::TempDir dir;
+    writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,-z"), 0.2, dir.path());
+    const Recording rec = loadRecording(dir.path());
+    EXPECT_EQ(rec.frames.size(), 103u);
+    EXPECT_EQ(rec.width, 800);
+    EXPECT_EQ(rec.frames[0].exposureUs, 5250);
+    ASSERT_GT(rec.gyro.size(), 1000u);
+    EXPECT_LT(rec.gyro.front().timestampNs, rec.frames.front().timestampNs);
+    EXPECT_GT(rec.gyro.back().timestampNs, rec.frames.back().timestampNs);
+    // The samples are kept as the phone recorded them.
+    size_t k = 0;
+    while (phone.gyro[k].timestampNs < phone.frameTimestampsNs[10])
+        ++k;
+    bool found = false;
+    for (const GyroSample& s : rec.gyro) {
+        if (s.timestampNs == phone.gyro[k].timestampNs) {
+            EXPECT_FLOAT_EQ(s.x, phone.gyro[k].x);
+            EXPECT_FLOAT_EQ(s.z, phone.gyro[k].z);
+            found = true;
+        }
+    }
+    EXPECT_TRUE(found);
+    // Measured offset minus half the 5.25 ms exposure.
+    EXPECT_NE(rec.configText.find("\nvstab.gyroTimeOffsetNs=-2425000\n"), std::string::npos)
+        << rec.configText;
+    EXPECT_NE(rec.configText.find("\nvstab.gyroAxes=-y,-x,-z\n"), std::string::npos);
+    EXPECT_NE(rec.configText.find("\nvstab.fovHorizontalDeg=69.7"), std::string::npos);
+}

@@ -1,0 +1,183 @@
+// Recording folders: loading, and one clear error (file and line) for each kind of fault.
+#include "ColorConvert.h"
+#include "ImageIo.h"
+#include "Recording.h"
+#include "ReplayError.h"
+#include "TestUtil.h"
+#include "Y4m.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using namespace qlmr::replay;
+using replay_test::TempDir;
+using replay_test::writeText;
+
+namespace {
+
+// A valid three-frame recording of 32x16 PNG frames.
+void makeRecording(const TempDir& dir) {
+    std::system(("mkdir -p '" + dir.file("frames") + "'").c_str());
+    for (int i = 0; i < 3; ++i)
+        writePng(dir.file("frames/" + std::to_string(i) + ".png"), replay_test::gradient(32, 16));
+    writeText(dir.file("frames.csv"),
+              "timestamp_ns,file,exposure_us\n"
+              "# first frame\n"
+              "1000000000,frames/0.png,5000\n"
+              "1033000000,frames/1.png,5000\n"
+              "1066000000,frames/2.png,5100\r\n");
+    writeText(
+        dir.file("gyro.csv"),
+        "timestamp_ns,x,y,z\n999000000,0.1,0.2,0.3\n1050000000,0,0,-1e-3\n1080000000,0,0,0\n");
+    writeText(dir.file("config.txt"), "key=value\n");
+}
+
+// Loads the recording and returns the error text ("" when it loaded).
+std::string loadError(const TempDir& dir) {
+    try {
+        loadRecording(dir.path());
+        return "";
+    } catch (const ReplayError& e) {
+        return e.what();
+    }
+}
+
+}  // namespace
+
+TEST(RecordingFolder, LoadsAValidRecording) {
+    TempDir dir;
+    makeRecording(dir);
+    const Recording rec = loadRecording(dir.path());
+    EXPECT_EQ(rec.width, 32);
+    EXPECT_EQ(rec.height, 16);
+    ASSERT_EQ(rec.frames.size(), 3u);
+    EXPECT_EQ(rec.frames[2].timestampNs, 1066000000);
+    EXPECT_EQ(rec.frames[2].exposureUs, 5100);
+    EXPECT_EQ(rec.frames[1].line, 4);  // comment lines count
+    ASSERT_EQ(rec.gyro.size(), 3u);
+    EXPECT_FLOAT_EQ(rec.gyro[1].z, -1e-3f);
+    EXPECT_EQ(rec.configText, "key=value\n");
+
+    auto frames = openRecordingFrames(rec);
+    Nv21Image nv;
+    nv.resize(32, 16);
+    frames->read(1, nv);
+    Nv21Image expected;
+    expected.resize(32, 16);
+    rgbToNv21(replay_test::gradient(32, 16), expected);
+    EXPECT_EQ(nv.data, expected.data);
+}
+
+TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
+    struct Fault {
+        const char* file;
+        std::string text;
+        std::string expected;  // part of the error text
+    } faults[] = {
+        {"frames.csv", "timestamp_ns,file\n1000,frames/0.png\nabc,frames/1.png\n",
+         "frames.csv:3: timestamp_ns 'abc' is not an integer"},
+        {"frames.csv", "timestamp_ns,file\n1000,frames/0.png,7\n",
+         "frames.csv:2: expected 2 fields"},
+        {"frames.csv", "timestamp_ns,file\n2000,frames/0.png\n1000,frames/1.png\n",
+         "frames.csv:3: timestamp 1000 is not after the previous frame's 2000 (line 2)"},
+        {"frames.csv", "timestamp_ns,file\n2000,frames/0.png\n2000,frames/1.png\n",
+         "frames.csv:3: timestamp 2000 is not after"},
+        {"frames.csv", "timestamp_ns,file\n1000,frames/0.png\n2000,frames/9.png\n",
+         "frames.csv:3: image"},
+        {"frames.csv", "time,file\n", "frames.csv:1: header must start with timestamp_ns"},
+        {"frames.csv", "timestamp_ns,file\n", "no frames listed"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n1,0,0,0\n2,0,zero,0\n",
+         "gyro.csv:3: y 'zero' is not a number"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,0\n4,0,0,0\n",
+         "gyro.csv:3: timestamp 4 goes back before 5 (line 2)"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0\n", "gyro.csv:2: expected 4 fields"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,nan,0,0\n", "gyro.csv:2: x 'nan' is not finite"},
+        {"config.txt", "", "config.txt: empty configuration text"},
+    };
+    for (const Fault& f : faults) {
+        TempDir dir;
+        makeRecording(dir);
+        writeText(dir.file(f.file), f.text);
+        const std::string err = loadError(dir);
+        EXPECT_NE(err.find(f.expected), std::string::npos)
+            << "got: " << err << "\nwanted: " << f.expected;
+        EXPECT_EQ(err.find('\n'), std::string::npos) << err;
+    }
+}
+
+TEST(RecordingFolder, MissingFilesAndWrongSizesAreErrors) {
+    {
+        TempDir dir;
+        makeRecording(dir);
+        std::remove(dir.file("gyro.csv").c_str());
+        EXPECT_NE(loadError(dir).find("gyro.csv: cannot open"), std::string::npos);
+    }
+    {
+        TempDir dir;
+        makeRecording(dir);
+        std::remove(dir.file("config.txt").c_str());
+        EXPECT_NE(loadError(dir).find("config.txt: cannot open"), std::string::npos);
+    }
+    {
+        TempDir dir;
+        makeRecording(dir);
+        writePng(dir.file("frames/2.png"), replay_test::gradient(30, 16));
+        const std::string err = loadError(dir);
+        EXPECT_NE(err.find("frames.csv:5: image"), std::string::npos) << err;
+        EXPECT_NE(err.find("is 30x16, the recording's frames are 32x16"), std::string::npos) << err;
+    }
+    {
+        TempDir dir;
+        makeRecording(dir);
+        writeText(dir.file("frames/1.png"), "garbage");
+        EXPECT_NE(loadError(dir).find("frames.csv:4: image"), std::string::npos);
+    }
+    EXPECT_THROW(loadRecording("/nonexistent/recording"), ReplayError);
+}
+
+TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
+    TempDir dir;
+    makeRecording(dir);
+    I420Image f;
+    f.resize(32, 16);
+    {
+        Y4mWriter w;
+        w.open(dir.file("video.y4m"), 32, 16, 30, 1);
+        w.write(f);
+        w.write(f);
+    }
+    writeText(dir.file("frames.csv"), "timestamp_ns\n1000\n2000\n3000\n");
+    const Recording rec = loadRecording(dir.path());
+    EXPECT_EQ(rec.videoPath, dir.file("video.y4m"));
+    EXPECT_EQ(rec.width, 32);
+    auto frames = openRecordingFrames(rec);
+    Nv21Image nv;
+    nv.resize(32, 16);
+    frames->read(0, nv);
+    frames->read(1, nv);
+    try {
+        frames->read(2, nv);
+        FAIL() << "a video shorter than frames.csv was accepted";
+    } catch (const ReplayError& e) {
+        EXPECT_NE(std::string(e.what()).find("video ends after 2 frames, frames.csv lists 3"),
+                  std::string::npos)
+            << e.what();
+    }
+}
+
+TEST(RecordingFolder, SavedRecordingLoadsBack) {
+    TempDir src;
+    makeRecording(src);
+    const Recording rec = loadRecording(src.path());
+    auto frames = openRecordingFrames(rec);
+    TempDir dst;
+    saveRecording(dst.path(), *frames, rec.gyro, rec.configText, 0);
+    const Recording back = loadRecording(dst.path());
+    ASSERT_EQ(back.frames.size(), 3u);
+    EXPECT_EQ(back.frames[1].timestampNs, rec.frames[1].timestampNs);
+    EXPECT_EQ(back.frames[2].exposureUs, 5100);
+    EXPECT_EQ(back.gyro.size(), rec.gyro.size());
+    EXPECT_FLOAT_EQ(back.gyro[0].y, 0.2f);
+    EXPECT_EQ(back.configText, rec.configText);
+}

@@ -1,0 +1,248 @@
+// The replay command end to end without an engine: the dry run's outputs, metrics that tell a
+// perfect stabilizer from none, and the command's error handling.
+#include "ColorConvert.h"
+#include "ImageIo.h"
+#include "ReplayApp.h"
+#include "ReplayError.h"
+#include "TestUtil.h"
+#include "Y4m.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+#include <sys/wait.h>
+
+using namespace qlmr::replay;
+using replay_test::TempDir;
+
+namespace {
+
+ReplayOptions smallSynthetic(const TempDir& dir) {
+    ReplayOptions o;
+    o.outDir = dir.file("out");
+    o.synthetic.width = 320;
+    o.synthetic.height = 180;
+    o.synthetic.seconds = 3;
+    o.synthetic.scene = "procedural";
+    o.mp4 = false;
+    o.pairs = 2;
+    return o;
+}
+
+// A stabilizer that knows the truth: every output frame shows the intended view, magnified
+// 1.25 times, as a real engine's output would look at best.
+class OracleSession : public ReplaySession {
+  public:
+    explicit OracleSession(const SyntheticOptions& o) : options_(o) {}
+    const char* name() const override { return "oracle"; }
+    SessionResult run(FrameSource& frames, const std::vector<GyroSample>&,
+                      const SessionConfig& config, SessionObserver& observer) override {
+        SyntheticRecording rec(options_);
+        struct Intended : CameraMotion {
+            const CameraMotion* m;
+            Mat3 actual(double t) const override { return m->intended(t); }
+            Mat3 intended(double t) const override { return m->intended(t); }
+        } intended;
+        intended.m = &rec.motion();
+        PinholeCamera zoomed = rec.camera();
+        zoomed.focalPx *= 1.25;
+        SceneRenderer renderer(rec.scene(), zoomed, 2);
+        Nv21Image in, out;
+        in.resize(frames.width(), frames.height());
+        out.resize(frames.width(), frames.height());
+        std::vector<uint8_t> rgba(static_cast<size_t>(frames.width()) * frames.height() * 4);
+        SessionResult r;
+        for (int i = 0; i < frames.count(); ++i) {
+            frames.read(i, in);
+            observer.onFrameDelivered(i, frames.timestampNs(i), in);
+            ++r.framesDelivered;
+            if (i == 5)
+                continue;  // one frame dropped
+            renderer.render(intended, rec.frameStartSec(i), 0, 0, out);
+            nv21ToRgba(out, rgba.data(), frames.width());
+            observer.onFrameOutput(
+                0, frames.timestampNs(i),
+                RgbaView{frames.width(), frames.height(), frames.width(), rgba.data()});
+        }
+        (void)config;
+        r.wallSec = 1;
+        return r;
+    }
+
+  private:
+    SyntheticOptions options_;
+};
+
+int runCommand(const std::string& args, std::string& stderrText) {
+    TempDir dir;
+    const std::string cmd =
+        std::string(QLMR_REPLAY_BIN) + " " + args + " 2>" + dir.file("err") + " >/dev/null";
+    const int status = std::system(cmd.c_str());
+    stderrText = replay_test::readText(dir.file("err"));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    o.sideBySide = true;
+    auto session = makePassThroughSession();
+    std::ostringstream log;
+    const ReplayOutcome out = runReplay(o, *session, log);
+    const ReplayMetrics& m = out.metrics;
+    EXPECT_EQ(m.framesIn, 90);
+    EXPECT_EQ(m.framesDelivered, 90);
+    EXPECT_EQ(m.framesOut, 90);
+    EXPECT_EQ(m.framesDropped, 0);
+    // Nothing stabilized: output shakes exactly like the input, uncropped.
+    ASSERT_TRUE(m.hasTruth);
+    EXPECT_GT(m.truth.inputJitterPx, 3.0);
+    EXPECT_NEAR(m.truth.jitterRatio, 1.0, 0.05);
+    EXPECT_NEAR(m.pixelJitterRatio, 1.0, 0.05);
+    EXPECT_NEAR(m.crop.cropping, 1.0, 0.01);
+    // The pixel measure agrees with the ground truth on the shaking input.
+    EXPECT_NEAR(m.inputMotion.jitterPx, m.truth.inputJitterPx, 0.25 * m.truth.inputJitterPx);
+
+    Y4mReader video;
+    video.open(dir.file("out/stabilized.y4m"));
+    EXPECT_EQ(video.width(), 320);
+    EXPECT_EQ(video.fpsNum(), 30);
+    I420Image f;
+    int frames = 0;
+    while (video.read(f))
+        ++frames;
+    EXPECT_EQ(frames, 90);
+    Y4mReader sbs;
+    sbs.open(dir.file("out/side_by_side.y4m"));
+    EXPECT_EQ(sbs.width(), 320 * 2 + 8);
+    const std::string json = replay_test::readText(dir.file("out/metrics.json"));
+    EXPECT_NE(json.find("\"out\": 90"), std::string::npos);
+    EXPECT_NE(json.find("\"residual_jitter_ratio\""), std::string::npos);
+    const std::string html = replay_test::readText(dir.file("out/report.html"));
+    EXPECT_NE(html.find("<svg"), std::string::npos);
+    EXPECT_NE(html.find("data:image/jpeg;base64,"), std::string::npos);
+}
+
+TEST(ReplayApp, MetricsRecogniseAPerfectStabilizer) {
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    OracleSession oracle(o.synthetic);
+    std::ostringstream log;
+    const ReplayMetrics m = runReplay(o, oracle, log).metrics;
+    EXPECT_EQ(m.framesOut, 89);
+    EXPECT_EQ(m.framesDropped, 1);
+    ASSERT_TRUE(m.hasTruth);
+    EXPECT_GT(m.truth.jitterRatio, 10.0)
+        << "input " << m.truth.inputJitterPx << " output " << m.truth.outputJitterPx;
+    EXPECT_GT(m.pixelJitterRatio, 5.0);
+    EXPECT_NEAR(m.crop.meanScale, 0.8, 0.01);
+    EXPECT_NEAR(m.crop.cropping, 0.64, 0.02);
+}
+
+TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
+    TempDir rec;
+    std::system(("mkdir -p '" + rec.file("frames") + "'").c_str());
+    replay_test::writeText(rec.file("frames.csv"), "timestamp_ns,file\n1000,frames/missing.png\n");
+    replay_test::writeText(rec.file("gyro.csv"), "timestamp_ns,x,y,z\n1,0,0,0\n");
+    replay_test::writeText(rec.file("config.txt"), "a=b\n");
+    TempDir out;
+    std::string err;
+    EXPECT_EQ(runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err),
+              1);
+    EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("frames.csv") + ":2: image " +
+                       rec.file("frames/missing.png") +
+                       ": cannot open: No such file or directory\n");
+
+    replay_test::writeText(rec.file("frames.csv"), "timestamp_ns,file\n");
+    EXPECT_EQ(runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err),
+              1);
+    EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("frames.csv") + ": no frames listed\n");
+
+    // Each kind of fault: one line naming file and line, exit status 1.
+    writePng(rec.file("frames/a.png"), replay_test::gradient(32, 16));
+    writePng(rec.file("frames/b.png"), replay_test::gradient(16, 16));
+    const std::string good = "timestamp_ns,file\n1000,frames/a.png\n2000,frames/a.png\n";
+    struct Fault {
+        const char* file;
+        std::string text;
+        std::string where;
+    } faults[] = {
+        {"frames.csv", "timestamp_ns,file\n1000,frames/a.png\n2000;frames/a.png\n",
+         "frames.csv:3: "},
+        {"frames.csv", "timestamp_ns,file\n1000,frames/a.png\n2000,frames/b.png\n",
+         "frames.csv:3: "},
+        {"frames.csv", "timestamp_ns,file\n2000,frames/a.png\n1000,frames/a.png\n",
+         "frames.csv:3: "},
+        {"gyro.csv", "timestamp_ns,x,y,z\n1,0,0,0\n2,0,0\n", "gyro.csv:3: "},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,0\n1,0,0,0\n", "gyro.csv:3: "},
+    };
+    for (const Fault& f : faults) {
+        replay_test::writeText(rec.file("frames.csv"), good);
+        replay_test::writeText(rec.file("gyro.csv"), "timestamp_ns,x,y,z\n1,0,0,0\n");
+        replay_test::writeText(rec.file(f.file), f.text);
+        EXPECT_EQ(
+            runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err), 1)
+            << f.text;
+        EXPECT_EQ(err.rfind("qlmr_replay: error: " + rec.file(f.where), 0), 0u) << err;
+        EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
+    }
+
+    EXPECT_NE(runCommand("--dry-run --size 100 --out " + out.path(), err), 0);
+    EXPECT_NE(err.find("size '100'"), std::string::npos) << err;
+    EXPECT_NE(runCommand("--trajectory run", err), 0);
+    EXPECT_NE(runCommand("--input /nonexistent", err), 0);
+    // Without --dry-run this build says why it cannot run.
+    EXPECT_EQ(runCommand("--seconds 1 --size 320x240 --out " + out.path(), err), 1);
+    EXPECT_NE(err.find("--dry-run"), std::string::npos) << err;
+}
+
+TEST(ReplayApp, ParsesSizes) {
+    int w = 0, h = 0;
+    parseSize("1920x1080", w, h);
+    EXPECT_EQ(w, 1920);
+    EXPECT_EQ(h, 1080);
+    for (const char* bad : {"1920", "1921x1080", "x1080", "1920x", "10x10", "1920x1080x3", "axb"}) {
+        EXPECT_THROW(parseSize(bad, w, h), ReplayError) << bad;
+    }
+}
+
+TEST(LibrarySession, StabilizesTheSyntheticWalk) {
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    auto session = makeLibrarySession();
+    std::ostringstream log;
+    const ReplayMetrics m = runReplay(o, *session, log).metrics;
+    EXPECT_EQ(m.framesOut, 90);
+    EXPECT_EQ(m.engine.renderedUnstabilized, 0);
+    ASSERT_TRUE(m.hasTruth);
+    EXPECT_GT(m.truth.jitterRatio, 4.0)
+        << m.truth.inputJitterPx << " -> " << m.truth.outputJitterPx;
+    EXPECT_NEAR(m.crop.cropping, 0.64, 0.03);  // the library's 1.25 overscan
+}
+
+TEST(LibrarySession, ReportsARefusedConfiguration) {
+    SyntheticOptions so;
+    so.width = 64;
+    so.height = 48;
+    so.seconds = 0.5;
+    so.scene = "procedural";
+    SyntheticRecording rec(so);
+    SessionConfig config;
+    config.configText = "vstab.gridColumns=1\n";
+    config.surfaces = {{64, 48, 1, 3}};
+    struct Nothing : SessionObserver {
+        void onFrameDelivered(int, int64_t, const Nv21Image&) override {}
+        void onFrameOutput(int, int64_t, const RgbaView&) override {}
+    } nothing;
+    try {
+        makeLibrarySession()->run(rec, rec.gyro(), config, nothing);
+        FAIL() << "a bad configuration was accepted";
+    } catch (const ReplayError& e) {
+        EXPECT_NE(std::string(e.what()).find("refused the configuration text"), std::string::npos)
+            << e.what();
+    }
+}

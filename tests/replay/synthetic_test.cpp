@@ -1,0 +1,259 @@
+// The synthetic recording: motion, gyro, rendering geometry, and the axis/offset search that
+// must find the synthetic gyro's known mapping from its pictures.
+#include "CameraMotion.h"
+#include "ColorConvert.h"
+#include "GyroAlignment.h"
+#include "Motion.h"
+#include "ReplayError.h"
+#include "Synthetic.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+
+using namespace qlmr::replay;
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+// Camera turning about its own y axis at a constant rate.
+class ConstantYaw : public CameraMotion {
+  public:
+    explicit ConstantYaw(double radPerSec) : rate_(radPerSec) {}
+    Mat3 actual(double t) const override { return rotationFromVector({0, rate_ * t, 0}); }
+    Mat3 intended(double) const override { return Mat3::identity(); }
+
+  private:
+    double rate_;
+};
+
+GrayImage lumaOf(const Nv21Image& nv, int x0, int y0, int w, int h) {
+    GrayImage g;
+    g.resize(w, h);
+    for (int y = 0; y < h; ++y) {
+        for (int x = 0; x < w; ++x)
+            g.data[static_cast<size_t>(y) * w + x] =
+                nv.y()[static_cast<size_t>(y0 + y) * nv.width + x0 + x];
+    }
+    return g;
+}
+
+SyntheticOptions small() {
+    SyntheticOptions o;
+    o.width = 320;
+    o.height = 240;
+    o.seconds = 1.5;
+    o.scene = "procedural";
+    return o;
+}
+
+}  // namespace
+
+TEST(CameraMotion, GyroMeasuresTheMotionInDeviceAxes) {
+    auto motion = makeHandheldMotion(Trajectory::Walk, 5);
+    GyroModel model;
+    model.noiseRadPerS = 0;
+    model.biasRadPerS = 0;
+    model.jitterNs = 0;
+    model.timeOffsetNs = 3000000;
+    const std::vector<GyroSample> gyro = synthesizeGyro(*motion, model, 0.0, 2.0, 1000000000);
+    ASSERT_EQ(gyro.size(), 801u);
+    EXPECT_EQ(gyro[0].timestampNs, 1003000000);
+    EXPECT_EQ(gyro[400].timestampNs, 2003000000);
+    // Integrating the camera-axis rates reproduces the rotation between two times.
+    AxisMap deviceToCamera = AxisMap::parse(kDeviceGyroAxes);
+    const Vec3 r = integrateRotation(gyro, deviceToCamera, 1.003 + 0.5, 1.003 + 1.2);
+    const Mat3 truth = motion->actual(0.5).transposed() * motion->actual(1.2);
+    const Vec3 rt = vectorFromRotation(truth);
+    EXPECT_NEAR(r.x, rt.x, 2e-4);
+    EXPECT_NEAR(r.y, rt.y, 2e-4);
+    EXPECT_NEAR(r.z, rt.z, 2e-4);
+    EXPECT_GT(norm(rt), 0.005);  // the walk does move the camera
+}
+
+TEST(CameraMotion, TrajectoriesDifferInShake) {
+    auto shakeRms = [](Trajectory t) {
+        auto m = makeHandheldMotion(t, 1);
+        double sum = 0;
+        for (int i = 0; i < 300; ++i) {
+            const Vec3 d =
+                vectorFromRotation(m->intended(i / 30.0).transposed() * m->actual(i / 30.0));
+            sum += dot(d, d);
+        }
+        return std::sqrt(sum / 300) * 180 / kPi;
+    };
+    const double walk = shakeRms(Trajectory::SwayWalk), still = shakeRms(Trajectory::SwayStill);
+    EXPECT_GT(walk, 0.4);
+    EXPECT_LT(walk, 3.0);
+    EXPECT_LT(still, walk / 2);
+    EXPECT_GT(shakeRms(Trajectory::Walk), 0.4);
+    EXPECT_EQ(shakeRms(Trajectory::Still), 0.0);  // the reference scenario's camera rests
+    EXPECT_GT(shakeRms(Trajectory::Violent), shakeRms(Trajectory::Walk));
+    EXPECT_THROW(parseTrajectory("run"), ReplayError);
+}
+
+TEST(SceneRenderer, RotationMovesThePictureTheWayTheGyroPredicts) {
+    const Scene scene = Scene::procedural(1024, 768, 90, 2);
+    const PinholeCamera cam = PinholeCamera::withFov(320, 240, 60);
+    SceneRenderer renderer(scene, cam, 2);
+    Nv21Image a, b;
+    a.resize(320, 240);
+    b.resize(320, 240);
+    const ConstantYaw motion(0.05);  // rad/s
+    // Global shutter (readout 0): frames 0.2 s apart differ by a 0.01 rad yaw.
+    renderer.render(motion, 0.0, 0.0, 0.0, a);
+    renderer.render(motion, 0.2, 0.0, 0.0, b);
+    MotionEstimator est;
+    const MotionEstimate e = est.estimate(lumaOf(a, 0, 0, 320, 240), lumaOf(b, 0, 0, 320, 240),
+                                          Similarity{}, MotionOptions{});
+    ASSERT_TRUE(e.ok);
+    double tx, ty, angle;
+    predictedMotion({0, 0.01, 0}, cam.focalPx, tx, ty, angle);
+    EXPECT_NEAR(e.motion.tx, tx, 0.25);
+    EXPECT_NEAR(e.motion.ty, ty, 0.25);
+    EXPECT_LT(tx, -2.0);  // turning right moves the content left
+
+    // Rolling shutter: with a 100 ms readout each band of rows is read at its own time, so it
+    // matches a global-shutter frame taken at that time, and the bands differ by the yaw
+    // turned in between.
+    const ConstantYaw fast(0.4);
+    Nv21Image rs, gsTop, gsBottom;
+    rs.resize(320, 240);
+    gsTop.resize(320, 240);
+    gsBottom.resize(320, 240);
+    renderer.render(fast, 0.0, 0.1, 0.0, rs);
+    renderer.render(fast, 30.0 / 240 * 0.1, 0.0, 0.0, gsTop);      // time of row 30
+    renderer.render(fast, 210.0 / 240 * 0.1, 0.0, 0.0, gsBottom);  // time of row 210
+    const MotionEstimate top = est.estimate(lumaOf(gsTop, 0, 0, 320, 60), lumaOf(rs, 0, 0, 320, 60),
+                                            Similarity{}, MotionOptions{});
+    const MotionEstimate bottom =
+        est.estimate(lumaOf(gsBottom, 0, 180, 320, 60), lumaOf(rs, 0, 180, 320, 60), Similarity{},
+                     MotionOptions{});
+    const MotionEstimate across = est.estimate(
+        lumaOf(gsTop, 0, 180, 320, 60), lumaOf(rs, 0, 180, 320, 60), Similarity{}, MotionOptions{});
+    ASSERT_TRUE(top.ok && bottom.ok && across.ok);
+    EXPECT_NEAR(top.motion.tx, 0, 0.3);
+    EXPECT_NEAR(bottom.motion.tx, 0, 0.3);
+    EXPECT_NEAR(across.motion.tx, -cam.focalPx * 0.4 * 0.075, 0.5);
+}
+
+TEST(SyntheticRecording, FramesGyroAndConfigAreConsistent) {
+    SyntheticRecording rec(small());
+    EXPECT_EQ(rec.count(), 45);
+    EXPECT_EQ(rec.timestampNs(0), 1000000000);
+    EXPECT_EQ(rec.timestampNs(30), 2000000000);
+    ASSERT_FALSE(rec.gyro().empty());
+    EXPECT_LT(rec.gyro().front().timestampNs, rec.timestampNs(0));
+    EXPECT_GT(rec.gyro().back().timestampNs, rec.timestampNs(44));
+    const std::string config = rec.configText();
+    EXPECT_NE(config.find("\nvstab.readoutNs=30000000\n"), std::string::npos) << config;
+    EXPECT_NE(config.find("\nvstab.gyroTimeOffsetNs=2000000\n"), std::string::npos) << config;
+    EXPECT_NE(config.find("\nvstab.gyroAxes=-y,-x,-z\n"), std::string::npos) << config;
+    EXPECT_NE(config.find("\nvstab.fovHorizontalDeg=64.0000\n"), std::string::npos) << config;
+    EXPECT_EQ(config.find("native."), std::string::npos) << config;
+    Nv21Image a, b;
+    a.resize(320, 240);
+    b.resize(320, 240);
+    rec.read(10, a);
+    rec.read(10, b);
+    EXPECT_EQ(a.data, b.data);  // deterministic
+    rec.read(11, b);
+    EXPECT_NE(a.data, b.data);  // and shaking
+    SyntheticOptions bad = small();
+    bad.width = 321;
+    EXPECT_THROW(SyntheticRecording{bad}, ReplayError);
+    bad = small();
+    bad.scene = "/nonexistent.jpg";
+    EXPECT_THROW(SyntheticRecording{bad}, ReplayError);
+}
+
+TEST(GyroAlignment, FindsTheSyntheticGyroAxesAndOffsetFromThePictures) {
+    SyntheticOptions o = small();
+    o.gyro.timeOffsetNs = 6000000;
+    o.seconds = 3;
+    SyntheticRecording rec(o);
+    std::vector<GrayImage> lumas(static_cast<size_t>(rec.count()));
+    std::vector<double> times;
+    Nv21Image nv;
+    nv.resize(rec.width(), rec.height());
+    for (int i = 0; i < rec.count(); ++i) {
+        rec.read(i, nv);
+        lumas[static_cast<size_t>(i)] = lumaOf(nv, 0, 0, rec.width(), rec.height());
+        times.push_back(rec.timestampNs(i) * 1e-9);
+    }
+    const std::vector<FrameMotion> motion = measureFrameMotion(lumas, times, 2);
+    AlignmentSearch search;
+    search.focalPx = rec.camera().focalPx;
+    search.readoutMs = o.readoutMs;
+    search.offsetMinMs = -20;
+    search.offsetMaxMs = 20;
+    const std::vector<AlignmentScore> ranked = rankAlignments(motion, rec.gyro(), search);
+    ASSERT_EQ(ranked.size(), 48u);
+    EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
+    // Offset 6 ms plus half the 2 ms exposure (frames are compared at their middle row).
+    EXPECT_NEAR(ranked[0].offsetMs, 7.0, 1.5);
+    EXPECT_LT(ranked[0].rmsPx * 3, ranked[1].rmsPx + ranked[2].rmsPx);
+}
+
+TEST(CameraFacts, ConfigTextUsesTheLibraryKeysAndKeepsKeysOutOfComments) {
+    CameraFacts f;
+    f.width = 800;
+    f.height = 600;
+    f.focalPx = 400;
+    f.focalYPx = 300;
+    f.cx = 400;
+    f.cy = 330;
+    f.readoutMs = 33.3125;
+    f.gyroAxes = "-y,-x,-z";
+    f.gyroOffsetMs = -2.425;
+    f.description = "copied from vstab.readoutNs=1 and native.cameraHeight=2\nsecond line";
+    const std::string text = configTextFor(f);
+    EXPECT_NE(text.find("\nvstab.fovHorizontalDeg=90.0000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.fovVerticalDeg=90.0000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.principalPointY=0.55000\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.readoutNs=33312500\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("\nvstab.gyroTimeOffsetNs=-2425000\n"), std::string::npos) << text;
+    // The first occurrence of each key (the engine's and the library's lookup) is the real line.
+    EXPECT_EQ(text.find("vstab.readoutNs"), text.find("\nvstab.readoutNs") + 1);
+    EXPECT_EQ(text.find("native.cameraHeight"), std::string::npos);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2);  // the description stays one line
+}
+
+TEST(CameraMotion, SimulationScenariosDriveTheCamera) {
+    for (Trajectory t : kAllTrajectories)
+        EXPECT_EQ(parseTrajectory(trajectoryName(t)), t);
+    EXPECT_EQ(parseTrajectory("jog"), Trajectory::Jog);
+    EXPECT_STREQ(trajectoryName(Trajectory::SwayPan), "sway-pan");
+    auto m = makeHandheldMotion(Trajectory::Walk, 2);
+    // Shake: the actual orientation leaves the intended one, and both are rotations.
+    double most = 0;
+    for (int i = 0; i < 60; ++i) {
+        const Mat3 a = m->actual(i / 30.0);
+        const Mat3 d = m->intended(i / 30.0).transposed() * a;
+        most = std::max(most, norm(vectorFromRotation(d)));
+        const Mat3 id = a.transposed() * a;
+        EXPECT_NEAR(id.m[0][0] + id.m[1][1] + id.m[2][2], 3.0, 1e-9);
+    }
+    EXPECT_GT(most, 0.005);
+}
+
+TEST(AxisMap, ParsesAndEnumeratesSignedPermutations) {
+    const AxisMap m = AxisMap::parse("-y,x,-z");
+    const Vec3 v = m.apply({1, 2, 3});
+    EXPECT_EQ(v.x, -2);
+    EXPECT_EQ(v.y, 1);
+    EXPECT_EQ(v.z, -3);
+    EXPECT_EQ(m.text(), "-y,x,-z");
+    EXPECT_THROW(AxisMap::parse("x,x,z"), ReplayError);
+    EXPECT_THROW(AxisMap::parse("x,y"), ReplayError);
+    EXPECT_THROW(AxisMap::parse("x,y,z,x"), ReplayError);
+    int rotations = 0;
+    for (const AxisMap& a : AxisMap::all())
+        rotations += a.isRotation();
+    EXPECT_EQ(AxisMap::all().size(), 48u);
+    EXPECT_EQ(rotations, 24);
+    EXPECT_TRUE(AxisMap::parse("y,x,-z").isRotation());
+    EXPECT_FALSE(AxisMap::parse("y,x,z").isRotation());
+}

@@ -1,0 +1,275 @@
+#include "GyroAlignment.h"
+
+#include "ReplayError.h"
+#include "WorkerPool.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace qlmr::replay {
+
+namespace {
+double component(const Vec3& v, int i) {
+    return i == 0 ? v.x : (i == 1 ? v.y : v.z);
+}
+}  // namespace
+
+Vec3 AxisMap::apply(const Vec3& raw) const {
+    return {sign[0] * component(raw, source[0]), sign[1] * component(raw, source[1]),
+            sign[2] * component(raw, source[2])};
+}
+
+std::string AxisMap::text() const {
+    std::string out;
+    for (int i = 0; i < 3; ++i) {
+        if (i)
+            out += ",";
+        if (sign[i] < 0)
+            out += "-";
+        out += static_cast<char>('x' + source[i]);
+    }
+    return out;
+}
+
+AxisMap AxisMap::parse(const std::string& text) {
+    AxisMap m;
+    size_t pos = 0;
+    bool used[3] = {false, false, false};
+    for (int i = 0; i < 3; ++i) {
+        const size_t end = text.find(',', pos);
+        std::string part =
+            text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        int sign = 1;
+        if (!part.empty() && (part[0] == '-' || part[0] == '+')) {
+            sign = part[0] == '-' ? -1 : 1;
+            part = part.substr(1);
+        }
+        if (part.size() != 1 || part[0] < 'x' || part[0] > 'z' || used[part[0] - 'x'] ||
+            (i < 2 && end == std::string::npos) || (i == 2 && end != std::string::npos)) {
+            throw ReplayError("axis map '" + text +
+                              "' must name x, y and z once each, e.g. y,x,-z");
+        }
+        used[part[0] - 'x'] = true;
+        m.source[i] = part[0] - 'x';
+        m.sign[i] = sign;
+        pos = end + 1;
+    }
+    return m;
+}
+
+std::vector<AxisMap> AxisMap::all() {
+    std::vector<AxisMap> out;
+    int p[3] = {0, 1, 2};
+    do {
+        for (int s = 0; s < 8; ++s) {
+            AxisMap m;
+            for (int i = 0; i < 3; ++i) {
+                m.source[i] = p[i];
+                m.sign[i] = (s >> i) & 1 ? -1 : 1;
+            }
+            out.push_back(m);
+        }
+    } while (std::next_permutation(p, p + 3));
+    return out;
+}
+
+bool AxisMap::isRotation() const {
+    // Parity of the permutation times the product of the signs.
+    int inversions = 0;
+    for (int i = 0; i < 3; ++i) {
+        for (int j = i + 1; j < 3; ++j)
+            inversions += source[i] > source[j];
+    }
+    const int parity = inversions % 2 == 0 ? 1 : -1;
+    return parity * sign[0] * sign[1] * sign[2] == 1;
+}
+
+namespace {
+struct PairJobs {
+    const std::vector<GrayImage>* lumas;
+    std::vector<MotionEstimate>* results;
+};
+void measureBand(void* context, int begin, int end) {
+    auto* jobs = static_cast<PairJobs*>(context);
+    MotionEstimator estimator;
+    MotionOptions options;
+    options.searchRadius = 10;
+    for (int i = begin; i < end; ++i) {
+        (*jobs->results)[static_cast<size_t>(i)] =
+            estimator.estimate((*jobs->lumas)[static_cast<size_t>(i)],
+                               (*jobs->lumas)[static_cast<size_t>(i) + 1], Similarity{}, options);
+    }
+}
+}  // namespace
+
+std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
+                                            const std::vector<double>& timesSec, int threads) {
+    std::vector<FrameMotion> out;
+    if (lumas.size() < 2)
+        return out;
+    std::vector<MotionEstimate> results(lumas.size() - 1);
+    PairJobs jobs{&lumas, &results};
+    WorkerPool pool(std::max(1, threads));
+    pool.run(&measureBand, &jobs, static_cast<int>(results.size()));
+    auto rowFraction = [](const GrayImage& g) {
+        double sum = 0, weighted = 0;
+        for (int y = 1; y + 1 < g.height; ++y) {
+            double e = 0;
+            for (int x = 1; x + 1 < g.width; ++x) {
+                const double gx = g.at(x + 1, y) - g.at(x - 1, y);
+                const double gy = g.at(x, y + 1) - g.at(x, y - 1);
+                e += gx * gx + gy * gy;
+            }
+            sum += e;
+            weighted += e * (y + 0.5);
+        }
+        return sum > 0 ? weighted / sum / g.height : 0.5;
+    };
+    for (size_t i = 0; i < results.size(); ++i) {
+        FrameMotion f;
+        f.rowFraction = 0.5 * (rowFraction(lumas[i]) + rowFraction(lumas[i + 1]));
+        f.startSec = timesSec[i];
+        f.endSec = timesSec[i + 1];
+        f.ok = results[i].ok;
+        f.tx = results[i].motion.tx;
+        f.ty = results[i].motion.ty;
+        f.angle = results[i].motion.angle;
+        out.push_back(f);
+    }
+    return out;
+}
+
+Vec3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0,
+                       double t1) {
+    // Rates interpolated linearly between samples; small steps composed as rotations.
+    Mat3 r;
+    if (gyro.size() < 2 || t1 <= t0)
+        return {};
+    auto rateAt = [&](size_t i) { return map.apply({gyro[i].x, gyro[i].y, gyro[i].z}); };
+    const auto timeOf = [&](size_t i) { return gyro[i].timestampNs * 1e-9; };
+    size_t i = static_cast<size_t>(
+        std::lower_bound(gyro.begin(), gyro.end(), static_cast<int64_t>(t0 * 1e9),
+                         [](const GyroSample& s, int64_t t) { return s.timestampNs < t; }) -
+        gyro.begin());
+    if (i > 0)
+        --i;
+    double t = t0;
+    while (t < t1 && i + 1 < gyro.size()) {
+        const double a = timeOf(i), b = timeOf(i + 1);
+        const double segEnd = std::min(t1, b);
+        if (segEnd > t && b > a) {
+            const double mid = 0.5 * (t + segEnd);
+            const double u = std::clamp((mid - a) / (b - a), 0.0, 1.0);
+            const Vec3 w = (1 - u) * rateAt(i) + u * rateAt(i + 1);
+            r = r * rotationFromVector((segEnd - t) * w);
+            t = segEnd;
+        }
+        ++i;
+    }
+    return vectorFromRotation(r);
+}
+
+void predictedMotion(const Vec3& r, double focalPx, double& tx, double& ty, double& angle) {
+    tx = -focalPx * r.y;
+    ty = focalPx * r.x;
+    angle = -r.z;
+}
+
+namespace {
+AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
+                     const AxisMap& map, double offsetMs, const AlignmentSearch& s) {
+    AlignmentScore out;
+    out.map = map;
+    out.offsetMs = offsetMs;
+    double sum = 0;
+    for (const FrameMotion& f : motion) {
+        if (!f.ok)
+            continue;
+        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
+        const Vec3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+        double tx, ty, angle;
+        predictedMotion(r, s.focalPx, tx, ty, angle);
+        const double ea = (angle - f.angle) * s.radiusPx;
+        sum += (tx - f.tx) * (tx - f.tx) + (ty - f.ty) * (ty - f.ty) + ea * ea;
+        ++out.pairs;
+    }
+    out.rmsPx = out.pairs > 0 ? std::sqrt(sum / out.pairs) : INFINITY;
+    return out;
+}
+}  // namespace
+
+ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
+                           const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
+                           const AlignmentSearch& search) {
+    double spp[3] = {}, smm[3] = {}, spm[3] = {}, sp[3] = {}, sm[3] = {};
+    int n = 0;
+    for (const FrameMotion& f : motion) {
+        if (!f.ok)
+            continue;
+        const double shift = (search.readoutMs * f.rowFraction + offsetMs) * 1e-3;
+        const Vec3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+        double p[3];
+        predictedMotion(r, search.focalPx, p[0], p[1], p[2]);
+        const double m[3] = {f.tx, f.ty, f.angle};
+        for (int k = 0; k < 3; ++k) {
+            spp[k] += p[k] * p[k];
+            smm[k] += m[k] * m[k];
+            spm[k] += p[k] * m[k];
+            sp[k] += p[k];
+            sm[k] += m[k];
+        }
+        ++n;
+    }
+    ComponentFit fit;
+    if (n < 2)
+        return fit;
+    for (int k = 0; k < 3; ++k) {
+        const double cov = spm[k] / n - sp[k] / n * sm[k] / n;
+        const double vp = spp[k] / n - sp[k] / n * sp[k] / n;
+        const double vm = smm[k] / n - sm[k] / n * sm[k] / n;
+        fit.correlation[k] = vp > 0 && vm > 0 ? cov / std::sqrt(vp * vm) : 0;
+        fit.gain[k] = spp[k] > 0 ? spm[k] / spp[k] : 0;
+        fit.predictedRms[k] = std::sqrt(spp[k] / n);
+        fit.measuredRms[k] = std::sqrt(smm[k] / n);
+    }
+    return fit;
+}
+
+std::vector<AlignmentScore> offsetCurve(const std::vector<FrameMotion>& motion,
+                                        const std::vector<GyroSample>& gyro, const AxisMap& map,
+                                        const AlignmentSearch& search) {
+    std::vector<AlignmentScore> out;
+    for (double o = search.offsetMinMs; o <= search.offsetMaxMs + 1e-9; o += search.offsetStepMs) {
+        out.push_back(score(motion, gyro, map, o, search));
+    }
+    return out;
+}
+
+std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motion,
+                                           const std::vector<GyroSample>& gyro,
+                                           const AlignmentSearch& search) {
+    std::vector<AlignmentScore> best;
+    for (const AxisMap& map : AxisMap::all()) {
+        AlignmentScore b;
+        b.rmsPx = INFINITY;
+        for (const AlignmentScore& s : offsetCurve(motion, gyro, map, search)) {
+            if (s.rmsPx < b.rmsPx)
+                b = s;
+        }
+        // Refine around the best step to a tenth of it.
+        AlignmentSearch fine = search;
+        fine.offsetMinMs = b.offsetMs - search.offsetStepMs;
+        fine.offsetMaxMs = b.offsetMs + search.offsetStepMs;
+        fine.offsetStepMs = search.offsetStepMs / 10;
+        for (const AlignmentScore& s : offsetCurve(motion, gyro, map, fine)) {
+            if (s.rmsPx < b.rmsPx)
+                b = s;
+        }
+        best.push_back(b);
+    }
+    std::sort(best.begin(), best.end(),
+              [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
+    return best;
+}
+
+}  // namespace qlmr::replay

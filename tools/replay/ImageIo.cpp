@@ -1,0 +1,308 @@
+#include "ImageIo.h"
+
+#include "ReplayError.h"
+
+#include <jpeglib.h>
+#include <png.h>
+
+#include <cerrno>
+#include <csetjmp>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace qlmr::replay {
+
+namespace {
+
+struct FileCloser {
+    void operator()(FILE* f) const {
+        if (f != nullptr)
+            std::fclose(f);
+    }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+bool isJpeg(const uint8_t* d, size_t n) {
+    return n >= 3 && d[0] == 0xFF && d[1] == 0xD8 && d[2] == 0xFF;
+}
+bool isPng(const uint8_t* d, size_t n) {
+    return n >= 8 && png_sig_cmp(d, 0, 8) == 0;
+}
+
+// libjpeg reports fatal errors through error_exit, which must not return: jump back to the
+// caller's setjmp with the message kept.
+struct JpegError {
+    jpeg_error_mgr mgr;
+    jmp_buf jump;
+    char message[JMSG_LENGTH_MAX];
+};
+
+void jpegErrorExit(j_common_ptr cinfo) {
+    auto* err = reinterpret_cast<JpegError*>(cinfo->err);
+    (*cinfo->err->format_message)(cinfo, err->message);
+    longjmp(err->jump, 1);
+}
+
+void jpegSilent(j_common_ptr, int) {}
+
+// Decodes (or, with `out` null, only measures) a JPEG held in memory. Returns an empty string
+// on success, else libjpeg's message.
+std::string decodeJpeg(const uint8_t* data, size_t size, RgbImage* out, ImageSize* dims) {
+    jpeg_decompress_struct cinfo;
+    JpegError err;
+    cinfo.err = jpeg_std_error(&err.mgr);
+    err.mgr.error_exit = jpegErrorExit;
+    err.mgr.emit_message = jpegSilent;
+    err.message[0] = '\0';
+    if (setjmp(err.jump) != 0) {
+        jpeg_destroy_decompress(&cinfo);
+        return err.message[0] != '\0' ? err.message : "corrupt JPEG data";
+    }
+    jpeg_create_decompress(&cinfo);
+    jpeg_mem_src(&cinfo, data, static_cast<unsigned long>(size));
+    jpeg_read_header(&cinfo, TRUE);
+    dims->width = static_cast<int>(cinfo.image_width);
+    dims->height = static_cast<int>(cinfo.image_height);
+    if (out != nullptr) {
+        cinfo.out_color_space = JCS_RGB;
+        jpeg_start_decompress(&cinfo);
+        out->resize(static_cast<int>(cinfo.output_width), static_cast<int>(cinfo.output_height));
+        while (cinfo.output_scanline < cinfo.output_height) {
+            JSAMPROW row = out->row(static_cast<int>(cinfo.output_scanline));
+            jpeg_read_scanlines(&cinfo, &row, 1);
+        }
+        jpeg_finish_decompress(&cinfo);
+    }
+    jpeg_destroy_decompress(&cinfo);
+    return {};
+}
+
+struct PngSource {
+    const uint8_t* data;
+    size_t size;
+    size_t pos;
+};
+
+void pngRead(png_structp png, png_bytep dst, png_size_t n) {
+    auto* src = static_cast<PngSource*>(png_get_io_ptr(png));
+    if (src->pos + n > src->size)
+        png_error(png, "file ends inside the image");
+    std::memcpy(dst, src->data + src->pos, n);
+    src->pos += n;
+}
+
+void pngErrorFn(png_structp png, png_const_charp msg) {
+    auto* message = static_cast<std::string*>(png_get_error_ptr(png));
+    *message = msg;
+    png_longjmp(png, 1);
+}
+void pngWarnFn(png_structp, png_const_charp) {}
+
+// `rows` lives in the caller's frame so that a longjmp out of libpng leaks nothing.
+std::string decodePngInto(const uint8_t* data, size_t size, RgbImage* out, ImageSize* dims,
+                          std::vector<png_bytep>& rows) {
+    std::string message;
+    png_structp png =
+        png_create_read_struct(PNG_LIBPNG_VER_STRING, &message, pngErrorFn, pngWarnFn);
+    if (png == nullptr)
+        return "cannot create PNG reader";
+    png_infop info = png_create_info_struct(png);
+    if (info == nullptr) {
+        png_destroy_read_struct(&png, nullptr, nullptr);
+        return "cannot create PNG reader";
+    }
+    PngSource src{data, size, 0};
+    if (setjmp(png_jmpbuf(png)) != 0) {
+        png_destroy_read_struct(&png, &info, nullptr);
+        return message.empty() ? "corrupt PNG data" : message;
+    }
+    png_set_read_fn(png, &src, pngRead);
+    png_read_info(png, info);
+    dims->width = static_cast<int>(png_get_image_width(png, info));
+    dims->height = static_cast<int>(png_get_image_height(png, info));
+    if (out != nullptr) {
+        const int colorType = png_get_color_type(png, info);
+        if (png_get_bit_depth(png, info) == 16)
+            png_set_strip_16(png);
+        if (colorType == PNG_COLOR_TYPE_PALETTE)
+            png_set_palette_to_rgb(png);
+        if (colorType == PNG_COLOR_TYPE_GRAY || colorType == PNG_COLOR_TYPE_GRAY_ALPHA) {
+            png_set_expand_gray_1_2_4_to_8(png);
+            png_set_gray_to_rgb(png);
+        }
+        if (png_get_valid(png, info, PNG_INFO_tRNS))
+            png_set_tRNS_to_alpha(png);
+        png_set_strip_alpha(png);
+        png_set_interlace_handling(png);
+        png_read_update_info(png, info);
+        out->resize(dims->width, dims->height);
+        rows.resize(static_cast<size_t>(dims->height));
+        for (int y = 0; y < dims->height; ++y)
+            rows[static_cast<size_t>(y)] = out->row(y);
+        png_read_image(png, rows.data());
+        png_read_end(png, nullptr);
+    }
+    png_destroy_read_struct(&png, &info, nullptr);
+    return {};
+}
+
+std::string decodePng(const uint8_t* data, size_t size, RgbImage* out, ImageSize* dims) {
+    std::vector<png_bytep> rows;
+    return decodePngInto(data, size, out, dims, rows);
+}
+
+std::string decodeAny(const std::string& path, const std::vector<uint8_t>& file, RgbImage* out,
+                      ImageSize* dims) {
+    if (isJpeg(file.data(), file.size()))
+        return decodeJpeg(file.data(), file.size(), out, dims);
+    if (isPng(file.data(), file.size()))
+        return decodePng(file.data(), file.size(), out, dims);
+    (void)path;
+    return "not a JPEG or PNG file";
+}
+
+}  // namespace
+
+void readFile(const std::string& path, std::vector<uint8_t>& out) {
+    FilePtr f(std::fopen(path.c_str(), "rb"));
+    if (!f)
+        throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
+    if (std::fseek(f.get(), 0, SEEK_END) != 0)
+        throw ReplayError(path, 0, "cannot seek");
+    const long size = std::ftell(f.get());
+    if (size < 0)
+        throw ReplayError(path, 0, "cannot tell size (not a regular file?)");
+    std::rewind(f.get());
+    out.resize(static_cast<size_t>(size));
+    if (size > 0 && std::fread(out.data(), 1, out.size(), f.get()) != out.size()) {
+        throw ReplayError(path, 0, "read error");
+    }
+}
+
+void writeFile(const std::string& path, const void* data, size_t size) {
+    FilePtr f(std::fopen(path.c_str(), "wb"));
+    if (!f)
+        throw ReplayError(path, 0, std::string("cannot create: ") + std::strerror(errno));
+    if (size > 0 && std::fwrite(data, 1, size, f.get()) != size) {
+        throw ReplayError(path, 0, "write error (disk full?)");
+    }
+    if (std::fclose(f.release()) != 0)
+        throw ReplayError(path, 0, "write error on close");
+}
+
+ImageSize readImageSize(const std::string& path) {
+    // The header is near the start of the file; 64 KiB covers JPEG files with big EXIF blocks
+    // in practice, and the whole file is read when that is not enough.
+    std::vector<uint8_t> head;
+    {
+        FilePtr f(std::fopen(path.c_str(), "rb"));
+        if (!f)
+            throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
+        head.resize(65536);
+        head.resize(std::fread(head.data(), 1, head.size(), f.get()));
+    }
+    ImageSize dims;
+    std::string err = decodeAny(path, head, nullptr, &dims);
+    if (!err.empty() && head.size() == 65536) {
+        readFile(path, head);
+        err = decodeAny(path, head, nullptr, &dims);
+    }
+    if (!err.empty())
+        throw ReplayError(path, 0, err);
+    return dims;
+}
+
+void ImageReader::read(const std::string& path, RgbImage& out) {
+    readFile(path, file_);
+    ImageSize dims;
+    const std::string err = decodeAny(path, file_, &out, &dims);
+    if (!err.empty())
+        throw ReplayError(path, 0, err);
+}
+
+RgbImage readImage(const std::string& path) {
+    ImageReader reader;
+    RgbImage out;
+    reader.read(path, out);
+    return out;
+}
+
+std::vector<uint8_t> encodeJpeg(const RgbImage& image, int quality) {
+    jpeg_compress_struct cinfo;
+    JpegError err;
+    cinfo.err = jpeg_std_error(&err.mgr);
+    err.mgr.error_exit = jpegErrorExit;
+    unsigned char* mem = nullptr;
+    unsigned long memSize = 0;
+    if (setjmp(err.jump) != 0) {
+        jpeg_destroy_compress(&cinfo);
+        std::free(mem);
+        throw ReplayError(std::string("JPEG encoding failed: ") + err.message);
+    }
+    jpeg_create_compress(&cinfo);
+    jpeg_mem_dest(&cinfo, &mem, &memSize);
+    cinfo.image_width = static_cast<JDIMENSION>(image.width);
+    cinfo.image_height = static_cast<JDIMENSION>(image.height);
+    cinfo.input_components = 3;
+    cinfo.in_color_space = JCS_RGB;
+    jpeg_set_defaults(&cinfo);
+    jpeg_set_quality(&cinfo, quality, TRUE);
+    jpeg_start_compress(&cinfo, TRUE);
+    while (cinfo.next_scanline < cinfo.image_height) {
+        JSAMPROW row = const_cast<uint8_t*>(image.row(static_cast<int>(cinfo.next_scanline)));
+        jpeg_write_scanlines(&cinfo, &row, 1);
+    }
+    jpeg_finish_compress(&cinfo);
+    std::vector<uint8_t> out(mem, mem + memSize);
+    jpeg_destroy_compress(&cinfo);
+    std::free(mem);
+    return out;
+}
+
+namespace {
+void pngWrite(png_structp png, png_bytep data, png_size_t n) {
+    auto* out = static_cast<std::vector<uint8_t>*>(png_get_io_ptr(png));
+    out->insert(out->end(), data, data + n);
+}
+void pngFlush(png_structp) {}
+}  // namespace
+
+std::vector<uint8_t> encodePng(const RgbImage& image) {
+    std::string message;
+    std::vector<uint8_t> out;
+    png_structp png =
+        png_create_write_struct(PNG_LIBPNG_VER_STRING, &message, pngErrorFn, pngWarnFn);
+    png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
+    if (info == nullptr) {
+        png_destroy_write_struct(&png, nullptr);
+        throw ReplayError("cannot create PNG writer");
+    }
+    if (setjmp(png_jmpbuf(png)) != 0) {
+        png_destroy_write_struct(&png, &info);
+        throw ReplayError("PNG encoding failed: " + message);
+    }
+    png_set_write_fn(png, &out, pngWrite, pngFlush);
+    png_set_IHDR(png, info, static_cast<png_uint_32>(image.width),
+                 static_cast<png_uint_32>(image.height), 8, PNG_COLOR_TYPE_RGB, PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_write_info(png, info);
+    for (int y = 0; y < image.height; ++y) {
+        png_write_row(png, const_cast<uint8_t*>(image.row(y)));
+    }
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+    return out;
+}
+
+void writeJpeg(const std::string& path, const RgbImage& image, int quality) {
+    const std::vector<uint8_t> data = encodeJpeg(image, quality);
+    writeFile(path, data.data(), data.size());
+}
+
+void writePng(const std::string& path, const RgbImage& image) {
+    const std::vector<uint8_t> data = encodePng(image);
+    writeFile(path, data.data(), data.size());
+}
+
+}  // namespace qlmr::replay

@@ -1,0 +1,46 @@
+// Reading JPEG and PNG pictures (libjpeg, libpng) into RGB, and writing them back out.
+// Every failure is a ReplayError naming the file.
+#pragma once
+
+#include "Image.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qlmr::replay {
+
+struct ImageSize {
+    int width = 0;
+    int height = 0;
+};
+
+// Width and height from the file's header only (cheap: used to validate a whole recording
+// before replaying it). JPEG and PNG are recognised by their first bytes, not by the name.
+ImageSize readImageSize(const std::string& path);
+
+// Decodes JPEG/PNG files into RGB. Keeps its file buffer between calls so that decoding a
+// sequence of same-sized frames reuses memory (the codec libraries allocate internally).
+class ImageReader {
+  public:
+    // Decodes `path` into `out`, resizing it to the picture's size.
+    void read(const std::string& path, RgbImage& out);
+
+  private:
+    std::vector<uint8_t> file_;
+};
+
+// Convenience: one-off decode.
+RgbImage readImage(const std::string& path);
+
+// Encoders. Quality 1..100.
+std::vector<uint8_t> encodeJpeg(const RgbImage& image, int quality);
+std::vector<uint8_t> encodePng(const RgbImage& image);
+void writeJpeg(const std::string& path, const RgbImage& image, int quality);
+void writePng(const std::string& path, const RgbImage& image);
+
+// Whole-file helpers; failures name the file.
+void readFile(const std::string& path, std::vector<uint8_t>& out);
+void writeFile(const std::string& path, const void* data, size_t size);
+
+}  // namespace qlmr::replay

@@ -1,0 +1,496 @@
+#include "Metrics.h"
+
+#include "Json.h"
+#include "Synthetic.h"
+#include "WorkerPool.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace qlmr::replay {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kRadToDeg = 180.0 / kPi;
+
+struct RegistrationJob {
+    const GrayImage* reference;
+    const GrayImage* moving;
+    Similarity initial;
+    const MotionOptions* options;
+    MotionEstimate result;
+};
+
+struct Batch {
+    std::vector<RegistrationJob>* jobs;
+};
+
+void runBatch(void* context, int begin, int end) {
+    auto& jobs = *static_cast<Batch*>(context)->jobs;
+    MotionEstimator estimator;
+    for (int i = begin; i < end; ++i) {
+        RegistrationJob& j = jobs[static_cast<size_t>(i)];
+        j.result = estimator.estimate(*j.reference, *j.moving, j.initial, *j.options);
+    }
+}
+
+void runJobs(std::vector<RegistrationJob>& jobs, int threads) {
+    if (jobs.empty())
+        return;
+    WorkerPool pool(std::max(1, threads));
+    Batch batch{&jobs};
+    pool.run(&runBatch, &batch, static_cast<int>(jobs.size()));
+}
+
+// Chained frame-to-frame motion of a sequence of luma pictures.
+PixelMotionStats chainedMotion(const std::vector<const GrayImage*>& frames,
+                               const std::vector<double>& times, int factor, double sigmaFrames,
+                               int threads) {
+    PixelMotionStats s;
+    MotionOptions options;
+    std::vector<RegistrationJob> jobs;
+    for (size_t i = 0; i + 1 < frames.size(); ++i) {
+        jobs.push_back({frames[i], frames[i + 1], Similarity{}, &options, {}});
+    }
+    runJobs(jobs, threads);
+    double x = 0, y = 0, roll = 0;
+    std::vector<double> stepLength, stepAngle;
+    if (!frames.empty()) {
+        s.path.t.push_back(times[0]);
+        s.path.x.push_back(0);
+        s.path.y.push_back(0);
+        s.path.roll.push_back(0);
+    }
+    double lengthSum = 0;
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        const MotionEstimate& e = jobs[i].result;
+        ++s.pairs;
+        double tx = 0, ty = 0, angle = 0;
+        if (e.ok) {
+            // Content moves by t between the two frames; the camera turned the other way.
+            tx = -e.motion.tx * factor;
+            ty = -e.motion.ty * factor;
+            angle = -e.motion.angle * kRadToDeg;
+        } else {
+            ++s.failed;
+        }
+        x += tx;
+        y += ty;
+        roll += angle;
+        s.path.t.push_back(times[i + 1]);
+        s.path.x.push_back(x);
+        s.path.y.push_back(y);
+        s.path.roll.push_back(roll);
+        stepLength.push_back(std::hypot(tx, ty));
+        stepAngle.push_back(angle);
+        lengthSum += std::hypot(tx, ty);
+    }
+    s.jitterPx = highPassRms2(s.path.x, s.path.y, sigmaFrames);
+    size_t settled = 0;
+    while (settled < s.path.t.size() && s.path.t[settled] < 1.0)
+        ++settled;
+    s.jitterSettledPx = highPassRms2(s.path.x, s.path.y, sigmaFrames, settled);
+    s.rollJitterDeg = highPassRms(s.path.roll, sigmaFrames);
+    s.meanStepPx = jobs.empty() ? 0 : lengthSum / jobs.size();
+    s.stabilityTranslation = stabilityScore(stepLength);
+    s.stabilityRotation = stabilityScore(stepAngle);
+    s.stability = 0.5 * (s.stabilityTranslation + s.stabilityRotation);
+    return s;
+}
+
+// Where a camera with orientation r points, as pixel offsets from the world's optical axis
+// (focal length f) and roll in degrees.
+struct View {
+    double x, y, roll;
+};
+View viewOf(const Mat3& r, double f) {
+    const Vec3 d = r * Vec3{0, 0, 1};
+    const Vec3 side = r * Vec3{1, 0, 0};
+    return {f * d.x / d.z, f * d.y / d.z, std::atan2(side.y, side.x) * kRadToDeg};
+}
+
+Vec3 normalized(Vec3 v) {
+    return (1.0 / norm(v)) * v;
+}
+Vec3 cross(Vec3 a, Vec3 b) {
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+
+// Direction in the world of input pixel p (full resolution) of frame `index`, taking the
+// rolling shutter into account.
+Vec3 worldRay(const SyntheticRecording& syn, int index, double px, double py) {
+    const PinholeCamera& c = syn.camera();
+    const Mat3 r = syn.motion().actual(syn.rowTimeSec(index, py));
+    return normalized(r * Vec3{(px - c.cx) / c.focalPx, (py - c.cy) / c.focalPx, 1});
+}
+
+double toDeg(double px, double f) {
+    return std::atan(px / f) * kRadToDeg;
+}
+
+std::vector<double> stepLengths(const PathSeries& p) {
+    std::vector<double> out;
+    for (size_t i = 1; i < p.x.size(); ++i)
+        out.push_back(std::hypot(p.x[i] - p.x[i - 1], p.y[i] - p.y[i - 1]));
+    return out;
+}
+std::vector<double> stepRolls(const PathSeries& p) {
+    std::vector<double> out;
+    for (size_t i = 1; i < p.roll.size(); ++i)
+        out.push_back(p.roll[i] - p.roll[i - 1]);
+    return out;
+}
+double pathStability(const PathSeries& p) {
+    return 0.5 * (stabilityScore(stepLengths(p)) + stabilityScore(stepRolls(p)));
+}
+
+}  // namespace
+
+void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
+    const OutputRecorder& rec = *ctx.recorder;
+    const int factor = rec.lumaFactor();
+    const double sigmaFrames = ctx.highPassSec * ctx.fps;
+    const auto& inputs = rec.inputs();
+    const auto& outputs = rec.outputs();
+    const int delivered = std::min<int>(rec.delivered(), static_cast<int>(inputs.size()));
+    const int64_t t0 = delivered > 0 ? inputs[0].timestampNs : 0;
+    m.firstTimestampNs = t0;
+
+    // Counts and timing.
+    m.framesOut = static_cast<int>(outputs.size());
+    m.unmatchedOutputs = rec.unmatchedOutputs();
+    m.framesPerSurface = rec.framesPerSurface();
+    int matched = 0;
+    std::vector<double> latency, interval, deliveryInterval;
+    for (size_t k = 0; k < outputs.size(); ++k) {
+        const OutputRecord& o = outputs[k];
+        if (o.inputIndex >= 0) {
+            ++matched;
+            const double ms =
+                (o.arrivedSec - inputs[static_cast<size_t>(o.inputIndex)].deliveredSec) * 1e3;
+            latency.push_back(ms);
+            m.frameTimeSec.push_back((o.timestampNs - t0) * 1e-9);
+            m.frameLatencyMs.push_back(ms);
+        }
+        if (k > 0)
+            interval.push_back((o.arrivedSec - outputs[k - 1].arrivedSec) * 1e3);
+    }
+    for (int i = 1; i < delivered; ++i) {
+        deliveryInterval.push_back((inputs[static_cast<size_t>(i)].deliveredSec -
+                                    inputs[static_cast<size_t>(i - 1)].deliveredSec) *
+                                   1e3);
+    }
+    m.framesDropped = m.framesDelivered - matched;
+    m.outputLatencyMs = percentiles(latency);
+    m.outputIntervalMs = percentiles(interval);
+    m.deliveryIntervalMs = percentiles(deliveryInterval);
+    m.throughputFps = m.wallSec > 0 ? m.framesOut / m.wallSec : 0;
+
+    // Pixel motion of both streams.
+    {
+        std::vector<const GrayImage*> frames;
+        std::vector<double> times;
+        for (int i = 0; i < delivered; ++i) {
+            frames.push_back(&inputs[static_cast<size_t>(i)].luma);
+            times.push_back((inputs[static_cast<size_t>(i)].timestampNs - t0) * 1e-9);
+        }
+        m.inputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads);
+    }
+    {
+        std::vector<const GrayImage*> frames;
+        std::vector<double> times;
+        for (const OutputRecord& o : outputs) {
+            frames.push_back(&o.luma);
+            times.push_back((o.timestampNs - t0) * 1e-9);
+        }
+        m.outputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads);
+    }
+    m.pixelJitterRatioSettled = m.outputMotion.jitterSettledPx > 0
+                                    ? m.inputMotion.jitterSettledPx / m.outputMotion.jitterSettledPx
+                                    : std::numeric_limits<double>::infinity();
+    m.pixelJitterRatio = m.outputMotion.jitterPx > 0
+                             ? m.inputMotion.jitterPx / m.outputMotion.jitterPx
+                             : std::numeric_limits<double>::infinity();
+    if (m.inputMotion.failed > 0) {
+        m.warnings.push_back(std::to_string(m.inputMotion.failed) +
+                             " input frame pairs could not be registered");
+    }
+    if (m.outputMotion.failed > 0) {
+        m.warnings.push_back(std::to_string(m.outputMotion.failed) +
+                             " output frame pairs could not be registered");
+    }
+
+    // Each output frame against its own input frame: the crop, and the view for ground truth.
+    MotionOptions cropOptions;
+    cropOptions.scales = {1.0, 0.9, 0.8, 0.7, 0.6};
+    std::vector<RegistrationJob> jobs;
+    std::vector<int> jobOutput;
+    for (size_t k = 0; k < outputs.size(); ++k) {
+        const OutputRecord& o = outputs[k];
+        if (o.inputIndex < 0)
+            continue;
+        const GrayImage& in = inputs[static_cast<size_t>(o.inputIndex)].luma;
+        if (in.width != o.luma.width || in.height != o.luma.height)
+            continue;
+        jobs.push_back({&o.luma, &in, Similarity{}, &cropOptions, {}});
+        jobOutput.push_back(static_cast<int>(k));
+    }
+    runJobs(jobs, ctx.threads);
+    double scaleSum = 0, cropSum = 0, cropMin = std::numeric_limits<double>::infinity();
+    for (const RegistrationJob& j : jobs) {
+        if (!j.result.ok)
+            continue;
+        const double s = j.result.motion.scale;
+        ++m.crop.frames;
+        scaleSum += s;
+        cropSum += std::min(1.0, s * s);
+        cropMin = std::min(cropMin, std::min(1.0, s * s));
+    }
+    if (m.crop.frames > 0) {
+        m.crop.meanScale = scaleSum / m.crop.frames;
+        m.crop.cropping = cropSum / m.crop.frames;
+        m.crop.minCropping = cropMin;
+    } else if (!outputs.empty()) {
+        m.warnings.push_back(
+            "no output frame could be registered against its input frame (cropping unknown)");
+    }
+
+    if (ctx.synthetic == nullptr || delivered == 0)
+        return;
+    // Ground truth.
+    const SyntheticRecording& syn = *ctx.synthetic;
+    const PinholeCamera& cam = syn.camera();
+    const double f = cam.focalPx;
+    m.hasTruth = true;
+    TruthStats& t = m.truth;
+    std::vector<double> devInX, devInY, devInRoll;
+    for (int i = 0; i < delivered; ++i) {
+        const double tc = syn.rowTimeSec(i, cam.height / 2.0);
+        const Mat3 ra = syn.motion().actual(tc);
+        const Mat3 ri = syn.motion().intended(tc);
+        const View va = viewOf(ra, f);
+        const View vi = viewOf(ri, f);
+        const View dev = viewOf(ri.transposed() * ra, f);
+        const double time = (inputs[static_cast<size_t>(i)].timestampNs - t0) * 1e-9;
+        t.actual.t.push_back(time);
+        t.actual.x.push_back(toDeg(va.x, f));
+        t.actual.y.push_back(toDeg(va.y, f));
+        t.actual.roll.push_back(va.roll);
+        t.intended.t.push_back(time);
+        t.intended.x.push_back(toDeg(vi.x, f));
+        t.intended.y.push_back(toDeg(vi.y, f));
+        t.intended.roll.push_back(vi.roll);
+        devInX.push_back(dev.x);
+        devInY.push_back(dev.y);
+        devInRoll.push_back(dev.roll);
+    }
+    std::vector<double> devOutX, devOutY, devOutRoll, devOutScale;
+    PathSeries outAbsPx;
+    for (size_t n = 0; n < jobs.size(); ++n) {
+        const MotionEstimate& e = jobs[n].result;
+        if (!e.ok)
+            continue;
+        const OutputRecord& o = outputs[static_cast<size_t>(jobOutput[n])];
+        const int i = o.inputIndex;
+        // Output centre and a point to its right, mapped into the input picture (full size).
+        const double cds = o.luma.width / 2.0, cdy = o.luma.height / 2.0;
+        const double cxFull = cam.width / 2.0, cyFull = cam.height / 2.0;
+        const Similarity& s = e.motion;
+        auto toInput = [&](double ox, double oy, double& ix, double& iy) {
+            const double dx = ox - cds, dy = oy - cdy;
+            const double mx = s.scale * (std::cos(s.angle) * dx - std::sin(s.angle) * dy) + s.tx;
+            const double my = s.scale * (std::sin(s.angle) * dx + std::cos(s.angle) * dy) + s.ty;
+            ix = cxFull + factor * mx;
+            iy = cyFull + factor * my;
+        };
+        double ax, ay, bx, by;
+        toInput(cds, cdy, ax, ay);
+        toInput(cds + 20, cdy, bx, by);
+        const Vec3 z = worldRay(syn, i, ax, ay);
+        const Vec3 side = worldRay(syn, i, bx, by) - z;
+        const Vec3 x = normalized(side - dot(side, z) * z);
+        const Vec3 y = cross(z, x);
+        Mat3 ro;
+        for (int r = 0; r < 3; ++r) {
+            ro.m[r][0] = (r == 0 ? x.x : r == 1 ? x.y : x.z);
+            ro.m[r][1] = (r == 0 ? y.x : r == 1 ? y.y : y.z);
+            ro.m[r][2] = (r == 0 ? z.x : r == 1 ? z.y : z.z);
+        }
+        const double tc = syn.rowTimeSec(i, cam.height / 2.0);
+        const Mat3 ri = syn.motion().intended(tc);
+        const double fOut = f / s.scale;  // output pixels per unit of tangent
+        const View dev = viewOf(ri.transposed() * ro, fOut);
+        const View abs = viewOf(ro, f);
+        const double time = (o.timestampNs - t0) * 1e-9;
+        t.output.t.push_back(time);
+        t.output.x.push_back(toDeg(abs.x, f));
+        t.output.y.push_back(toDeg(abs.y, f));
+        t.output.roll.push_back(abs.roll);
+        devOutX.push_back(dev.x);
+        devOutY.push_back(dev.y);
+        devOutRoll.push_back(dev.roll);
+        devOutScale.push_back(fOut);
+        ++t.outputFrames;
+    }
+    auto firstSettled = [&](const std::vector<double>& times) {
+        size_t i = 0;
+        while (i < times.size() && times[i] < t.settleSec)
+            ++i;
+        return i;
+    };
+    t.inputJitterSettledPx = highPassRms2(devInX, devInY, sigmaFrames, firstSettled(t.actual.t));
+    t.outputJitterSettledPx = highPassRms2(devOutX, devOutY, sigmaFrames, firstSettled(t.output.t));
+    t.jitterRatioSettled = t.outputJitterSettledPx > 0
+                               ? t.inputJitterSettledPx / t.outputJitterSettledPx
+                               : std::numeric_limits<double>::infinity();
+    t.inputJitterPx = highPassRms2(devInX, devInY, sigmaFrames);
+    t.inputJitterDeg = toDeg(t.inputJitterPx, f);
+    t.inputRollJitterDeg = highPassRms(devInRoll, sigmaFrames);
+    t.outputJitterPx = highPassRms2(devOutX, devOutY, sigmaFrames);
+    double fOutMean = f;
+    if (!devOutScale.empty()) {
+        fOutMean = 0;
+        for (double v : devOutScale)
+            fOutMean += v;
+        fOutMean /= devOutScale.size();
+    }
+    t.outputJitterDeg = toDeg(t.outputJitterPx, fOutMean);
+    t.outputRollJitterDeg = highPassRms(devOutRoll, sigmaFrames);
+    t.jitterRatio = t.outputJitterPx > 0 ? t.inputJitterPx / t.outputJitterPx
+                                         : std::numeric_limits<double>::infinity();
+    t.inputStability = pathStability(t.actual);
+    t.intendedStability = pathStability(t.intended);
+    t.outputStability = pathStability(t.output);
+    if (t.outputFrames < m.framesOut) {
+        m.warnings.push_back(
+            std::to_string(m.framesOut - t.outputFrames) +
+            " output frames have no ground-truth view (registration failed or sizes differ)");
+    }
+}
+
+namespace {
+void writePercentiles(JsonWriter& j, const Percentiles& p) {
+    j.beginObject();
+    j.field("count", p.count);
+    j.field("mean", p.mean);
+    j.field("p50", p.p50);
+    j.field("p90", p.p90);
+    j.field("p99", p.p99);
+    j.field("max", p.max);
+    j.endObject();
+}
+void writeMotion(JsonWriter& j, const PixelMotionStats& s) {
+    j.beginObject();
+    j.field("pairs", s.pairs);
+    j.field("failed_pairs", s.failed);
+    j.field("jitter_px", s.jitterPx);
+    j.field("jitter_settled_px", s.jitterSettledPx);
+    j.field("roll_jitter_deg", s.rollJitterDeg);
+    j.field("mean_step_px", s.meanStepPx);
+    j.field("stability_translation", s.stabilityTranslation);
+    j.field("stability_rotation", s.stabilityRotation);
+    j.field("stability", s.stability);
+    j.endObject();
+}
+}  // namespace
+
+std::string metricsJson(const ReplayMetrics& m) {
+    JsonWriter j;
+    j.beginObject();
+    j.field("tool", "qlmr_replay");
+    j.field("session", m.sessionName);
+    j.key("input").beginObject();
+    j.field("description", m.inputDescription);
+    j.field("width", m.inputWidth);
+    j.field("height", m.inputHeight);
+    j.field("fps", m.fps);
+    j.field("gyro_samples", m.gyroSamples);
+    j.endObject();
+    j.key("frames").beginObject();
+    j.field("in", m.framesIn);
+    j.field("delivered", m.framesDelivered);
+    j.field("out", m.framesOut);
+    j.field("dropped", m.framesDropped);
+    j.field("dropped_queue_full", m.engine.droppedQueueFull);
+    j.field("rendered_unstabilized", m.engine.renderedUnstabilized);
+    j.field("late", m.framesLate);
+    j.field("unmatched_outputs", m.unmatchedOutputs);
+    j.key("per_surface").beginArray();
+    for (int n : m.framesPerSurface)
+        j.value(n);
+    j.endArray();
+    j.endObject();
+    j.key("throughput").beginObject();
+    j.field("wall_s", m.wallSec);
+    j.field("fps", m.throughputFps);
+    j.field("ms_per_frame", m.framesOut > 0 ? m.wallSec * 1e3 / m.framesOut : 0.0);
+    j.endObject();
+    j.key("timing_ms").beginObject();
+    j.key("output_latency");
+    writePercentiles(j, m.outputLatencyMs);
+    j.key("output_interval");
+    writePercentiles(j, m.outputIntervalMs);
+    j.key("delivery_interval");
+    writePercentiles(j, m.deliveryIntervalMs);
+    j.key("engine_stages").beginObject();
+    for (const auto& [name, p] : m.engine.stagePercentiles()) {
+        j.key(name);
+        writePercentiles(j, p);
+    }
+    j.endObject();
+    j.endObject();
+    j.key("engine_log").beginObject();
+    j.field("warnings", m.engine.warnings);
+    j.field("errors", m.engine.errors);
+    j.field("exceptions", m.engine.exceptions);
+    j.field("duplicate_frames", m.engine.duplicateFrames);
+    j.field("skipped_before_start", m.engine.skippedBeforeStart);
+    j.endObject();
+    j.key("pixel_motion").beginObject();
+    j.key("input");
+    writeMotion(j, m.inputMotion);
+    j.key("output");
+    writeMotion(j, m.outputMotion);
+    j.field("jitter_ratio", m.pixelJitterRatio);
+    j.field("jitter_ratio_settled", m.pixelJitterRatioSettled);
+    j.endObject();
+    j.key("cropping").beginObject();
+    j.field("frames", m.crop.frames);
+    j.field("mean_scale", m.crop.meanScale);
+    j.field("cropping", m.crop.cropping);
+    j.field("min_cropping", m.crop.minCropping);
+    j.endObject();
+    if (m.hasTruth) {
+        const TruthStats& t = m.truth;
+        j.key("ground_truth").beginObject();
+        j.field("residual_jitter_input_px", t.inputJitterPx);
+        j.field("residual_jitter_output_px", t.outputJitterPx);
+        j.field("residual_jitter_ratio", t.jitterRatio);
+        j.field("settle_s", t.settleSec);
+        j.field("residual_jitter_input_settled_px", t.inputJitterSettledPx);
+        j.field("residual_jitter_output_settled_px", t.outputJitterSettledPx);
+        j.field("residual_jitter_ratio_settled", t.jitterRatioSettled);
+        j.field("residual_jitter_input_deg", t.inputJitterDeg);
+        j.field("residual_jitter_output_deg", t.outputJitterDeg);
+        j.field("roll_jitter_input_deg", t.inputRollJitterDeg);
+        j.field("roll_jitter_output_deg", t.outputRollJitterDeg);
+        j.field("stability_input", t.inputStability);
+        j.field("stability_output", t.outputStability);
+        j.field("stability_intended", t.intendedStability);
+        j.field("cropping", m.crop.cropping);
+        j.field("output_frames", t.outputFrames);
+        j.endObject();
+    } else {
+        j.key("ground_truth").null();
+    }
+    j.key("warnings").beginArray();
+    for (const std::string& w : m.warnings)
+        j.value(w);
+    j.endArray();
+    j.endObject();
+    return j.text();
+}
+
+}  // namespace qlmr::replay

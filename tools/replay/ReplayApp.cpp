@@ -1,0 +1,264 @@
+#include "ReplayApp.h"
+
+#include "Ffmpeg.h"
+#include "ImageIo.h"
+#include "OutputRecorder.h"
+#include "Progress.h"
+#include "Report.h"
+#include "ReplayError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <numeric>
+#include <ostream>
+#include <sys/stat.h>
+
+namespace qlmr::replay {
+
+namespace {
+
+void makeDirs(const std::string& path) {
+    std::string partial;
+    size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = path.find('/', pos + 1);
+        partial = path.substr(0, pos);
+        if (partial.empty())
+            continue;
+        if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw ReplayError(partial, 0,
+                              std::string("cannot create folder: ") + std::strerror(errno));
+        }
+    }
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+        throw ReplayError(path, 0, "not a folder");
+}
+
+// The first `limit` frames of another source.
+class LimitedFrames : public FrameSource {
+  public:
+    LimitedFrames(FrameSource& inner, int limit)
+        : inner_(inner), limit_(std::min(limit, inner.count())) {}
+    int width() const override { return inner_.width(); }
+    int height() const override { return inner_.height(); }
+    int count() const override { return limit_; }
+    int64_t timestampNs(int i) const override { return inner_.timestampNs(i); }
+    int exposureUs(int i) const override { return inner_.exposureUs(i); }
+    void read(int i, Nv21Image& out) override { inner_.read(i, out); }
+    std::string describe() const override {
+        return inner_.describe() + ", first " + std::to_string(limit_) + " frames";
+    }
+
+  private:
+    FrameSource& inner_;
+    int limit_;
+};
+
+// Frame rate from the median frame interval, as a rational for the Y4M header.
+void frameRate(const FrameSource& frames, double& fps, int& num, int& den) {
+    std::vector<int64_t> d;
+    for (int i = 1; i < frames.count(); ++i)
+        d.push_back(frames.timestampNs(i) - frames.timestampNs(i - 1));
+    fps = 30;
+    if (!d.empty()) {
+        std::nth_element(d.begin(), d.begin() + static_cast<long>(d.size() / 2), d.end());
+        const int64_t median = d[d.size() / 2];
+        if (median > 0)
+            fps = 1e9 / static_cast<double>(median);
+    }
+    num = static_cast<int>(std::lround(fps * 1000));
+    den = 1000;
+    const int g = std::gcd(num, den);
+    num /= g;
+    den /= g;
+}
+
+}  // namespace
+
+void parseSize(const std::string& text, int& width, int& height) {
+    const size_t x = text.find('x');
+    char* end = nullptr;
+    bool ok = x != std::string::npos && x > 0 && x + 1 < text.size();
+    long w = 0, h = 0;
+    if (ok) {
+        // The parts live as long as `end` points into them.
+        const std::string first = text.substr(0, x);
+        const std::string second = text.substr(x + 1);
+        w = std::strtol(first.c_str(), &end, 10);
+        ok = *end == '\0';
+        h = std::strtol(second.c_str(), &end, 10);
+        ok = ok && *end == '\0';
+    }
+    if (!ok || w < 16 || h < 16 || w > 8192 || h > 8192 || w % 2 != 0 || h % 2 != 0) {
+        throw ReplayError("size '" + text + "' must be WIDTHxHEIGHT, even numbers from 16 to 8192");
+    }
+    width = static_cast<int>(w);
+    height = static_cast<int>(h);
+}
+
+ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, std::ostream& log) {
+    ReplayOutcome outcome;
+    ReplayMetrics& m = outcome.metrics;
+
+    // Input.
+    std::unique_ptr<SyntheticRecording> synthetic;
+    Recording recording;
+    std::unique_ptr<FrameSource> recordingFrames;
+    FrameSource* frames = nullptr;
+    const std::vector<GyroSample>* gyro = nullptr;
+    std::string configText;
+    if (options.input.empty()) {
+        log << "building the synthetic recording..." << std::endl;
+        synthetic = std::make_unique<SyntheticRecording>(options.synthetic);
+        frames = synthetic.get();
+        gyro = &synthetic->gyro();
+        configText = synthetic->configText();
+    } else {
+        recording = loadRecording(options.input);
+        recordingFrames = openRecordingFrames(recording);
+        frames = recordingFrames.get();
+        gyro = &recording.gyro;
+        configText = recording.configText;
+    }
+    std::unique_ptr<LimitedFrames> limited;
+    if (options.maxFrames > 0 && options.maxFrames < frames->count()) {
+        limited = std::make_unique<LimitedFrames>(*frames, options.maxFrames);
+        frames = limited.get();
+    }
+    if (!gyro->empty()) {
+        const int64_t first = frames->timestampNs(0),
+                      last = frames->timestampNs(frames->count() - 1);
+        if (gyro->front().timestampNs > first || gyro->back().timestampNs < last) {
+            m.warnings.push_back("the gyro samples do not cover every frame (gyro " +
+                                 std::to_string(gyro->front().timestampNs) + ".." +
+                                 std::to_string(gyro->back().timestampNs) + " ns, frames " +
+                                 std::to_string(first) + ".." + std::to_string(last) + " ns)");
+        }
+    }
+    double fps = 30;
+    int fpsNum = 30, fpsDen = 1;
+    frameRate(*frames, fps, fpsNum, fpsDen);
+
+    makeDirs(options.outDir);
+    const std::string dir = options.outDir + "/";
+    if (!options.saveRecording.empty()) {
+        log << "saving the input recording to " << options.saveRecording << "..." << std::endl;
+        makeDirs(options.saveRecording);
+        saveRecording(options.saveRecording, *frames, *gyro, configText, 95);
+    }
+
+    SessionConfig config;
+    config.configText = configText;
+    config.realtime = options.realtime;
+    OutputSurfaceSpec surface;
+    surface.width = options.outputWidth > 0 ? options.outputWidth : frames->width();
+    surface.height = options.outputHeight > 0 ? options.outputHeight : frames->height();
+    config.surfaces.push_back(surface);
+
+    RecorderOptions ro;
+    ro.videoPath = dir + "stabilized.y4m";
+    ro.sideBySidePath = options.sideBySide ? dir + "side_by_side.y4m" : "";
+    ro.expectedFrames = frames->count();
+    ro.inputWidth = frames->width();
+    ro.inputHeight = frames->height();
+    ro.outputWidth = surface.width;
+    ro.outputHeight = surface.height;
+    ro.fpsNum = fpsNum;
+    ro.fpsDen = fpsDen;
+    ro.pairCount = options.pairs;
+    OutputRecorder recorder(ro);
+
+    m.sessionName = session.name();
+    m.inputDescription = frames->describe();
+    m.inputWidth = frames->width();
+    m.inputHeight = frames->height();
+    m.fps = fps;
+    m.gyroSamples = static_cast<int>(gyro->size());
+    m.framesIn = frames->count();
+
+    log << "replaying " << m.inputDescription << " through " << m.sessionName << std::endl;
+    SessionResult result;
+    {
+        EngineLogTap tap(dir + "engine.log");
+        {
+            ProgressBar bar(options.progress, frames->count(), [&recorder](int& done, int& out) {
+                done = recorder.delivered();
+                out = recorder.output();
+            });
+            result = session.run(*frames, *gyro, config, recorder);
+        }
+        m.engine = tap.stats();
+    }
+    recorder.finish();
+    outcome.files = {"stabilized.y4m"};
+    if (options.sideBySide)
+        outcome.files.push_back("side_by_side.y4m");
+    outcome.files.push_back("engine.log");
+    m.framesDelivered = result.framesDelivered;
+    m.framesLate = result.framesLate;
+    m.engine.renderedUnstabilized += result.renderedUnstabilized;
+    m.wallSec = result.wallSec;
+    for (const std::string& n : result.notes)
+        m.warnings.push_back(n);
+    if (recorder.sizeMismatches() > 0) {
+        m.warnings.push_back(std::to_string(recorder.sizeMismatches()) +
+                             " output frames had the wrong size and were not recorded");
+    }
+    if (recorder.outOfOrderOutputs() > 0) {
+        m.warnings.push_back(std::to_string(recorder.outOfOrderOutputs()) +
+                             " output frames came out of timestamp order");
+    }
+
+    // MP4 through ffmpeg.
+    const std::string ffmpeg = options.mp4 ? ffmpegProgram() : "";
+    if (options.mp4 && ffmpeg.empty()) {
+        m.warnings.push_back("ffmpeg is not installed: the videos are written as Y4M only");
+    }
+    if (!ffmpeg.empty()) {
+        log << "encoding MP4 with " << ffmpeg << "..." << std::endl;
+        encodeMp4(ffmpeg, dir + "stabilized.y4m", dir + "stabilized.mp4");
+        outcome.files.push_back("stabilized.mp4");
+        if (options.sideBySide) {
+            encodeMp4(ffmpeg, dir + "side_by_side.y4m", dir + "side_by_side.mp4");
+            outcome.files.push_back("side_by_side.mp4");
+        }
+    }
+
+    log << "measuring..." << std::endl;
+    MetricsContext mc;
+    mc.recorder = &recorder;
+    mc.synthetic = options.input.empty() ? synthetic.get() : nullptr;
+    mc.fps = fps;
+    mc.threads = options.threads;
+    computeMetrics(mc, m);
+
+    const std::string json = metricsJson(m);
+    writeFile(dir + "metrics.json", json.data(), json.size());
+    outcome.files.push_back("metrics.json");
+
+    ReportContext rc;
+    rc.commandLine = options.commandLine;
+    for (const std::string& f : outcome.files) {
+        std::string what = "file";
+        if (f == "stabilized.y4m")
+            what = "output video (Y4M, 4:2:0)";
+        if (f == "stabilized.mp4")
+            what = "output video (H.264)";
+        if (f == "side_by_side.y4m" || f == "side_by_side.mp4")
+            what = "input | output";
+        if (f == "engine.log")
+            what = "every engine log line of the run";
+        if (f == "metrics.json")
+            what = "the figures of this report";
+        rc.files.push_back({f, what});
+    }
+    const std::string html = reportHtml(m, recorder.pairs(), rc);
+    writeFile(dir + "report.html", html.data(), html.size());
+    outcome.files.push_back("report.html");
+    return outcome;
+}
+
+}  // namespace qlmr::replay

@@ -1,0 +1,48 @@
+// The replay command's work, independent of the command line: build the input (synthetic or a
+// recording folder), run it through a session while recording the outputs, then write the
+// videos, metrics.json and report.html into the output folder.
+#pragma once
+
+#include "Metrics.h"
+#include "ReplaySession.h"
+#include "Synthetic.h"
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace qlmr::replay {
+
+struct ReplayOptions {
+    std::string input;  // recording folder; "" = the synthetic recording
+    std::string outDir = "replay-out";
+    SyntheticOptions synthetic;
+    bool realtime = false;
+    bool sideBySide = false;
+    bool mp4 = true;      // also MP4 when the ffmpeg program is installed
+    int maxFrames = 0;    // 0 = all
+    int outputWidth = 0;  // output surface size; 0 = the input's
+    int outputHeight = 0;
+    int pairs = 4;  // before/after pairs in the report
+    int threads = 2;
+    bool progress = false;
+    std::string saveRecording;  // also write the input as a recording folder here
+    std::string commandLine;
+};
+
+struct ReplayOutcome {
+    ReplayMetrics metrics;
+    std::vector<std::string> files;  // written into outDir
+};
+
+// Parses "WIDTHxHEIGHT" (both even, positive); throws ReplayError.
+void parseSize(const std::string& text, int& width, int& height);
+
+// Runs everything; progress and a summary go to `log`. Throws ReplayError (bad input, files
+// that cannot be written) or whatever the session throws.
+ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, std::ostream& log);
+
+// The session the command uses when --dry-run is not given.
+std::unique_ptr<ReplaySession> makeDefaultSession();
+
+}  // namespace qlmr::replay

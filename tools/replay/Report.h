@@ -1,0 +1,29 @@
+// report.html: one self-contained page (inline SVG plots, base64 JPEG pictures, no scripts,
+// nothing fetched) with the replay's figures, the camera paths, the frame timing and a few
+// before/after frame pairs.
+#pragma once
+
+#include "Metrics.h"
+#include "OutputRecorder.h"
+
+#include <string>
+#include <vector>
+
+namespace qlmr::replay {
+
+struct ReportFile {
+    std::string name;  // relative to the report
+    std::string what;
+};
+
+struct ReportContext {
+    std::string commandLine;
+    std::vector<ReportFile> files;
+};
+
+std::string base64(const std::vector<uint8_t>& data);
+
+std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pairs,
+                       const ReportContext& context);
+
+}  // namespace qlmr::replay

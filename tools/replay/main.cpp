@@ -1,0 +1,142 @@
+// qlmr_replay: replays a recording (the built-in synthetic one, or a recording folder) through
+// the stabilization engine and writes the stabilized video, metrics.json and report.html.
+#include "ReplayApp.h"
+#include "ReplayError.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <iostream>
+#include <unistd.h>
+
+using namespace qlmr::replay;
+
+int main(int argc, char** argv) {
+    CLI::App app{
+        "Replays a recording through the stabilization engine and reports what comes out.\n"
+        "Without --input the built-in synthetic recording is used (hand-held walk, 1920x1080, "
+        "30 fps, 400 Hz gyro)."};
+    ReplayOptions o;
+    std::string size = "1920x1080";
+    std::string outputSize;
+    std::string trajectory = "walk";
+    bool quiet = false;
+    bool forceProgress = false;
+    bool dryRun = false;
+    bool libraryOnly = false;
+    bool noMp4 = false;
+
+    app.add_option("-i,--input", o.input,
+                   "recording folder (see docs/recording-format.md); default: synthetic")
+        ->check(CLI::ExistingDirectory);
+    app.add_option("-o,--out", o.outDir, "output folder")->capture_default_str();
+    app.add_option("--seconds", o.synthetic.seconds, "synthetic: length in seconds")
+        ->capture_default_str()
+        ->check(CLI::Range(0.2, 600.0));
+    app.add_option("--size", size, "synthetic: frame size WIDTHxHEIGHT")->capture_default_str();
+    app.add_option("--fps", o.synthetic.fps, "synthetic: frames per second")
+        ->capture_default_str()
+        ->check(CLI::Range(1.0, 240.0));
+    app.add_option(
+           "--trajectory", trajectory,
+           "synthetic: walk, pan, still, jog, violent (the stabilizer's reference scenarios) or "
+           "sway-walk, sway-pan, sway-still (slower shake, down to 0.6 Hz)")
+        ->capture_default_str()
+        ->check(CLI::IsMember(
+            {"walk", "pan", "still", "jog", "violent", "sway-walk", "sway-pan", "sway-still"}));
+    app.add_option("--seed", o.synthetic.seed,
+                   "synthetic: random seed of the shake and the gyro noise")
+        ->capture_default_str();
+    app.add_option("--scene", o.synthetic.scene,
+                   "synthetic: picture to film (JPEG/PNG), or 'procedural'; default: the installed "
+                   "photograph, else procedural");
+    app.add_option("--scene-fov", o.synthetic.sceneHfovDeg,
+                   "synthetic: horizontal field of view the scene picture spans, degrees")
+        ->capture_default_str()
+        ->check(CLI::Range(30.0, 160.0));
+    app.add_option("--readout-ms", o.synthetic.readoutMs, "synthetic: rolling-shutter readout time")
+        ->capture_default_str()
+        ->check(CLI::Range(0.0, 100.0));
+    app.add_option(
+        "--gyro-offset-ms",
+        [&o](const std::vector<std::string>& v) {
+            o.synthetic.gyro.timeOffsetNs = static_cast<int64_t>(std::stod(v[0]) * 1e6);
+            return true;
+        },
+        "synthetic: gyro timestamps minus true time (default 2)");
+    app.add_flag("--realtime", o.realtime,
+                 "pace the camera by the frame timestamps (frames may be dropped) instead of "
+                 "waiting for the engine");
+    app.add_flag("--side-by-side", o.sideBySide, "also write an input | output video");
+    app.add_flag("--dry-run", dryRun,
+                 "no engine: frames pass through unchanged (tests inputs and outputs)");
+    app.add_flag("--library-only", libraryOnly,
+                 "no engine: the stabilization library's warp grids drawn by a CPU renderer");
+    app.add_flag("--no-mp4", noMp4, "write Y4M only, even when ffmpeg is installed");
+    app.add_option("--max-frames", o.maxFrames, "replay only the first N frames")
+        ->check(CLI::PositiveNumber);
+    app.add_option("--output-size", outputSize,
+                   "output surface size WIDTHxHEIGHT (default: the input's)");
+    app.add_option("--pairs", o.pairs, "before/after frame pairs in the report")
+        ->capture_default_str()
+        ->check(CLI::Range(0, 20));
+    app.add_option("--threads", o.threads, "threads for rendering and measuring")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 64));
+    app.add_option("--save-recording", o.saveRecording,
+                   "also write the input as a recording folder");
+    app.add_flag("--progress", forceProgress,
+                 "show the progress bar even when stderr is not a terminal");
+    app.add_flag("-q,--quiet", quiet, "no progress bar and no summary");
+
+    CLI11_PARSE(app, argc, argv);
+
+    for (int i = 0; i < argc; ++i)
+        o.commandLine += (i ? " " : "") + std::string(argv[i]);
+    o.mp4 = !noMp4;
+    o.progress = !quiet && (forceProgress || isatty(2));
+    o.synthetic.threads = o.threads;
+    try {
+        parseSize(size, o.synthetic.width, o.synthetic.height);
+        if (!outputSize.empty())
+            parseSize(outputSize, o.outputWidth, o.outputHeight);
+        o.synthetic.trajectory = parseTrajectory(trajectory);
+        if (dryRun && libraryOnly) {
+            throw ReplayError("--dry-run and --library-only exclude each other");
+        }
+        std::unique_ptr<ReplaySession> session = dryRun        ? makePassThroughSession()
+                                                 : libraryOnly ? makeLibrarySession()
+                                                               : makeDefaultSession();
+        std::ostream nullStream(nullptr);
+        std::ostream& log = quiet ? nullStream : std::cerr;
+        const ReplayOutcome outcome = runReplay(o, *session, log);
+        if (!quiet) {
+            const ReplayMetrics& m = outcome.metrics;
+            std::printf("frames: %d in, %d out, %d dropped, %d rendered unstabilized\n", m.framesIn,
+                        m.framesOut, m.framesDropped, m.engine.renderedUnstabilized);
+            std::printf("throughput: %.1f frames/s (%.2f s)\n", m.throughputFps, m.wallSec);
+            std::printf("jitter from pixels: input %.2f px, output %.2f px (ratio %.1f)\n",
+                        m.inputMotion.jitterPx, m.outputMotion.jitterPx, m.pixelJitterRatio);
+            if (m.hasTruth) {
+                std::printf(
+                    "residual jitter (ground truth): input %.2f px, output %.2f px (ratio %.1f)\n",
+                    m.truth.inputJitterPx, m.truth.outputJitterPx, m.truth.jitterRatio);
+                std::printf(
+                    "  after the first %.1f s: input %.2f px, output %.2f px (ratio %.1f)\n",
+                    m.truth.settleSec, m.truth.inputJitterSettledPx, m.truth.outputJitterSettledPx,
+                    m.truth.jitterRatioSettled);
+            }
+            std::printf("cropping: %.3f\n", m.crop.cropping);
+            for (const std::string& w : m.warnings)
+                std::printf("note: %s\n", w.c_str());
+            std::printf("written to %s/:", o.outDir.c_str());
+            for (const std::string& f : outcome.files)
+                std::printf(" %s", f.c_str());
+            std::printf("\n");
+        }
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "qlmr_replay: error: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}
