@@ -13,7 +13,7 @@
 using namespace qlmr::replay;
 
 namespace {
-const char* kPhoneDir = "/work/shared/data/phone-handheld";
+const char* kPhoneDir = QLMR_PHONE_DATA_DIR;
 bool havePhoneData() {
     struct stat st;
     return stat((std::string(kPhoneDir) + "/gyro.txt").c_str(), &st) == 0;

@@ -4,6 +4,7 @@
 // surfaces detached, pause. The recording's timestamps are moved onto the host clocks with one
 // ReplayClock (frames onto CLOCK_MONOTONIC, as a device camera stamps them, gyro samples onto
 // CLOCK_BOOTTIME, as a device sensor does) and the outputs' timestamps are moved back.
+#include <android/log.h>
 #include <host/HostCamera.h>
 #include <host/HostSensors.h>
 #include <host/Properties.h>
@@ -27,6 +28,18 @@ namespace qlmr::replay {
 namespace {
 
 using namespace std::chrono_literals;
+
+// The engine logs its build banner (info lines) when the program loads. The command keeps
+// stderr for its own messages, so until a replay installs its log tap only warnings and errors
+// reach stderr. Constructed before the engine's own static objects.
+void startupLogger(const __android_logger_data* data, const char* message) {
+    if (data->priority >= ANDROID_LOG_WARN)
+        __android_log_stderr_logger(data, message);
+}
+struct QuietStartup {
+    QuietStartup() { __android_log_set_logger(startupLogger); }
+};
+__attribute__((init_priority(101))) QuietStartup quietStartup;
 
 // GRALLOC_USAGE_SW_WRITE_OFTEN: what surface attachment asks of every output window.
 constexpr int kSurfaceUsage = 0x30;

@@ -15,7 +15,7 @@ using namespace qlmr::replay;
 
 int main(int argc, char** argv) {
     CLI::App app{"Converts the phone recording into a replay recording folder."};
-    std::string data = "/work/shared/data/phone-handheld";
+    std::string data = QLMR_PHONE_DATA_DIR;
     std::string out;
     std::string axes = "-y,-x,-z";
     double offsetMs = 0.2;
