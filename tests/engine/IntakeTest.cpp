@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <regex>
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
@@ -262,6 +263,102 @@ TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
     EXPECT_FLOAT_EQ(infos[0].zoom, 1.5f);
     EXPECT_EQ(infos[2].timestampNs, timestamp + Boottime_Monotonic_timerDiff);
     EXPECT_EQ(h.cameraDevice->counters().released, 0u);
+}
+
+// Labels of a timing probe's report line, in the order printed.
+std::vector<std::string> probeStages(const std::string& line) {
+    std::vector<std::string> labels;
+    const std::regex stage(R"((\w+)\([-0-9.e+]+\) )");
+    for (auto it = std::sregex_iterator(line.begin(), line.end(), stage);
+         it != std::sregex_iterator(); ++it)
+        labels.push_back((*it)[1]);
+    return labels;
+}
+
+TEST(EngineIntake, DebugModeTracesEveryStepOfAFrame) {
+    EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
+    struct ReleaseHold {
+        ~ReleaseHold() { vstabDouble().hold = false; }
+    } releaseHold;
+    vstabDouble().hold = true;  // the frame stays in its slot
+    h.makeCamera(idleCamera(1088, 720));
+    h.start();
+    const host::FrameLayout layout = host::FrameLayout::forSize(1088, 720);
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
+    const uint8_t metadata[4] = {0x88, 0x13, 0x96, 0x00};  // exposure 5000 us, zoom 150
+    std::memcpy(heap->getBase(), metadata, 4);
+    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
+    const int size = static_cast<int>(layout.bytes);
+    const long long timestamp = clockNs(CLOCK_MONOTONIC);
+
+    LogCapture log;
+    h.engine->listener->dataCallbackTimestamp(timestamp, CAMERA_MSG_VIDEO_FRAME, memory);
+    const long long diff = Boottime_Monotonic_timerDiff;
+    const long long frameNs = timestamp + diff;
+    auto* slotBuffer = h.engine->frameQueue->slots[0].buffer->buffer.get();
+    void* eisBuffer = nullptr;
+    ASSERT_EQ(slotBuffer->lock(GRALLOC_USAGE_SW_READ_OFTEN, &eisBuffer), 0);
+    slotBuffer->unlock();
+
+    // The 1088-wide camera frame has a 1152-byte pitch and 736 rows before its chroma plane;
+    // the slot buffer is packed at its own stride.
+    EXPECT_TRUE(linesInOrder(
+        log.lines(),
+        {{kInfo, "First byte from camera buffer: 136"},
+         {kInfo, format("dataCallbackTimestamp (%lld, %d, %p %d)", timestamp,
+                        CAMERA_MSG_VIDEO_FRAME, memory->pointer(), size)},
+         {kWarn, format("[VStab] got Boottime_Monotonic_timerDiff: %lld", diff)},
+         {kWarn, format("[VStab] Boottime_Monotonic_timerDiff: %lld", diff)},
+         {kWarn, format("[VStab] Frame: %lld", frameNs)},
+         {kWarn, format("[VStab] first frame timestamp %lld", frameNs)},
+         {kWarn, format("[VStab] first frame timestamp %lld", frameNs)},
+         {kWarn, "Frame Metadata Zoom 1.50 Exposure 5000000"},
+         {kWarn, "[JJJ] W: 1088 S: 1088 H: 720"},
+         {kWarn, format("[JJJ] UVOffset: %d UVOffsetGB: %d", 1152 * 736, 1088 * 720)},
+         {kWarn, format("[JJJ] dataPtr->size(): %d", size)},
+         {kWarn, format("[MMM] w: 1088, h: 720, ss: 1152, sd: 1088, dataPtr->size(): %d", size)},
+         {kWarn, format("camera buf=%p, eis buf=%p", memory->pointer(), eisBuffer)}}));
+    std::vector<LogLine> probe =
+        linesStartingWith(log.lines(), "[cTTiming][dataCallbackTimestamp()] ");
+    ASSERT_EQ(probe.size(), 1u);
+    EXPECT_EQ(
+        probeStages(probe[0].text),
+        (std::vector<std::string>{"clocks", "copy", "lock", "pushFrame", "release", "unlock"}));
+
+    // A frame sent again is refused; its probe ends after the clocks.
+    log.clear();
+    h.engine->listener->dataCallbackTimestamp(timestamp, CAMERA_MSG_VIDEO_FRAME, memory);
+    EXPECT_EQ(log.count("[VStab] error, duplicate frame timestamp, ignore this frame", kWarn), 1);
+    probe = linesStartingWith(log.lines(), "[cTTiming][dataCallbackTimestamp()] ");
+    ASSERT_EQ(probe.size(), 1u);
+    EXPECT_EQ(probeStages(probe[0].text), std::vector<std::string>{"clocks"});
+    EXPECT_EQ(h.cameraDevice->counters().releaseErrors, 2u);  // handed back both times
+}
+
+TEST(EngineIntake, SlotWithoutABufferIsALogicErrorThatKeepsTheFrame) {
+    EngineHarness h;
+    h.makeCamera(idleCamera(640, 480));
+    h.start();
+    Context::VStabFrame& slot = h.engine->frameQueue->slots[0];  // the next one to be filled
+    shared_ptr<GLGraphicBuffer> saved = slot.buffer;
+    slot.buffer.release();
+    const host::FrameLayout layout = host::FrameLayout::forSize(640, 480);
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
+    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
+    LogCapture log;
+    EXPECT_EQ(thrownMessage([&] {
+                  h.engine->dataCallbackTimestamp(clockNs(CLOCK_MONOTONIC), CAMERA_MSG_VIDEO_FRAME,
+                                                  memory);
+              }),
+              "Empty GraphicBuffer found in frame queue");
+    EXPECT_EQ(log.count("[Error] Empty GraphicBuffer found in frame queue", kWarn), 1);
+    // The frame was not handed back, and the slot stays locked by the caller.
+    host::CameraCounters counters = h.cameraDevice->counters();
+    EXPECT_EQ(counters.released + counters.releaseErrors, 0u);
+    EXPECT_FALSE(freeForOtherThreads(slot.mutex));
+    // Let the recording end normally.
+    slot.buffer = saved;
+    h.engine->frameQueue->unlock(&slot);
 }
 
 TEST(EngineIntake, TimestampsMoveIntoTheFrameClockWithAnOffsetMeasuredOncePerResume) {

@@ -534,6 +534,22 @@ TEST(EngineLifecycle, WidthNotAMultipleOf16IsRefusedBeforeAnyBuffer) {
     delete[] h.engine->vstabOutput.warpVertices;
 }
 
+TEST(EngineLifecycle, BufferTheGraphicsCannotMakeIsRefused) {
+    EngineHarness h;
+    h.makeCamera(idleCamera(640, 480));
+    LogCapture log;
+    // NV21 needs an even height.
+    EXPECT_EQ(thrownMessage([&] { h.start(engineConfig("native.cameraHeight=481\n")); }),
+              "[CPGL] Could not initialize GraphicBuffer");
+    EXPECT_EQ(log.count("[CPGL] Could not initialize GraphicBuffer", kWarn), 1);
+    EXPECT_EQ(h.engine->sensorManager.data, nullptr);
+    EXPECT_FALSE(h.cameraDevice->recording());
+    EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
+    vStabDestroy(h.engine->vstabHandle);
+    delete[] h.engine->uniform_vrtxArr;
+    delete[] h.engine->vstabOutput.warpVertices;
+}
+
 TEST(EngineLifecycle, StartFailuresAreLoggedThrownAndLeaveTheLocksFree) {
     EngineHarness h;
     h.makeCamera(idleCamera());
