@@ -8,17 +8,15 @@ namespace {
 
 // Colour-only pbuffer config: output goes to graphic buffers bound as framebuffer attachments,
 // never to window surfaces, so no alpha, depth or stencil is asked for.
-const EGLint kConfigAttributes[] = {EGL_RED_SIZE,
-                                    8,
-                                    EGL_GREEN_SIZE,
-                                    8,
-                                    EGL_BLUE_SIZE,
-                                    8,
-                                    EGL_SURFACE_TYPE,
-                                    EGL_PBUFFER_BIT,
-                                    EGL_RENDERABLE_TYPE,
-                                    EGL_OPENGL_ES2_BIT,
-                                    EGL_NONE};
+// clang-format off
+const EGLint kConfigAttributes[] = {
+    EGL_RED_SIZE,        8,
+    EGL_GREEN_SIZE,      8,
+    EGL_BLUE_SIZE,       8,
+    EGL_SURFACE_TYPE,    EGL_PBUFFER_BIT,
+    EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT,
+    EGL_NONE};
+// clang-format on
 const EGLint kPbufferAttributes[] = {EGL_HEIGHT, 1, EGL_WIDTH, 1, EGL_NONE};
 const EGLint kContextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
 

@@ -1,4 +1,12 @@
+// The whole pipeline on the host: camera frames through the queue, the library's statuses, the
+// warped rendering into every output window and the drain at stop.
 #include <gtest/gtest.h>
+#include <host/PixelConversion.h>
+
+#include <cmath>
+#include <cstring>
+#include <thread>
+#include <unistd.h>
 
 #include "EngineHarness.h"
 #include "LogCapture.h"
@@ -6,6 +14,19 @@
 namespace {
 
 using namespace std::chrono_literals;
+
+// A camera of `frames` frames that the test delivers as fast as it likes (no gate): frames
+// pile up in the engine's queue whenever the library keeps them.
+host::CameraSetup freeRunningCamera(int width, int height, uint64_t frames) {
+    host::CameraSetup setup;
+    setup.videoSizes = {{width, height}, {640, 480}};
+    setup.videoSize = {width, height};
+    host::SyntheticFrameOptions options;
+    options.frameLimit = frames;
+    setup.source = std::make_shared<host::SyntheticFrameSource>(options);
+    setup.pacing = host::Pacing::AsFastAsConsumed;
+    return setup;
+}
 
 TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
     EngineHarness h;
@@ -25,6 +46,8 @@ TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
     for (size_t i = 0; i < 60; ++i) {
         EXPECT_EQ(framesA[i].timestampNs, warped[i]) << i;
         EXPECT_EQ(framesB[i].timestampNs, warped[i]) << i;
+        EXPECT_EQ(framesA[i].width, 320u);
+        EXPECT_EQ(framesB[i].width, 640u);
         if (i > 0) {
             EXPECT_GT(warped[i], warped[i - 1]);
         }
@@ -33,6 +56,259 @@ TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
     host::CameraCounters counters = h.cameraDevice->counters();
     EXPECT_EQ(counters.delivered, 60u);
     EXPECT_EQ(counters.released, 60u);
+}
+
+TEST(EnginePipeline, NoGyroBeforeFrameRendersUnwarpedGridAndRemovesFrame) {
+    for (int status : {1, 26}) {
+        LogCapture log;
+        EngineHarness h;
+        vstabDouble().defaultStatus = status;
+        h.makeCamera(pacedCamera(*h.engine, 640, 480, 5));
+        auto& out = h.addOutput(1, 320, 240);
+        h.start();
+        ASSERT_TRUE(waitFor([&] { return out.sink->count() == 5; }, 20s)) << status;
+        // The renderer read the unwarped grid, copied over the library's array.
+        const float* grid = h.engine->vstabOutput.warpVertices;
+        EXPECT_FLOAT_EQ(grid[0], -1.25f);
+        EXPECT_FLOAT_EQ(grid[1], -1.25f);
+        h.stop();
+        auto warped = vstabDouble().warpSnapshot();
+        ASSERT_EQ(warped.size(), 5u);
+        char line[128];
+        std::snprintf(line, sizeof(line),
+                      "[VStab][Status] no Gyro Information before Frame %lld (%d)",
+                      static_cast<long long>(warped[0]), status);
+        EXPECT_EQ(log.count(line, 4), 1) << line;
+        EXPECT_EQ(log.count("[VStab][Status] use uniform_vrtxArr to Render", 4), 5);
+        EXPECT_EQ(log.count("[MainThread] Pop", 5), 5);
+    }
+}
+
+TEST(EnginePipeline, NotEnoughGyroKeepsFramesUntilForcedThenRendersThemUnwarped) {
+    for (int status : {2, 5, 25, 27}) {
+        LogCapture log;
+        EngineHarness h;
+        vstabDouble().defaultStatus = status;
+        h.makeCamera(freeRunningCamera(640, 480, 10));
+        auto& out = h.addOutput(1, 320, 240);
+        h.start();
+        ASSERT_TRUE(h.cameraDevice->waitUntilDrained(10s));
+        // 10 frames in a queue of 16: below the almost-full mark, so all are kept and retried.
+        ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= 5; }, 5s));
+        EXPECT_EQ(out.sink->count(), 0u) << status;
+        EXPECT_EQ(h.engine->frameQueue->size(), 10);
+
+        h.engine->forceRecordStop = 1;
+        ASSERT_TRUE(waitFor([&] { return out.sink->count() == 10; }, 10s)) << status;
+        EXPECT_EQ(log.count("[VStab][Status] forceRecordStop=1", 4), 10);
+        EXPECT_EQ(
+            log.count("[VStab][Status] frameQueue almost full, use uniform_vrtxArr to Render", 4),
+            10);
+        h.stop();
+    }
+}
+
+TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
+    LogCapture log;
+    EngineHarness h;
+    vstabDouble().defaultStatus = 2;
+    auto& out = h.addOutput(1, 320, 240);
+    // One frame at a time, never more than 15 waiting: a completely full queue would report a
+    // size of 0 and keep its head, which is a different case.
+    host::CameraSetup setup = freeRunningCamera(640, 480, 20);
+    std::shared_ptr<host::MemorySink> sink = out.sink;
+    setup.gate = [sink](uint64_t index, int64_t) { return index < sink->count() + 15; };
+    h.makeCamera(std::move(setup));
+    h.start();
+    ASSERT_TRUE(h.cameraDevice->waitUntilDrained(10s));
+    ASSERT_EQ(h.engine->frameQueue->capacity, 16);
+    // The queue never holds more than capacity - 1 = 15 frames while status 2 persists: the
+    // head is rendered as soon as 15 wait, so of 20 frames 6 leave early and 14 stay.
+    ASSERT_TRUE(waitFor([&] { return out.sink->count() == 6; }, 10s)) << out.sink->count();
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(out.sink->count(), 6u);
+    EXPECT_EQ(log.count("[VStab][Status] forceRecordStop=0", 4), 6);
+    EXPECT_EQ(h.engine->forceRecordStop.load(), 0);
+
+    // stop() drains the rest: after about a second of waiting it forces them out.
+    auto begin = std::chrono::steady_clock::now();
+    h.stop();
+    auto elapsed = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(elapsed, 1000ms);
+    EXPECT_LT(elapsed, 3000ms);
+    EXPECT_EQ(out.sink->count(), 20u);
+    EXPECT_EQ(log.count("forceRecordStop = 1", 5), 1);
+}
+
+TEST(EnginePipeline, StopWithEmptyQueueNeverForces) {
+    LogCapture log;
+    EngineHarness h;
+    h.makeCamera(pacedCamera(*h.engine, 640, 480, 3));
+    auto& out = h.addOutput(1, 320, 240);
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return out.sink->count() == 3; }, 10s));
+    auto begin = std::chrono::steady_clock::now();
+    h.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 500ms);
+    EXPECT_EQ(h.engine->forceRecordStop.load(), 0);
+    EXPECT_EQ(log.count("forceRecordStop = 1"), 0);
+}
+
+TEST(EnginePipeline, InterpolationRangeStatusesKeepTheSameFrameAtTheHead) {
+    LogCapture log;
+    EngineHarness h;
+    vstabDouble().script({ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN, ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN,
+                          ZEF_GYRO_V_STAB_INTERP_AFTER_END});
+    h.makeCamera(pacedCamera(*h.engine, 640, 480, 4));
+    auto& out = h.addOutput(1, 320, 240);
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return out.sink->count() == 4; }, 10s));
+    h.stop();
+    auto warped = vstabDouble().warpSnapshot();
+    ASSERT_EQ(warped.size(), 7u);
+    EXPECT_EQ(warped[0], warped[1]);
+    EXPECT_EQ(warped[1], warped[2]);
+    EXPECT_EQ(warped[2], warped[3]);
+    EXPECT_LT(warped[3], warped[4]);
+    EXPECT_EQ(out.sink->frames()[0].timestampNs, warped[0]);
+    EXPECT_EQ(log.count("[VStab][Status] ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN", 4), 2);
+    EXPECT_EQ(log.count("[VStab][Status] ZEF_GYRO_V_STAB_INTERP_AFTER_END", 4), 1);
+}
+
+// A status outside the handled classes ends the processing thread with an exception, which
+// ends the process (nothing catches it above the thread body).
+TEST(EnginePipelineDeathTest, ErrorStatusEndsThreadWithException) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (int status : {3, 7, 24, -1}) {
+        EXPECT_DEATH(
+            {
+                EngineHarness h;
+                vstabDouble().defaultStatus = status;
+                h.makeCamera(pacedCamera(*h.engine, 640, 480, 2));
+                h.addOutput(1, 320, 240);
+                h.start();
+                std::this_thread::sleep_for(5s);
+            },
+            "VStab returned error in main loop \\(" + std::to_string(status) +
+                "\\)(.|\n)*\\[Exception\\] VStab returned error in main loop");
+    }
+}
+
+// Reads the frame number painted as 8x8 blocks down the right edge of an RGBA picture.
+int64_t readFrameMarks(const host::MemorySink::StoredFrame& f) {
+    int blocks = std::min<int>(f.height / 8, 32);
+    int64_t value = 0;
+    for (int k = 0; k < blocks; ++k) {
+        const uint8_t* px =
+            &f.pixels[(static_cast<size_t>(8 * k + 4) * f.stride + f.width - 4) * 4];
+        if (px[0] == 255 && px[1] == 255 && px[2] == 255 && px[3] == 255) {
+            value |= int64_t{1} << k;
+        } else if (px[0] != 0 || px[1] != 0 || px[2] != 0 || px[3] != 0) {
+            return -1;  // neither mark colour: not a mark
+        }
+    }
+    return value;
+}
+
+TEST(EnginePipeline, DebugFrameIndexMarksEveryOutputBufferWithItsCount) {
+    EngineHarness h;
+    vstabDouble().debugFrameIndex = 1;
+    h.makeCamera(pacedCamera(*h.engine, 640, 480, 12));
+    auto& a = h.addOutput(1, 320, 240);
+    auto& b = h.addOutput(2, 256, 64);
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return a.sink->count() == 12 && b.sink->count() == 12; }, 20s));
+    h.stop();
+    // Windows are drawn in id order, each buffer carrying the count before its own increment.
+    auto fa = a.sink->frames();
+    auto fb = b.sink->frames();
+    for (size_t i = 0; i < 12; ++i) {
+        EXPECT_EQ(readFrameMarks(fa[i]), static_cast<int64_t>(2 * i)) << i;
+        EXPECT_EQ(readFrameMarks(fb[i]) & 0xFF, static_cast<int64_t>(2 * i + 1) & 0xFF) << i;
+    }
+}
+
+// Luma of a smooth horizontal ramp: the picture the magnification test feeds.
+uint8_t rampLuma(int x, int width) {
+    return static_cast<uint8_t>(16 + (x * 200) / (width - 1));
+}
+
+TEST(EnginePipeline, ZeroRotationShowsCentreOfFrameMagnified) {
+    constexpr int kW = 640, kH = 480;
+    EngineHarness h;
+    host::CameraSetup setup = pacedCamera(*h.engine, kW, kH, 1);
+    setup.source = std::make_shared<host::CallbackFrameSource>(
+        [](uint64_t index, host::FrameInfo& info) {
+            if (index > 0)
+                return false;
+            timespec ts{};
+            clock_gettime(CLOCK_MONOTONIC, &ts);
+            info.timestampNs = ts.tv_sec * 1000000000LL + ts.tv_nsec;
+            info.exposureUs = 10000;
+            return true;
+        },
+        [](uint64_t, const host::FrameInfo&, const host::FrameImage& image) {
+            for (int y = 0; y < image.height; ++y) {
+                for (int x = 0; x < image.width; ++x) {
+                    image.luma[y * image.pitch + x] = rampLuma(x, image.width);
+                }
+            }
+            for (int y = 0; y < image.height / 2; ++y)
+                std::memset(image.chroma + y * image.pitch, 128, image.width);
+            return true;
+        });
+    h.makeCamera(std::move(setup));
+    auto& out = h.addOutput(1, kW, kH);
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return out.sink->count() == 1; }, 10s));
+    h.stop();
+
+    // Output pixel x shows input x_in = 0.1 W + 0.8 (x + 0.5) - 0.5 (grid edges at +-1.25).
+    const auto frame = out.sink->frames()[0];
+    int worst = 0;
+    for (int y : {40, kH / 2, kH - 40}) {
+        for (int x = 8; x < kW - 8; ++x) {
+            double xin = 0.1 * kW + 0.8 * (x + 0.5) - 0.5;
+            double expectedY = 16 + xin * 200.0 / (kW - 1);
+            uint8_t rgb[3];
+            host::yuvToRgb(static_cast<uint8_t>(std::lround(expectedY)), 128, 128, rgb);
+            const uint8_t* px = &frame.pixels[(static_cast<size_t>(y) * frame.stride + x) * 4];
+            worst = std::max(worst, std::abs(px[1] - rgb[1]));
+            EXPECT_EQ(px[0], px[1]);  // neutral chroma stays grey
+        }
+    }
+    // One input pixel of the ramp is 200/639 levels; the sampling position may be half a
+    // pixel off after rounding, plus the conversion's own rounding.
+    EXPECT_LE(worst, 2);
+}
+
+// A GL error while drawing is logged with the function text, the context is released, the
+// dequeued buffer is dropped and the other windows are skipped. The registry lock is kept, so
+// the engine cannot be stopped cleanly afterwards: the scenario runs in a child process.
+// Child-process body: exits 0 when the error path behaved as described above.
+void runRenderWithBrokenProgram() {
+    EngineHarness h;
+    h.makeCamera(pacedCamera(*h.engine, 640, 480, 1));
+    auto& a = h.addOutput(1, 320, 240);
+    auto& b = h.addOutput(2, 320, 240);
+    h.engine->program->program = 0xBAD;  // glUseProgram fails: GL_INVALID_VALUE
+    h.start();
+    bool warped = waitFor([&] { return vstabDouble().warpCalls.load() == 1; }, 10s);
+    std::this_thread::sleep_for(300ms);
+    host::WindowCounters ca{};
+    host::WindowCounters cb{};
+    host::windowCounters(a.window.get(), &ca);
+    host::windowCounters(b.window.get(), &cb);
+    bool dropped = ca.dequeued == 1 && ca.queued == 0 && cb.dequeued == 0;
+    bool released = h.engine->glContext->threadId == -1;
+    _exit(warped && dropped && released && h.engine->outputFrameCount == 0 ? 0 : 1);
+}
+
+TEST(EnginePipelineDeathTest, GlErrorInRenderIsLoggedAndSkipsTheRemainingWindows) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(runRenderWithBrokenProgram(), ::testing::ExitedWithCode(0),
+                " void Context::Render\\(const Context::VStabFrame \\*, const VStabOutput &, "
+                "int64_t\\) [0-9]+ \\(1281\\)");
 }
 
 }  // namespace

@@ -18,16 +18,7 @@ const char kOtherThread[] = "GL Context current to another thread ... Logical Er
 const char kWrongThread[] = "GL Context clearCurrent called from wrong thread ... Logical Error";
 const char kFreeClear[] = "GL Context clearCurrent invalid threadID ... Logical Error";
 
-// Message of the runtime_error thrown by `f`, or "" when it does not throw.
-template <typename F>
-std::string thrown(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
-}
+using gltest::thrown;
 
 TEST(GLContext, NestedLevelsSwitchEGLOnlyAtTheOutermostLevel) {
     GLContext ctx(EGL_NO_CONTEXT);

@@ -2,10 +2,16 @@
 #pragma once
 
 #include <chrono>
+#include <cstdlib>
 #include <future>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
+
+#include "GLContext.h"
+#include "shared_ptr.h"
 
 namespace gltest {
 
@@ -20,5 +26,31 @@ auto onOtherThread(F&& work) -> decltype(work()) {
     }
     return future.get();
 }
+
+// Message of the runtime_error thrown by `work`, or "" when it throws none.
+template <typename F>
+std::string thrown(F&& work) {
+    try {
+        work();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "";
+}
+
+// A fresh engine context, held current on the test's thread by a guard for the whole test.
+class CurrentContextTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        context.acquire(new GLContext(EGL_NO_CONTEXT), nullptr);
+        guard = new GLContext::Guard(context);
+    }
+    void TearDown() override {
+        delete guard;
+        context.release();
+    }
+    shared_ptr<GLContext> context;
+    GLContext::Guard* guard = nullptr;
+};
 
 }  // namespace gltest

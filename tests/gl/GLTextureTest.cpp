@@ -12,25 +12,13 @@
 
 namespace {
 
-class GLTextureTest : public ::testing::Test {
+class GLTextureTest : public gltest::CurrentContextTest {
   protected:
-    void SetUp() override {
-        context.acquire(new GLContext(EGL_NO_CONTEXT), nullptr);
-        guard = new GLContext::Guard(context);
-    }
-    void TearDown() override {
-        delete guard;
-        context.release();
-    }
     // A thread other than the owner: any operation that makes the context current throws there.
     static std::string fromOtherThread(const std::function<void()>& work) {
         return gltest::onOtherThread([&]() -> std::string {
-            try {
-                work();
-            } catch (const std::runtime_error& e) {
-                return e.what();
-            }
-            return "no GL";
+            std::string message = gltest::thrown(work);
+            return message.empty() ? "no GL" : message;
         });
     }
     GLint parameter(GLTexture& t, GLenum name) {
@@ -40,8 +28,6 @@ class GLTextureTest : public ::testing::Test {
         glBindTexture(t.target, 0);
         return value;
     }
-    shared_ptr<GLContext> context;
-    GLContext::Guard* guard = nullptr;
 };
 
 std::vector<uint8_t> pattern(int w, int h) {
@@ -69,14 +55,10 @@ TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
     // and the check reports the upload's signature and GL_INVALID_VALUE.
     std::vector<uint8_t> second = pattern(37, 23);
     second[0] ^= 0xFF;
-    try {
-        t.upload(second.data(), 4);
-        ADD_FAILURE() << "reset of the unpack alignment to 0 was accepted";
-    } catch (const std::runtime_error& e) {
-        EXPECT_TRUE(std::regex_match(
-            e.what(), std::regex(R"(void GLTexture::upload\(const void \*, int\):\d+ \(1281\))")))
-            << e.what();
-    }
+    const std::string upload = gltest::thrown([&] { t.upload(second.data(), 4); });
+    EXPECT_TRUE(std::regex_match(
+        upload, std::regex(R"(void GLTexture::upload\(const void \*, int\):\d+ \(1281\))")))
+        << upload;
     EXPECT_EQ(context->count, 1);
     t.download(out.data());
     EXPECT_EQ(second, out);
@@ -133,29 +115,18 @@ TEST_F(GLTextureTest, NamesAreReplacedAndFreed) {
 
 TEST_F(GLTextureTest, FailuresThrowTheCheckMessage) {
     shared_ptr<GLContext> none;
-    EXPECT_THROW(
-        {
-            try {
-                GLTexture t(none, GL_TEXTURE_2D, GL_LINEAR, GL_CLAMP_TO_EDGE);
-            } catch (const std::runtime_error& e) {
-                EXPECT_STREQ(e.what(), "shared_ptr data is null");
-                throw;
-            }
-        },
-        std::runtime_error);
+    EXPECT_EQ(gltest::thrown([&] { GLTexture(none, GL_TEXTURE_2D, GL_LINEAR, GL_CLAMP_TO_EDGE); }),
+              "shared_ptr data is null");
 
     GLTexture t(context, GL_TEXTURE_2D, 4, 4, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR,
                 GL_CLAMP_TO_EDGE);
     // Internal format and format disagree: glTexImage2D fails; the new values stay stored.
-    try {
-        t.update(4, 4, GL_RGBA, GL_RGB, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE);
-        ADD_FAILURE() << "mismatched formats were accepted";
-    } catch (const std::runtime_error& e) {
-        EXPECT_TRUE(std::regex_match(
-            e.what(), std::regex(R"(void GLTexture::update\(int, int, GLint, GLenum, GLenum, )"
-                                 R"(GLint, GLint\):\d+ \(1282\))")))
-            << e.what();
-    }
+    const std::string update = gltest::thrown(
+        [&] { t.update(4, 4, GL_RGBA, GL_RGB, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE); });
+    EXPECT_TRUE(std::regex_match(
+        update, std::regex(R"(void GLTexture::update\(int, int, GLint, GLenum, GLenum, )"
+                           R"(GLint, GLint\):\d+ \(1282\))")))
+        << update;
     EXPECT_EQ(t.format, static_cast<GLenum>(GL_RGB));
     EXPECT_EQ(context->count, 1);
 
@@ -163,13 +134,8 @@ TEST_F(GLTextureTest, FailuresThrowTheCheckMessage) {
     GLTexture lum(context, GL_TEXTURE_2D, 4, 4, GL_LUMINANCE, GL_LUMINANCE, GL_UNSIGNED_BYTE,
                   GL_LINEAR, GL_CLAMP_TO_EDGE);
     std::vector<uint8_t> out(64);
-    try {
-        lum.download(out.data());
-        ADD_FAILURE() << "a luminance texture was read back";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(),
-                     "GLTexture::downloadBase(...) Could not bind texture to framebuffer");
-    }
+    EXPECT_EQ(gltest::thrown([&] { lum.download(out.data()); }),
+              "GLTexture::downloadBase(...) Could not bind texture to framebuffer");
     EXPECT_EQ(context->count, 1);
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
 }

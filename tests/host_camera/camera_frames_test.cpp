@@ -46,10 +46,16 @@ TEST(FrameLayout, PitchChromaOffsetAndSize) {
 
 // One recording of two synthetic frames at the given size; every byte the engine reads is
 // checked inside the callback, while the frame is the listener's.
-class FrameContent : public ::testing::TestWithParam<android::Size> {};
+struct FrameCase {
+    android::Size size;
+    int pitch;            // expected row pitch
+    size_t chromaOffset;  // expected start of the V/U plane
+};
+
+class FrameContent : public ::testing::TestWithParam<FrameCase> {};
 
 TEST_P(FrameContent, LayoutMetadataAndPicture) {
-    const android::Size size = GetParam();
+    const android::Size size = GetParam().size;
     host::SyntheticFrameOptions options;
     options.frameLimit = 2;
     options.exposureUs = 400;
@@ -61,7 +67,10 @@ TEST_P(FrameContent, LayoutMetadataAndPicture) {
     setup.source = std::make_shared<SyntheticFrameSource>(options);
     auto device = CameraDevice::create(setup);
     auto camera = device->connect();
-    const FrameLayout layout = FrameLayout::forSize(size.width, size.height);
+    FrameLayout layout;
+    layout.pitch = GetParam().pitch;
+    layout.chromaOffset = GetParam().chromaOffset;
+    layout.bytes = layout.chromaOffset + layout.pitch * ((size.height + 31) / 32 * 16);
 
     std::atomic<int> seen{0};
     auto check = [&](nsecs_t, int32_t msgType, const android::sp<android::IMemory>& data) {
@@ -110,11 +119,12 @@ TEST_P(FrameContent, LayoutMetadataAndPicture) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Widths, FrameContent,
-                         ::testing::Values(android::Size(1920, 1080), android::Size(1080, 1920),
-                                           android::Size(3840, 2160)),
-                         [](const ::testing::TestParamInfo<android::Size>& info) {
-                             return std::to_string(info.param.width) + "x" +
-                                    std::to_string(info.param.height);
+                         ::testing::Values(FrameCase{{1920, 1080}, 1920, 1920u * 1088},
+                                           FrameCase{{1080, 1920}, 1152, 1152u * 1920},
+                                           FrameCase{{3840, 2160}, 3840, 3840u * 2176}),
+                         [](const ::testing::TestParamInfo<FrameCase>& info) {
+                             return std::to_string(info.param.size.width) + "x" +
+                                    std::to_string(info.param.size.height);
                          });
 
 TEST(FrameTimestamps, SyntheticFramesAreStampedOnMonotonicAtTheFrameRate) {

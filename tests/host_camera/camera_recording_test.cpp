@@ -98,11 +98,13 @@ TEST(CameraPacing, RealTimeSpacesDeliveriesByTheirTimestamps) {
         arrivals.push_back(std::chrono::steady_clock::now());
         camera->releaseRecordingFrame(data);
     }));
+    const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(camera->startRecording(), android::OK);
     ASSERT_TRUE(device->waitUntilDrained(10s));
     camera->stopRecording();
     ASSERT_EQ(arrivals.size(), 10u);
-    EXPECT_GE(arrivals.back() - arrivals.front(), 9 * 33333333ns);
+    // The first frame is due at once, the last nine frame periods later.
+    EXPECT_GE(arrivals.back() - start, 9 * 33333333ns);
 }
 
 TEST(CameraAccounting, EveryDeliveredFrameIsReleasedOrOutstanding) {
@@ -171,6 +173,8 @@ TEST(CameraRecording, StartAndStopAreIdempotent) {
         camera->releaseRecordingFrame(data);
     }));
     EXPECT_FALSE(camera->recordingEnabled());
+    EXPECT_EQ(camera->setVideoBufferMode(1), android::INVALID_OPERATION);  // YUV data only
+    EXPECT_EQ(camera->setVideoBufferMode(0), android::OK);
     camera->stopRecording();  // not recording: nothing happens
     ASSERT_EQ(camera->startRecording(), android::OK);
     ASSERT_EQ(camera->startRecording(), android::OK);
@@ -256,10 +260,12 @@ TEST(CameraRecording, StopFromInsideACallbackDoesNotDeadlock) {
     EXPECT_GE(calls.load(), 2);
 }
 
-TEST(CameraRecording, StopReturnsWhileTheCaptureWaitsForABuffer) {
-    auto device = CameraDevice::create(smallSetup(indexSource(100), Pacing::AsFastAsConsumed, 2));
+TEST(CameraRecording, HeldFramesStallTheCaptureButNotAStop) {
+    auto setup = smallSetup(indexSource(100), Pacing::AsFastAsConsumed, 2);
+    setup.videoSizes = {{64, 48}, {128, 96}};
+    auto device = CameraDevice::create(setup);
     auto camera = device->connect();
-    std::vector<android::sp<android::IMemory>> held;  // never released during recording
+    std::vector<android::sp<android::IMemory>> held;  // not released while recording
     camera->setRecordingProxyListener(
         new ProxyListener([&](nsecs_t, int32_t, const auto& data) { held.push_back(data); }));
     ASSERT_EQ(camera->startRecording(), android::OK);
@@ -268,22 +274,7 @@ TEST(CameraRecording, StopReturnsWhileTheCaptureWaitsForABuffer) {
     EXPECT_EQ(device->counters().delivered, 2u);
     EXPECT_EQ(device->outstandingFrames().size(), 2u);
 
-    for (auto& m : held)
-        camera->releaseRecordingFrame(m);
-    EXPECT_EQ(device->counters().outstanding(), 0u);
-}
-
-TEST(CameraRecording, FramesOfAnotherSizeBlockANewRecording) {
-    auto setup = smallSetup(indexSource(100), Pacing::AsFastAsConsumed, 2);
-    setup.videoSizes = {{64, 48}, {128, 96}};
-    auto device = CameraDevice::create(setup);
-    auto camera = device->connect();
-    std::vector<android::sp<android::IMemory>> held;
-    camera->setRecordingProxyListener(
-        new ProxyListener([&](nsecs_t, int32_t, const auto& data) { held.push_back(data); }));
-    ASSERT_EQ(camera->startRecording(), android::OK);
-    ASSERT_TRUE(device->waitForDelivered(1, 10s));
-    camera->stopRecording();
+    // A recording of another size cannot start while those frames are out.
     android::CameraParameters p(camera->getParameters());
     p.setVideoSize(128, 96);
     ASSERT_EQ(camera->setParameters(p.flatten()), android::OK);
@@ -292,22 +283,68 @@ TEST(CameraRecording, FramesOfAnotherSizeBlockANewRecording) {
     EXPECT_EQ(log.countContaining("are still out"), 1);
     for (auto& m : held)
         camera->releaseRecordingFrame(m);
+    EXPECT_EQ(device->counters().outstanding(), 0u);
     held.clear();
-    ASSERT_EQ(camera->startRecording(), android::OK);
+    camera->setRecordingProxyListener(nullptr);
+    EXPECT_EQ(camera->startRecording(), android::OK);
     camera->stopRecording();
-    for (auto& m : held)
-        camera->releaseRecordingFrame(m);
 }
 
-TEST(CameraRecording, OnlyYuvDataCallbacksExist) {
-    auto device = CameraDevice::create(smallSetup(indexSource(10), Pacing::RealTime, 2));
+// A listener shaped like the engine's: both listener interfaces on one reference count.
+class BothListeners : public android::CameraListener,
+                      public android::ICameraRecordingProxyListener {
+  public:
+    BothListeners(android::Camera* camera, std::atomic<int>* destroyed)
+        : mCamera(camera), mDestroyed(destroyed) {}
+    ~BothListeners() override { ++*mDestroyed; }
+
+    void notify(int32_t, int32_t, int32_t) override {}
+    void postData(int32_t, const android::sp<android::IMemory>&,
+                  camera_frame_metadata_t*) override {}
+    void postDataTimestamp(nsecs_t, int32_t, const android::sp<android::IMemory>&) override {
+        ADD_FAILURE() << "frames go to the recording proxy listener when one is set";
+    }
+    void postRecordingFrameHandleTimestamp(nsecs_t, native_handle_t*) override {}
+    void postRecordingFrameHandleTimestampBatch(const std::vector<nsecs_t>&,
+                                                const std::vector<native_handle_t*>&) override {}
+    void dataCallbackTimestamp(nsecs_t, int32_t,
+                               const android::sp<android::IMemory>& data) override {
+        ++frames;
+        mCamera->releaseRecordingFrame(data);
+    }
+    void recordingFrameHandleCallbackTimestamp(nsecs_t, native_handle_t*) override {}
+    void recordingFrameHandleCallbackTimestampBatch(const std::vector<nsecs_t>&,
+                                                    const std::vector<native_handle_t*>&) override {
+    }
+    android::IBinder* onAsBinder() override { return nullptr; }
+
+    std::atomic<int> frames{0};
+
+  private:
+    android::Camera* const mCamera;  // plain pointer: no reference cycle with the camera
+    std::atomic<int>* mDestroyed;
+};
+
+TEST(CameraRecording, AListenerOfBothKindsIsOneObjectWithOneCount) {
+    auto device = CameraDevice::create(smallSetup(indexSource(5), Pacing::AsFastAsConsumed, 2));
     auto camera = device->connect();
-    EXPECT_EQ(camera->setVideoBufferMode(
-                  android::hardware::ICamera::VIDEO_BUFFER_MODE_DATA_CALLBACK_METADATA),
-              android::INVALID_OPERATION);
-    EXPECT_EQ(
-        camera->setVideoBufferMode(android::hardware::ICamera::VIDEO_BUFFER_MODE_DATA_CALLBACK_YUV),
-        android::OK);
+    std::atomic<int> destroyed{0};
+    {
+        BothListeners* listener = new BothListeners(camera.get(), &destroyed);
+        camera->setListener(listener);
+        camera->setRecordingProxyListener(listener);
+        EXPECT_EQ(android::IInterface::asBinder(
+                      static_cast<android::ICameraRecordingProxyListener*>(listener)),
+                  nullptr);
+        ASSERT_EQ(camera->startRecording(), android::OK);
+        ASSERT_TRUE(device->waitUntilDrained(10s));
+        camera->stopRecording();
+        EXPECT_EQ(listener->frames.load(), 5);
+    }
+    camera->setRecordingProxyListener(nullptr);
+    EXPECT_EQ(destroyed.load(), 0);  // the camera still holds it as its CameraListener
+    camera->setListener(nullptr);
+    EXPECT_EQ(destroyed.load(), 1);
 }
 
 TEST(CameraService, ConnectionsAndTheCameraField) {

@@ -198,12 +198,17 @@ TEST_F(EglImage, BadRequestsFailWithEglErrors) {
     EXPECT_EQ(eglGetError(), EGL_BAD_PARAMETER);
 
     sp<GraphicBuffer> camera(new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    fillNv21(camera, [](uint32_t, uint32_t, int* y, int* u, int* v) { *y = *u = *v = 99; });
     EGLImageKHR image = gltest::importBuffer(gl_.display(), camera);
     ASSERT_NE(image, EGL_NO_IMAGE_KHR);
-    // NV21 cannot be drawn into.
-    const float black[4] = {0, 0, 0, 1};
-    EXPECT_EQ(gltest::renderInto(image, black, 0, 0, 1, 1, black),
-              static_cast<GLenum>(GL_INVALID_VALUE));
+    // An NV21 buffer may be renderbuffer storage, but what GL draws never reaches its memory.
+    const float white[4] = {1, 1, 1, 1};
+    EXPECT_EQ(gltest::renderInto(image, white, 0, 0, 1, 1, white),
+              static_cast<GLenum>(GL_NO_ERROR));
+    void* address = nullptr;
+    ASSERT_EQ(camera->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+    EXPECT_EQ(static_cast<uint8_t*>(address)[0], 99);
+    camera->unlock();
     eglDestroyImageKHR(gl_.display(), image);
     EXPECT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_FALSE);
     EXPECT_EQ(eglGetError(), EGL_BAD_PARAMETER);
@@ -313,6 +318,43 @@ TEST(EglImageLifecycle, OutputsSurviveTwentyTerminateCycles) {
         EXPECT_EQ(frames[cycle].pixels[0], cycle * 10) << "cycle " << cycle;
         EXPECT_EQ(frames[cycle].pixels[1], 255 - cycle * 10) << "cycle " << cycle;
     }
+}
+
+// Outside the contract: a display terminated while an image of a buffer is alive. The next
+// session must still get working images, and CPU writes must not fail on the lost one.
+TEST(EglImageLifecycle, ImageLeftAcrossTerminateDoesNotBlockTheNextSession) {
+    const host::GraphicsCounters before = host::graphicsCounters();
+    sp<GraphicBuffer> camera(new GraphicBuffer(32, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    auto grey = [](int luma) {
+        return [luma](uint32_t, uint32_t, int* y, int* u, int* v) {
+            *y = luma;
+            *u = *v = 128;
+        };
+    };
+    fillNv21(camera, grey(81));
+    EGLImageKHR leaked = EGL_NO_IMAGE_KHR;
+    {
+        gltest::Context gl(/*terminateOnDestroy=*/true);
+        ASSERT_TRUE(gl.ok() && gl.makeCurrent());
+        leaked = gltest::importBuffer(gl.display(), camera);
+        ASSERT_NE(leaked, EGL_NO_IMAGE_KHR);
+        gl.releaseCurrent();
+    }
+    gltest::Context gl(/*terminateOnDestroy=*/true);
+    ASSERT_TRUE(gl.ok() && gl.makeCurrent());
+    EGLImageKHR fresh = gltest::importBuffer(gl.display(), camera);
+    ASSERT_NE(fresh, EGL_NO_IMAGE_KHR);
+    EXPECT_NEAR(gltest::sampleExternal(fresh, 32, 16)[0], 76, 1);
+    fillNv21(camera, grey(126));  // unlock succeeds although one image is lost
+    EXPECT_NEAR(gltest::sampleExternal(fresh, 32, 16)[0], 128, 1);
+    EXPECT_EQ(eglDestroyImageKHR(gl.display(), fresh), EGL_TRUE);
+    if (leaked != fresh) {
+        EXPECT_EQ(eglDestroyImageKHR(gl.display(), leaked), EGL_TRUE);
+    }
+    gl.releaseCurrent();
+    const host::GraphicsCounters after = host::graphicsCounters();
+    EXPECT_EQ(after.imagesLive, before.imagesLive);
+    EXPECT_EQ(after.privateContexts, 0u);
 }
 
 }  // namespace

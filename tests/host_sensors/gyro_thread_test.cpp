@@ -139,28 +139,6 @@ TEST(GyroThread, LiveGyroscopeIsStampedOnBoottimeAtTheRequestedRate) {
     EXPECT_EQ(host::sensorCounters().enabledQueues, 0);
 }
 
-TEST(GyroThread, SlowerRequestedRateSpacesSamplesFurther) {
-    host::GyroSetup setup;
-    setup.source = std::make_shared<host::SyntheticGyroSource>();
-    ASSERT_TRUE(host::installGyro(setup));
-    GyroThread thread(40000);
-    waitForEvents(thread, 8);
-    thread.stop();
-    const int64_t median = medianSpacingNs(thread.events(), 1);
-    EXPECT_GE(median, 35000000);
-    EXPECT_LE(median, 80000000);
-}
-
-TEST(GyroThread, StopsWithinAPollWhileEventsFlow) {
-    host::GyroSetup setup;
-    setup.source = std::make_shared<host::SyntheticGyroSource>();
-    ASSERT_TRUE(host::installGyro(setup));
-    GyroThread thread;
-    waitForEvents(thread, 5);
-    EXPECT_TRUE(finishesWithin(5s, [&] { thread.stop(); }));
-    EXPECT_EQ(thread.failures.load(), 0);
-}
-
 TEST(GyroThread, EndOfAReplayEndsTheLoopWithoutWaitingOutTheTimeout) {
     host::GyroSetup setup;
     setup.source = std::make_shared<host::ReplayGyroSource>(sensortest::samples(30));

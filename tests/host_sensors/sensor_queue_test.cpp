@@ -139,6 +139,36 @@ TEST(SensorQueue, ReplayArrivesInOrderThroughTheLooperThenWakesIt) {
     EXPECT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), 0);
 }
 
+TEST(SensorQueue, EndOfStreamWakesAPollerThatHasReadEverything) {
+    std::atomic<bool> end{false};
+    host::GyroSetup setup;
+    setup.pacing = Pacing::AsFastAsConsumed;
+    setup.source = std::make_shared<host::CallbackGyroSource>(
+        [&, n = 0](const host::GyroTick&, host::GyroSample& s) mutable {
+            if (n == 3) {
+                while (!end.load())
+                    std::this_thread::sleep_for(1ms);
+                return false;
+            }
+            s.timestampNs = ++n;
+            return true;
+        });
+    ASSERT_TRUE(host::installGyro(setup));
+    Queue q;
+    ASSERT_EQ(ASensorEventQueue_enableSensor(q.queue, q.sensor), 0);
+    ASSERT_EQ(q.read(3).size(), 3u);
+    // The poller now waits on an empty queue; the source ends while it waits.
+    std::thread ender([&] {
+        std::this_thread::sleep_for(30ms);
+        end = true;
+    });
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(ALooper_pollAll(10000, nullptr, nullptr, nullptr), ALOOPER_POLL_WAKE);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    ender.join();
+    EXPECT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), 0);
+}
+
 TEST(SensorQueue, GetEventsReadsBatchesUpToTheQueueCapacity) {
     ASSERT_TRUE(host::installGyro(replaySetup(20, Pacing::AsFastAsConsumed, 8)));
     Queue q;

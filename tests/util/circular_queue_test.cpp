@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <future>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -245,24 +244,6 @@ TEST(CircularQueueThreadSafe, OneProducerOneConsumerKeepOrderWithoutLoss) {
     EXPECT_EQ(consumer.get(), kFrames) << "first frame out of order or lost";
     Slot* s = nullptr;
     EXPECT_FALSE(q.pop(s));
-}
-
-struct Tracked {
-    static std::vector<int>* destroyed;
-    static int built;
-    int id = built++;
-    cTMutex mutex;
-    ~Tracked() { destroyed->push_back(id); }
-};
-std::vector<int>* Tracked::destroyed = nullptr;
-int Tracked::built = 0;
-
-TEST(CircularQueueThreadSafe, DestroysSlotsLastToFirst) {
-    std::vector<int> order;
-    Tracked::destroyed = &order;
-    Tracked::built = 0;
-    { CircularQueueThreadSafe<Tracked> q(3); }
-    EXPECT_EQ(order, (std::vector<int>{2, 1, 0}));
 }
 
 }  // namespace

@@ -13,6 +13,11 @@
 //   image -> memory: on lock(), on queueing to a native window and on image destruction, for
 //     buffers with an image that was made renderbuffer storage (GL may have drawn into it).
 // Callers finish their own GL work on a buffer (glFinish) before locking or queueing it.
+//
+// Callers destroy their images before terminating a display. One that does not leaves the
+// private context "lost" (found when it can no longer be made current): its images are then
+// skipped by transfers and forgotten on destruction, and the display's next image gets a new
+// private context.
 #include "EglImageBridge.h"
 
 #include <EGL/egl.h>
@@ -21,6 +26,7 @@
 #include <GLES2/gl2ext.h>
 #include <android/log.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -36,7 +42,8 @@ struct PrivateContext {
     EGLDisplay display = EGL_NO_DISPLAY;
     EGLContext context = EGL_NO_CONTEXT;
     EGLSurface surface = EGL_NO_SURFACE;
-    int images = 0;  // live images made in this context
+    int images = 0;     // live images made in this context
+    bool lost = false;  // the display was terminated under it; its objects are gone
 };
 
 // One image made from a buffer on one display. Repeated creation for the same buffer and display
@@ -117,6 +124,8 @@ Bridge& bridge() {
 // ---- GL thread side -------------------------------------------------------------------------
 
 bool makeCurrent(PrivateContext& pc) {
+    if (pc.lost)
+        return false;
     if (pc.context == EGL_NO_CONTEXT) {
         eglBindAPI(EGL_OPENGL_ES_API);
         const EGLint configAttribs[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
@@ -143,7 +152,9 @@ bool makeCurrent(PrivateContext& pc) {
         }
     }
     if (!eglMakeCurrent(pc.display, pc.surface, pc.surface, pc.context)) {
-        logWarning("private context cannot be made current (0x%x)", eglGetError());
+        logWarning("private context lost (0x%x): display terminated with images alive?",
+                   eglGetError());
+        pc.lost = true;
         return false;
     }
     return true;
@@ -212,17 +223,17 @@ struct DestroyTask {
     static void run(void* arg) {
         auto& t = *static_cast<DestroyTask*>(arg);
         PrivateContext& pc = *t.import->owner;
-        const bool current = makeCurrent(pc);
+        // A lost context's image went with its display; its handle may already name another.
+        if (pc.lost || !makeCurrent(pc))
+            return;
         if (!driver().destroyImage(pc.display, t.import->image)) {
             logWarning("driver image destruction failed (0x%x)", eglGetError());
         }
-        if (current) {
-            if (t.import->framebuffer != 0)
-                glDeleteFramebuffers(1, &t.import->framebuffer);
-            glDeleteTextures(1, &t.import->texture);
-            glFinish();
-            releaseCurrent(pc);
-        }
+        if (t.import->framebuffer != 0)
+            glDeleteFramebuffers(1, &t.import->framebuffer);
+        glDeleteTextures(1, &t.import->texture);
+        glFinish();
+        releaseCurrent(pc);
         if (t.destroyContext)
             destroyContextObjects(pc);
     }
@@ -248,8 +259,8 @@ struct UploadTask {
                 }
                 current = import.owner;
                 if (!makeCurrent(*current)) {
+                    t.ok = t.ok && current->lost;  // nothing to keep in step on a lost display
                     current = nullptr;
-                    t.ok = false;
                     continue;
                 }
             }
@@ -333,7 +344,7 @@ android::status_t readBackLocked(Bridge& b, const android::GraphicBuffer& buffer
                       direct ? store.memory : store.staging.data()};
     GlThread::instance().run(&ReadBackTask::run, &task);
     if (!task.ok)
-        return android::UNKNOWN_ERROR;
+        return import.owner->lost ? android::NO_ERROR : android::UNKNOWN_ERROR;
     ++b.counters.readBacks;
     if (!direct) {
         unpackFromRgba(buffer.getPixelFormat(), store.staging.data(), buffer.getWidth(),
@@ -345,7 +356,7 @@ android::status_t readBackLocked(Bridge& b, const android::GraphicBuffer& buffer
 
 ImageImport* renderTargetOf(const BufferStore& store) {
     for (ImageImport* import : store.imports) {
-        if (import->renderTarget)
+        if (import->renderTarget && !import->owner->lost)
             return import;
     }
     return nullptr;
@@ -356,22 +367,62 @@ void reportSuccess(EGLDisplay dpy) {
     eglQueryString(dpy, EGL_VERSION);
 }
 
+// Takes `owner` out of service: it no longer receives images; it is freed with its last image.
+void retire(Bridge& b, PrivateContext* owner) {
+    auto it = b.contexts.find(owner->display);
+    if (it != b.contexts.end() && it->second == owner)
+        b.contexts.erase(it);
+    if (owner->images == 0) {
+        if (!owner->lost) {
+            struct Cleanup {
+                static void run(void* pc) {
+                    destroyContextObjects(*static_cast<PrivateContext*>(pc));
+                }
+            };
+            GlThread::instance().run(&Cleanup::run, owner);
+        }
+        delete owner;
+        --b.counters.privateContexts;
+    }
+}
+
+// Forgets an image whose display was terminated under it (its handle has just been reused by
+// the driver). Called with the bridge held and the mutex of `import`'s buffer held by the caller.
+void forgetLostImage(Bridge& b, ImageImport* import, BufferStore& store) {
+    store.imports.erase(std::find(store.imports.begin(), store.imports.end(), import));
+    PrivateContext* owner = import->owner;
+    if (--owner->images == 0 && b.contexts.count(owner->display) == 0) {
+        delete owner;
+        --b.counters.privateContexts;
+    }
+    --b.counters.imagesLive;
+    delete import;
+}
+
+// Whether `pc` survived any termination of its display; marks it lost if not. Any thread, with
+// the bridge held. May leave an EGL error on the calling thread.
+bool stillAlive(PrivateContext& pc) {
+    if (pc.lost)
+        return false;
+    EGLint configId = 0;
+    if (pc.context != EGL_NO_CONTEXT &&
+        !eglQueryContext(pc.display, pc.context, EGL_CONFIG_ID, &configId)) {
+        logWarning("private context lost: display terminated with images alive?");
+        pc.lost = true;
+    }
+    return !pc.lost;
+}
+
 EGLImageKHR createNativeBufferImage(EGLDisplay dpy, android::GraphicBuffer& buffer) {
     BufferStore& store = BufferStore::of(buffer);
     Bridge& b = bridge();
     std::lock_guard<std::mutex> storeLock(store.mutex);
     std::lock_guard<std::mutex> bridgeLock(b.mutex);
     for (ImageImport* import : store.imports) {
-        if (import->owner->display == dpy) {
+        if (import->owner->display == dpy && stillAlive(*import->owner)) {
             ++import->refs;
             return import->image;
         }
-    }
-    PrivateContext*& owner = b.contexts[dpy];
-    if (owner == nullptr) {
-        owner = new PrivateContext;
-        owner->display = dpy;
-        ++b.counters.privateContexts;
     }
     if (needsStaging(buffer) && store.staging.empty()) {
         store.staging.resize(static_cast<size_t>(buffer.getWidth()) * buffer.getHeight() * 4);
@@ -379,36 +430,56 @@ EGLImageKHR createNativeBufferImage(EGLDisplay dpy, android::GraphicBuffer& buff
     // While a CPU writer holds the buffer its memory is in flux; its unlock uploads it.
     const bool writing =
         store.locked && (store.lockUsage & android::GraphicBuffer::USAGE_SW_WRITE_MASK) != 0;
-    CreateTask task{owner, static_cast<GLsizei>(buffer.getWidth()),
-                    static_cast<GLsizei>(buffer.getHeight()),
-                    writing ? nullptr : contentAsRgba(buffer, store)};
-    GlThread::instance().run(&CreateTask::run, &task);
-    if (task.image == EGL_NO_IMAGE_KHR) {
-        if (owner->images == 0) {
-            PrivateContext* unused = owner;
-            b.contexts.erase(dpy);
-            struct Cleanup {
-                static void run(void* pc) {
-                    destroyContextObjects(*static_cast<PrivateContext*>(pc));
-                }
-            };
-            GlThread::instance().run(&Cleanup::run, unused);
-            delete unused;
-            --b.counters.privateContexts;
+    const uint8_t* pixels = writing ? nullptr : contentAsRgba(buffer, store);
+    // A second attempt is made when the display's private context turns out to be lost.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        PrivateContext*& slot = b.contexts[dpy];
+        if (slot != nullptr && !stillAlive(*slot))
+            retire(b, slot);
+        PrivateContext*& entry = b.contexts[dpy];
+        if (entry == nullptr) {
+            entry = new PrivateContext;
+            entry->display = dpy;
+            ++b.counters.privateContexts;
         }
-        return EGL_NO_IMAGE_KHR;
+        PrivateContext* owner = entry;
+        CreateTask task{owner, static_cast<GLsizei>(buffer.getWidth()),
+                        static_cast<GLsizei>(buffer.getHeight()), pixels};
+        GlThread::instance().run(&CreateTask::run, &task);
+        if (task.image == EGL_NO_IMAGE_KHR) {
+            if (owner->lost)
+                continue;
+            if (owner->images == 0)
+                retire(b, owner);
+            return EGL_NO_IMAGE_KHR;
+        }
+        auto stale = b.images.find(task.image);
+        if (stale != b.images.end()) {
+            // The driver reused the handle of an image lost with its display.
+            ImageImport* old = stale->second;
+            b.images.erase(stale);
+            BufferStore& oldStore = BufferStore::of(*old->buffer);
+            if (&oldStore == &store) {
+                forgetLostImage(b, old, store);
+            } else if (oldStore.mutex.try_lock()) {
+                android::sp<android::GraphicBuffer> oldBuffer = old->buffer;
+                forgetLostImage(b, old, oldStore);
+                oldStore.mutex.unlock();
+            }  // else: left in its buffer's list, skipped by every transfer
+        }
+        auto* import = new ImageImport;
+        import->image = task.image;
+        import->owner = owner;
+        import->texture = task.texture;
+        import->buffer = &buffer;
+        ++owner->images;
+        store.imports.push_back(import);
+        b.images[task.image] = import;
+        ++b.counters.imagesMade;
+        ++b.counters.imagesLive;
+        return task.image;
     }
-    auto* import = new ImageImport;
-    import->image = task.image;
-    import->owner = owner;
-    import->texture = task.texture;
-    import->buffer = &buffer;
-    ++owner->images;
-    store.imports.push_back(import);
-    b.images[task.image] = import;
-    ++b.counters.imagesMade;
-    ++b.counters.imagesLive;
-    return task.image;
+    return EGL_NO_IMAGE_KHR;
 }
 
 // Result of destroying one of our images; `keep` holds the buffer until all locks are dropped.
@@ -445,7 +516,9 @@ bool destroyNativeBufferImage(EGLDisplay dpy, EGLImageKHR image,
     DestroyTask task{import, --owner->images == 0};
     GlThread::instance().run(&DestroyTask::run, &task);
     if (task.destroyContext) {
-        b.contexts.erase(owner->display);
+        auto entry = b.contexts.find(owner->display);
+        if (entry != b.contexts.end() && entry->second == owner)
+            b.contexts.erase(entry);
         delete owner;
         --b.counters.privateContexts;
     }
@@ -584,10 +657,10 @@ extern "C" void glEGLImageTargetRenderbufferStorageOES(GLenum target, GLeglImage
         if (it != b.images.end()) {
             host::ImageImport& import = *it->second;
             if (import.buffer->getPixelFormat() == HAL_PIXEL_FORMAT_YCrCb_420_SP) {
-                // GL cannot draw YUV here: refuse the way the driver refuses a bad image,
-                // with GL_INVALID_VALUE.
-                logWarning("an NV21 buffer cannot be renderbuffer storage");
-                image = nullptr;
+                // The storage is the RGB picture of the buffer; what GL draws there cannot be
+                // brought back into the NV21 memory, so the buffer is not read back.
+                logWarning("NV21 buffer %p as renderbuffer storage: drawing stays on the GPU",
+                           import.buffer.get());
             } else {
                 import.renderTarget = true;
             }

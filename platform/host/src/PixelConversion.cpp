@@ -8,35 +8,56 @@
 namespace host {
 namespace {
 
-// Fixed-point BT.601 limited-range coefficients, scaled by 256.
-constexpr int kY = 298;    // 255 / 219
-constexpr int kRv = 409;   // 1.596
-constexpr int kGu = -100;  // -0.391
-constexpr int kGv = -208;  // -0.813
-constexpr int kBu = 516;   // 2.018
-constexpr int kRound = 128;
+constexpr int kClampOffset = 384;  // index of the value 0 in the clamp table
+constexpr int kClampSize = 1024;
 
-inline uint8_t clamp255(int value) {
-    return static_cast<uint8_t>(value < 0 ? 0 : (value > 255 ? 255 : value));
-}
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "pixels are packed as little-endian words");
 
-// Writes one RGBA pixel from a luma term (already scaled) and the three chroma terms.
-inline void put(uint8_t* out, int yTerm, int rTerm, int gTerm, int bTerm) {
-    out[0] = clamp255((yTerm + rTerm) >> 8);
-    out[1] = clamp255((yTerm + gTerm) >> 8);
-    out[2] = clamp255((yTerm + bTerm) >> 8);
-    out[3] = 255;
+// Fixed-point BT.601 limited-range terms, scaled by 256, one table per term, and a clamp table.
+// (Y - 16) * 298 + 128 (255 / 219, with rounding), (V - 128) * 409 (1.596) for red,
+// (U - 128) * -100 (-0.391) and (V - 128) * -208 (-0.813) for green, (U - 128) * 516 (2.018)
+// for blue. A sum shifted right by 8 lies in -278 .. 534.
+struct Bt601Tables {
+    int32_t y[256];
+    int32_t rv[256];
+    int32_t gu[256];
+    int32_t gv[256];
+    int32_t bu[256];
+    uint8_t clamp[kClampSize];
+
+    Bt601Tables() {
+        for (int i = 0; i < 256; ++i) {
+            y[i] = 298 * (i - 16) + 128;
+            rv[i] = 409 * (i - 128);
+            gu[i] = -100 * (i - 128);
+            gv[i] = -208 * (i - 128);
+            bu[i] = 516 * (i - 128);
+        }
+        for (int i = 0; i < kClampSize; ++i) {
+            const int value = i - kClampOffset;
+            clamp[i] = static_cast<uint8_t>(value < 0 ? 0 : (value > 255 ? 255 : value));
+        }
+    }
+};
+
+const Bt601Tables kTables;
+
+// One RGBA pixel, opaque, from a luma term and the three chroma terms.
+inline void put(uint8_t* out, int32_t yTerm, int32_t rTerm, int32_t gTerm, int32_t bTerm) {
+    const uint8_t* clamp = kTables.clamp + kClampOffset;
+    const uint32_t pixel = static_cast<uint32_t>(clamp[(yTerm + rTerm) >> 8]) |
+                           static_cast<uint32_t>(clamp[(yTerm + gTerm) >> 8]) << 8 |
+                           static_cast<uint32_t>(clamp[(yTerm + bTerm) >> 8]) << 16 | 0xFF000000u;
+    std::memcpy(out, &pixel, 4);
 }
 
 }  // namespace
 
 void yuvToRgb(uint8_t y, uint8_t u, uint8_t v, uint8_t rgb[3]) {
-    const int yTerm = kY * (y - 16) + kRound;
-    const int d = u - 128;
-    const int e = v - 128;
-    rgb[0] = clamp255((yTerm + kRv * e) >> 8);
-    rgb[1] = clamp255((yTerm + kGu * d + kGv * e) >> 8);
-    rgb[2] = clamp255((yTerm + kBu * d) >> 8);
+    uint8_t rgba[4];
+    put(rgba, kTables.y[y], kTables.rv[v], kTables.gu[u] + kTables.gv[v], kTables.bu[u]);
+    std::memcpy(rgb, rgba, 3);
 }
 
 void nv21ToRgba(const uint8_t* luma, size_t lumaStride, const uint8_t* vu, size_t chromaStride,
@@ -49,15 +70,15 @@ void nv21ToRgba(const uint8_t* luma, size_t lumaStride, const uint8_t* vu, size_
         uint8_t* out0 = rgba + row * outStride;
         uint8_t* out1 = out0 + outStride;
         for (uint32_t col = 0; col + 1 < width; col += 2) {
-            const int e = c[col] - 128;      // V
-            const int d = c[col + 1] - 128;  // U
-            const int rTerm = kRv * e;
-            const int gTerm = kGu * d + kGv * e;
-            const int bTerm = kBu * d;
-            put(out0 + col * 4, kY * (y0[col] - 16) + kRound, rTerm, gTerm, bTerm);
-            put(out0 + col * 4 + 4, kY * (y0[col + 1] - 16) + kRound, rTerm, gTerm, bTerm);
-            put(out1 + col * 4, kY * (y1[col] - 16) + kRound, rTerm, gTerm, bTerm);
-            put(out1 + col * 4 + 4, kY * (y1[col + 1] - 16) + kRound, rTerm, gTerm, bTerm);
+            const uint8_t v = c[col];
+            const uint8_t u = c[col + 1];
+            const int32_t rTerm = kTables.rv[v];
+            const int32_t gTerm = kTables.gu[u] + kTables.gv[v];
+            const int32_t bTerm = kTables.bu[u];
+            put(out0 + col * 4, kTables.y[y0[col]], rTerm, gTerm, bTerm);
+            put(out0 + col * 4 + 4, kTables.y[y0[col + 1]], rTerm, gTerm, bTerm);
+            put(out1 + col * 4, kTables.y[y1[col]], rTerm, gTerm, bTerm);
+            put(out1 + col * 4 + 4, kTables.y[y1[col + 1]], rTerm, gTerm, bTerm);
         }
     }
 }

@@ -36,10 +36,12 @@ android::sp<android::GraphicBuffer> JavaSurfaceManager::Window::dequeue() {
     pthread_mutex_lock(&mutex);
     ANativeWindowBuffer* buffer = nullptr;
     const int result = window->dequeueBuffer_DEPRECATED(window.get(), &buffer);
-    if (result != 0 || buffer == nullptr) {
+    // A window buffer that is no GraphicBuffer counts as no buffer.
+    android::sp<android::GraphicBuffer> graphicBuffer = android::GraphicBuffer::from(buffer);
+    if (result != 0 || graphicBuffer == nullptr) {
         QLMR_ASSERT(kSource, 0 && "Cannot dequeue buffer from ANativeWindow");
     }
-    lastDequeued = android::GraphicBuffer::from(buffer);
+    lastDequeued = graphicBuffer;
     return lastDequeued;
 }
 

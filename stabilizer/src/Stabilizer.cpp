@@ -1,0 +1,274 @@
+#include "Stabilizer.h"
+
+#include <cmath>
+
+#include "zef_gyro_vstab.h"
+
+namespace vstab {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+// A frame whose timestamp lies beyond +-this is shown unwarped (status 1), before any offset
+// is added to the timestamp that could overflow.
+constexpr int64_t kMaxAbsFrameNs = int64_t{1} << 61;
+// Longest exposure the engine reports (it clamps to 0.3 s); used to size the history.
+constexpr int64_t kMaxExposureNs = 300000000;
+// Inset of the crop check: the output keeps this share of the frame away from its edges, so
+// that straight interpolation between checked border points cannot reach past them.
+constexpr double kCropInset = 0.001;
+
+size_t historyCapacity(const StabConfig& c) {
+    const double spanS =
+        static_cast<double>(c.latencyNs + c.windowNs + c.readoutNs + kMaxExposureNs) * 1e-9 + 1.5;
+    return static_cast<size_t>(std::ceil(spanS * c.gyroRateMaxHz)) + 16;
+}
+
+int lookAheadNodes(int64_t latencyNs) {
+    if (latencyNs <= 0) {
+        return 1;
+    }
+    return 1 +
+           static_cast<int>((latencyNs + Stabilizer::kNodeStepNs - 1) / Stabilizer::kNodeStepNs);
+}
+
+}  // namespace
+
+Stabilizer::Stabilizer(const StabConfig& config)
+    : config_(config),
+      history_(historyCapacity(config), config.gyroGapMaxNs),
+      smoother_(static_cast<size_t>(lookAheadNodes(config.latencyNs))),
+      nodeCount_(lookAheadNodes(config.latencyNs)),
+      nodeStepS_(nodeCount_ > 1 ? static_cast<double>(config.latencyNs) * 1e-9 / (nodeCount_ - 1)
+                                : 0.0),
+      rowQ_(config.gridRows),
+      rowM_(config.gridRows),
+      times_(config.gridRows > static_cast<uint32_t>(lookAheadNodes(config.latencyNs))
+                 ? config.gridRows
+                 : static_cast<uint32_t>(lookAheadNodes(config.latencyNs))),
+      nodeQ_(static_cast<size_t>(lookAheadNodes(config.latencyNs))),
+      nodeT_(static_cast<size_t>(nodeCount_)),
+      nodeP_(static_cast<size_t>(nodeCount_)),
+      nodeUsage_(static_cast<size_t>(nodeCount_)) {
+    // Cut-off 0.6 / window: the smoothing's time constant tau = window / (1.2 pi) is then at
+    // most 0.53 x the look-ahead (latency >= window / 2), which keeps the receding-horizon path
+    // from overshooting.
+    const double tau = static_cast<double>(config.windowNs) * 1e-9 / (1.2 * kPi);
+    params_.lambda = tau * tau * tau * tau;
+    for (int i = 0; i < nodeCount_; ++i) {
+        nodeT_[i] = nodeStepS_ * i;
+    }
+}
+
+void Stabilizer::addAngularVelocity(int64_t timestampNs, const float* rateSensor) {
+    if (rateSensor == nullptr) {
+        ++counters_.samplesNonFinite;
+        return;
+    }
+    const double s[3] = {rateSensor[0], rateSensor[1], rateSensor[2]};
+    const AxisMap& m = config_.gyroAxes;
+    const Vec3 cam = {m.sign[0] * s[m.axis[0]], m.sign[1] * s[m.axis[1]], m.sign[2] * s[m.axis[2]]};
+    switch (history_.add(timestampNs, cam - bias_.bias())) {
+        case GyroHistory::AddResult::Accepted:
+            ++counters_.samplesAccepted;
+            bias_.add(timestampNs, cam);
+            break;
+        case GyroHistory::AddResult::NonFinite:
+            ++counters_.samplesNonFinite;
+            break;
+        case GyroHistory::AddResult::Implausible:
+            ++counters_.samplesImplausible;
+            break;
+        case GyroHistory::AddResult::OutOfOrder:
+            ++counters_.samplesOutOfOrder;
+            break;
+        case GyroHistory::AddResult::Duplicate:
+            ++counters_.samplesDuplicate;
+            break;
+    }
+}
+
+Quat Stabilizer::physical(int64_t tNs) const {
+    Quat q;
+    history_.orientationAt(tNs, q);
+    return q;
+}
+
+const Stabilizer::Committed* Stabilizer::committed(size_t back) const {
+    if (back >= committedCount_) {
+        return nullptr;
+    }
+    return &committed_[(committedHead_ + kCommittedKept - 1 - back) % kCommittedKept];
+}
+
+void Stabilizer::commit(int64_t frameNs, int64_t centreNs, const Quat& virt) {
+    committed_[committedHead_] = {frameNs, centreNs, virt};
+    committedHead_ = (committedHead_ + 1) % kCommittedKept;
+    if (committedCount_ < kCommittedKept) {
+        ++committedCount_;
+    }
+}
+
+Quat Stabilizer::lastVirtual() const {
+    const Committed* c = committed(0);
+    return c != nullptr ? c->virt : Quat{};
+}
+
+int64_t Stabilizer::lastCentreNs() const {
+    const Committed* c = committed(0);
+    return c != nullptr ? c->centreNs : 0;
+}
+
+Quat Stabilizer::replay(int64_t centreNs, const Quat& physicalCentre) const {
+    // A frame that is not newer than the last committed one: show it from the committed
+    // path where it lies inside it, without changing the path.
+    for (size_t k = 0; k + 1 < committedCount_; ++k) {
+        const Committed* b = committed(k);
+        const Committed* a = committed(k + 1);
+        if (centreNs == b->centreNs) {
+            return b->virt;
+        }
+        if (centreNs >= a->centreNs && centreNs < b->centreNs) {
+            const double f = static_cast<double>(centreNs - a->centreNs) /
+                             static_cast<double>(b->centreNs - a->centreNs);
+            return slerp(a->virt, b->virt, f);
+        }
+    }
+    const Committed* only = committed(0);
+    if (only != nullptr && only->centreNs == centreNs) {
+        return only->virt;
+    }
+    return physicalCentre;
+}
+
+Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const CameraModel& camera,
+                           const Quat& physicalCentre) {
+    // Continue from the last committed poses when they are recent; otherwise start afresh at
+    // the physical orientation.
+    SmootherProblem pr;
+    Quat ref = physicalCentre;
+    const Committed* last = committed(0);
+    if (last != nullptr && centreNs > last->centreNs &&
+        centreNs - last->centreNs <= kPathRestartNs) {
+        ref = last->virt;
+        const Committed* prev = committed(1);
+        if (prev != nullptr && prev->centreNs < last->centreNs &&
+            centreNs - prev->centreNs <= kPathRestartNs) {
+            pr.pastT[0] = static_cast<double>(prev->centreNs - centreNs) * 1e-9;
+            pr.pastX[0] = logMap(conj(ref) * prev->virt);
+            pr.pastT[1] = static_cast<double>(last->centreNs - centreNs) * 1e-9;
+            pr.pastX[1] = Vec3{};
+            pr.pastCount = 2;
+        } else {
+            pr.pastT[0] = static_cast<double>(last->centreNs - centreNs) * 1e-9;
+            pr.pastX[0] = Vec3{};
+            pr.pastCount = 1;
+        }
+    } else {
+        ++counters_.pathRestarts;
+    }
+    const Quat refInv = conj(ref);
+    for (int i = 0; i < nodeCount_; ++i) {
+        times_[i] = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
+    }
+    history_.orientationsAt(times_.data(), static_cast<size_t>(nodeCount_), nodeQ_.data());
+    for (int i = 0; i < nodeCount_; ++i) {
+        nodeP_[i] = logMap(refInv * nodeQ_[i]);
+    }
+    SmootherParams params = params_;
+    params.margins = cropMargins(camera, config_.overscan);
+    // The rows of a frame turn with the camera during readout; half that spread on either side
+    // of the centre row is margin the path cannot use.
+    const double halfSpanS = 0.5 * timing.rowSpanNs * 1e-9;
+    for (int i = 0; i < nodeCount_; ++i) {
+        Vec3 rate;
+        if (nodeCount_ > 1) {
+            const int a = i > 0 ? i - 1 : 0;
+            const int b = i + 1 < nodeCount_ ? i + 1 : nodeCount_ - 1;
+            rate = (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
+        }
+        nodeUsage_[i] = params.margins.usage(rate * halfSpanS);
+    }
+    pr.count = nodeCount_;
+    pr.t = nodeT_.data();
+    pr.p = nodeP_.data();
+    pr.extraUsage = nodeUsage_.data();
+    const Vec3 x0 = smoother_.solve(pr, params);
+    return normalized(ref * expMap(x0));
+}
+
+int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
+    if (vertices == nullptr || frame.recordSize != sizeof(VStabFrameInfo) ||
+        frame.recordKind != 2) {
+        return kStatusInvalidArgument;
+    }
+    const int64_t ts = frame.timestampNs;
+    if (ts > kMaxAbsFrameNs || ts < -kMaxAbsFrameNs) {
+        ++counters_.framesNoGyroBefore;
+        return kStatusNoGyroBeforeFrame;
+    }
+    const int64_t exposure =
+        frame.exposureNs < 0 ? 0 : (frame.exposureNs > 1000000000 ? 1000000000 : frame.exposureNs);
+    double zoom = frame.zoom;
+    zoom = std::isfinite(zoom) ? (zoom < 1.0 ? 1.0 : (zoom > 16.0 ? 16.0 : zoom)) : 1.0;
+    const FrameTiming timing = FrameTiming::make(ts, exposure, zoom, config_);
+
+    if (history_.empty()) {
+        ++counters_.framesNeedMoreGyro;
+        return kStatusNeedMoreGyro;
+    }
+    if (timing.firstRowNs < history_.oldestNs()) {
+        ++counters_.framesNoGyroBefore;
+        return kStatusNoGyroBeforeFrame;
+    }
+    const int64_t centre = timing.centreNs();
+    const int64_t ahead = centre + config_.latencyNs;
+    const int64_t needed = ahead > timing.lastRowNs() ? ahead : timing.lastRowNs();
+    if (history_.newestNs() < needed) {
+        ++counters_.framesNeedMoreGyro;
+        return kStatusNeedMoreGyro;
+    }
+
+    const CameraModel camera = CameraModel::fromConfig(config_, zoom);
+    const uint32_t rows = config_.gridRows;
+    for (uint32_t j = 0; j < rows; ++j) {
+        times_[j] = timing.rowNs(static_cast<double>(j) / (rows - 1));
+    }
+    history_.orientationsAt(times_.data(), rows, rowQ_.data());
+    worldToCameraMatrices(rowQ_.data(), rows, rowM_.data());
+    const RowOrientations rowSet{rowQ_.data(), rowM_.data(), rows};
+    const Quat physicalCentre = physical(centre);
+
+    // A frame not newer than the last committed one (a repeat, or a frame whose centre moved
+    // back because its exposure shrank sharply) is shown from the committed path, which it
+    // leaves unchanged; the path's times stay strictly increasing.
+    const Committed* last = committed(0);
+    const bool replayed = last != nullptr && (ts <= last->frameNs || centre <= last->centreNs);
+    Quat virt = replayed ? replay(centre, physicalCentre)
+                         : solvePath(centre, timing, camera, physicalCentre);
+
+    // Hard crop limit: where the smooth pose would show anything outside the frame, turn it
+    // towards the physical pose just far enough.
+    if (!coversOutput(camera, config_.overscan, virt, rowSet, kCropInset)) {
+        double lo = 0.0;
+        double hi = 1.0;
+        for (int it = 0; it < 10; ++it) {
+            const double mid = 0.5 * (lo + hi);
+            const Quat q = slerp(virt, physicalCentre, mid);
+            (coversOutput(camera, config_.overscan, q, rowSet, kCropInset) ? hi : lo) = mid;
+        }
+        virt = slerp(virt, physicalCentre, hi);
+        ++counters_.framesClamped;
+    }
+
+    writeGrid(camera, config_.overscan, virt, rowSet, config_.gridColumns, rows, vertices);
+    if (replayed) {
+        ++counters_.framesReplayed;
+    } else {
+        commit(ts, centre, virt);
+    }
+    ++counters_.framesWarped;
+    return kStatusWarped;
+}
+
+}  // namespace vstab

@@ -1,0 +1,341 @@
+// The stabilization library through its five C functions, as the engine calls them.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <future>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zef_gyro_vstab.h"
+
+namespace {
+
+constexpr int64_t kMs = 1000000;
+constexpr int64_t kStart = 100000 * kMs;  // some time after boot
+
+// One library handle with the engine's vertex array and message buffer.
+class Lib {
+  public:
+    explicit Lib(const std::string& config = "vstab.readoutNs=30000000\n") {
+        messageSize = sizeof message;
+        status = vStabCreateUseCharCnfgBuff(&handle, config.data(), static_cast<int>(config.size()),
+                                            message, &messageSize);
+        if (status == 0) {
+            const VStabConfigRecord* c = vStabConfig(handle);
+            vertices.assign(static_cast<size_t>(c->gridColumns) * c->gridRows * 3, 0.0f);
+            out = {0, 0, vertices.data()};
+        }
+    }
+    ~Lib() {
+        if (handle != nullptr) {
+            vStabDestroy(handle);
+        }
+    }
+    Lib(const Lib&) = delete;
+    Lib& operator=(const Lib&) = delete;
+
+    // Gyro at 400 Hz over [from, to) turning about the camera's axes as `rate(t)` (sensor axes
+    // as configured by default: camera x = -sensor y, y = -sensor x, z = -sensor z).
+    template <typename Rate>
+    void feed(int64_t from, int64_t to, Rate rate) {
+        for (int64_t t = from; t < to; t += 2500000) {
+            const double s = static_cast<double>(t - kStart) * 1e-9;
+            float cam[3];
+            rate(s, cam);
+            const float sensor[3] = {-cam[1], -cam[0], -cam[2]};
+            ASSERT_EQ(vStabAddAngularVelocity(handle, t, sensor), 0);
+        }
+    }
+    void feedStill(int64_t from, int64_t to) {
+        feed(from, to, [](double, float* r) { r[0] = r[1] = r[2] = 0.0f; });
+    }
+    int warp(int64_t timestampNs, int64_t exposureNs = 10 * kMs) {
+        VStabFrameInfo info{40, 2, timestampNs, exposureNs, 1.0f, 1.0f, 0, 0};
+        return vStabWarpGrid(handle, &info, &out);
+    }
+    const VStabConfigRecord& config() const { return *vStabConfig(handle); }
+
+    void* handle = nullptr;
+    int status = -1;
+    char message[512] = {};
+    unsigned int messageSize = 0;
+    std::vector<float> vertices;
+    VStabOutput out{0, 0, nullptr};
+};
+
+float uniformX(const VStabConfigRecord& c, uint32_t i) {
+    return (2.0f * i / (c.gridColumns - 1) - 1.0f) * 1.25f;
+}
+float uniformY(const VStabConfigRecord& c, uint32_t j) {
+    return (2.0f * j / (c.gridRows - 1) - 1.0f) * 1.25f;
+}
+
+TEST(VStabApi, ConfigRecordFieldsSitAtTheEnginesOffsets) {
+    Lib lib(
+        "vstab.gridColumns=21\nvstab.gridRows=12\nvstab.windowNs=900000000\n"
+        "vstab.latencyNs=500000000\nvstab.debugFrameIndex=1\nvstab.clockIdGyro=1\n"
+        "vstab.clockIdFrame=7\n");
+    ASSERT_EQ(lib.status, 0) << lib.message;
+    const unsigned char* raw = reinterpret_cast<const unsigned char*>(vStabConfig(lib.handle));
+    auto read = [raw](size_t offset, auto value) {
+        std::memcpy(&value, raw + offset, sizeof value);
+        return value;
+    };
+    EXPECT_EQ(read(28, uint32_t{}), 21u);
+    EXPECT_EQ(read(32, uint32_t{}), 12u);
+    EXPECT_EQ(read(216, int64_t{}), 900000000);
+    EXPECT_EQ(read(240, int64_t{}), 500000000);
+    EXPECT_EQ(read(256, int32_t{}), 1);
+    EXPECT_EQ(read(296, int32_t{}), 1);
+    EXPECT_EQ(read(300, int32_t{}), 7);
+    EXPECT_EQ(vStabConfig(nullptr), nullptr);
+}
+
+TEST(VStabApi, RefusedConfigurationExplainsItselfWithinTheBuffer) {
+    const std::string bad = "vstab.gridRows=1\n";
+    for (unsigned int capacity : {0u, 1u, 10u, 512u}) {
+        char buf[600];
+        std::memset(buf, 0x5a, sizeof buf);
+        unsigned int size = capacity;
+        void* handle = reinterpret_cast<void*>(0x1);
+        EXPECT_NE(vStabCreateUseCharCnfgBuff(&handle, bad.data(), static_cast<int>(bad.size()), buf,
+                                             &size),
+                  0);
+        EXPECT_EQ(handle, nullptr);
+        for (size_t k = capacity; k < sizeof buf; ++k) {
+            ASSERT_EQ(buf[k], 0x5a) << "written past the capacity " << capacity;
+        }
+        if (capacity > 0) {
+            EXPECT_EQ(std::strlen(buf), size);
+            EXPECT_LT(size, capacity);
+        } else {
+            EXPECT_EQ(size, 0u);
+        }
+        if (capacity == 512) {
+            EXPECT_NE(std::string(buf).find("vstab.gridRows"), std::string::npos) << buf;
+        }
+    }
+    void* h = nullptr;
+    EXPECT_NE(vStabCreateUseCharCnfgBuff(&h, nullptr, 5, nullptr, nullptr), 0);
+    EXPECT_NE(vStabCreateUseCharCnfgBuff(nullptr, "", 0, nullptr, nullptr), 0);
+    EXPECT_NE(vStabCreateUseCharCnfgBuff(&h, "", -1, nullptr, nullptr), 0);
+}
+
+TEST(VStabApi, StatusFollowsTheGyroCoverageOfTheFrame) {
+    Lib lib;
+    ASSERT_EQ(lib.status, 0);
+    const int64_t frame = kStart + 1000 * kMs;
+    EXPECT_EQ(lib.warp(frame), 2) << "no gyro at all yet: wait";
+    lib.feedStill(frame + 20 * kMs, frame + 100 * kMs);
+    EXPECT_EQ(lib.warp(frame), 1) << "gyro starts after the exposure: render unwarped";
+
+    Lib fresh;
+    const int64_t latency = fresh.config().latencyNs;
+    fresh.feedStill(frame - 500 * kMs, frame + latency);
+    EXPECT_EQ(fresh.warp(frame), 2) << "look-ahead not yet complete";
+    fresh.feedStill(frame + latency, frame + latency + 50 * kMs);
+    EXPECT_EQ(fresh.warp(frame), 0);
+}
+
+TEST(VStabApi, StillCameraGetsTheUnwarpedGrid) {
+    Lib lib;
+    lib.feedStill(kStart, kStart + 3000 * kMs);
+    const VStabConfigRecord& c = lib.config();
+    for (int64_t f = kStart + 500 * kMs; f < kStart + 2000 * kMs; f += 33 * kMs) {
+        ASSERT_EQ(lib.warp(f), 0);
+        for (uint32_t j = 0; j < c.gridRows; ++j) {
+            for (uint32_t i = 0; i < c.gridColumns; ++i) {
+                const float* v = &lib.vertices[3 * (j * c.gridColumns + i)];
+                ASSERT_NEAR(v[0], uniformX(c, i), 1e-5);
+                ASSERT_NEAR(v[1], uniformY(c, j), 1e-5);
+                ASSERT_EQ(v[2], 0.0f);
+            }
+        }
+    }
+}
+
+TEST(VStabApi, ShakeIsCancelledAndAPanIsFollowed) {
+    // A yaw pan at 0.2 rad/s with 5 Hz yaw shake of 0.01 rad and 4 Hz pitch shake of 0.006 rad:
+    // the grid centre must move against the shake (cancelling it) but not with the pan.
+    Lib lib;
+    const double pi = 3.14159265358979;
+    const double wy = 2 * pi * 5.0, wx = 2 * pi * 4.0;
+    lib.feed(kStart, kStart + 4000 * kMs, [&](double t, float* r) {
+        r[0] = static_cast<float>(0.006 * wx * std::cos(wx * t));
+        r[1] = static_cast<float>(0.2 + 0.01 * wy * std::cos(wy * t));
+        r[2] = 0.0f;
+    });
+    const VStabConfigRecord& c = lib.config();
+    const size_t centre = 3 * ((c.gridRows / 2) * c.gridColumns + c.gridColumns / 2);
+    const double fx = 0.5 / std::tan(33.0 * pi / 180.0);
+    const double fy = 0.5 / std::tan(20.07 * pi / 180.0);
+    double worst = 0.0, spreadX = 0.0, spreadY = 0.0;
+    for (int64_t f = kStart + 500 * kMs; f < kStart + 3000 * kMs; f += 33 * kMs) {
+        ASSERT_EQ(lib.warp(f), 0);
+        if (f < kStart + 1500 * kMs) {
+            continue;  // the path starts at the shaken pose and settles first
+        }
+        // The physical camera at the frame's centre row is turned by the shake against the
+        // smooth virtual one: to the right by the yaw, downwards by the pitch, so the frame
+        // centre shows up right of and above the output centre.
+        const double t = static_cast<double>(f + 5 * kMs + 15 * kMs - kStart) * 1e-9;
+        const double x = 2.5 * fx * std::tan(0.01 * std::sin(wy * t));
+        const double y = -2.5 * fy * std::tan(0.006 * std::sin(wx * t));
+        worst = std::fmax(worst, std::fabs(lib.vertices[centre] - x));
+        worst = std::fmax(worst, std::fabs(lib.vertices[centre + 1] - y));
+        spreadX = std::fmax(spreadX, std::fabs(lib.vertices[centre]));
+        spreadY = std::fmax(spreadY, std::fabs(lib.vertices[centre + 1]));
+    }
+    EXPECT_LT(worst, 0.004) << "shake left in the output (NDC)";
+    EXPECT_GT(spreadX, 0.015) << "the grid does not move with the yaw shake";
+    EXPECT_GT(spreadY, 0.015) << "the grid does not move with the pitch shake";
+}
+
+TEST(VStabApi, UnusableSamplesAreCountedNotRefused) {
+    Lib clean, dirty;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float inf = std::numeric_limits<float>::infinity();
+    auto rate = [](double t, float* r) {
+        r[0] = static_cast<float>(0.1 * std::sin(9 * t));
+        r[1] = static_cast<float>(0.2 * std::cos(13 * t));
+        r[2] = 0.05f;
+    };
+    for (int64_t t = kStart; t < kStart + 2000 * kMs; t += 100 * kMs) {
+        clean.feed(t, t + 100 * kMs, rate);
+        dirty.feed(t, t + 100 * kMs, rate);
+        const float garbage[4][3] = {{nan, 0, 0}, {0, inf, 0}, {1e30f, 0, 0}, {0, 0, -inf}};
+        for (const auto& g : garbage) {
+            EXPECT_EQ(vStabAddAngularVelocity(dirty.handle, t + 100 * kMs - 1, g), 0);
+        }
+        EXPECT_EQ(vStabAddAngularVelocity(dirty.handle, t, garbage[0]), 0) << "out of order";
+        EXPECT_EQ(vStabAddAngularVelocity(dirty.handle, t + 50 * kMs, nullptr), 0);
+        EXPECT_EQ(vStabAddAngularVelocity(dirty.handle, std::numeric_limits<long long>::max(),
+                                          garbage[2]),
+                  0);
+    }
+    for (int64_t f = kStart + 300 * kMs; f < kStart + 1300 * kMs; f += 33 * kMs) {
+        ASSERT_EQ(clean.warp(f), 0);
+        ASSERT_EQ(dirty.warp(f), 0);
+        ASSERT_EQ(clean.vertices, dirty.vertices);
+    }
+}
+
+TEST(VStabApi, FramesOlderThanTheHistoryRenderUnwarpedAndRepeatsChangeNothing) {
+    Lib lib("vstab.gyroRateMaxHz=50\n");  // a short history: about 4 s at 400 Hz
+    lib.feedStill(kStart, kStart + 20000 * kMs);
+    EXPECT_EQ(lib.warp(kStart + 1000 * kMs), 1);
+    // The same frame twice gives the same grid and does not advance the path: the next frame
+    // looks as it does on a handle that saw no repeat.
+    auto rate = [](double t, float* r) {
+        r[0] = static_cast<float>(0.3 * std::sin(11 * t));
+        r[1] = static_cast<float>(0.2 * std::sin(7 * t));
+        r[2] = 0.0f;
+    };
+    Lib a, b;
+    a.feed(kStart, kStart + 3000 * kMs, rate);
+    b.feed(kStart, kStart + 3000 * kMs, rate);
+    ASSERT_EQ(a.warp(kStart + 1000 * kMs), 0);
+    ASSERT_EQ(b.warp(kStart + 1000 * kMs), 0);
+    const std::vector<float> first = a.vertices;
+    ASSERT_EQ(a.warp(kStart + 1000 * kMs), 0);
+    EXPECT_EQ(a.vertices, first);
+    ASSERT_EQ(a.warp(kStart + 1033 * kMs), 0);
+    ASSERT_EQ(b.warp(kStart + 1033 * kMs), 0);
+    EXPECT_EQ(a.vertices, b.vertices);
+}
+
+TEST(VStabApi, ContractViolationsAreErrorsTheEngineStopsOn) {
+    Lib lib;
+    lib.feedStill(kStart, kStart + 2000 * kMs);
+    auto fatal = [](int s) {
+        return s != 0 && s != 1 && s != 26 && s != 2 && s != 5 && s != 25 && s != 27 &&
+               s != 20000 && s != 20001;
+    };
+    VStabFrameInfo info{40, 2, kStart + 500 * kMs, 0, 1.0f, 1.0f, 0, 0};
+    EXPECT_TRUE(fatal(vStabWarpGrid(nullptr, &info, &lib.out)));
+    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, nullptr, &lib.out)));
+    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, &info, nullptr)));
+    VStabOutput empty{0, 0, nullptr};
+    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, &info, &empty)));
+    VStabFrameInfo wrong = info;
+    wrong.recordSize = 36;
+    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, &wrong, &lib.out)));
+    EXPECT_NE(vStabAddAngularVelocity(nullptr, kStart, nullptr), 0);
+    EXPECT_NE(vStabDestroy(nullptr), 0);
+    // Odd but legal frame values are warped, not refused.
+    VStabFrameInfo odd = info;
+    odd.exposureNs = -5;
+    odd.zoom = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_EQ(vStabWarpGrid(lib.handle, &odd, &lib.out), 0);
+    odd.timestampNs = std::numeric_limits<int64_t>::min();
+    EXPECT_EQ(vStabWarpGrid(lib.handle, &odd, &lib.out), 1);
+}
+
+// Each handle owns all its state: two recordings on two threads give the same grids as on
+// one, and the engine's pattern (gyro thread and processing thread sharing one handle under
+// a mutex) finishes.
+TEST(VStabApi, HandlesShareNoStateAcrossThreads) {
+    auto run = []() {
+        Lib lib;
+        std::vector<float> all;
+        for (int64_t t = kStart; t < kStart + 1500 * kMs; t += 33 * kMs) {
+            lib.feed(t, t + 33 * kMs, [](double s, float* r) {
+                r[0] = static_cast<float>(0.2 * std::sin(17 * s));
+                r[1] = static_cast<float>(0.1 * std::cos(5 * s));
+                r[2] = 0.01f;
+            });
+            if (lib.warp(t - 700 * kMs) == 0) {
+                all.insert(all.end(), lib.vertices.begin(), lib.vertices.end());
+            }
+        }
+        return all;
+    };
+    auto a = std::async(std::launch::async, run);
+    auto b = std::async(std::launch::async, run);
+    ASSERT_EQ(a.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    ASSERT_EQ(b.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    const std::vector<float> ra = a.get();
+    EXPECT_FALSE(ra.empty());
+    EXPECT_EQ(ra, b.get());
+
+    Lib shared;
+    std::mutex m;
+    auto gyro = std::async(std::launch::async, [&] {
+        for (int64_t t = kStart; t < kStart + 2000 * kMs; t += 2500000) {
+            const float r[3] = {0.01f, -0.02f, 0.0f};
+            std::lock_guard<std::mutex> lock(m);
+            if (vStabAddAngularVelocity(shared.handle, t, r) != 0) {
+                return false;
+            }
+        }
+        return true;
+    });
+    auto frames = std::async(std::launch::async, [&] {
+        int warped = 0;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        for (int64_t f = kStart + 100 * kMs;
+             f < kStart + 1300 * kMs && std::chrono::steady_clock::now() < deadline;) {
+            std::unique_lock<std::mutex> lock(m);
+            const int s = shared.warp(f);
+            lock.unlock();
+            if (s == 2) {
+                std::this_thread::yield();
+                continue;
+            }
+            warped += s == 0;
+            f += 33 * kMs;
+        }
+        return warped;
+    });
+    ASSERT_EQ(gyro.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    ASSERT_EQ(frames.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_TRUE(gyro.get());
+    EXPECT_GT(frames.get(), 30);
+}
+
+}  // namespace

@@ -1,0 +1,174 @@
+// Configuration text of the stabilization library: keys, defaults, refusals.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "Config.h"
+
+namespace vstab {
+namespace {
+
+bool parse(const std::string& text, StabConfig& out, std::string* error = nullptr) {
+    char buf[256];
+    const bool ok = parseConfig(text.data(), text.size(), out, buf, sizeof buf);
+    if (error != nullptr) {
+        *error = buf;
+    }
+    return ok;
+}
+
+TEST(StabConfig, ReadsEveryKeyAndIgnoresEverythingElse) {
+    const std::string text =
+        "# comment vstab.gridColumns=5\r\n"
+        "native.cameraHeight=1080\r\n"
+        "  vstab.gridColumns = 17 \r\n"
+        "vstab.gridRows=9\n"
+        "vstab.windowNs=1000000000\n"
+        "vstab.latencyNs=700000000\n"
+        "vstab.debugFrameIndex=1\n"
+        "vstab.clockIdGyro=1\n"
+        "vstab.clockIdFrame=0\n"
+        "vstab.fovHorizontalDeg=70.5\n"
+        "vstab.fovVerticalDeg=+45\n"
+        "vstab.principalPointX=0.45\n"
+        "vstab.principalPointY=0.55\n"
+        "vstab.readoutNs=33000000\n"
+        "vstab.gyroTimeOffsetNs=-5000000\n"
+        "vstab.gyroAxes= y , -x ,z\n"
+        "vstab.overscan=1.5\n"
+        "vstab.gyroRateMaxHz=500\n"
+        "vstab.gyroGapMaxNs=50000000\n"
+        "some.other.key=whatever\n"
+        "vstab.unknownKey=not a number";
+    StabConfig c;
+    std::string error;
+    ASSERT_TRUE(parse(text, c, &error)) << error;
+    EXPECT_EQ(c.gridColumns, 17u);
+    EXPECT_EQ(c.gridRows, 9u);
+    EXPECT_EQ(c.windowNs, 1000000000);
+    EXPECT_EQ(c.latencyNs, 700000000);
+    EXPECT_EQ(c.debugFrameIndex, 1);
+    EXPECT_EQ(c.clockIdGyro, 1);
+    EXPECT_EQ(c.clockIdFrame, 0);
+    EXPECT_DOUBLE_EQ(c.fovHorizontalDeg, 70.5);
+    EXPECT_DOUBLE_EQ(c.fovVerticalDeg, 45.0);
+    EXPECT_DOUBLE_EQ(c.principalPointX, 0.45);
+    EXPECT_DOUBLE_EQ(c.principalPointY, 0.55);
+    EXPECT_EQ(c.readoutNs, 33000000);
+    EXPECT_EQ(c.gyroTimeOffsetNs, -5000000);
+    EXPECT_EQ(c.gyroAxes.axis[0], 1);
+    EXPECT_EQ(c.gyroAxes.axis[1], 0);
+    EXPECT_EQ(c.gyroAxes.axis[2], 2);
+    EXPECT_EQ(c.gyroAxes.sign[0], 1);
+    EXPECT_EQ(c.gyroAxes.sign[1], -1);
+    EXPECT_EQ(c.gyroAxes.sign[2], 1);
+    EXPECT_DOUBLE_EQ(c.overscan, 1.5);
+    EXPECT_DOUBLE_EQ(c.gyroRateMaxHz, 500.0);
+    EXPECT_EQ(c.gyroGapMaxNs, 50000000);
+}
+
+TEST(StabConfig, EmptyTextAndTextAfterNulGiveDefaults) {
+    StabConfig c;
+    c.gridColumns = 99;
+    ASSERT_TRUE(parse("", c));
+    EXPECT_EQ(c.gridColumns, StabConfig{}.gridColumns);
+    const std::string withNul = std::string("vstab.gridRows=7\n") + '\0' + "vstab.gridColumns=zz\n";
+    ASSERT_TRUE(parse(withNul, c));
+    EXPECT_EQ(c.gridRows, 7u);
+    EXPECT_EQ(c.gridColumns, StabConfig{}.gridColumns);
+}
+
+TEST(StabConfig, KeyNamesSurviveAPlainSubstringSearch) {
+    size_t n = 0;
+    const ConfigKey* keys = configKeys(&n);
+    const char* engineKeys[] = {"native.cameraUvOffset", "native.cameraHeight",
+                                "native.bufferFrameCount"};
+    ASSERT_GE(n, 15u);
+    for (size_t i = 0; i < n; ++i) {
+        for (const char* e : engineKeys) {
+            EXPECT_EQ(std::strstr(keys[i].name, e), nullptr) << keys[i].name;
+            EXPECT_EQ(std::strstr(e, keys[i].name), nullptr) << keys[i].name;
+        }
+        for (size_t j = 0; j < n; ++j) {
+            if (i != j) {
+                EXPECT_EQ(std::strstr(keys[j].name, keys[i].name), nullptr)
+                    << keys[i].name << " inside " << keys[j].name;
+            }
+        }
+    }
+}
+
+TEST(StabConfig, RefusesBadValuesWithASentenceNamingTheKey) {
+    const struct {
+        const char* text;
+        const char* mention;
+    } cases[] = {
+        {"vstab.gridColumns=abc", "vstab.gridColumns"},
+        {"vstab.gridColumns=1", "vstab.gridColumns"},
+        {"vstab.gridRows=12.5", "vstab.gridRows"},
+        {"vstab.gridRows=", "vstab.gridRows"},
+        {"vstab.latencyNs=99999999999999999999999", "vstab.latencyNs"},
+        {"vstab.fovHorizontalDeg=nan", "vstab.fovHorizontalDeg"},
+        {"vstab.fovVerticalDeg=inf", "vstab.fovVerticalDeg"},
+        {"vstab.overscan=0.9", "vstab.overscan"},
+        {"vstab.clockIdGyro=2", "vstab.clockIdGyro"},
+        {"vstab.clockIdFrame=-1", "vstab.clockIdFrame"},
+        {"vstab.gyroAxes=x,y", "vstab.gyroAxes"},
+        {"vstab.gyroAxes=x,x,z", "twice"},
+        {"vstab.gyroAxes=y,x,z", "mirror"},
+        {"vstab.readoutNs=5\nvstab.readoutNs=6", "given twice"},
+        {"vstab.gridColumns 12", "key=value"},
+        {"vstab.gridColumns=300\nvstab.gridRows=300", "65536"},
+        {"vstab.windowNs=2000000000\nvstab.latencyNs=600000000", "look-ahead"},
+    };
+    for (const auto& c : cases) {
+        StabConfig cfg;
+        const StabConfig before = cfg;
+        std::string error;
+        EXPECT_FALSE(parse(c.text, cfg, &error)) << c.text;
+        EXPECT_NE(error.find(c.mention), std::string::npos) << c.text << " -> " << error;
+        EXPECT_EQ(error.back(), '.') << error;
+        EXPECT_EQ(cfg.gridColumns, before.gridColumns)
+            << "a refused text must not change the output";
+    }
+}
+
+TEST(StabConfig, ErrorSentenceNeverPassesItsBuffer) {
+    const std::string text = "vstab.gridColumns=" + std::string(300, 'x');
+    char buf[24];
+    std::memset(buf, '#', sizeof buf);
+    StabConfig c;
+    EXPECT_FALSE(parseConfig(text.data(), text.size(), c, buf, 16));
+    EXPECT_EQ(std::strlen(buf), 15u);
+    for (size_t i = 16; i < sizeof buf; ++i) {
+        EXPECT_EQ(buf[i], '#');
+    }
+    EXPECT_FALSE(parseConfig(text.data(), text.size(), c, nullptr, 0));
+}
+
+TEST(StabConfig, ShippedExampleParsesToTheDefaults) {
+    std::ifstream in(STAB_EXAMPLE_CONFIG);
+    ASSERT_TRUE(in) << STAB_EXAMPLE_CONFIG;
+    std::stringstream s;
+    s << in.rdbuf();
+    StabConfig c;
+    std::string error;
+    ASSERT_TRUE(parse(s.str(), c, &error)) << error;
+    const StabConfig d;
+    EXPECT_EQ(c.gridColumns, d.gridColumns);
+    EXPECT_EQ(c.gridRows, d.gridRows);
+    EXPECT_EQ(c.windowNs, d.windowNs);
+    EXPECT_EQ(c.latencyNs, d.latencyNs);
+    EXPECT_EQ(c.readoutNs, 30000000);
+    // The engine finds none of its keys in it by substring search (comments included).
+    for (const char* e :
+         {"native.cameraUvOffset", "native.cameraHeight", "native.bufferFrameCount"}) {
+        EXPECT_EQ(s.str().find(e), std::string::npos) << e;
+    }
+}
+
+}  // namespace
+}  // namespace vstab

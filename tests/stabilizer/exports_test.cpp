@@ -1,0 +1,95 @@
+// libzef_gyro_vstab.so exports exactly the five C functions and needs neither GL nor the
+// engine: read from its ELF dynamic symbol table and dynamic section.
+#include <elf.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Elf {
+    std::vector<char> bytes;
+    std::set<std::string> definedGlobals;
+    std::vector<std::string> needed;
+};
+
+template <typename T>
+const T* at(const std::vector<char>& b, size_t offset) {
+    return offset + sizeof(T) <= b.size() ? reinterpret_cast<const T*>(b.data() + offset) : nullptr;
+}
+
+bool readElf(const char* path, Elf& e) {
+    std::ifstream in(path, std::ios::binary);
+    e.bytes.assign(std::istreambuf_iterator<char>(in), {});
+    const Elf64_Ehdr* h = at<Elf64_Ehdr>(e.bytes, 0);
+    if (h == nullptr || std::memcmp(h->e_ident, ELFMAG, SELFMAG) != 0 ||
+        h->e_ident[EI_CLASS] != ELFCLASS64) {
+        return false;
+    }
+    std::vector<const Elf64_Shdr*> sections;
+    for (size_t i = 0; i < h->e_shnum; ++i) {
+        const Elf64_Shdr* s = at<Elf64_Shdr>(e.bytes, h->e_shoff + i * h->e_shentsize);
+        if (s == nullptr) {
+            return false;
+        }
+        sections.push_back(s);
+    }
+    auto str = [&](const Elf64_Shdr* table, size_t index) {
+        const size_t o = table->sh_offset + index;
+        return o < e.bytes.size() ? std::string(e.bytes.data() + o) : std::string();
+    };
+    for (const Elf64_Shdr* s : sections) {
+        if (s->sh_link >= sections.size()) {
+            continue;
+        }
+        const Elf64_Shdr* strings = sections[s->sh_link];
+        if (s->sh_type == SHT_DYNSYM) {
+            for (size_t o = s->sh_offset; o + sizeof(Elf64_Sym) <= s->sh_offset + s->sh_size;
+                 o += sizeof(Elf64_Sym)) {
+                const Elf64_Sym* sym = at<Elf64_Sym>(e.bytes, o);
+                const int bind = ELF64_ST_BIND(sym->st_info);
+                if (sym->st_shndx != SHN_UNDEF && (bind == STB_GLOBAL || bind == STB_WEAK) &&
+                    ELF64_ST_VISIBILITY(sym->st_other) == STV_DEFAULT) {
+                    e.definedGlobals.insert(str(strings, sym->st_name));
+                }
+            }
+        } else if (s->sh_type == SHT_DYNAMIC) {
+            for (size_t o = s->sh_offset; o + sizeof(Elf64_Dyn) <= s->sh_offset + s->sh_size;
+                 o += sizeof(Elf64_Dyn)) {
+                const Elf64_Dyn* d = at<Elf64_Dyn>(e.bytes, o);
+                if (d->d_tag == DT_NEEDED) {
+                    e.needed.push_back(str(strings, d->d_un.d_val));
+                }
+            }
+        }
+    }
+    return true;
+}
+
+TEST(VStabLibrary, ExportsExactlyTheFiveFunctions) {
+    Elf e;
+    ASSERT_TRUE(readElf(VSTAB_LIBRARY_PATH, e)) << VSTAB_LIBRARY_PATH;
+    const std::set<std::string> expected = {"vStabCreateUseCharCnfgBuff", "vStabConfig",
+                                            "vStabAddAngularVelocity", "vStabWarpGrid",
+                                            "vStabDestroy"};
+    EXPECT_EQ(e.definedGlobals, expected);
+}
+
+TEST(VStabLibrary, NeedsNeitherGlNorTheEngine) {
+    Elf e;
+    ASSERT_TRUE(readElf(VSTAB_LIBRARY_PATH, e));
+    ASSERT_FALSE(e.needed.empty());
+    for (const std::string& n : e.needed) {
+        for (const char* banned : {"GL", "EGL", "qlmr", "android", "log", "utils"}) {
+            EXPECT_EQ(n.find(banned), std::string::npos) << n;
+        }
+    }
+}
+
+}  // namespace

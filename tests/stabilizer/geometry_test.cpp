@@ -1,0 +1,212 @@
+// Rotation arithmetic, gyro integration and warp-grid geometry of the stabilization library.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "Config.h"
+#include "GyroHistory.h"
+#include "Quat.h"
+#include "Warp.h"
+
+namespace vstab {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+double distance(const Vec3& a, const Vec3& b) {
+    return norm(a - b);
+}
+
+TEST(StabRotation, ExpAndLogAreInverseAcrossTheTaylorBoundaryAndNearPi) {
+    for (double angle : {1e-9, 1e-3, 0.2499, 0.25, 0.2501, 1.0, 3.0, kPi - 1e-6}) {
+        const Vec3 r = Vec3{0.48, -0.6, 0.64} * angle;  // unit axis times angle
+        const Quat q = expMap(r);
+        EXPECT_NEAR(q.w * q.w + q.x * q.x + q.y * q.y + q.z * q.z, 1.0, 1e-14) << angle;
+        EXPECT_LT(distance(logMap(q), r), 1e-9 * (1.0 + angle)) << angle;
+        EXPECT_NEAR(std::cos(0.5 * angle), q.w, 1e-15) << angle;
+    }
+    // Rotating the optical axis by a quarter turn about y turns it onto +x.
+    const Vec3 v = rotate(expMap({0, kPi / 2, 0}), {0, 0, 1});
+    EXPECT_LT(distance(v, {1, 0, 0}), 1e-15);
+}
+
+TEST(StabGyroHistory, IntegratesAConstantRateExactly) {
+    GyroHistory h(1024, 100000000);
+    const Vec3 rate = {0.3, -1.2, 0.5};  // rad/s
+    for (int i = 0; i <= 400; ++i) {
+        ASSERT_EQ(h.add(1000000000 + i * 2500000LL, rate), GyroHistory::AddResult::Accepted);
+    }
+    Quat q;
+    ASSERT_TRUE(h.orientationAt(2000000000, q));
+    EXPECT_LT(distance(logMap(q), rate * 1.0), 1e-12);
+    // Between samples the orientation follows the same rate.
+    ASSERT_TRUE(h.orientationAt(1001234567, q));
+    EXPECT_LT(distance(logMap(q), rate * 0.001234567), 1e-12);
+}
+
+TEST(StabGyroHistory, DropsUnusableSamplesWithoutChangingTheHistory) {
+    GyroHistory h(64, 100000000);
+    ASSERT_EQ(h.add(1000, {0, 0, 1}), GyroHistory::AddResult::Accepted);
+    ASSERT_EQ(h.add(5000001000, {0, 0, 1}), GyroHistory::AddResult::Accepted);
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const double inf = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(h.add(5000002000, {nan, 0, 0}), GyroHistory::AddResult::NonFinite);
+    EXPECT_EQ(h.add(5000002000, {0, -inf, 0}), GyroHistory::AddResult::NonFinite);
+    EXPECT_EQ(h.add(5000002000, {1e6, 0, 0}), GyroHistory::AddResult::Implausible);
+    EXPECT_EQ(h.add((int64_t{1} << 61) + 1, {0, 0, 0}), GyroHistory::AddResult::Implausible);
+    EXPECT_EQ(h.add(-(int64_t{1} << 62), {0, 0, 0}), GyroHistory::AddResult::Implausible);
+    EXPECT_EQ(h.add(4000, {0, 0, 0}), GyroHistory::AddResult::OutOfOrder);
+    EXPECT_EQ(h.add(5000001000, {0, 0, 0}), GyroHistory::AddResult::Duplicate);
+    EXPECT_EQ(h.size(), 2u);
+    EXPECT_EQ(h.newestNs(), 5000001000);
+    // The 5 s gap is bridged as no rotation, not as 5 s at 1 rad/s.
+    Quat q;
+    ASSERT_TRUE(h.orientationAt(5000001000, q));
+    EXPECT_LT(norm(logMap(q)), 1e-12);
+    EXPECT_EQ(h.gapsBridged(), 1u);
+}
+
+TEST(StabGyroHistory, RingKeepsTheNewestSamplesAndOrderedLookupsAgree) {
+    GyroHistory h(100, 100000000);  // rounded up to 128
+    ASSERT_EQ(h.capacity(), 128u);
+    for (int i = 0; i < 1000; ++i) {
+        h.add(i * 1000000LL, {std::sin(i * 0.01), 0.5, std::cos(i * 0.02)});
+    }
+    EXPECT_EQ(h.size(), 128u);
+    EXPECT_EQ(h.newestNs(), 999000000);
+    EXPECT_EQ(h.oldestNs(), (1000 - 128) * 1000000LL);
+    std::vector<int64_t> times;
+    for (int64_t t = h.oldestNs() - 5000000; t <= h.newestNs() + 5000000; t += 777777) {
+        times.push_back(t);
+    }
+    std::vector<Quat> ordered(times.size());
+    h.orientationsAt(times.data(), times.size(), ordered.data());
+    for (size_t k = 0; k < times.size(); ++k) {
+        Quat single;
+        h.orientationAt(times[k], single);
+        EXPECT_LT(angleBetween(single, ordered[k]), 1e-15) << times[k];
+    }
+    Quat q;
+    EXPECT_FALSE(h.orientationAt(h.oldestNs() - 1, q));
+    EXPECT_FALSE(h.orientationAt(h.newestNs() + 1, q));
+}
+
+struct Fixture {
+    StabConfig config;
+    CameraModel camera;
+    std::vector<Quat> rows;
+    std::vector<Mat3> mats;
+    std::vector<float> grid;
+
+    explicit Fixture(double zoom = 1.0) {
+        camera = CameraModel::fromConfig(config, zoom);
+        rows.assign(config.gridRows, Quat{});
+        mats.resize(config.gridRows);
+        grid.assign(static_cast<size_t>(config.gridColumns) * config.gridRows * 3, 0.0f);
+    }
+    RowOrientations rowSet() {
+        worldToCameraMatrices(rows.data(), static_cast<uint32_t>(rows.size()), mats.data());
+        return {rows.data(), mats.data(), static_cast<uint32_t>(rows.size())};
+    }
+    void write(const Quat& virt) {
+        writeGrid(camera, config.overscan, virt, rowSet(), config.gridColumns, config.gridRows,
+                  grid.data());
+    }
+    const float* vertex(uint32_t i, uint32_t j) const {
+        return &grid[3 * (static_cast<size_t>(j) * config.gridColumns + i)];
+    }
+};
+
+TEST(StabWarpGrid, AtRestMatchesTheEnginesUnwarpedGrid) {
+    for (double zoom : {1.0, 2.5}) {
+        Fixture f(zoom);
+        f.config.principalPointX = 0.47;
+        f.camera = CameraModel::fromConfig(f.config, zoom);
+        const Quat pose = expMap({0.3, -2.0, 0.7});  // any orientation, shared by all rows
+        f.rows.assign(f.rows.size(), pose);
+        f.write(pose);
+        const uint32_t c = f.config.gridColumns, r = f.config.gridRows;
+        for (uint32_t j = 0; j < r; ++j) {
+            for (uint32_t i = 0; i < c; ++i) {
+                const float* p = f.vertex(i, j);
+                EXPECT_NEAR(p[0], (2.0f * i / (c - 1) - 1.0f) * 1.25f, 1e-5) << i << "," << j;
+                EXPECT_NEAR(p[1], (2.0f * j / (r - 1) - 1.0f) * 1.25f, 1e-5) << i << "," << j;
+                EXPECT_EQ(p[2], 0.0f);
+            }
+        }
+    }
+}
+
+TEST(StabWarpGrid, VirtualCameraTurnedRightShowsTheFrameCentreLeftOfCentre) {
+    Fixture f;
+    const double yaw = 0.02;  // virtual optical axis turned towards the physical +x
+    f.write(expMap({0, yaw, 0}));
+    const uint32_t ci = f.config.gridColumns / 2, cj = f.config.gridRows / 2;
+    const float* p = f.vertex(ci, cj);
+    EXPECT_NEAR(p[0], 2.0 * 1.25 * f.camera.fx * std::tan(-yaw), 1e-6);
+    EXPECT_NEAR(p[1], 0.0, 1e-6);
+    // Turning the virtual camera up (about +x, +z towards -y) shows the frame's centre lower
+    // in the output, where y grows with the image row.
+    f.write(expMap({0.02, 0, 0}));
+    EXPECT_GT(f.vertex(ci, cj)[1], 0.0f);
+}
+
+TEST(StabWarpGrid, EachRowIsProjectedWithItsOwnOrientation) {
+    Fixture f;
+    for (size_t j = 0; j < f.rows.size(); ++j) {
+        f.rows[j] = expMap({0.001 * j, -0.002 * j, 0.0005 * j});  // rolling-shutter turn
+    }
+    const Quat virt = expMap({0.004, -0.01, 0.002});
+    f.write(virt);
+    const uint32_t c = f.config.gridColumns, r = f.config.gridRows;
+    for (uint32_t j = 0; j < r; j += 3) {
+        for (uint32_t i = 0; i < c; i += 4) {
+            const double u = static_cast<double>(i) / (c - 1), v = static_cast<double>(j) / (r - 1);
+            const Vec3 inVirtual = rotate(conj(virt) * f.rows[j], f.camera.ray(u, v));
+            double uo, vo;
+            ASSERT_TRUE(f.camera.project(inVirtual, uo, vo));
+            EXPECT_NEAR(f.vertex(i, j)[0], (2 * uo - 1) * 1.25, 1e-5);
+            EXPECT_NEAR(f.vertex(i, j)[1], (2 * vo - 1) * 1.25, 1e-5);
+            // sourceOf inverts the mapping: the output point comes from (u, v).
+            double us, vs;
+            ASSERT_TRUE(sourceOf(f.camera, 1.25, virt, f.rowSet(), f.vertex(i, j)[0],
+                                 f.vertex(i, j)[1], us, vs));
+            EXPECT_NEAR(us, u, 1e-5);
+            EXPECT_NEAR(vs, v, 1e-5);
+        }
+    }
+}
+
+TEST(StabWarpGrid, ExtremeTurnsStillWriteFiniteBoundedValues) {
+    Fixture f;
+    for (const Vec3 r : {Vec3{0, kPi, 0}, Vec3{kPi / 2, 0, 0}, Vec3{0, 0, 3.0}}) {
+        f.write(expMap(r));
+        for (float x : f.grid) {
+            ASSERT_TRUE(std::isfinite(x));
+            ASSERT_LE(std::fabs(x), 64.0f);
+        }
+    }
+}
+
+TEST(StabCropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
+    Fixture f;
+    const RowOrientations rows = f.rowSet();
+    const CropMargins m = cropMargins(f.camera, f.config.overscan);
+    EXPECT_GT(m.yaw, m.pitch) << "16:9: the vertical margin is the tighter one";
+    EXPECT_TRUE(coversOutput(f.camera, 1.25, Quat{}, rows, 0.0));
+    for (const Vec3 axis : {Vec3{1, 0, 0}, Vec3{0, 1, 0}, Vec3{0, 0, 1}}) {
+        // Grow the deviation until the border leaves the frame; usage must be near 1 there.
+        double angle = 0.0;
+        while (coversOutput(f.camera, 1.25, expMap(axis * angle), rows, 0.0) && angle < 1.0) {
+            angle += 0.0005;
+        }
+        const double usage = m.usage(axis * angle);
+        EXPECT_GT(usage, 0.85) << axis.x << axis.y << axis.z;
+        EXPECT_LT(usage, 1.15) << axis.x << axis.y << axis.z;
+    }
+}
+
+}  // namespace
+}  // namespace vstab

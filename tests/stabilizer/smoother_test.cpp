@@ -1,0 +1,142 @@
+// The virtual-camera path smoother: its response to intended motion and to shake, and the
+// soft crop limit.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <vector>
+
+#include "PathSmoother.h"
+
+namespace vstab {
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+// Runs the smoother as the library does, one committed pose per 30 fps frame, on a sine of
+// frequency f (unit amplitude, yaw axis) and returns gain and phase (degrees) of its output.
+struct Response {
+    double gain;
+    double phaseDeg;
+};
+
+Response respond(double f, double windowS, double latencyS) {
+    const double tau = windowS / (1.2 * kPi);
+    SmootherParams params;
+    params.lambda = tau * tau * tau * tau;
+    params.margins = {10, 10, 0, 0};  // far away: no crop limit
+    const int n = 1 + static_cast<int>(std::ceil(latencyS / (1.0 / 60.0) - 1e-9));
+    const double h = latencyS / (n - 1);
+    PathSmoother smoother(static_cast<size_t>(n));
+    std::vector<double> t(n);
+    std::vector<Vec3> p(n);
+    const double dt = 1.0 / 30.0;
+    double committed[2] = {0.0, 0.0};
+    double s = 0.0, c = 0.0;
+    int m = 0;
+    for (int k = 0; k < 30 * 30; ++k) {
+        const double tc = k * dt;
+        SmootherProblem pr;
+        pr.pastCount = 2;
+        pr.pastT[0] = -2 * dt;
+        pr.pastT[1] = -dt;
+        pr.pastX[0] = {0, committed[0], 0};
+        pr.pastX[1] = {0, committed[1], 0};
+        for (int i = 0; i < n; ++i) {
+            t[i] = i * h;
+            p[i] = {0, std::sin(2 * kPi * f * (tc + t[i])), 0};
+        }
+        pr.count = n;
+        pr.t = t.data();
+        pr.p = p.data();
+        const double x = smoother.solve(pr, params).y;
+        committed[0] = committed[1];
+        committed[1] = x;
+        if (tc >= 10.0) {  // steady state
+            s += x * std::sin(2 * kPi * f * tc);
+            c += x * std::cos(2 * kPi * f * tc);
+            ++m;
+        }
+    }
+    s *= 2.0 / m;
+    c *= 2.0 / m;
+    return {std::hypot(s, c), std::atan2(c, s) * 180.0 / kPi};
+}
+
+TEST(StabPathSmoother, KeepsIntendedMotionWithoutOvershootOrLag) {
+    for (double f : {0.05, 0.1, 0.2, 0.3}) {
+        const Response r = respond(f, 1.2, 0.6);
+        EXPECT_LT(r.gain, 1.03) << f << " Hz is amplified";
+        EXPECT_GT(r.gain, 0.93) << f << " Hz is lost";
+        EXPECT_LT(std::fabs(r.phaseDeg), f < 0.25 ? 3.0 : 10.0) << f << " Hz lags";
+    }
+}
+
+TEST(StabPathSmoother, RemovesHandShake) {
+    for (double f : {2.0, 3.0, 5.0, 8.0, 12.0}) {
+        EXPECT_LT(respond(f, 1.2, 0.6).gain, 0.01) << f << " Hz";
+    }
+}
+
+TEST(StabPathSmoother, FollowsAConstantVelocityPanExactly) {
+    PathSmoother smoother(13);
+    SmootherParams params;
+    params.lambda = 0.01;
+    params.margins = {0.05, 0.05, 1, 1};
+    std::vector<double> t(13);
+    std::vector<Vec3> p(13);
+    const Vec3 velocity = {0.1, -0.3, 0.05};  // rad/s
+    for (int i = 0; i < 13; ++i) {
+        t[i] = i * 0.025;
+        p[i] = velocity * t[i];
+    }
+    SmootherProblem pr;
+    pr.pastCount = 2;
+    pr.pastT[0] = -0.066;
+    pr.pastT[1] = -0.033;
+    pr.pastX[0] = velocity * -0.066;
+    pr.pastX[1] = velocity * -0.033;
+    pr.count = 13;
+    pr.t = t.data();
+    pr.p = p.data();
+    std::vector<Vec3> path(13);
+    smoother.solve(pr, params, path.data());
+    for (int i = 0; i < 13; ++i) {
+        EXPECT_LT(norm(path[i] - p[i]), 1e-9) << i;
+    }
+}
+
+TEST(StabPathSmoother, BendsTowardsThePhysicalPathBeforeTheCropMarginRunsOut) {
+    // Still past, then the physical camera jumps 0.1 rad sideways ahead in the horizon.
+    const int n = 37;
+    PathSmoother smoother(n);
+    SmootherParams params;
+    params.lambda = std::pow(1.2 / (1.2 * kPi), 4);
+    params.margins = {0.06, 0.06, 1, 1};
+    params.usageLimit = 0.9;
+    std::vector<double> t(n);
+    std::vector<Vec3> p(n);
+    for (int i = 0; i < n; ++i) {
+        t[i] = i / 60.0;
+        p[i] = {0, i > 10 ? 0.1 : 0.0, 0};
+    }
+    SmootherProblem pr;
+    pr.pastCount = 2;
+    pr.pastT[0] = -0.066;
+    pr.pastT[1] = -0.033;
+    pr.count = n;
+    pr.t = t.data();
+    pr.p = p.data();
+    std::vector<Vec3> path(n);
+    int iterations = 0;
+    smoother.solve(pr, params, path.data(), &iterations);
+    EXPECT_GT(iterations, 1);
+    double worst = 0.0;
+    for (int i = 0; i < n; ++i) {
+        worst = std::fmax(worst, params.margins.usage(path[i] - p[i]));
+    }
+    EXPECT_LT(worst, 1.0);
+    EXPECT_GT(path[0].y, 0.0) << "the path starts moving before the jump";
+}
+
+}  // namespace
+}  // namespace vstab

@@ -1,0 +1,152 @@
+// One stabilization session (Stabilizer) seen from inside: what it counts, what it learns about
+// the gyro, and the crop limit under shake no margin can absorb.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "BiasEstimator.h"
+#include "Metrics.h"
+#include "Stabilizer.h"
+#include "zef_gyro_vstab.h"
+
+namespace vstab {
+namespace {
+
+constexpr int64_t kMs = 1000000;
+constexpr int64_t kStart = 70000 * kMs;
+
+StabConfig configWithReadout() {
+    StabConfig c;
+    c.readoutNs = 30 * kMs;
+    return c;
+}
+
+// Sensor-axis sample for a camera-axis rate under the default mapping -y,-x,-z.
+void addCamera(Stabilizer& s, int64_t t, const Vec3& cam) {
+    const float sensor[3] = {static_cast<float>(-cam.y), static_cast<float>(-cam.x),
+                             static_cast<float>(-cam.z)};
+    s.addAngularVelocity(t, sensor);
+}
+
+int warp(Stabilizer& s, int64_t t, std::vector<float>& grid) {
+    const VStabFrameInfo info{40, 2, t, 10 * kMs, 1.0f, 1.0f, 0, 0};
+    return s.warp(info, grid.data());
+}
+
+TEST(StabSession, CountsEveryDroppedSample) {
+    Stabilizer s(configWithReadout());
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float ok[3] = {0.1f, 0.0f, 0.0f};
+    const float bad[3] = {nan, 0.0f, 0.0f};
+    const float huge[3] = {0.0f, 3e3f, 0.0f};
+    s.addAngularVelocity(kStart, ok);
+    s.addAngularVelocity(kStart + kMs, ok);
+    s.addAngularVelocity(kStart + 2 * kMs, bad);
+    s.addAngularVelocity(kStart + 2 * kMs, nullptr);
+    s.addAngularVelocity(kStart + 2 * kMs, huge);
+    s.addAngularVelocity(kStart, ok);
+    s.addAngularVelocity(kStart + kMs, ok);
+    const Stabilizer::Counters& c = s.counters();
+    EXPECT_EQ(c.samplesAccepted, 2u);
+    EXPECT_EQ(c.samplesNonFinite, 2u);
+    EXPECT_EQ(c.samplesImplausible, 1u);
+    EXPECT_EQ(c.samplesOutOfOrder, 1u);
+    EXPECT_EQ(c.samplesDuplicate, 1u);
+}
+
+TEST(StabBiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
+    const Vec3 offset = {0.004, -0.006, 0.002};
+    BiasEstimator still, shaken, turning;
+    uint32_t seed = 1;
+    auto noise = [&seed]() {  // uniform, std ~0.0017 rad/s
+        seed = seed * 1664525u + 1013904223u;
+        return (static_cast<double>(seed >> 8) / 16777216.0 - 0.5) * 0.006;
+    };
+    for (int k = 0; k < 1200; ++k) {  // 3 s at 400 Hz
+        const int64_t t = kStart + k * 2500000LL;
+        const double s = k * 0.0025;
+        still.add(t, offset + Vec3{noise(), noise(), noise()});
+        shaken.add(t, offset + Vec3{0.05 * std::sin(2 * 3.14159 * 4 * s), noise(), noise()});
+        turning.add(t, Vec3{0.0, 0.05, 0.0});  // a slow deliberate pan on a tripod
+    }
+    ASSERT_TRUE(still.hasEstimate());
+    EXPECT_LT(norm(still.bias() - offset), 3e-4);
+    EXPECT_FALSE(shaken.hasEstimate());
+    EXPECT_FALSE(turning.hasEstimate());
+}
+
+TEST(StabSession, CropLimitHoldsUnderShakeNoMarginAbsorbs) {
+    Stabilizer s(configWithReadout());
+    const StabConfig& c = s.config();
+    std::vector<float> grid(static_cast<size_t>(c.gridColumns) * c.gridRows * 3);
+    int warped = 0;
+    int64_t frame = kStart + 100 * kMs;
+    for (int64_t t = kStart; t < kStart + 6000 * kMs; t += 2500000) {
+        const double x = static_cast<double>(t - kStart) * 1e-9;
+        // About 6 degrees at 2.3 and 3.1 Hz: far beyond the 3.8 degree vertical margin.
+        addCamera(s, t,
+                  {1.0 * std::cos(14.5 * x), 0.9 * std::sin(19.5 * x), 0.3 * std::cos(9 * x)});
+        if (t > frame + 700 * kMs) {
+            ASSERT_EQ(warp(s, frame, grid), kStatusWarped);
+            ++warped;
+            const qlmr::harness::WarpMesh mesh(grid.data(), static_cast<int>(c.gridColumns),
+                                               static_cast<int>(c.gridRows));
+            for (double e = -1.0; e <= 1.0; e += 0.125) {
+                const double border[4][2] = {{e, -1.0}, {e, 1.0}, {-1.0, e}, {1.0, e}};
+                for (const auto& p : border) {
+                    double u, v;
+                    ASSERT_TRUE(mesh.textureAt(p[0], p[1], u, v)) << frame;
+                    ASSERT_TRUE(u >= 0.0 && u <= 1.0 && v >= 0.0 && v <= 1.0)
+                        << "frame " << frame << " shows (" << u << ", " << v << ")";
+                }
+            }
+            frame += 33 * kMs;
+        }
+    }
+    EXPECT_GT(warped, 100);
+    EXPECT_GT(s.counters().framesClamped, 0u);
+}
+
+TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
+    Stabilizer s(configWithReadout());
+    std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows * 3);
+    const Vec3 pan = {0.0, 0.3, 0.0};  // rad/s
+    for (int64_t t = kStart; t < kStart + 8000 * kMs; t += 2500000) {
+        addCamera(s, t, pan);
+    }
+    Quat previous;
+    for (int64_t f = kStart + 1000 * kMs; f < kStart + 2000 * kMs; f += 33 * kMs) {
+        ASSERT_EQ(warp(s, f, grid), kStatusWarped);
+        if (f > kStart + 1500 * kMs) {
+            // Settled onto the pan: 33 ms of it between frames, about y only.
+            const Vec3 step = logMap(conj(previous) * s.lastVirtual());
+            EXPECT_NEAR(step.y, 0.3 * 0.033, 1e-5);
+            EXPECT_NEAR(std::hypot(step.x, step.z), 0.0, 1e-6);
+        }
+        previous = s.lastVirtual();
+    }
+    EXPECT_EQ(s.counters().pathRestarts, 1u);
+    // An exposure that jumps from 10 ms to 300 ms and back moves the frames' centre times
+    // forwards and then backwards; the path neither restarts nor jumps.
+    for (const int64_t exposureMs : {300, 10, 10}) {
+        const VStabFrameInfo info{40,
+                                  2,
+                                  kStart + (2000 + 33 * (exposureMs == 300 ? 0 : 1)) * kMs,
+                                  exposureMs * kMs,
+                                  1.0f,
+                                  1.0f,
+                                  0,
+                                  0};
+        ASSERT_EQ(s.warp(info, grid.data()), kStatusWarped);
+        EXPECT_LT(angleBetween(previous, s.lastVirtual()), 0.3 * 0.2) << exposureMs;
+    }
+    EXPECT_EQ(s.counters().pathRestarts, 1u);
+    ASSERT_EQ(warp(s, kStart + 5000 * kMs, grid), kStatusWarped);
+    EXPECT_EQ(s.counters().pathRestarts, 2u);
+    EXPECT_EQ(s.lastCentreNs(), kStart + 5000 * kMs + 5 * kMs + 15 * kMs);
+}
+
+}  // namespace
+}  // namespace vstab

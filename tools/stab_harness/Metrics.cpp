@@ -1,0 +1,413 @@
+#include "Metrics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+
+namespace qlmr::harness {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr int kSamplesPerAxis = 9;  // output points per row and column for the camera fits
+constexpr int kBorderStepPx = 8;    // spacing of the checked output border points
+
+struct P2 {
+    double x, y;
+};
+
+// Barycentric coordinates of p in triangle abc; false if outside (with a hair of tolerance).
+bool barycentric(P2 a, P2 b, P2 c, P2 p, double& wa, double& wb, double& wc) {
+    const double d = (b.y - c.y) * (a.x - c.x) + (c.x - b.x) * (a.y - c.y);
+    if (std::fabs(d) < 1e-300) {
+        return false;
+    }
+    wa = ((b.y - c.y) * (p.x - c.x) + (c.x - b.x) * (p.y - c.y)) / d;
+    wb = ((c.y - a.y) * (p.x - c.x) + (a.x - c.x) * (p.y - c.y)) / d;
+    wc = 1.0 - wa - wb;
+    constexpr double eps = -1e-9;
+    return wa >= eps && wb >= eps && wc >= eps;
+}
+
+// Eigenvector of the largest eigenvalue of a symmetric 4x4 matrix (cyclic Jacobi).
+void largestEigenvector(double a[4][4], double out[4]) {
+    double v[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
+    for (int sweep = 0; sweep < 50; ++sweep) {
+        double off = 0.0;
+        for (int p = 0; p < 4; ++p) {
+            for (int q = p + 1; q < 4; ++q) {
+                off += a[p][q] * a[p][q];
+            }
+        }
+        if (off < 1e-30) {
+            break;
+        }
+        for (int p = 0; p < 4; ++p) {
+            for (int q = p + 1; q < 4; ++q) {
+                if (std::fabs(a[p][q]) < 1e-300) {
+                    continue;
+                }
+                const double theta = (a[q][q] - a[p][p]) / (2.0 * a[p][q]);
+                const double t =
+                    (theta >= 0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
+                const double c = 1.0 / std::sqrt(t * t + 1.0);
+                const double s = t * c;
+                for (int k = 0; k < 4; ++k) {
+                    const double akp = a[k][p], akq = a[k][q];
+                    a[k][p] = c * akp - s * akq;
+                    a[k][q] = s * akp + c * akq;
+                }
+                for (int k = 0; k < 4; ++k) {
+                    const double apk = a[p][k], aqk = a[q][k];
+                    a[p][k] = c * apk - s * aqk;
+                    a[q][k] = s * apk + c * aqk;
+                }
+                for (int k = 0; k < 4; ++k) {
+                    const double vkp = v[k][p], vkq = v[k][q];
+                    v[k][p] = c * vkp - s * vkq;
+                    v[k][q] = s * vkp + c * vkq;
+                }
+            }
+        }
+    }
+    int best = 0;
+    for (int i = 1; i < 4; ++i) {
+        if (a[i][i] > a[best][best]) {
+            best = i;
+        }
+    }
+    for (int k = 0; k < 4; ++k) {
+        out[k] = v[k][best];
+    }
+}
+
+}  // namespace
+
+WarpMesh::WarpMesh(const float* grid, int columns, int rows)
+    : grid_(grid), columns_(columns), rows_(rows) {}
+
+bool WarpMesh::inCell(int i, int j, double x, double y, double& u, double& v) const {
+    auto pos = [&](int ci, int cj) {
+        const float* p = grid_ + 3 * (cj * columns_ + ci);
+        return P2{p[0], p[1]};
+    };
+    auto tex = [&](int ci, int cj) {
+        return P2{static_cast<double>(ci) / (columns_ - 1), static_cast<double>(cj) / (rows_ - 1)};
+    };
+    // The engine's strip runs band j + 1 of its bordered mesh: even bands split the cell along
+    // lower-left to upper-right, odd bands along lower-right to upper-left.
+    const bool evenBand = ((j + 1) % 2) == 0;
+    int tri[2][3][2];
+    if (evenBand) {
+        const int t[2][3][2] = {{{i, j}, {i, j + 1}, {i + 1, j}},
+                                {{i, j + 1}, {i + 1, j}, {i + 1, j + 1}}};
+        std::copy(&t[0][0][0], &t[0][0][0] + 12, &tri[0][0][0]);
+    } else {
+        const int t[2][3][2] = {{{i + 1, j}, {i + 1, j + 1}, {i, j}},
+                                {{i + 1, j + 1}, {i, j}, {i, j + 1}}};
+        std::copy(&t[0][0][0], &t[0][0][0] + 12, &tri[0][0][0]);
+    }
+    for (auto& t : tri) {
+        double wa, wb, wc;
+        if (barycentric(pos(t[0][0], t[0][1]), pos(t[1][0], t[1][1]), pos(t[2][0], t[2][1]), {x, y},
+                        wa, wb, wc)) {
+            const P2 ta = tex(t[0][0], t[0][1]), tb = tex(t[1][0], t[1][1]),
+                     tc = tex(t[2][0], t[2][1]);
+            u = wa * ta.x + wb * tb.x + wc * tc.x;
+            v = wa * ta.y + wb * tb.y + wc * tc.y;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool WarpMesh::textureAt(double x, double y, double& u, double& v) const {
+    // Start next to the point: the cell whose middle-row x and middle-column y bracket it
+    // (the grid is close to regular), then search outwards ring by ring.
+    auto along = [&](bool horizontal, double target) {
+        const int count = horizontal ? columns_ : rows_;
+        int best = 0;
+        for (int k = 0; k + 1 < count; ++k) {
+            const float* p = horizontal ? grid_ + 3 * ((rows_ / 2) * columns_ + k)
+                                        : grid_ + 3 * (k * columns_ + columns_ / 2);
+            if ((horizontal ? p[0] : p[1]) <= target) {
+                best = k;
+            }
+        }
+        return best;
+    };
+    const int i0 = along(true, x);
+    const int j0 = along(false, y);
+    const int cells = std::max(columns_, rows_);
+    for (int r = 0; r < cells; ++r) {
+        for (int dj = -r; dj <= r; ++dj) {
+            const int j = j0 + dj;
+            if (j < 0 || j > rows_ - 2) {
+                continue;
+            }
+            const int step = (dj == -r || dj == r) ? 1 : 2 * r;
+            for (int di = -r; di <= r; di += (step > 0 ? step : 1)) {
+                const int i = i0 + di;
+                if (i >= 0 && i <= columns_ - 2 && inCell(i, j, x, y, u, v)) {
+                    return true;
+                }
+            }
+        }
+    }
+    return false;
+}
+
+Q fitRotation(const V3* a, const V3* b, int n) {
+    double s[3][3] = {};
+    for (int k = 0; k < n; ++k) {
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) {
+                s[r][c] += a[k][r] * b[k][c];
+            }
+        }
+    }
+    const double sxx = s[0][0], sxy = s[0][1], sxz = s[0][2];
+    const double syx = s[1][0], syy = s[1][1], syz = s[1][2];
+    const double szx = s[2][0], szy = s[2][1], szz = s[2][2];
+    double m[4][4] = {
+        {sxx + syy + szz, syz - szy, szx - sxz, sxy - syx},
+        {syz - szy, sxx - syy - szz, sxy + syx, szx + sxz},
+        {szx - sxz, sxy + syx, -sxx + syy - szz, syz + szy},
+        {sxy - syx, szx + sxz, syz + szy, -sxx - syy + szz},
+    };
+    double e[4];
+    largestEigenvector(m, e);
+    return sim::unit(Q{e[0], e[1], e[2], e[3]});
+}
+
+std::vector<double> lowPassZeroPhase(const std::vector<double>& x, double cutoffHz,
+                                     double sampleHz) {
+    const size_t n = x.size();
+    if (n < 3) {
+        return x;
+    }
+    const double k = std::tan(kPi * cutoffHz / sampleHz);
+    const double norm = 1.0 / (1.0 + std::sqrt(2.0) * k + k * k);
+    const double b0 = k * k * norm, b1 = 2.0 * b0, b2 = b0;
+    const double a1 = 2.0 * (k * k - 1.0) * norm;
+    const double a2 = (1.0 - std::sqrt(2.0) * k + k * k) * norm;
+    const size_t pad = std::min(n - 1, static_cast<size_t>(3.0 * sampleHz / cutoffHz));
+    std::vector<double> y;
+    y.reserve(n + 2 * pad);
+    for (size_t i = pad; i >= 1; --i) {
+        y.push_back(2.0 * x[0] - x[i]);
+    }
+    y.insert(y.end(), x.begin(), x.end());
+    for (size_t i = 1; i <= pad; ++i) {
+        y.push_back(2.0 * x[n - 1] - x[n - 1 - i]);
+    }
+    auto pass = [&](std::vector<double>& s) {
+        double x1 = s[0], x2 = s[0], y1 = s[0], y2 = s[0];
+        for (double& v : s) {
+            const double in = v;
+            const double out = b0 * in + b1 * x1 + b2 * x2 - a1 * y1 - a2 * y2;
+            x2 = x1;
+            x1 = in;
+            y2 = y1;
+            y1 = out;
+            v = out;
+        }
+    };
+    pass(y);
+    std::reverse(y.begin(), y.end());
+    pass(y);
+    std::reverse(y.begin(), y.end());
+    return std::vector<double>(y.begin() + static_cast<long>(pad),
+                               y.begin() + static_cast<long>(pad + n));
+}
+
+double lowFrequencyShare(const std::vector<const std::vector<double>*>& sequences) {
+    double low = 0.0, all = 0.0;
+    for (const std::vector<double>* seq : sequences) {
+        const size_t n = seq->size();
+        for (size_t f = 1; f <= n / 2; ++f) {
+            std::complex<double> acc = 0.0;
+            for (size_t t = 0; t < n; ++t) {
+                acc += (*seq)[t] * std::polar(1.0, -2.0 * kPi * static_cast<double>(f * t % n) / n);
+            }
+            const double e = std::norm(acc);
+            all += e;
+            if (f <= 5) {
+                low += e;
+            }
+        }
+    }
+    return all > 1e-24 ? low / all : -1.0;
+}
+
+double displacementPx(const V3& d, double focalPx, double rmsRadiusPx) {
+    return std::sqrt(focalPx * focalPx * (d.x * d.x + d.y * d.y) +
+                     rmsRadiusPx * rmsRadiusPx * d.z * d.z);
+}
+
+FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double overscan,
+                              const sim::Trajectory& truth, const sim::CameraSetup& camera,
+                              const sim::FrameStamp& frame) {
+    FrameEvaluation ev;
+    const WarpMesh mesh(grid, columns, rows);
+    const double focalOut = camera.focalPx() * overscan;
+    const double rmsRadius = std::sqrt((static_cast<double>(camera.width) * camera.width +
+                                        static_cast<double>(camera.height) * camera.height) /
+                                       12.0);
+    // Output camera: the virtual pinhole whose picture the output is.
+    auto outputRay = [&](double x, double y) {
+        return sim::unit(
+            V3{(0.5 * x / overscan) / camera.fx(), (0.5 * y / overscan) / camera.fy(), 1.0});
+    };
+    V3 rays[kSamplesPerAxis * kSamplesPerAxis];
+    V3 seen[kSamplesPerAxis * kSamplesPerAxis];
+    bool ok[kSamplesPerAxis * kSamplesPerAxis];
+    int count = 0;
+    for (int r = 0; r < kSamplesPerAxis; ++r) {
+        for (int c = 0; c < kSamplesPerAxis; ++c) {
+            const double x = -1.0 + 2.0 * c / (kSamplesPerAxis - 1);
+            const double y = -1.0 + 2.0 * r / (kSamplesPerAxis - 1);
+            double u, v;
+            const int k = r * kSamplesPerAxis + c;
+            ok[k] = mesh.textureAt(x, y, u, v);
+            if (ok[k]) {
+                rays[count] = outputRay(x, y);
+                seen[count] = sim::worldDirection(truth, camera, frame, u, v);
+                ++count;
+            }
+        }
+    }
+    ev.output = fitRotation(rays, seen, count);
+    // Rolling-shutter wobble: orientation of each output row, compared pairwise.
+    V3 rowDev[kSamplesPerAxis];
+    int rowCount = 0;
+    for (int r = 0; r < kSamplesPerAxis; ++r) {
+        V3 a[kSamplesPerAxis], b[kSamplesPerAxis];
+        int n = 0;
+        for (int c = 0; c < kSamplesPerAxis; ++c) {
+            const double x = -1.0 + 2.0 * c / (kSamplesPerAxis - 1);
+            const double y = -1.0 + 2.0 * r / (kSamplesPerAxis - 1);
+            double u, v;
+            if (mesh.textureAt(x, y, u, v)) {
+                a[n] = outputRay(x, y);
+                b[n] = sim::worldDirection(truth, camera, frame, u, v);
+                ++n;
+            }
+        }
+        if (n >= 3) {
+            rowDev[rowCount++] =
+                sim::toRotationVector(sim::inverse(ev.output) * fitRotation(a, b, n));
+        }
+    }
+    for (int i = 0; i < rowCount; ++i) {
+        for (int j = i + 1; j < rowCount; ++j) {
+            ev.wobblePx =
+                std::max(ev.wobblePx, displacementPx(rowDev[i] - rowDev[j], focalOut, rmsRadius));
+        }
+    }
+    // Border of the output: every point must be drawn from inside the frame.
+    const double stepX = 2.0 * kBorderStepPx / camera.width;
+    const double stepY = 2.0 * kBorderStepPx / camera.height;
+    auto check = [&](double x, double y) {
+        double u, v;
+        if (!mesh.textureAt(x, y, u, v)) {
+            ++ev.outsidePoints;
+            ev.worstOutsidePx = std::max(ev.worstOutsidePx, 1e9);
+            return;
+        }
+        const double ex = std::max({0.0, -u, u - 1.0}) * camera.width;
+        const double ey = std::max({0.0, -v, v - 1.0}) * camera.height;
+        const double e = std::max(ex, ey);
+        if (e > 0.0) {
+            ++ev.outsidePoints;
+            ev.worstOutsidePx = std::max(ev.worstOutsidePx, e);
+        }
+    };
+    for (double x = -1.0; x <= 1.0 + 1e-12; x += stepX) {
+        check(std::min(x, 1.0), -1.0);
+        check(std::min(x, 1.0), 1.0);
+    }
+    for (double y = -1.0; y <= 1.0 + 1e-12; y += stepY) {
+        check(-1.0, std::min(y, 1.0));
+        check(1.0, std::min(y, 1.0));
+    }
+    return ev;
+}
+
+Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSetup& camera,
+                  double overscan, double trimS) {
+    Figures f;
+    const size_t n = frames.size();
+    if (n < 4) {
+        return f;
+    }
+    const double fps = camera.fps;
+    const double focalOut = camera.focalPx() * overscan;
+    const double rmsRadius = std::sqrt((static_cast<double>(camera.width) * camera.width +
+                                        static_cast<double>(camera.height) * camera.height) /
+                                       12.0);
+    // Motion path: frame-to-frame rotations in the output camera's axes, accumulated.
+    std::vector<double> path[3], step[3];
+    V3 acc;
+    for (int a = 0; a < 3; ++a) {
+        path[a].push_back(0.0);
+    }
+    for (size_t k = 1; k < n; ++k) {
+        const V3 d = sim::toRotationVector(sim::inverse(frames[k - 1].output) * frames[k].output);
+        acc = acc + d;
+        for (int a = 0; a < 3; ++a) {
+            path[a].push_back(acc[a]);
+            step[a].push_back(d[a]);
+        }
+    }
+    const size_t trim = std::min(n / 4, static_cast<size_t>(trimS * fps));
+    std::vector<double> high[3];
+    for (int a = 0; a < 3; ++a) {
+        const std::vector<double> low = lowPassZeroPhase(path[a], 1.0, fps);
+        high[a].resize(n);
+        for (size_t k = 0; k < n; ++k) {
+            high[a][k] = path[a][k] - low[k];
+        }
+    }
+    double sum = 0.0;
+    size_t used = 0;
+    for (size_t k = trim; k < n - trim; ++k) {
+        const double px = displacementPx({high[0][k], high[1][k], high[2][k]}, focalOut, rmsRadius);
+        sum += px * px;
+        ++used;
+        if (k > 0 && k + 1 < n) {
+            V3 a2;
+            for (int a = 0; a < 3; ++a) {
+                a2[a] = (path[a][k + 1] - 2.0 * path[a][k] + path[a][k - 1]) * fps * fps;
+            }
+            f.maxAccelRadS2 = std::max(f.maxAccelRadS2, sim::length(a2));
+        }
+    }
+    f.jitterPx = used > 0 ? std::sqrt(sum / used) : 0.0;
+    double wobble = 0.0;
+    for (const FrameEvaluation& e : frames) {
+        wobble += e.wobblePx;
+        if (e.outsidePoints > 0) {
+            ++f.framesOutside;
+            f.worstOutsidePx = std::max(f.worstOutsidePx, e.worstOutsidePx);
+        }
+    }
+    f.wobblePx = wobble / n;
+    // Stability: translation (yaw, pitch as picture shifts) and rotation (roll), averaged.
+    std::vector<double> tx(step[1].size()), ty(step[0].size());
+    for (size_t k = 0; k < tx.size(); ++k) {
+        tx[k] = step[1][k] * focalOut;
+        ty[k] = step[0][k] * focalOut;
+    }
+    // A component without any motion has no spectrum to judge; the other one decides alone.
+    const double translation = lowFrequencyShare({&tx, &ty});
+    const double rotation = lowFrequencyShare({&step[2]});
+    if (translation < 0.0 || rotation < 0.0) {
+        f.stability = translation < 0.0 && rotation < 0.0 ? 1.0 : std::max(translation, rotation);
+    } else {
+        f.stability = 0.5 * (translation + rotation);
+    }
+    return f;
+}
+
+}  // namespace qlmr::harness

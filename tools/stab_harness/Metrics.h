@@ -1,0 +1,78 @@
+// Measures of stabilization quality against simulated ground truth: what the engine draws
+// through a warp grid, which world directions an output frame shows, and the figures computed
+// over a whole recording. Pure functions; single-threaded use.
+#ifndef QLMR_STAB_HARNESS_METRICS_H
+#define QLMR_STAB_HARNESS_METRICS_H
+
+#include <vector>
+
+#include "sim/Rotation.h"
+#include "sim/Sensors.h"
+#include "sim/Trajectory.h"
+
+namespace qlmr::harness {
+
+using sim::Q;
+using sim::V3;
+
+// The warp grid as the engine draws it: columns x rows vertices (x, y, z floats) at normalised
+// device coordinates, vertex (i, j) carrying texture coordinate (i / (columns - 1),
+// j / (rows - 1)), split into triangles the way the engine's triangle strip splits each cell.
+class WarpMesh {
+  public:
+    WarpMesh(const float* grid, int columns, int rows);
+    // Texture coordinate drawn at output point (x, y); false where no triangle covers it.
+    bool textureAt(double x, double y, double& u, double& v) const;
+
+  private:
+    bool inCell(int i, int j, double x, double y, double& u, double& v) const;
+    const float* grid_;
+    int columns_;
+    int rows_;
+};
+
+// Rotation R minimising sum |R a_i - b_i|^2 over unit vectors (Davenport's q-method).
+Q fitRotation(const V3* a, const V3* b, int n);
+
+// Zero-phase low-pass (second-order Butterworth run forwards and backwards, odd-reflected
+// ends): the slow part of a sequence sampled at sampleHz.
+std::vector<double> lowPassZeroPhase(const std::vector<double>& x, double cutoffHz,
+                                     double sampleHz);
+
+// Share of the energy (DC left out) in the 2nd to 6th lowest frequency components of the
+// spectra of the given sequences together; -1 for sequences without energy.
+double lowFrequencyShare(const std::vector<const std::vector<double>*>& sequences);
+
+// Image displacement (px, RMS over the picture) caused by a small rotation d of the camera:
+// yaw and pitch move it by focalPx * angle, roll by the picture's RMS radius * angle.
+double displacementPx(const V3& d, double focalPx, double rmsRadiusPx);
+
+struct FrameEvaluation {
+    Q output;               // orientation of the output camera (world from output)
+    double wobblePx = 0.0;  // spread of orientation between the output's rows
+    int outsidePoints = 0;  // output border points not drawn from inside the frame
+    double worstOutsidePx = 0.0;
+};
+
+// Evaluates one output frame drawn through `grid`.
+FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double overscan,
+                              const sim::Trajectory& truth, const sim::CameraSetup& camera,
+                              const sim::FrameStamp& frame);
+
+struct Figures {
+    double jitterPx = 0.0;       // RMS of the > 1 Hz part of the output camera's motion
+    double wobblePx = 0.0;       // mean per-frame rolling-shutter wobble
+    double stability = 0.0;      // low-frequency energy share of frame-to-frame motion
+    double maxAccelRadS2 = 0.0;  // largest angular acceleration of the output camera
+    int framesOutside = 0;       // frames showing anything outside the input frame
+    double worstOutsidePx = 0.0;
+};
+
+// Figures over consecutive frames at `fps`; `trimS` seconds at each end are left out of the
+// jitter and acceleration (filter edges, start-up).
+Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSetup& camera,
+                  double overscan, double trimS);
+
+}  // namespace qlmr::harness
+
+#endif  // QLMR_STAB_HARNESS_METRICS_H
