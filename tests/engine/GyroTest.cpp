@@ -376,12 +376,30 @@ TEST(EngineGyro, SamplesAreShiftedByTheMeasuredOffsetAndTracedInDebug) {
         EXPECT_EQ(log.count(ahead, kWarn), c.reported ? 1 : 0) << c.shiftNs;
     }
     {
+        // The call's timing probe names its checkpoints; a sample lost to an unset clock id
+        // never measures the offset, and a zero timestamp none at all.
+        LogCapture log;
+        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_MONOTONIC), rates, nullptr);
+        h.engine->clockIdGyro = -1;
+        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_MONOTONIC), rates, nullptr);
+        h.engine->clockIdGyro = CLOCK_MONOTONIC;
+        h.engine->gyroCallbackTimestamp(0, rates, nullptr);
+        std::vector<LogLine> probes =
+            linesStartingWith(log.lines(), "[cTTiming][gyroCallbackTimestamp()] ");
+        ASSERT_EQ(probes.size(), 3u);
+        EXPECT_EQ(probeStages(probes[0].text),
+                  (std::vector<std::string>{"addAngularVelocity", "deltaTime", "vstabMutex"}));
+        EXPECT_EQ(probeStages(probes[1].text),
+                  (std::vector<std::string>{"addAngularVelocity", "vstabMutex"}));
+        EXPECT_TRUE(probeStages(probes[2].text).empty());
+    }
+    {
         // Without debug: no trace and no deviation check.
         eis_debug = 0;
         LogCapture log;
         h.engine->gyroCallbackTimestamp(clockNs(CLOCK_MONOTONIC) + 1000 * kMs, rates, nullptr);
         EXPECT_TRUE(log.lines().empty());
-        EXPECT_EQ(vstabDouble().addCalls.load(), 6);
+        EXPECT_EQ(vstabDouble().addCalls.load(), 7);
     }
 }
 

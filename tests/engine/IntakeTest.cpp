@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
-#include <regex>
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
@@ -281,16 +280,6 @@ TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
     EXPECT_FLOAT_EQ(infos[0].zoom, 1.5f);
     EXPECT_EQ(infos[2].timestampNs, timestamp + Boottime_Monotonic_timerDiff);
     EXPECT_EQ(h.cameraDevice->counters().released, 0u);
-}
-
-// Labels of a timing probe's report line, in the order printed.
-std::vector<std::string> probeStages(const std::string& line) {
-    std::vector<std::string> labels;
-    const std::regex stage(R"((\w+)\([-0-9.e+]+\) )");
-    for (auto it = std::sregex_iterator(line.begin(), line.end(), stage);
-         it != std::sregex_iterator(); ++it)
-        labels.push_back((*it)[1]);
-    return labels;
 }
 
 TEST(EngineIntake, DebugModeTracesEveryStepOfAFrame) {

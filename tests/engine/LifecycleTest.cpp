@@ -635,6 +635,8 @@ TEST(EngineLifecycle, LibraryDestroyFailureIsThrownByStop) {
     EXPECT_EQ(h.engine->threadState.load(), 4);
     EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
     EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
+    vstabDouble().destroyStatus = 0;
+    vStabDestroy(h.engine->vstabHandle);  // the handle the failed destroy kept
 }
 
 TEST(EngineLifecycle, CamConfigReportsVideoSizeFrameRateAndCameraField) {
