@@ -595,34 +595,6 @@ TEST(EngineLifecycle, StartFailuresAreLoggedThrownAndLeaveTheLocksFree) {
     h.stop();
 }
 
-TEST(EngineLifecycle, StopWaitsForTheQueueAndForcesOutputAfterASecond) {
-    EngineHarness h;
-    vstabDouble().defaultStatus = 2;  // the library keeps asking for more gyro data
-    h.makeCamera(sourceCamera(320, 240, framesAfterStart([] { return 100000000LL; }, 3)));
-    h.start();
-    ASSERT_TRUE(waitFor([&] { return h.cameraDevice->counters().released == 3; }, 5s));
-    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= 2; }, 5s));
-    EXPECT_EQ(vstabDouble().warpedOk.load(), 0);
-
-    LogCapture log;
-    auto began = std::chrono::steady_clock::now();
-    h.stop();
-    auto took = std::chrono::steady_clock::now() - began;
-    EXPECT_GE(took, 1000ms);
-    EXPECT_LT(took, 5000ms);
-    EXPECT_EQ(h.engine->forceRecordStop.load(), 1);
-    EXPECT_EQ(log.count("forceRecordStop = 1", kWarn), 1);
-    EXPECT_TRUE(linesInOrder(log.lines(), {{kWarn, "Frame Queue Length ++++: 3"},
-                                           {kWarn, "forceRecordStop = 1"},
-                                           {kWarn, "Frame Queue Length = 0, exit"},
-                                           {kWarn, "Native stopped recording"}}));
-    // The next start clears the flag.
-    vstabDouble().defaultStatus = 0;
-    h.start();
-    EXPECT_EQ(h.engine->forceRecordStop.load(), 0);
-    h.stop();
-}
-
 TEST(EngineLifecycle, LibraryDestroyFailureIsThrownByStop) {
     EngineHarness h;
     h.makeCamera(idleCamera());
