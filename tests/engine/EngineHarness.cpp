@@ -68,6 +68,13 @@ void EngineHarness::start(const std::string& config) {
 
 void EngineHarness::stop() {
     recording = false;
+    // The gyro thread marks itself running when it begins, overwriting a stop requested before
+    // that; the engine relies on a recording lasting longer than that thread's start. A test
+    // may stop at once, on a loaded machine, so it first waits as a real recording would.
+    if (engine->sensorManager.data != nullptr) {
+        waitFor([&] { return engine->sensorManager->state.load() != ThreadState::Created; },
+                std::chrono::seconds(10));
+    }
     engine->stop();
 }
 

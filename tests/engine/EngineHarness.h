@@ -47,6 +47,7 @@ struct EngineHarness {
     Output& addOutput(int id, uint32_t width, uint32_t height);
     // start() at the camera's current video size.
     void start(const std::string& config = engineConfig());
+    // stop(), once the engine's gyro thread has begun (see EngineHarness.cpp).
     void stop();
     bool recording = false;
 };
