@@ -2,6 +2,9 @@
 
 #include <host/Properties.h>
 
+#include <atomic>
+#include <ctime>
+#include <stdexcept>
 #include <thread>
 
 std::string engineConfig(const std::string& extraLines) {
@@ -10,9 +13,13 @@ std::string engineConfig(const std::string& extraLines) {
            extraLines;
 }
 
-EngineHarness::EngineHarness() {
+EngineHarness::EngineHarness() : EngineHarness(Properties()) {}
+
+EngineHarness::EngineHarness(const Properties& properties) {
     resetVStabDouble();
     host::clearProperties();
+    for (const auto& property : properties)
+        host::setProperty(property.first, property.second);
     host::removeAllCameras();
     engine = std::make_unique<Context>();
     engine->onResume();
@@ -61,6 +68,13 @@ void EngineHarness::start(const std::string& config) {
 
 void EngineHarness::stop() {
     recording = false;
+    // The gyro thread marks itself running when it begins, overwriting a stop requested before
+    // that; the engine relies on a recording lasting longer than that thread's start. A test
+    // may stop at once, on a loaded machine, so it first waits as a real recording would.
+    if (engine->sensorManager.data != nullptr) {
+        waitFor([&] { return engine->sensorManager->state.load() != ThreadState::Created; },
+                std::chrono::seconds(10));
+    }
     engine->stop();
 }
 
@@ -89,4 +103,83 @@ bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds t
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+host::CameraSetup sourceCamera(int width, int height, std::shared_ptr<host::FrameSource> source,
+                               int fps) {
+    host::CameraSetup setup;
+    setup.videoSizes = {{width, height}};
+    for (android::Size size : {android::Size(1920, 1080), android::Size(640, 480)}) {
+        if (size.width != width || size.height != height)
+            setup.videoSizes.push_back(size);
+    }
+    setup.videoSize = {width, height};
+    setup.frameRate = fps;
+    setup.source = std::move(source);
+    setup.pacing = host::Pacing::AsFastAsConsumed;
+    return setup;
+}
+
+std::shared_ptr<host::FrameSource> scriptedSource(DescribeFrame describe, PaintFrame paint) {
+    struct Recording {
+        uint64_t firstIndex = 0;
+        int64_t startMonotonicNs = 0;
+    };
+    // Written by onRecordingStart before the capture thread starts, read by that thread.
+    auto recording = std::make_shared<Recording>();
+    return std::make_shared<host::CallbackFrameSource>(
+        [recording, describe](uint64_t index, host::FrameInfo& info) {
+            return describe(index - recording->firstIndex, recording->startMonotonicNs, info);
+        },
+        [recording, paint](uint64_t index, const host::FrameInfo&, const host::FrameImage& image) {
+            if (paint)
+                paint(index - recording->firstIndex, image);
+            return true;
+        },
+        [recording](const host::RecordingFormat& format) {
+            recording->firstIndex = format.firstIndex;
+            recording->startMonotonicNs = format.startMonotonicNs;
+        });
+}
+
+void paceByWarps(host::CameraSetup& setup, int ahead) {
+    auto passed = std::make_shared<std::atomic<int>>(0);
+    setup.gate = [passed, ahead](uint64_t, int64_t) {
+        if (passed->load() - vstabDouble().warpedOk.load() >= ahead)
+            return false;
+        passed->fetch_add(1);
+        return true;
+    };
+}
+
+host::CameraSetup idleCamera(int width, int height, int fps) {
+    auto source = std::make_shared<host::CallbackFrameSource>(
+        [](uint64_t, host::FrameInfo&) { return false; },
+        [](uint64_t, const host::FrameInfo&, const host::FrameImage&) { return false; });
+    return sourceCamera(width, height, source, fps);
+}
+
+int64_t clockNs(clockid_t clock) {
+    timespec ts{};
+    clock_gettime(clock, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+}
+
+ScopedGyro::ScopedGyro(std::shared_ptr<host::GyroSource> source, int minDelayUs,
+                       host::Pacing pacing) {
+    if (source == nullptr) {
+        if (!host::removeGyro())
+            throw std::runtime_error("the gyroscope is still enabled by an earlier engine");
+        return;
+    }
+    host::GyroSetup setup;
+    setup.source = std::move(source);
+    setup.minDelayUs = minDelayUs;
+    setup.pacing = pacing;
+    if (!host::installGyro(setup))
+        throw std::runtime_error("the gyroscope is still enabled by an earlier engine");
+}
+
+ScopedGyro::~ScopedGyro() {
+    host::removeGyro();
 }

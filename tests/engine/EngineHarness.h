@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +19,9 @@
 // Configuration text in the engine's key=value form. The test double ignores it; the engine
 // reads its "native.*" keys.
 std::string engineConfig(const std::string& extraLines = "");
+
+// System properties by key.
+using Properties = std::map<std::string, std::string>;
 
 struct EngineHarness {
     std::unique_ptr<Context> engine;
@@ -32,6 +36,8 @@ struct EngineHarness {
 
     // Resets the double and the properties, builds the engine and resumes its GL session.
     EngineHarness();
+    // The same, with these system properties set before the session is resumed.
+    explicit EngineHarness(const Properties& properties);
     // Stops (if recording), removes the outputs and pauses.
     ~EngineHarness();
 
@@ -41,6 +47,7 @@ struct EngineHarness {
     Output& addOutput(int id, uint32_t width, uint32_t height);
     // start() at the camera's current video size.
     void start(const std::string& config = engineConfig());
+    // stop(), once the engine's gyro thread has begun (see EngineHarness.cpp).
     void stop();
     bool recording = false;
 };
@@ -51,3 +58,40 @@ host::CameraSetup pacedCamera(Context& engine, int width, int height, uint64_t f
 
 // Waits until `predicate` holds, polling every millisecond; false after `timeout`.
 bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout);
+
+// A camera recording `width` x `height` (added to its video sizes) at `fps`, whose frames come
+// from `source` as fast as they are released (no gate: set setup.gate to pace them).
+host::CameraSetup sourceCamera(int width, int height, std::shared_ptr<host::FrameSource> source,
+                               int fps = 30);
+// A frame source scripted per recording: `describe` gets the frame's number n within the
+// recording (0, 1, ...) and the recording's start on CLOCK_MONOTONIC, fills the frame's
+// timestamp and metadata and returns false to end the stream; `paint` (optional) writes the
+// picture. Both run on the camera's capture thread.
+using DescribeFrame = std::function<bool(uint64_t n, int64_t startMonotonicNs, host::FrameInfo&)>;
+using PaintFrame = std::function<void(uint64_t n, const host::FrameImage&)>;
+std::shared_ptr<host::FrameSource> scriptedSource(DescribeFrame describe,
+                                                  PaintFrame paint = nullptr);
+
+// Holds the camera back while `ahead` frames it let through have not yet been warped with status
+// 0 by the double, so that a stream in which every frame is accepted never fills the engine's
+// queue. Counts across recordings of the same camera.
+void paceByWarps(host::CameraSetup& setup, int ahead = 8);
+
+// A camera whose recording delivers no frame at all: for tests that need the engine running
+// but drive intake themselves, or do not need frames.
+host::CameraSetup idleCamera(int width = 640, int height = 480, int fps = 30);
+
+// Current reading of a POSIX clock in nanoseconds.
+int64_t clockNs(clockid_t clock);
+
+// Installs a host gyroscope for the life of the object and removes it afterwards (declare it
+// before the harness, so that the engine's sensor thread is gone when it is removed). A null
+// source means no gyroscope at all.
+class ScopedGyro {
+  public:
+    explicit ScopedGyro(std::shared_ptr<host::GyroSource> source, int minDelayUs = 2500,
+                        host::Pacing pacing = host::Pacing::AsFastAsConsumed);
+    ~ScopedGyro();
+    ScopedGyro(const ScopedGyro&) = delete;
+    ScopedGyro& operator=(const ScopedGyro&) = delete;
+};

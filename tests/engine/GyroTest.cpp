@@ -1,0 +1,421 @@
+// Gyro intake and the clock helpers: samples reach the library in the frame clock, the sensor
+// thread's ordering and stand-by stream, and the refusals with their log lines.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <future>
+#include <regex>
+#include <thread>
+
+#include "EngineHarness.h"
+#include "EngineTestSupport.h"
+#include "LogCapture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace enginetest;
+
+constexpr int64_t kMs = 1000000;
+const char kTimerNotSet[] =
+    "[Error] gyro or frames TIMER is NOT SET! Run Verification mode, observe the autodetected "
+    "timers in the log and set them in config";
+
+// `a` minus `b` now, from two back-to-back clock reads (error well below a microsecond).
+int64_t clockDelta(clockid_t a, clockid_t b) {
+    const int64_t before = clockNs(b);
+    const int64_t value = clockNs(a);
+    const int64_t after = clockNs(b);
+    return value - (before + (after - before) / 2);
+}
+
+// Recorded gyro samples replayed through the host gyroscope, their timestamps mapped so that
+// the first one lands on CLOCK_BOOTTIME now. The sensor thread keeps the newest timestamp it
+// has delivered for the whole process, so a test that replays must end only once the host
+// clock has passed its samples (see waitPastSamples).
+struct Replay {
+    std::shared_ptr<host::ReplayClock> clock;
+    std::shared_ptr<host::ReplayGyroSource> source;
+    std::vector<int64_t> hostNs;  // each sample's timestamp as the sensor delivers it
+
+    explicit Replay(const std::vector<host::GyroSample>& samples)
+        : clock(std::make_shared<host::ReplayClock>(samples.front().timestampNs)) {
+        clock->start();
+        for (const host::GyroSample& s : samples)
+            hostNs.push_back(clock->toHost(s.timestampNs, CLOCK_BOOTTIME));
+        source = std::make_shared<host::ReplayGyroSource>(samples, clock);
+    }
+
+    void waitPastSamples() const {
+        const int64_t newest = *std::max_element(hostNs.begin(), hostNs.end());
+        while (clockNs(CLOCK_BOOTTIME) <= newest)
+            std::this_thread::sleep_for(1ms);
+    }
+};
+
+host::GyroSample sample(int64_t recordedNs, float x = 0.0f, float y = 0.0f, float z = 0.0f) {
+    host::GyroSample s;
+    s.timestampNs = recordedNs;
+    s.x = x;
+    s.y = y;
+    s.z = z;
+    return s;
+}
+
+TEST(EngineClocks, DeltaTimeIsClockAMinusClockBAtOneInstant) {
+    LogCapture log;
+    long long delta = 123;
+    EXPECT_TRUE(getDeltaTime(-1, CLOCK_MONOTONIC, &delta));
+    EXPECT_EQ(delta, 0);
+    delta = 123;
+    EXPECT_TRUE(getDeltaTime(CLOCK_BOOTTIME, -1, &delta));
+    EXPECT_EQ(delta, 0);
+    EXPECT_TRUE(linesInOrder(
+        log.lines(),
+        {{kWarn, "[Warning] getDeltaTime requested for invalid timer index: (-1 - 1)"},
+         {kWarn, "[Warning] getDeltaTime requested for invalid timer index: (7 - -1)"}}));
+
+    // A preempted measurement may fail; callers retry, and so does this test.
+    auto measure = [](int a, int b) {
+        long long d = 0;
+        for (int tries = 0; tries < 100; ++tries) {
+            if (getDeltaTime(a, b, &d))
+                return d;
+        }
+        ADD_FAILURE() << "no measurement of " << a << " - " << b << " succeeded";
+        return d;
+    };
+    EXPECT_LT(std::llabs(measure(CLOCK_MONOTONIC, CLOCK_MONOTONIC)), 100000);
+    const long long realMinusMono = measure(CLOCK_REALTIME, CLOCK_MONOTONIC);
+    EXPECT_LT(std::llabs(realMinusMono - clockDelta(CLOCK_REALTIME, CLOCK_MONOTONIC)), kMs);
+    EXPECT_LT(std::llabs(measure(CLOCK_MONOTONIC, CLOCK_REALTIME) + realMinusMono), kMs);
+    EXPECT_LT(std::llabs(measure(CLOCK_BOOTTIME, CLOCK_MONOTONIC) -
+                         clockDelta(CLOCK_BOOTTIME, CLOCK_MONOTONIC)),
+              kMs);
+    // A clock that cannot be read fails the measurement (and logs nothing).
+    log.clear();
+    EXPECT_FALSE(getDeltaTime(99, CLOCK_MONOTONIC, &delta));
+    EXPECT_FALSE(getDeltaTime(CLOCK_MONOTONIC, 99, &delta));
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(EngineClocks, ClockNamesFollowTheClockIds) {
+    const char* const names[] = {"CLOCK_REALTIME",           "CLOCK_MONOTONIC",
+                                 "CLOCK_PROCESS_CPUTIME_ID", "CLOCK_THREAD_CPUTIME_ID",
+                                 "CLOCK_MONOTONIC_RAW",      "CLOCK_REALTIME_COARSE",
+                                 "CLOCK_MONOTONIC_COARSE",   "CLOCK_BOOTTIME",
+                                 "CLOCK_REALTIME_ALARM",     "CLOCK_BOOTTIME_ALARM"};
+    for (int id = 0; id < 10; ++id)
+        EXPECT_STREQ(getClockName(id), names[id]);
+    for (int id : {10, 11, -1, -7, 1000})
+        EXPECT_STREQ(getClockName(id), "Unknown");
+}
+
+TEST(EngineClocks, ClosestClockIsFoundWithinHalfASecond) {
+    const std::regex row(
+        R"(\[Warning\] \((\d+)\) (\S+): \|(-?\d+) - (-?\d+)\| = (\d+) ns \((-?\d+) ms\))");
+    const char header[] =
+        "[Warning] (clock_id) clock_name: |clock - timestamp| = diff ns (diff ms)";
+    // The header and one row per clock, REALTIME, MONOTONIC, BOOTTIME, after `from`.
+    auto checkTable = [&](const std::vector<LogLine>& lines, size_t from, long long timestamp) {
+        ASSERT_GE(lines.size(), from + 4);
+        EXPECT_EQ(lines[from].text, header);
+        const int ids[] = {0, 1, 7};
+        const char* const names[] = {"CLOCK_REALTIME", "CLOCK_MONOTONIC", "CLOCK_BOOTTIME"};
+        for (int k = 0; k < 3; ++k) {
+            const LogLine& l = lines[from + 1 + k];
+            EXPECT_EQ(l.priority, kWarn);
+            std::smatch m;
+            ASSERT_TRUE(std::regex_match(l.text, m, row)) << l.text;
+            EXPECT_EQ(std::stoi(m[1]), ids[k]);
+            EXPECT_EQ(m[2].str(), names[k]);
+            EXPECT_EQ(std::stoll(m[4]), timestamp);
+            const long long diff = std::llabs(std::stoll(m[3]) - timestamp);
+            EXPECT_EQ(std::stoll(m[5]), diff);
+            // Whole milliseconds as a 32-bit number (the wall clock's distance overflows it).
+            EXPECT_EQ(std::stoll(m[6]), static_cast<int32_t>(diff / 1000000));
+        }
+    };
+    {
+        LogCapture log;
+        const long long monotonic = clockNs(CLOCK_MONOTONIC);
+        EXPECT_EQ(findClosestClock(monotonic), 1);
+        EXPECT_EQ(log.lines().size(), 4u);
+        checkTable(log.lines(), 0, monotonic);
+    }
+    {
+        LogCapture log;
+        const long long realtime = clockNs(CLOCK_REALTIME) - 200 * kMs;
+        EXPECT_EQ(findClosestClock(realtime), 0);
+        checkTable(log.lines(), 0, realtime);
+    }
+    // (In the past: BOOTTIME, read after MONOTONIC and never behind it, is farther away.)
+    EXPECT_EQ(findClosestClock(clockNs(CLOCK_MONOTONIC) - 400 * kMs), 1);
+    {
+        // BOOTTIME only runs ahead of MONOTONIC, so this is 600 ms from both and far from the
+        // wall clock.
+        LogCapture log;
+        const long long stale = clockNs(CLOCK_MONOTONIC) - 600 * kMs;
+        EXPECT_EQ(findClosestClock(stale), -1);
+        std::vector<LogLine> lines = log.lines();
+        ASSERT_EQ(lines.size(), 5u);
+        std::smatch m;
+        const std::regex tooFar(
+            R"(\[Warning\] Autodetected timer is too far away from sample: (\d+) ms)");
+        ASSERT_TRUE(std::regex_match(lines[0].text, m, tooFar)) << lines[0].text;
+        EXPECT_GE(std::stoll(m[1]), 600);
+        EXPECT_LT(std::stoll(m[1]), 700);
+        checkTable(lines, 1, stale);
+    }
+}
+
+TEST(EngineGyro, SensorSamplesReachTheLibraryInTheFrameClock) {
+    struct Case {
+        int frameClock;
+        int gyroClock;
+        int minDelayUs;
+        int timeout;  // as the sensor thread logs it
+        int64_t toleranceNs;
+    };
+    // Frame and gyro clock equal: passed unchanged within the measurement error.
+    for (Case c : {Case{CLOCK_BOOTTIME, CLOCK_MONOTONIC, 2500, 15000, kMs},
+                   Case{CLOCK_REALTIME, CLOCK_MONOTONIC, 20000, 30000, kMs},
+                   Case{CLOCK_BOOTTIME, CLOCK_BOOTTIME, 5000, 15000, 100000}}) {
+        SCOPED_TRACE(testing::Message()
+                     << "frame clock " << c.frameClock << ", gyro clock " << c.gyroClock);
+        std::vector<host::GyroSample> samples;
+        for (int k = 0; k < 50; ++k)
+            samples.push_back(sample(1000000000LL + k * 2 * kMs, 0.01f * k, -0.02f * k, 0.5f));
+        Replay replay(samples);
+        ScopedGyro gyro(replay.source, c.minDelayUs);
+        EngineHarness h;
+        vstabDouble().clockIdFrame = c.frameClock;
+        vstabDouble().clockIdGyro = c.gyroClock;
+        h.makeCamera(idleCamera());
+        LogCapture log;
+        h.start();
+        // The replay ends, the sensor's looper is woken and the sensor thread ends.
+        EXPECT_TRUE(waitFor([&] { return log.contains("[JJJ] SensorManager Thread Exit"); }, 10s));
+        h.stop();
+        const int64_t offset = clockDelta(c.frameClock, c.gyroClock);
+
+        std::vector<int64_t> received = vstabDouble().gyroSnapshot();
+        std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
+        ASSERT_EQ(received.size(), samples.size());
+        for (size_t k = 0; k < samples.size(); ++k) {
+            EXPECT_LT(std::llabs(received[k] - (replay.hostNs[k] + offset)), c.toleranceNs) << k;
+            EXPECT_EQ(rates[k][0], samples[k].x);
+            EXPECT_EQ(rates[k][1], samples[k].y);
+            EXPECT_EQ(rates[k][2], samples[k].z);
+        }
+        EXPECT_TRUE(linesInOrder(
+            log.lines(), {{kWarn, "[SensorManager] Using gyroscope sensor: Host Gyroscope - 4"},
+                          {kWarn, format("ASensor_getMinDelay = %d us", c.minDelayUs)},
+                          {kWarn, format("SensorManager timeout = %d us", c.timeout)},
+                          {kWarn, "[JJJ] SensorManager Thread Clean up"},
+                          {kWarn, "[JJJ] SensorManager Thread Exit"}}));
+        EXPECT_EQ(log.count("Gyro Sensor Not Available"), 0);
+        replay.waitPastSamples();
+    }
+}
+
+TEST(EngineGyro, SensorThreadDropsEventsOlderThanTheLastOne) {
+    // Recorded ms: a step back after 15, an equal pair at 20, a step back after that.
+    const int64_t recordedMs[] = {0, 5, 10, 15, 12, 20, 20, 18, 25};
+    const size_t kept[] = {0, 1, 2, 3, 5, 6, 8};
+    std::vector<host::GyroSample> samples;
+    for (int64_t ms : recordedMs)
+        samples.push_back(sample(5000000000LL + ms * kMs, static_cast<float>(ms)));
+    Replay replay(samples);
+    ScopedGyro gyro(replay.source);
+    EngineHarness h;
+    h.makeCamera(idleCamera());
+    LogCapture log;
+    h.start();
+    EXPECT_TRUE(waitFor([&] { return log.contains("[JJJ] SensorManager Thread Exit"); }, 10s));
+    h.stop();
+
+    std::vector<int64_t> received = vstabDouble().gyroSnapshot();
+    std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
+    ASSERT_EQ(received.size(), std::size(kept));
+    for (size_t i = 0; i < std::size(kept); ++i) {
+        EXPECT_LT(std::llabs(received[i] - replay.hostNs[kept[i]]), 100000) << i;
+        EXPECT_EQ(rates[i][0], samples[kept[i]].x) << i;
+    }
+    const std::string past = "[VSTAB] SensorManager gyro timestamp go past,ignore it[%lld][%lld]";
+    EXPECT_TRUE(linesInOrder(log.lines(),
+                             {{kWarn, format(past.c_str(), static_cast<long long>(replay.hostNs[4]),
+                                             static_cast<long long>(replay.hostNs[3]))},
+                              {kWarn, format(past.c_str(), static_cast<long long>(replay.hostNs[7]),
+                                             static_cast<long long>(replay.hostNs[6]))}}));
+    EXPECT_EQ(log.countContaining("gyro timestamp go past"), 2);
+    replay.waitPastSamples();
+}
+
+TEST(EngineGyro, WithoutAGyroscopeZeroRatesArriveEveryFourMilliseconds) {
+    ScopedGyro none(nullptr);
+    EngineHarness h;
+    h.makeCamera(idleCamera());
+    LogCapture log;
+    const int64_t began = clockNs(CLOCK_BOOTTIME);
+    h.start();
+    EXPECT_TRUE(waitFor([&] { return vstabDouble().addCalls.load() >= 40; }, 10s));
+    h.stop();
+    const int64_t ended = clockNs(CLOCK_BOOTTIME);
+
+    EXPECT_TRUE(linesInOrder(log.lines(), {{kWarn, "Gyro Sensor Not Available"},
+                                           {kWarn, "use fake gyro sensor, [0, 0, 0]"},
+                                           {kWarn, "[JJJ] Fake SensorManager Thread Exit"}}));
+    EXPECT_EQ(log.countContaining("Using gyroscope sensor"), 0);
+    std::vector<int64_t> received = vstabDouble().gyroSnapshot();
+    std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
+    ASSERT_GE(received.size(), 40u);
+    for (size_t k = 0; k < received.size(); ++k) {
+        // Stamped on CLOCK_BOOTTIME, the frame clock too: the offset added is about zero.
+        EXPECT_GE(received[k], began - 100000);
+        EXPECT_LE(received[k], ended + 100000);
+        if (k > 0) {
+            EXPECT_GE(received[k] - received[k - 1], 3900000) << "samples " << k - 1 << ", " << k;
+        }
+        EXPECT_EQ(rates[k], (std::array<float, 3>{0.0f, 0.0f, 0.0f}));
+    }
+}
+
+TEST(EngineGyro, UnsetClockIdsLoseEverySampleWithTheErrorLine) {
+    {
+        ScopedGyro none(nullptr);  // the stand-by stream feeds samples
+        EngineHarness h;
+        vstabDouble().clockIdGyro = -1;
+        h.makeCamera(idleCamera());
+        LogCapture log;
+        h.start();
+        EXPECT_TRUE(waitFor([&] { return log.count(kTimerNotSet, kWarn) >= 10; }, 10s));
+        h.stop();
+        EXPECT_EQ(vstabDouble().addCalls.load(), 0);
+    }
+    EngineHarness h;
+    float rates[3] = {1.0f, 2.0f, 3.0f};
+    for (auto ids : {std::pair<int, int>{-1, CLOCK_BOOTTIME},
+                     std::pair<int, int>{CLOCK_BOOTTIME, -1}, std::pair<int, int>{-1, -1}}) {
+        h.engine->clockIdFrame = ids.first;
+        h.engine->clockIdGyro = ids.second;
+        LogCapture log;
+        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_BOOTTIME), rates, nullptr);
+        EXPECT_EQ(log.count(kTimerNotSet, kWarn), 1);
+        EXPECT_EQ(vstabDouble().addCalls.load(), 0);
+        EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
+    }
+}
+
+TEST(EngineGyro, ZeroTimestampIsIgnoredWithoutTakingTheLibraryLock) {
+    EngineHarness h;
+    h.engine->clockIdFrame = CLOCK_BOOTTIME;
+    h.engine->clockIdGyro = CLOCK_BOOTTIME;
+    float rates[3] = {0.1f, 0.2f, 0.3f};
+    // Another thread holds the library lock meanwhile.
+    std::promise<void> locked;
+    std::promise<void> release;
+    std::thread holder([&] {
+        h.engine->vstabMutex.lock();
+        locked.set_value();
+        release.get_future().wait();
+        h.engine->vstabMutex.unlock();
+    });
+    locked.get_future().wait();
+    LogCapture log;
+    auto zero =
+        std::async(std::launch::async, [&] { h.engine->gyroCallbackTimestamp(0, rates, nullptr); });
+    EXPECT_EQ(zero.wait_for(5s), std::future_status::ready);
+    // A real sample does wait for the lock.
+    auto real = std::async(std::launch::async, [&] {
+        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_BOOTTIME), rates, nullptr);
+    });
+    EXPECT_EQ(real.wait_for(100ms), std::future_status::timeout);
+    release.set_value();
+    holder.join();
+    EXPECT_EQ(real.wait_for(5s), std::future_status::ready);
+    EXPECT_EQ(
+        log.count("[Warning] Received invalid gyro sample timestamp (ignoring sample)", kWarn), 1);
+    EXPECT_EQ(vstabDouble().addCalls.load(), 1);
+}
+
+TEST(EngineGyro, SamplesAreShiftedByTheMeasuredOffsetAndTracedInDebug) {
+    EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
+    float rates[3] = {0.5f, -0.25f, 2.0f};
+    const std::string ahead = "[Warning] Gyro and system clock deviate with more than 200ms, ";
+    {
+        // Gyro on CLOCK_MONOTONIC, frames on the wall clock: moved by REALTIME - MONOTONIC,
+        // which puts the sample far ahead of the monotonic clock.
+        h.engine->clockIdFrame = CLOCK_REALTIME;
+        h.engine->clockIdGyro = CLOCK_MONOTONIC;
+        LogCapture log;
+        const long long sampleNs = clockNs(CLOCK_MONOTONIC);
+        h.engine->gyroCallbackTimestamp(sampleNs, rates, nullptr);
+        std::vector<int64_t> received = vstabDouble().gyroSnapshot();
+        ASSERT_EQ(received.size(), 1u);
+        EXPECT_LT(std::llabs(received[0] - sampleNs - clockDelta(CLOCK_REALTIME, CLOCK_MONOTONIC)),
+                  kMs);
+        EXPECT_TRUE(linesInOrder(
+            log.lines(), {{kWarn, format("Gyro callback: %lld", sampleNs)},
+                          {kWarn, ahead},
+                          {kWarn, format("[VStab] Gyro: %lld ( 0.500000 -0.250000 2.000000 )",
+                                         static_cast<long long>(received[0]))}}));
+    }
+    h.engine->clockIdFrame = CLOCK_MONOTONIC;
+    struct Case {
+        int64_t shiftNs;
+        bool reported;
+    };
+    // Only a sample ahead of the monotonic clock by 200 ms or more is reported.
+    for (Case c : {Case{0, false}, Case{-1000 * kMs, false}, Case{150 * kMs, false},
+                   Case{1000 * kMs, true}}) {
+        LogCapture log;
+        const long long sampleNs = clockNs(CLOCK_MONOTONIC) + c.shiftNs;
+        h.engine->gyroCallbackTimestamp(sampleNs, rates, nullptr);
+        EXPECT_LT(std::llabs(vstabDouble().gyroSnapshot().back() - sampleNs), 100000);
+        EXPECT_EQ(log.count(ahead, kWarn), c.reported ? 1 : 0) << c.shiftNs;
+    }
+    {
+        // The call's timing probe names its checkpoints; a sample lost to an unset clock id
+        // never measures the offset, and a zero timestamp none at all.
+        LogCapture log;
+        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_MONOTONIC), rates, nullptr);
+        h.engine->clockIdGyro = -1;
+        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_MONOTONIC), rates, nullptr);
+        h.engine->clockIdGyro = CLOCK_MONOTONIC;
+        h.engine->gyroCallbackTimestamp(0, rates, nullptr);
+        std::vector<LogLine> probes =
+            linesStartingWith(log.lines(), "[cTTiming][gyroCallbackTimestamp()] ");
+        ASSERT_EQ(probes.size(), 3u);
+        EXPECT_EQ(probeStages(probes[0].text),
+                  (std::vector<std::string>{"addAngularVelocity", "deltaTime", "vstabMutex"}));
+        EXPECT_EQ(probeStages(probes[1].text),
+                  (std::vector<std::string>{"addAngularVelocity", "vstabMutex"}));
+        EXPECT_TRUE(probeStages(probes[2].text).empty());
+    }
+    {
+        // Without debug: no trace and no deviation check.
+        eis_debug = 0;
+        LogCapture log;
+        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_MONOTONIC) + 1000 * kMs, rates, nullptr);
+        EXPECT_TRUE(log.lines().empty());
+        EXPECT_EQ(vstabDouble().addCalls.load(), 7);
+    }
+}
+
+TEST(EngineGyro, LibraryRefusingASampleIsFatalAndFreesTheLock) {
+    EngineHarness h;
+    h.engine->clockIdFrame = CLOCK_BOOTTIME;
+    h.engine->clockIdGyro = CLOCK_BOOTTIME;
+    vstabDouble().addStatus = 4;
+    float rates[3] = {0.0f, 0.0f, 0.0f};
+    LogCapture log;
+    EXPECT_EQ(thrownMessage([&] {
+                  h.engine->gyroCallbackTimestamp(clockNs(CLOCK_BOOTTIME), rates, nullptr);
+              }),
+              "[Error] Could not add gyro to VStab ... aborting");
+    EXPECT_EQ(log.count("[Error] Could not add gyro to VStab ... aborting", kWarn), 1);
+    EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
+}
+
+}  // namespace

@@ -1,0 +1,729 @@
+// Frame intake: which camera frames enter the queue, that every frame goes back to the camera
+// exactly once, the frame clock, the metadata read from the image and the copy into the slots.
+#include <binder/MemoryBase.h>
+#include <binder/MemoryHeapBase.h>
+#include <gtest/gtest.h>
+#include <ui/GraphicBuffer.h>
+
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+#include "EngineHarness.h"
+#include "EngineTestSupport.h"
+#include "LogCapture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace enginetest;
+
+constexpr int64_t kMs = 1000000;
+constexpr int64_t kFramePeriodNs = 33333333;
+
+// Frame timestamps as the camera produced them (CLOCK_MONOTONIC), in production order.
+struct Produced {
+    std::mutex mutex;
+    std::vector<int64_t> timestamps;
+    void add(int64_t ns) {
+        std::lock_guard<std::mutex> lock(mutex);
+        timestamps.push_back(ns);
+    }
+    std::vector<int64_t> snapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return timestamps;
+    }
+};
+
+// Warp timestamps with the repeated calls for a frame that stayed queued folded into one.
+std::vector<int64_t> framesWarped() {
+    std::vector<int64_t> frames;
+    for (int64_t t : vstabDouble().warpSnapshot()) {
+        if (frames.empty() || frames.back() != t)
+            frames.push_back(t);
+    }
+    return frames;
+}
+
+enum class Fate { Skipped, Accepted, Refused, Dropped };
+
+struct PlannedFrame {
+    int64_t relativeNs;  // to the end of the start offset, in the frame clock
+    Fate fate;
+    bool holdStart = false;  // the library starts keeping every frame: the queue fills up
+    bool inHold = false;
+    bool holdEnd = false;  // the library lets frames go again
+    int acceptedBefore = 0;
+};
+
+// Over a thousand frames of every kind: frames inside the start offset, accepted ones,
+// duplicates and older ones, and in five rounds a queue filled while the library keeps its
+// head frame, the frames that find it full, and a retransmission of the last one dropped.
+std::vector<PlannedFrame> planFrames(int capacity) {
+    std::vector<PlannedFrame> plan;
+    for (int i = 0; i < 8; ++i)
+        plan.push_back({-400 * kMs + i * 40 * kMs, Fate::Skipped});
+    int64_t t = 50 * kMs;
+    int64_t last = 0;
+    for (int round = 0; round < 5; ++round) {
+        for (int step = 0; step < 200; ++step) {
+            plan.push_back({t, Fate::Accepted});
+            last = t;
+            t += kFramePeriodNs;
+            if (step % 7 == 3)
+                plan.push_back({last, Fate::Refused});
+            if (step % 11 == 5)
+                plan.push_back({last - 10 * kMs, Fate::Refused});
+        }
+        for (int k = 0; k < capacity + 6; ++k) {
+            plan.push_back({t, k < capacity ? Fate::Accepted : Fate::Dropped});
+            plan.back().holdStart = k == 0;
+            plan.back().inHold = true;
+            last = t;
+            t += kFramePeriodNs;
+        }
+        plan.push_back({last, Fate::Refused});
+        plan.back().inHold = true;
+        plan.back().holdEnd = true;
+    }
+    int accepted = 0;
+    for (PlannedFrame& f : plan) {
+        f.acceptedBefore = accepted;
+        accepted += f.fate == Fate::Accepted ? 1 : 0;
+    }
+    return plan;
+}
+
+TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
+    constexpr int kCapacity = 16;
+    constexpr int kStartOffsetUs = 300000;
+    EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"},
+                               {"persist.qlmr.EIS.vid.startUs", std::to_string(kStartOffsetUs)}});
+    const std::vector<PlannedFrame> plan = planFrames(kCapacity);
+    ASSERT_GT(plan.size(), 1000u);
+    const int64_t bootMinusMonotonic = clockNs(CLOCK_BOOTTIME) - clockNs(CLOCK_MONOTONIC);
+    Context* engine = h.engine.get();
+    auto produced = std::make_shared<Produced>();
+
+    host::CameraSetup setup =
+        sourceCamera(160, 120,
+                     scriptedSource([&plan, engine, produced, bootMinusMonotonic](
+                                        uint64_t n, int64_t, host::FrameInfo& info) {
+                         if (n >= plan.size())
+                             return false;
+                         // Frame-clock instants relative to the end of the start offset, sent on
+                         // the camera's CLOCK_MONOTONIC. start() wrote startRecordTimestamp before
+                         // recording.
+                         info.timestampNs = engine->startRecordTimestamp + kStartOffsetUs * 1000LL -
+                                            bootMinusMonotonic + plan[n].relativeNs;
+                         produced->add(info.timestampNs);
+                         return true;
+                     }));
+    // The camera lets each frame go once the engine is where the plan needs it: a few frames
+    // pending at most, and an empty queue before each round of holding. A gate that waits
+    // too long opens anyway and the counts below tell what went wrong.
+    struct GateState {
+        size_t waitingFor = SIZE_MAX;
+        std::chrono::steady_clock::time_point since;
+        std::atomic<bool> timedOut{false};
+        std::string why;  // written before timedOut is set
+    };
+    auto gate = std::make_shared<GateState>();
+    EngineHarness* harness = &h;  // its camera device exists before the capture thread starts
+    setup.gate = [&plan, harness, engine, gate](uint64_t n, int64_t) {
+        if (n >= plan.size() || gate->timedOut.load())
+            return true;  // once the plan is off, let the rest through to fail fast
+        const PlannedFrame& f = plan[n];
+        const int warped = vstabDouble().warpedOk.load();
+        bool open = f.inHold && !f.holdStart && !f.holdEnd;
+        if (f.holdStart) {
+            open = warped == f.acceptedBefore && engine->frameQueue->size() == 0;
+        } else if (f.holdEnd) {
+            // Frames captured earlier may still be on their way to intake: the library lets
+            // frames go only once every one of them has met the full queue.
+            open = harness->cameraDevice->counters().released >= n;
+        } else if (!f.inHold) {
+            open = f.acceptedBefore - warped <= kCapacity - 4;
+        }
+        auto now = std::chrono::steady_clock::now();
+        if (!open && gate->waitingFor != n) {
+            gate->waitingFor = n;
+            gate->since = now;
+        } else if (!open && now - gate->since > 15s) {
+            gate->why = format("frame %zu waited: %d accepted before it, %d warped, queue size %d",
+                               n, f.acceptedBefore, warped, engine->frameQueue->size());
+            gate->timedOut = true;
+            open = true;
+        }
+        if (open && f.holdStart)
+            vstabDouble().hold = true;
+        if (open && f.holdEnd)
+            vstabDouble().hold = false;
+        return open;
+    };
+    h.makeCamera(setup);
+
+    LogCapture log;
+    h.start();
+    ASSERT_EQ(h.engine->frameQueue->getCapacity(), kCapacity);
+    int accepted = 0, refused = 0, dropped = 0, skipped = 0;
+    for (const PlannedFrame& f : plan) {
+        accepted += f.fate == Fate::Accepted;
+        refused += f.fate == Fate::Refused;
+        dropped += f.fate == Fate::Dropped;
+        skipped += f.fate == Fate::Skipped;
+    }
+    EXPECT_TRUE(h.cameraDevice->waitUntilDrained(120s));
+    EXPECT_TRUE(waitFor([&] { return h.cameraDevice->counters().released >= plan.size(); }, 10s));
+    EXPECT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() >= accepted; }, 10s));
+    h.stop();
+    if (gate->timedOut.load())
+        ADD_FAILURE() << "the engine did not reach the planned state: " << gate->why;
+
+    host::CameraCounters counters = h.cameraDevice->counters();
+    EXPECT_EQ(counters.delivered, plan.size());
+    EXPECT_EQ(counters.released, plan.size());
+    EXPECT_EQ(counters.releaseErrors, 0u);
+    EXPECT_EQ(counters.outstanding(), 0u);
+
+    // Exactly the accepted frames reached the library, in order, in the frame clock.
+    const int64_t diff = Boottime_Monotonic_timerDiff;
+    EXPECT_LT(std::llabs(diff - bootMinusMonotonic), 1 * kMs);
+    std::vector<int64_t> sent = produced->snapshot();
+    ASSERT_EQ(sent.size(), plan.size());
+    std::vector<int64_t> expected;
+    for (size_t n = 0; n < plan.size(); ++n) {
+        if (plan[n].fate == Fate::Accepted)
+            expected.push_back(sent[n] + diff);
+    }
+    std::vector<int64_t> warped = framesWarped();
+    for (size_t i = 0; i < std::min(warped.size(), expected.size()); ++i) {
+        if (warped[i] == expected[i])
+            continue;
+        // Name the planned frame that reached the library out of turn.
+        size_t n = 0;
+        while (n < sent.size() && sent[n] + diff != warped[i])
+            ++n;
+        FAIL() << "accepted frame " << i << " is planned frame " << n << " of fate "
+               << (n < plan.size() ? static_cast<int>(plan[n].fate) : -1);
+    }
+    ASSERT_EQ(warped.size(), expected.size());
+
+    EXPECT_EQ(log.count(format("[VStab] frame timestamp within StartTimeOffsetUs(%d), skip this "
+                               "frame",
+                               kStartOffsetUs),
+                        kWarn),
+              skipped);
+    EXPECT_EQ(log.count("[VStab] error, duplicate frame timestamp, ignore this frame", kWarn),
+              refused);
+    EXPECT_EQ(log.count("[Warning] Dropping new frame, internal buffer queue is full", kWarn),
+              dropped);
+    // The first frame seen (a skipped one) and the first one kept are both announced.
+    std::vector<LogLine> first = linesStartingWith(log.lines(), "[VStab] first frame timestamp ");
+    ASSERT_EQ(first.size(), 2u);
+    EXPECT_EQ(first[0].text,
+              format("[VStab] first frame timestamp %lld", static_cast<long long>(sent[0] + diff)));
+    EXPECT_EQ(first[1].text,
+              format("[VStab] first frame timestamp %lld", static_cast<long long>(expected[0])));
+}
+
+TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
+    EngineHarness h;
+    h.makeCamera(idleCamera(640, 480));
+    h.start();
+    const host::FrameLayout layout = host::FrameLayout::forSize(640, 480);
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
+    auto* bytes = static_cast<uint8_t*>(heap->getBase());
+    const uint8_t metadata[4] = {0x88, 0x13, 0x96, 0x00};  // exposure 5000 us, zoom 150
+    std::memcpy(bytes, metadata, 4);
+
+    struct Case {
+        size_t size;
+        bool reported;
+    };
+    int64_t timestamp = clockNs(CLOCK_MONOTONIC);
+    int calls = 0;
+    int reports = 0;
+    for (Case c : {Case{512, true}, Case{999, true}, Case{1000, false}}) {
+        android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, c.size);
+        LogCapture log;
+        timestamp += kFramePeriodNs;
+        // Through the engine's own listener, as the camera would call it.
+        h.engine->listener->dataCallbackTimestamp(timestamp, CAMERA_MSG_VIDEO_FRAME, memory);
+        ++calls;
+        const std::string text =
+            "[Error] dataCallbackTimestamp returned camera proxy buffer has "
+            "metadata";
+        if (c.reported) {
+            ++reports;
+            EXPECT_TRUE(linesInOrder(
+                log.lines(),
+                {{kInfo,
+                  format("%d %p %d", 0x00961388, memory->pointer(), static_cast<int>(c.size))},
+                 {kInfo, format("dataCallbackTimestamp2 (%lld, %d, %p %d)",
+                                static_cast<long long>(timestamp), CAMERA_MSG_VIDEO_FRAME,
+                                memory->pointer(), static_cast<int>(c.size))},
+                 {kWarn, text}}));
+        } else {
+            EXPECT_EQ(log.count(text), 0);
+            EXPECT_EQ(log.countContaining("dataCallbackTimestamp2"), 0);
+        }
+        // The buffer went on as a frame, and back to the camera once (the host camera does
+        // not know this memory, so the hand-back counts as a release error).
+        ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == calls; }, 5s));
+        EXPECT_EQ(h.cameraDevice->counters().releaseErrors, static_cast<uint64_t>(calls));
+    }
+    EXPECT_EQ(reports, 2);
+    std::vector<VStabFrameInfo> infos = vstabDouble().warpInfoSnapshot();
+    ASSERT_EQ(infos.size(), 3u);
+    EXPECT_EQ(infos[0].exposureNs, 5000000);
+    EXPECT_FLOAT_EQ(infos[0].zoom, 1.5f);
+    EXPECT_EQ(infos[2].timestampNs, timestamp + Boottime_Monotonic_timerDiff);
+    EXPECT_EQ(h.cameraDevice->counters().released, 0u);
+}
+
+TEST(EngineIntake, DebugModeTracesEveryStepOfAFrame) {
+    EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
+    struct ReleaseHold {
+        ~ReleaseHold() { vstabDouble().hold = false; }
+    } releaseHold;
+    vstabDouble().hold = true;  // the frame stays in its slot
+    h.makeCamera(idleCamera(1088, 720));
+    h.start();
+    const host::FrameLayout layout = host::FrameLayout::forSize(1088, 720);
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
+    const uint8_t metadata[4] = {0x88, 0x13, 0x96, 0x00};  // exposure 5000 us, zoom 150
+    std::memcpy(heap->getBase(), metadata, 4);
+    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
+    const int size = static_cast<int>(layout.bytes);
+    const long long timestamp = clockNs(CLOCK_MONOTONIC);
+
+    LogCapture log;
+    h.engine->listener->dataCallbackTimestamp(timestamp, CAMERA_MSG_VIDEO_FRAME, memory);
+    const long long diff = Boottime_Monotonic_timerDiff;
+    const long long frameNs = timestamp + diff;
+    auto* slotBuffer = h.engine->frameQueue->slots[0].buffer->buffer.get();
+    void* eisBuffer = nullptr;
+    ASSERT_EQ(slotBuffer->lock(GRALLOC_USAGE_SW_READ_OFTEN, &eisBuffer), 0);
+    slotBuffer->unlock();
+
+    // The 1088-wide camera frame has a 1152-byte pitch and 736 rows before its chroma plane;
+    // the slot buffer is packed at its own stride.
+    EXPECT_TRUE(linesInOrder(
+        log.lines(),
+        {{kInfo, "First byte from camera buffer: 136"},
+         {kInfo, format("dataCallbackTimestamp (%lld, %d, %p %d)", timestamp,
+                        CAMERA_MSG_VIDEO_FRAME, memory->pointer(), size)},
+         {kWarn, format("[VStab] got Boottime_Monotonic_timerDiff: %lld", diff)},
+         {kWarn, format("[VStab] Boottime_Monotonic_timerDiff: %lld", diff)},
+         {kWarn, format("[VStab] Frame: %lld", frameNs)},
+         {kWarn, format("[VStab] first frame timestamp %lld", frameNs)},
+         {kWarn, format("[VStab] first frame timestamp %lld", frameNs)},
+         {kWarn, "Frame Metadata Zoom 1.50 Exposure 5000000"},
+         {kWarn, "[JJJ] W: 1088 S: 1088 H: 720"},
+         {kWarn, format("[JJJ] UVOffset: %d UVOffsetGB: %d", 1152 * 736, 1088 * 720)},
+         {kWarn, format("[JJJ] dataPtr->size(): %d", size)},
+         {kWarn, format("[MMM] w: 1088, h: 720, ss: 1152, sd: 1088, dataPtr->size(): %d", size)},
+         {kWarn, format("camera buf=%p, eis buf=%p", memory->pointer(), eisBuffer)}}));
+    std::vector<LogLine> probe =
+        linesStartingWith(log.lines(), "[cTTiming][dataCallbackTimestamp()] ");
+    ASSERT_EQ(probe.size(), 1u);
+    EXPECT_EQ(
+        probeStages(probe[0].text),
+        (std::vector<std::string>{"clocks", "copy", "lock", "pushFrame", "release", "unlock"}));
+
+    // A frame sent again is refused; its probe ends after the clocks.
+    log.clear();
+    h.engine->listener->dataCallbackTimestamp(timestamp, CAMERA_MSG_VIDEO_FRAME, memory);
+    EXPECT_EQ(log.count("[VStab] error, duplicate frame timestamp, ignore this frame", kWarn), 1);
+    probe = linesStartingWith(log.lines(), "[cTTiming][dataCallbackTimestamp()] ");
+    ASSERT_EQ(probe.size(), 1u);
+    EXPECT_EQ(probeStages(probe[0].text), std::vector<std::string>{"clocks"});
+    EXPECT_EQ(h.cameraDevice->counters().releaseErrors, 2u);  // handed back both times
+}
+
+TEST(EngineIntake, SlotWithoutABufferIsALogicErrorThatKeepsTheFrame) {
+    EngineHarness h;
+    h.makeCamera(idleCamera(640, 480));
+    h.start();
+    Context::VStabFrame& slot = h.engine->frameQueue->slots[0];  // the next one to be filled
+    shared_ptr<GLGraphicBuffer> saved = slot.buffer;
+    slot.buffer.release();
+    const host::FrameLayout layout = host::FrameLayout::forSize(640, 480);
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
+    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
+    LogCapture log;
+    EXPECT_EQ(thrownMessage([&] {
+                  h.engine->dataCallbackTimestamp(clockNs(CLOCK_MONOTONIC), CAMERA_MSG_VIDEO_FRAME,
+                                                  memory);
+              }),
+              "Empty GraphicBuffer found in frame queue");
+    EXPECT_EQ(log.count("[Error] Empty GraphicBuffer found in frame queue", kWarn), 1);
+    // The frame was not handed back, and the slot stays locked by the caller.
+    host::CameraCounters counters = h.cameraDevice->counters();
+    EXPECT_EQ(counters.released + counters.releaseErrors, 0u);
+    EXPECT_FALSE(freeForOtherThreads(slot.mutex));
+    // Let the recording end normally.
+    slot.buffer = saved;
+    h.engine->frameQueue->unlock(&slot);
+}
+
+TEST(EngineIntake, TimestampsMoveIntoTheFrameClockWithAnOffsetMeasuredOncePerResume) {
+    EngineHarness h;
+    auto produced = std::make_shared<Produced>();
+    host::CameraSetup setup = sourceCamera(
+        320, 240, scriptedSource([produced](uint64_t n, int64_t start, host::FrameInfo& info) {
+            if (n >= 10)
+                return false;
+            info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
+            produced->add(info.timestampNs);
+            return true;
+        }));
+    paceByWarps(setup);
+    h.makeCamera(setup);
+    const int64_t bootMinusMonotonic = clockNs(CLOCK_BOOTTIME) - clockNs(CLOCK_MONOTONIC);
+    const std::string measured = "[VStab] got Boottime_Monotonic_timerDiff: ";
+
+    int recordings = 0;
+    // One recording of ten frames; every frame reaches the library shifted by `expectedDiff`.
+    auto record = [&](int64_t expectedDiff) {
+        h.start();
+        ++recordings;
+        ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == 10 * recordings; }, 10s));
+        h.stop();
+        std::vector<int64_t> sent = produced->snapshot();
+        std::vector<int64_t> warped = vstabDouble().warpSnapshot();
+        ASSERT_EQ(warped.size(), sent.size());
+        for (size_t i = sent.size() - 10; i < sent.size(); ++i)
+            EXPECT_EQ(warped[i], sent[i] + expectedDiff) << "recording " << recordings;
+    };
+
+    // Frame clock CLOCK_BOOTTIME: the first frame after the resume measures the offset and
+    // replaces whatever value was left from before.
+    Boottime_Monotonic_timerDiff = 777777;
+    {
+        LogCapture log;
+        h.start();
+        ++recordings;
+        ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == 10; }, 10s));
+        h.stop();
+        std::vector<LogLine> lines = linesStartingWith(log.lines(), measured);
+        ASSERT_EQ(lines.size(), 1u);
+        EXPECT_EQ(lines[0].priority, kWarn);
+        const long long logged = std::stoll(lines[0].text.substr(measured.size()));
+        EXPECT_EQ(logged, Boottime_Monotonic_timerDiff);
+        EXPECT_LT(std::llabs(logged - bootMinusMonotonic), 1 * kMs);
+        std::vector<int64_t> sent = produced->snapshot();
+        std::vector<int64_t> warped = vstabDouble().warpSnapshot();
+        ASSERT_EQ(warped.size(), 10u);
+        for (size_t i = 0; i < 10; ++i)
+            EXPECT_EQ(warped[i], sent[i] + logged);
+    }
+    const int64_t diff = Boottime_Monotonic_timerDiff;
+    {
+        // A new recording without a resume reuses the measurement.
+        LogCapture log;
+        record(diff);
+        EXPECT_EQ(linesStartingWith(log.lines(), measured).size(), 0u);
+    }
+    {
+        // Another frame clock: nothing is measured, but the value in store is still added.
+        vstabDouble().clockIdFrame = CLOCK_MONOTONIC;
+        h.engine->onPause();
+        h.engine->onResume();
+        Boottime_Monotonic_timerDiff = 5000;
+        LogCapture log;
+        record(5000);
+        EXPECT_EQ(linesStartingWith(log.lines(), measured).size(), 0u);
+    }
+    {
+        // Back on CLOCK_BOOTTIME after a resume: measured once again.
+        vstabDouble().clockIdFrame = CLOCK_BOOTTIME;
+        h.engine->onPause();
+        h.engine->onResume();
+        LogCapture log;
+        h.start();
+        ++recordings;
+        ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == 40; }, 10s));
+        h.stop();
+        EXPECT_EQ(linesStartingWith(log.lines(), measured).size(), 1u);
+        EXPECT_LT(std::llabs(Boottime_Monotonic_timerDiff - bootMinusMonotonic), 1 * kMs);
+    }
+}
+
+TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
+    struct Meta {
+        uint16_t exposureUs;
+        uint16_t zoomX100;
+        bool jumpWarning;  // against the frame before (not checked for the first frame)
+        bool zoomWarning;
+        int64_t exposureNs;
+        float zoom;
+    };
+    const Meta frames[] = {
+        {10000, 100, false, false, 10000000, 1.0f},
+        {10000, 0, false, true, 10000000, 1.0f},    // zoom not written
+        {10400, 99, false, true, 10400000, 1.0f},   // 4 % jump: tolerated
+        {11000, 100, true, false, 11000000, 1.0f},  // 5.5 % jump
+        {65535, 500, true, false, 65535000, 5.0f},
+        {65535, 501, false, true, 65535000, 5.0f},
+        {1, 650, true, true, 1000, 5.0f},
+        {0, 100, true, false, 0, 1.0f},
+        {0, 250, false, false, 0, 2.5f},
+        {20000, 100, false, false, 20000000, 1.0f},  // after a zero exposure: no comparison
+    };
+    constexpr size_t kFrames = sizeof(frames) / sizeof(frames[0]);
+    EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
+    auto produced = std::make_shared<Produced>();
+    host::CameraSetup setup = sourceCamera(
+        320, 240,
+        scriptedSource([&frames, produced](uint64_t n, int64_t start, host::FrameInfo& info) {
+            if (n >= kFrames)
+                return false;
+            info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
+            info.exposureUs = frames[n].exposureUs;
+            info.zoomX100 = frames[n].zoomX100;
+            produced->add(info.timestampNs);
+            return true;
+        }));
+    paceByWarps(setup);
+    h.makeCamera(setup);
+    LogCapture log;
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == kFrames; }, 10s));
+    h.stop();
+
+    std::vector<VStabFrameInfo> infos = vstabDouble().warpInfoSnapshot();
+    std::vector<int64_t> sent = produced->snapshot();
+    ASSERT_EQ(infos.size(), kFrames);
+    for (size_t i = 0; i < kFrames; ++i) {
+        EXPECT_EQ(infos[i].recordSize, 40u);
+        EXPECT_EQ(infos[i].recordKind, 2u);
+        EXPECT_EQ(infos[i].timestampNs, sent[i] + Boottime_Monotonic_timerDiff);
+        EXPECT_EQ(infos[i].exposureNs, frames[i].exposureNs) << i;
+        EXPECT_FLOAT_EQ(infos[i].zoom, frames[i].zoom) << i;
+        EXPECT_EQ(infos[i].scale, 1.0f);
+        EXPECT_EQ(infos[i].reserved0, 0u);
+        EXPECT_EQ(infos[i].reserved1, 0u);
+    }
+
+    // Intake logs its warnings for a frame before that frame's metadata line.
+    const std::string jump =
+        "[Warning] Big exposure jump or exposure not written in the frames, please capture in "
+        "good light - through a window - and see whether this error will stay";
+    const std::string zoom = "[Warning] VStab frame zoom is not written in the frames";
+    int jumps = 0, zooms = 0;
+    size_t frame = 0;
+    for (const LogLine& l : log.lines()) {
+        if (l.text == jump) {
+            EXPECT_EQ(l.priority, kWarn);
+            ++jumps;
+        } else if (l.text == zoom) {
+            EXPECT_EQ(l.priority, kWarn);
+            ++zooms;
+        } else if (l.text.compare(0, 20, "Frame Metadata Zoom ") == 0) {
+            ASSERT_LT(frame, kFrames);
+            EXPECT_EQ(l.text, format("Frame Metadata Zoom %.2f Exposure %lld",
+                                     frames[frame].zoomX100 * 0.01,
+                                     static_cast<long long>(frames[frame].exposureUs) * 1000));
+            if (frame > 0) {
+                EXPECT_EQ(jumps, frames[frame].jumpWarning ? 1 : 0) << "frame " << frame;
+            }
+            EXPECT_EQ(zooms, frames[frame].zoomWarning ? 1 : 0) << "frame " << frame;
+            jumps = zooms = 0;
+            ++frame;
+        }
+    }
+    EXPECT_EQ(frame, kFrames);
+    // 16-bit microseconds never reach the 300 ms limit.
+    EXPECT_EQ(log.countContaining("VSTab frame has long exposure"), 0);
+}
+
+TEST(EngineIntake, StridedCopyMatchesABlockCopyAndLeavesTheGapsAlone) {
+    constexpr unsigned kRows = 6;
+    std::vector<unsigned char> tight(kRows * 16);
+    std::vector<unsigned char> padded(kRows * 40, 0xAB);
+    for (unsigned r = 0; r < kRows; ++r) {
+        for (unsigned x = 0; x < 16; ++x) {
+            tight[r * 16 + x] = static_cast<unsigned char>(r * 31 + x * 7 + 1);
+            padded[r * 40 + x] = tight[r * 16 + x];
+        }
+    }
+    // All three equal: one block. Source stride differs: row by row. Same picture either way.
+    std::vector<unsigned char> block(kRows * 16 + 8, 0xEE);
+    std::vector<unsigned char> rows(kRows * 16 + 8, 0xEE);
+    EXPECT_EQ(memcpy_stride(block.data(), tight.data(), 16, kRows, 16, 16), block.data());
+    EXPECT_EQ(memcpy_stride(rows.data(), padded.data(), 16, kRows, 16, 40), rows.data());
+    EXPECT_EQ(block, rows);
+    EXPECT_TRUE(std::equal(tight.begin(), tight.end(), block.begin()));
+    EXPECT_EQ(block[kRows * 16], 0xEE) << "nothing past the last row";
+
+    // A wider destination: the bytes between rows stay as they were.
+    std::vector<unsigned char> wide(kRows * 24, 0xEE);
+    memcpy_stride(wide.data(), padded.data(), 16, kRows, 24, 40);
+    for (unsigned r = 0; r < kRows; ++r) {
+        for (unsigned x = 0; x < 24; ++x) {
+            EXPECT_EQ(wide[r * 24 + x], x < 16 ? tight[r * 16 + x] : 0xEE) << r << "," << x;
+        }
+    }
+    // Only the destination stride differs: still row by row.
+    std::vector<unsigned char> wider(kRows * 24, 0xEE);
+    memcpy_stride(wider.data(), tight.data(), 16, kRows, 24, 16);
+    EXPECT_EQ(wider, wide);
+
+    // No rows, nothing copied, on both paths.
+    std::vector<unsigned char> untouched(64, 0xEE);
+    memcpy_stride(untouched.data(), tight.data(), 16, 0, 16, 16);
+    memcpy_stride(untouched.data(), padded.data(), 16, 0, 24, 40);
+    EXPECT_EQ(untouched, std::vector<unsigned char>(64, 0xEE));
+}
+
+// A byte of a camera frame's memory, by offset from the start of the buffer; every byte of
+// the buffer, padding included, differs from its neighbours and from the other frames'.
+uint8_t cameraByte(size_t offset, uint64_t frame) {
+    return static_cast<uint8_t>(offset * 31 + (offset >> 8) * 7 + (offset >> 16) * 3 + frame * 13);
+}
+
+TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
+    struct Case {
+        int width;
+        int height;
+        int configuredUvOffset;  // -1: not configured
+    };
+    // 640: the camera pitch equals the width (one block per plane); 1088: pitch 1152, row by
+    // row. 360 and 720 rows are no multiple of 32, so the camera's chroma plane starts after
+    // padding rows. A configured offset counts from the end of the buffer's own luma plane.
+    for (Case c : {Case{640, 360, -1}, Case{1088, 720, -1}, Case{640, 360, 1280}}) {
+        SCOPED_TRACE(testing::Message()
+                     << c.width << "x" << c.height << " uv " << c.configuredUvOffset);
+        EngineHarness h;
+        struct ReleaseHold {
+            ~ReleaseHold() { vstabDouble().hold = false; }
+        } releaseHold;
+        vstabDouble().hold = true;  // frames stay in their slots
+        const host::FrameLayout layout = host::FrameLayout::forSize(c.width, c.height);
+        auto produced = std::make_shared<Produced>();
+        h.makeCamera(sourceCamera(
+            c.width, c.height,
+            scriptedSource(
+                [produced](uint64_t n, int64_t start, host::FrameInfo& info) {
+                    if (n >= 3)
+                        return false;
+                    info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
+                    info.exposureUs = static_cast<uint16_t>(8000 + n);
+                    info.zoomX100 = 120;
+                    produced->add(info.timestampNs);
+                    return true;
+                },
+                [layout](uint64_t n, const host::FrameImage& image) {
+                    for (size_t offset = 0; offset < layout.bytes; ++offset)
+                        image.luma[offset] = cameraByte(offset, n);
+                })));
+        h.start(c.configuredUvOffset == -1
+                    ? engineConfig()
+                    : engineConfig("native.cameraUvOffset=" + std::to_string(c.configuredUvOffset) +
+                                   "\n"));
+        ASSERT_TRUE(waitFor([&] { return h.cameraDevice->counters().released == 3; }, 10s));
+        std::vector<int64_t> sent = produced->snapshot();
+
+        auto* queue = h.engine->frameQueue.data;
+        int checked = 0;
+        for (int s = 0; s < queue->getCapacity(); ++s) {
+            Context::VStabFrame& slot = queue->slots[s];
+            pthread_mutex_lock(&slot.mutex.mutex);
+            uint64_t frame = 3;
+            for (uint64_t n = 0; n < 3; ++n) {
+                if (slot.info.timestampNs == sent[n] + Boottime_Monotonic_timerDiff)
+                    frame = n;
+            }
+            if (frame < 3) {
+                const android::sp<android::GraphicBuffer>& gb = slot.buffer->buffer;
+                const size_t stride = gb->getStride();
+                void* vaddr = nullptr;
+                ASSERT_EQ(gb->lock(GRALLOC_USAGE_SW_READ_OFTEN, &vaddr), 0);
+                const auto* pixels = static_cast<const uint8_t*>(vaddr);
+                auto camera = [&](size_t offset) {
+                    const uint8_t metadata[4] = {static_cast<uint8_t>((8000 + frame) & 0xFF),
+                                                 static_cast<uint8_t>((8000 + frame) >> 8), 120, 0};
+                    return offset < 4 ? metadata[offset] : cameraByte(offset, frame);
+                };
+                const size_t uvOffset = c.configuredUvOffset == -1
+                                            ? layout.chromaOffset
+                                            : stride * c.height + c.configuredUvOffset;
+                int wrong = 0;
+                for (int y = 0; y < c.height && wrong < 5; ++y) {
+                    for (int x = 0; x < c.width; ++x) {
+                        if (pixels[y * stride + x] != camera(y * layout.pitch + x)) {
+                            ADD_FAILURE() << "frame " << frame << " luma (" << x << "," << y << ")";
+                            ++wrong;
+                            break;
+                        }
+                    }
+                }
+                for (int y = 0; y < c.height / 2 && wrong < 5; ++y) {
+                    for (int x = 0; x < c.width; ++x) {
+                        if (pixels[stride * c.height + y * stride + x] !=
+                            camera(uvOffset + y * layout.pitch + x)) {
+                            ADD_FAILURE()
+                                << "frame " << frame << " chroma (" << x << "," << y << ")";
+                            ++wrong;
+                            break;
+                        }
+                    }
+                }
+                gb->unlock();
+                ++checked;
+            }
+            pthread_mutex_unlock(&slot.mutex.mutex);
+        }
+        EXPECT_EQ(checked, 3);
+    }
+}
+
+TEST(EngineIntake, ListenerLogsEveryOtherCallbackAndHandsFramesOn) {
+    EngineHarness h;
+    android::sp<MyCameraListener> listener = new MyCameraListener(h.engine.get());
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(4096);
+    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, 64);
+    LogCapture log;
+    listener->notify(1, 2, -3);
+    listener->postData(2, memory, nullptr);
+    listener->postDataTimestamp(123456789012LL, 16, memory);
+    listener->postRecordingFrameHandleTimestamp(42, nullptr);
+    listener->postRecordingFrameHandleTimestampBatch({1, 2}, {nullptr, nullptr});
+    listener->recordingFrameHandleCallbackTimestamp(7, nullptr);
+    listener->recordingFrameHandleCallbackTimestampBatch({}, {});
+    EXPECT_EQ(listener->onAsBinder(), nullptr);
+    const std::vector<std::string> expected = {
+        "notify(1, 2, -3)",
+        format("postData(2, %p 64, ...)", memory->pointer()),
+        format("postDataTimestamp(123456789012, 16, %p 64)", memory->pointer()),
+        "postRecordingFrameHandleTimestamp(42)",
+        "postRecordingFrameHandleTimestampBatch",
+        "recordingFrameHandleCallbackTimestamp",
+        "recordingFrameHandleCallbackTimestampBatch",
+    };
+    std::vector<LogLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(lines[i].text, expected[i]);
+        EXPECT_EQ(lines[i].priority, kInfo);
+    }
+    // None of them is a frame: nothing reached the library.
+    EXPECT_EQ(vstabDouble().warpCalls.load(), 0);
+}
+
+TEST(EngineIntake, SeparateFrameMetadataIsRefused) {
+    EngineHarness h;
+    LogCapture log;
+    EXPECT_EQ(thrownMessage([&] {
+                  h.engine->metaCallbackTimestamp(1000, 1.0f, VSTAB_GRID_ROTATION_90, 33000000);
+              }),
+              "Make sure used timestamp is corrected for gyro frame offset");
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(vstabDouble().createCalls.load() + vstabDouble().warpCalls.load() +
+                  vstabDouble().addCalls.load(),
+              0);
+}
+
+}  // namespace

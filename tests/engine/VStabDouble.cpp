@@ -60,11 +60,12 @@ VStabConfigRecord* vStabConfig(void* handle) {
     return &static_cast<Handle*>(handle)->record;
 }
 
-int vStabAddAngularVelocity(void*, long long timestampNs, const float*) {
+int vStabAddAngularVelocity(void*, long long timestampNs, const float* angularVelocity) {
     VStabDouble& d = vstabDouble();
     d.addCalls++;
     std::lock_guard<std::mutex> lock(d.mutex);
     d.gyroTimestamps.push_back(timestampNs);
+    d.gyroRates.push_back({angularVelocity[0], angularVelocity[1], angularVelocity[2]});
     return d.addStatus;
 }
 
@@ -77,11 +78,15 @@ int vStabWarpGrid(void* handle, const void* frameInfo, VStabOutput* output) {
         std::lock_guard<std::mutex> lock(d.mutex);
         d.warpTimestamps.push_back(info->timestampNs);
         d.warpInfos.push_back(*info);
-        if (!d.scriptedStatuses.empty()) {
+        if (d.hold.load()) {
+            status = d.holdStatus;
+        } else if (!d.scriptedStatuses.empty()) {
             status = d.scriptedStatuses.front();
             d.scriptedStatuses.pop_front();
         }
     }
+    if (status == 0)
+        d.warpedOk++;
     if (status == 0 && d.writeGrid) {
         const VStabConfigRecord& r = static_cast<Handle*>(handle)->record;
         float* v = output->warpVertices;

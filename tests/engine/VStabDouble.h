@@ -6,6 +6,7 @@
 // behind a mutex.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -36,18 +37,24 @@ struct VStabDouble {
     int defaultStatus = 0;
     float gridScale = 1.0f;
     bool writeGrid = true;
+    // While set, every warp call returns `holdStatus` (the frame stays queued) without taking
+    // a scripted status. May be flipped by any thread while the engine runs.
+    std::atomic<bool> hold{false};
+    int holdStatus = ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN;
 
     std::atomic<int> createCalls{0};
     std::atomic<int> addCalls{0};
     std::atomic<int> warpCalls{0};
     std::atomic<int> destroyCalls{0};
     std::atomic<int> liveHandles{0};
+    std::atomic<int> warpedOk{0};  // warp calls that returned 0 (the frame leaves the queue)
 
     std::mutex mutex;
     std::deque<int> scriptedStatuses;
-    std::vector<int64_t> gyroTimestamps;    // every sample's timestamp, in arrival order
-    std::vector<int64_t> warpTimestamps;    // every warp call's frame timestamp
-    std::vector<VStabFrameInfo> warpInfos;  // every warp call's frame record
+    std::vector<int64_t> gyroTimestamps;          // every sample's timestamp, in arrival order
+    std::vector<std::array<float, 3>> gyroRates;  // every sample's x, y, z, in arrival order
+    std::vector<int64_t> warpTimestamps;          // every warp call's frame timestamp
+    std::vector<VStabFrameInfo> warpInfos;        // every warp call's frame record
     std::string lastConfigText;
 
     void script(std::initializer_list<int> statuses) {
@@ -61,6 +68,14 @@ struct VStabDouble {
     std::vector<int64_t> warpSnapshot() {
         std::lock_guard<std::mutex> lock(mutex);
         return warpTimestamps;
+    }
+    std::vector<VStabFrameInfo> warpInfoSnapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return warpInfos;
+    }
+    std::vector<std::array<float, 3>> gyroRateSnapshot() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return gyroRates;
     }
 };
 

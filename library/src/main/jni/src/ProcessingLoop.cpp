@@ -28,7 +28,13 @@ void Context::Run() {
         useconds_t sleepUs = frameRate == 60 ? kIdleSleepUs60Fps : kIdleSleepUs;
         QLOGI("Context Thread Run, frameRate=%d, sleep_us=%d", frameRate,
               static_cast<int>(sleepUs));
-        threadState.store(ThreadState::Running, std::memory_order_relaxed);
+        // Running, unless stop() already asked this thread to end: a stop that comes before the
+        // thread gets here must not be overwritten, or the loop would never end and stop()'s
+        // join would wait forever. stop() is the only other writer of the state.
+        int32_t state = threadState.load(std::memory_order_relaxed);
+        if (state != ThreadState::StopRequested)
+            threadState.compare_exchange_strong(state, ThreadState::Running,
+                                                std::memory_order_relaxed);
         QLOGI("Context Thread");
         while (threadState.load(std::memory_order_relaxed) == ThreadState::Running) {
             cTTiming timing("MainThread()");
