@@ -93,6 +93,8 @@ TEST(EnginePipeline, NotEnoughGyroKeepsFramesUntilForcedThenRendersThemUnwarped)
         auto& out = h.addOutput(1, 320, 240);
         h.start();
         ASSERT_TRUE(h.cameraDevice->waitUntilDrained(10s));
+        // Every frame handed back means every frame went through intake.
+        ASSERT_TRUE(waitFor([&] { return h.cameraDevice->counters().released == 10; }, 10s));
         // 10 frames in a queue of 16: below the almost-full mark, so all are kept and retried.
         ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= 5; }, 5s));
         EXPECT_EQ(out.sink->count(), 0u) << status;
@@ -301,6 +303,7 @@ void runRenderWithBrokenProgram() {
     host::windowCounters(b.window.get(), &cb);
     bool dropped = ca.dequeued == 1 && ca.queued == 0 && cb.dequeued == 0;
     bool released = h.engine->glContext->threadId == -1;
+    h.camera->stopRecording();  // joins the camera's threads, which have nothing left to do
     _exit(warped && dropped && released && h.engine->outputFrameCount == 0 ? 0 : 1);
 }
 
