@@ -15,6 +15,7 @@
 
 #include <vector>
 
+#include "GlTestSupport.h"
 #include "host/PixelConversion.h"
 #include "host/Window.h"
 
@@ -26,55 +27,8 @@ using android::sp;
 constexpr uint32_t kWidth = 1920;
 constexpr uint32_t kHeight = 1080;
 
-// An ES2 context with a pbuffer on the default display, current on the calling thread.
-class BenchContext {
-  public:
-    BenchContext() {
-        display_ = eglGetDisplay(EGL_DEFAULT_DISPLAY);
-        eglInitialize(display_, nullptr, nullptr);
-        const EGLint configAttribs[] = {EGL_RED_SIZE,
-                                        8,
-                                        EGL_GREEN_SIZE,
-                                        8,
-                                        EGL_BLUE_SIZE,
-                                        8,
-                                        EGL_SURFACE_TYPE,
-                                        EGL_PBUFFER_BIT,
-                                        EGL_RENDERABLE_TYPE,
-                                        EGL_OPENGL_ES2_BIT,
-                                        EGL_NONE};
-        EGLConfig config = nullptr;
-        EGLint count = 0;
-        eglChooseConfig(display_, configAttribs, &config, 1, &count);
-        const EGLint pbufferAttribs[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
-        surface_ = eglCreatePbufferSurface(display_, config, pbufferAttribs);
-        const EGLint contextAttribs[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
-        context_ = eglCreateContext(display_, config, EGL_NO_CONTEXT, contextAttribs);
-        ok_ = context_ != EGL_NO_CONTEXT &&
-              eglMakeCurrent(display_, surface_, surface_, context_) == EGL_TRUE;
-    }
-    ~BenchContext() {
-        eglMakeCurrent(display_, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-        eglDestroyContext(display_, context_);
-        eglDestroySurface(display_, surface_);
-    }
-    bool ok() const { return ok_; }
-    EGLDisplay display() const { return display_; }
-
-  private:
-    EGLDisplay display_ = EGL_NO_DISPLAY;
-    EGLSurface surface_ = EGL_NO_SURFACE;
-    EGLContext context_ = EGL_NO_CONTEXT;
-    bool ok_ = false;
-};
-
-EGLImageKHR import(EGLDisplay display, const sp<GraphicBuffer>& buffer) {
-    const EGLint attribs[] = {EGL_IMAGE_PRESERVED_KHR, EGL_TRUE, EGL_NONE};
-    return eglCreateImageKHR(display, EGL_NO_CONTEXT, EGL_NATIVE_BUFFER_ANDROID,
-                             buffer->getNativeBuffer(), attribs);
-}
-
-// Draws one clear colour into `image` through a renderbuffer and finishes.
+// Draws one clear colour into `image` through a renderbuffer and finishes. (A single full clear:
+// gltest::renderInto's scissored second clear would be timed too.)
 void clearInto(EGLImageKHR image, float red) {
     GLuint renderbuffer = 0, framebuffer = 0;
     glGenRenderbuffers(1, &renderbuffer);
@@ -114,12 +68,12 @@ void Nv21ToRgba(benchmark::State& state) {
 BENCHMARK(Nv21ToRgba)->Unit(benchmark::kMillisecond);
 
 void Nv21UnlockUpload(benchmark::State& state) {
-    BenchContext gl;
-    if (!gl.ok())
+    gltest::Context gl;
+    if (!gl.ok() || !gl.makeCurrent())
         return state.SkipWithError("no EGL context");
     sp<GraphicBuffer> camera(
         new GraphicBuffer(kWidth, kHeight, HAL_PIXEL_FORMAT_YCrCb_420_SP, 0x130));
-    EGLImageKHR image = import(gl.display(), camera);
+    EGLImageKHR image = gltest::importBuffer(gl.display(), camera);
     void* address = nullptr;
     camera->lock(0x130, &address);
     fillCameraPattern(static_cast<uint8_t*>(address), camera->getStride());
@@ -134,11 +88,11 @@ void Nv21UnlockUpload(benchmark::State& state) {
 BENCHMARK(Nv21UnlockUpload)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void RgbaLockReadBack(benchmark::State& state) {
-    BenchContext gl;
-    if (!gl.ok())
+    gltest::Context gl;
+    if (!gl.ok() || !gl.makeCurrent())
         return state.SkipWithError("no EGL context");
     sp<GraphicBuffer> output(new GraphicBuffer(kWidth, kHeight, HAL_PIXEL_FORMAT_RGBA_8888, 0x30));
-    EGLImageKHR image = import(gl.display(), output);
+    EGLImageKHR image = gltest::importBuffer(gl.display(), output);
     clearInto(image, 1.0f);
     void* address = nullptr;
     for (auto _ : state) {
@@ -156,8 +110,8 @@ class DropSink : public host::FrameSink {
 };
 
 void WindowCycle(benchmark::State& state) {
-    BenchContext gl;
-    if (!gl.ok())
+    gltest::Context gl;
+    if (!gl.ok() || !gl.makeCurrent())
         return state.SkipWithError("no EGL context");
     host::WindowConfig config;
     config.defaultWidth = kWidth;
@@ -175,7 +129,7 @@ void WindowCycle(benchmark::State& state) {
                 image = entry.second;
         }
         if (image == EGL_NO_IMAGE_KHR) {
-            image = import(gl.display(), GraphicBuffer::from(buffer));
+            image = gltest::importBuffer(gl.display(), GraphicBuffer::from(buffer));
             images.emplace_back(buffer, image);
         }
         clearInto(image, static_cast<float>(timestamp % 2));

@@ -5,14 +5,13 @@
 #include <camera/ICameraRecordingProxyListener.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "FinishesWithin.h"
 #include "host/HostCamera.h"
 
 namespace camtest {
@@ -94,18 +93,6 @@ inline host::CameraSetup smallSetup(std::shared_ptr<host::FrameSource> source, h
     setup.pacing = pacing;
     setup.source = std::move(source);
     return setup;
-}
-
-// Runs `f` on another thread; false if it has not finished within `timeout` (a deadlock).
-template <typename F>
-bool finishesWithin(std::chrono::milliseconds timeout, F f) {
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> future = done->get_future();
-    std::thread([done, f]() mutable {
-        f();
-        done->set_value();
-    }).detach();
-    return future.wait_for(timeout) == std::future_status::ready;
 }
 
 }  // namespace camtest

@@ -8,7 +8,6 @@
 #include "LogCapture.h"
 #include "host/JavaCameraContext.h"
 
-using camtest::finishesWithin;
 using camtest::frameIndex;
 using camtest::indexSource;
 using camtest::ProxyListener;

@@ -1,17 +1,9 @@
 #include "GlTestSupport.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 
 namespace gltest {
 namespace {
-
-// Keeps the software driver loaded for the whole run: unloading it at eglTerminate would leave
-// its allocations unreachable and trip the leak checker.
-const bool kDriverPinned = [] {
-    return dlopen(QLMR_SWRAST_DRIVER, RTLD_NOW | RTLD_NODELETE) != nullptr;
-}();
 
 GLuint compile(GLenum type, const char* source) {
     GLuint shader = glCreateShader(type);
@@ -23,7 +15,6 @@ GLuint compile(GLenum type, const char* source) {
 }  // namespace
 
 Context::Context(bool terminateOnDestroy) : terminate_(terminateOnDestroy) {
-    (void)kDriverPinned;
     display_ = eglGetDisplay(EGL_DEFAULT_DISPLAY);
     if (display_ == EGL_NO_DISPLAY || !eglInitialize(display_, nullptr, nullptr))
         return;

@@ -1,5 +1,6 @@
-// GL helpers for tests that run on the host driver: an engine-like EGL context on the default
-// display, image import, and draw/read helpers.
+// GL helpers for tests and benchmarks that run on the host driver: an engine-like EGL context on
+// the default display, image import, and draw/read helpers. Programs using them also link
+// qlmr_gl_test_process (tests/support), which keeps the driver loaded.
 #pragma once
 
 #include <EGL/egl.h>

@@ -320,6 +320,68 @@ TEST(EglImageLifecycle, OutputsSurviveTwentyTerminateCycles) {
     }
 }
 
+// The engine's pause path: the output image goes while the window's consumer still reads the
+// last queued frame. The memory was read back at queueing; reading back again would write it
+// under the consumer (a race ThreadSanitizer reports). Once dequeued again the buffer may be
+// drawn into, so its image's destruction must read back once more.
+TEST(EglImageWindow, QueuedBufferIsNotReadBackAgainUnderItsConsumer) {
+    struct HoldingSink : host::FrameSink {
+        std::promise<void> entered;
+        std::promise<void> release;
+        std::vector<uint8_t> seen;
+        void onFrame(const host::Frame& frame) override {
+            entered.set_value();
+            // Read while the producer destroys the image: no ordering with it on purpose.
+            seen.assign(frame.pixels, frame.pixels + frame.sizeBytes);
+            release.get_future().wait_for(seconds(20));
+        }
+    };
+    auto sink = std::make_shared<HoldingSink>();
+    std::future<void> entered = sink->entered.get_future();
+    host::WindowConfig config;
+    config.defaultWidth = 40;  // stride 48: the read-back converts on the calling thread
+    config.defaultHeight = 8;
+    sp<ANativeWindow> window = host::createWindow(sink, config);
+    ASSERT_NE(window, nullptr);
+    ASSERT_EQ(native_window_api_connect(window.get(), NATIVE_WINDOW_API_EGL), 0);
+    gltest::Context gl;
+    ASSERT_TRUE(gl.ok() && gl.makeCurrent());
+
+    ANativeWindowBuffer* nativeBuffer = nullptr;
+    ASSERT_EQ(window->dequeueBuffer_DEPRECATED(window.get(), &nativeBuffer), 0);
+    sp<GraphicBuffer> output = GraphicBuffer::from(nativeBuffer);
+    EGLImageKHR image = gltest::importBuffer(gl.display(), output);
+    ASSERT_NE(image, EGL_NO_IMAGE_KHR);
+    const float red[4] = {1, 0, 0, 1};
+    ASSERT_EQ(gltest::renderInto(image, red, 0, 0, 0, 0, red), static_cast<GLenum>(GL_NO_ERROR));
+    ASSERT_EQ(window->queueBuffer_DEPRECATED(window.get(), nativeBuffer), 0);
+    const bool delivering = entered.wait_for(seconds(20)) == std::future_status::ready;
+    const uint64_t readBacks = host::graphicsCounters().readBacks;
+    EXPECT_EQ(eglDestroyImageKHR(gl.display(), image), EGL_TRUE);
+    EXPECT_EQ(host::graphicsCounters().readBacks, readBacks);
+    sink->release.set_value();
+    ASSERT_TRUE(delivering) << "the consumer never took the frame";
+    ASSERT_TRUE(host::waitForIdle(window.get(), seconds(20)));
+    EXPECT_EQ(sink->seen[0], 255);
+    EXPECT_EQ(sink->seen[2], 0);
+
+    // The next frame: dequeued (round robin brings the same buffer back with one slot),
+    // drawn, and its image destroyed before queueing; the drawing must reach the memory.
+    ASSERT_EQ(native_window_set_buffer_count(window.get(), 1), 0);
+    ASSERT_EQ(window->dequeueBuffer_DEPRECATED(window.get(), &nativeBuffer), 0);
+    ASSERT_EQ(GraphicBuffer::from(nativeBuffer), output);
+    image = gltest::importBuffer(gl.display(), output);
+    const float blue[4] = {0, 0, 1, 1};
+    ASSERT_EQ(gltest::renderInto(image, blue, 0, 0, 0, 0, blue), static_cast<GLenum>(GL_NO_ERROR));
+    EXPECT_EQ(eglDestroyImageKHR(gl.display(), image), EGL_TRUE);
+    void* address = nullptr;
+    ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+    EXPECT_EQ(static_cast<uint8_t*>(address)[2], 255);
+    EXPECT_EQ(output->unlock(), android::NO_ERROR);
+    EXPECT_EQ(window->cancelBuffer_DEPRECATED(window.get(), nativeBuffer), 0);
+    gl.releaseCurrent();
+}
+
 // Outside the contract: a display terminated while an image of a buffer is alive. The next
 // session must still get working images, and CPU writes must not fail on the lost one.
 TEST(EglImageLifecycle, ImageLeftAcrossTerminateDoesNotBlockTheNextSession) {

@@ -5,12 +5,10 @@
 #include <android/sensor.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
 #include <memory>
-#include <thread>
 #include <vector>
 
+#include "FinishesWithin.h"
 #include "host/HostSensors.h"
 
 namespace sensortest {
@@ -80,18 +78,6 @@ inline host::GyroSetup replaySetup(size_t count, host::Pacing pacing, size_t cap
     setup.pacing = pacing;
     setup.queueCapacity = capacity;
     return setup;
-}
-
-// Runs `f` on another thread; false if it has not finished within `timeout` (a deadlock).
-template <typename F>
-bool finishesWithin(std::chrono::milliseconds timeout, F f) {
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> future = done->get_future();
-    std::thread([done, f]() mutable {
-        f();
-        done->set_value();
-    }).detach();
-    return future.wait_for(timeout) == std::future_status::ready;
 }
 
 }  // namespace sensortest

@@ -8,7 +8,6 @@
 
 #include "SensorTestSupport.h"
 
-using sensortest::finishesWithin;
 using sensortest::kIdent;
 using namespace std::chrono_literals;
 

@@ -7,7 +7,6 @@
 #include "SensorTestSupport.h"
 
 using host::Pacing;
-using sensortest::finishesWithin;
 using sensortest::kIdent;
 using sensortest::Queue;
 using sensortest::replaySetup;

@@ -41,6 +41,13 @@ class BufferStore {
     // allocated when the first image of the buffer is made, kept until reallocation.
     std::vector<uint8_t> staging;
 
+    // The memory already holds everything GL drew into the images: it was read back when the
+    // buffer was queued to a window, and the window has not handed the buffer to its producer
+    // since (nothing draws into a queued buffer). Further read-backs are skipped while it is
+    // set, so the window's consumer thread can read the memory while the producer locks the
+    // buffer or destroys its images. Guarded by `mutex`.
+    bool memoryCurrent = false;
+
     // EGL images made from this buffer. Changed with both this mutex and the bridge's held;
     // read with either.
     std::vector<ImageImport*> imports;

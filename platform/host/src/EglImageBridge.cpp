@@ -11,7 +11,8 @@
 //   memory -> image: on image creation and on every unlock() after a software-write lock
 //     (NV21 is converted to RGB on the CPU first), finished with glFinish before returning;
 //   image -> memory: on lock(), on queueing to a native window and on image destruction, for
-//     buffers with an image that was made renderbuffer storage (GL may have drawn into it).
+//     buffers with an image that was made renderbuffer storage (GL may have drawn into it),
+//     except while a buffer read back at queueing has not yet been dequeued again.
 // Callers finish their own GL work on a buffer (glFinish) before locking or queueing it.
 //
 // Callers destroy their images before terminating a display. One that does not leaves the
@@ -502,8 +503,9 @@ bool destroyNativeBufferImage(EGLDisplay dpy, EGLImageKHR image,
     ImageImport* import = it->second;
     if (--import->refs > 0)
         return true;
-    // Keep what GL drew: the memory is the content once the image is gone.
-    if (import->renderTarget && !store.locked)
+    // Keep what GL drew: the memory is the content once the image is gone. A buffer read back
+    // when it was queued to a window needs none, and its consumer may be reading it now.
+    if (import->renderTarget && !store.locked && !store.memoryCurrent)
         readBackLocked(b, *keep, store, *import);
     b.images.erase(it);
     for (auto i = store.imports.begin(); i != store.imports.end(); ++i) {
@@ -548,6 +550,8 @@ android::status_t uploadToImages(android::GraphicBuffer& buffer, BufferStore& st
 }
 
 android::status_t readBackFromImages(android::GraphicBuffer& buffer, BufferStore& store) {
+    if (store.memoryCurrent)
+        return android::NO_ERROR;
     Bridge& b = bridge();
     std::lock_guard<std::mutex> bridgeLock(b.mutex);
     ImageImport* target = renderTargetOf(store);
@@ -565,7 +569,15 @@ android::status_t readBackForConsumer(android::GraphicBuffer& buffer) {
     std::lock_guard<std::mutex> storeLock(store.mutex);
     if (store.locked || store.imports.empty())
         return android::NO_ERROR;
-    return readBackFromImages(buffer, store);
+    const android::status_t status = readBackFromImages(buffer, store);
+    store.memoryCurrent = status == android::NO_ERROR;
+    return status;
+}
+
+void noteHandedToProducer(android::GraphicBuffer& buffer) {
+    BufferStore& store = BufferStore::of(buffer);
+    std::lock_guard<std::mutex> storeLock(store.mutex);
+    store.memoryCurrent = false;
 }
 
 GraphicsCounters graphicsCounters() {

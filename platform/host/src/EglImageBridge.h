@@ -12,12 +12,18 @@ namespace host {
 android::status_t uploadToImages(android::GraphicBuffer& buffer, BufferStore& store);
 
 // Reads the content back from an image that GL may have drawn into (one that was made
-// renderbuffer storage); does nothing for buffers that GL only samples. Called with
-// store.mutex held.
+// renderbuffer storage); does nothing for buffers that GL only samples and for buffers whose
+// memory is already current (BufferStore::memoryCurrent). Called with store.mutex held.
 android::status_t readBackFromImages(android::GraphicBuffer& buffer, BufferStore& store);
 
-// The same for a buffer handed to a consumer: takes store.mutex itself and does nothing while
-// the CPU holds a lock on the buffer.
+// Reads the content back from an image that GL may have drawn into (one that was made
+// renderbuffer storage) for a buffer about to be handed to a window's consumer, and marks the
+// memory current until noteHandedToProducer. Takes store.mutex itself; does nothing while the
+// CPU holds a lock on the buffer. Called on the producer's thread.
 android::status_t readBackForConsumer(android::GraphicBuffer& buffer);
+
+// A window hands `buffer` to its producer, which may draw into it again: later read-backs are
+// needed. Takes store.mutex itself; called on the producer's thread.
+void noteHandedToProducer(android::GraphicBuffer& buffer);
 
 }  // namespace host

@@ -300,7 +300,12 @@ int HostWindow::dequeue(ANativeWindowBuffer** buffer, int* fenceFd) {
     }
     slot.state = SlotState::Dequeued;
     ++counters_.dequeued;
-    *buffer = slot.buffer->getNativeBuffer();
+    const android::sp<android::GraphicBuffer> handedOut = slot.buffer;
+    lock.unlock();
+    // The producer may draw into it again. Outside the window lock: the slot is dequeued, so
+    // the consumer no longer touches the buffer.
+    noteHandedToProducer(*handedOut);
+    *buffer = handedOut->getNativeBuffer();
     return android::NO_ERROR;
 }
 

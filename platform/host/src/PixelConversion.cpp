@@ -83,14 +83,40 @@ void nv21ToRgba(const uint8_t* luma, size_t lumaStride, const uint8_t* vu, size_
     }
 }
 
+namespace {
+
+// Copies `height` rows of `rowBytes` bytes between buffers of different row pitches.
+void copyRows(uint8_t* dst, size_t dstStride, const uint8_t* src, size_t srcStride, size_t rowBytes,
+              uint32_t height) {
+    for (uint32_t row = 0; row < height; ++row) {
+        std::memcpy(dst + row * dstStride, src + row * srcStride, rowBytes);
+    }
+}
+
+// Copies `width` x `height` 32-bit pixels exchanging bytes 0 and 2 (RGBA <-> BGRA; the same
+// exchange both ways), between buffers of different row pitches.
+void swapRedBlueRows(uint8_t* dst, size_t dstStride, const uint8_t* src, size_t srcStride,
+                     uint32_t width, uint32_t height) {
+    for (uint32_t row = 0; row < height; ++row) {
+        const uint8_t* in = src + row * srcStride;
+        uint8_t* out = dst + row * dstStride;
+        for (uint32_t col = 0; col < width; ++col) {
+            out[4 * col + 0] = in[4 * col + 2];
+            out[4 * col + 1] = in[4 * col + 1];
+            out[4 * col + 2] = in[4 * col + 0];
+            out[4 * col + 3] = in[4 * col + 3];
+        }
+    }
+}
+
+}  // namespace
+
 bool packToRgba(int format, const uint8_t* src, size_t strideBytes, uint32_t width, uint32_t height,
                 uint8_t* rgba) {
     const size_t rowBytes = static_cast<size_t>(width) * 4;
     switch (format) {
         case HAL_PIXEL_FORMAT_RGBA_8888:
-            for (uint32_t row = 0; row < height; ++row) {
-                std::memcpy(rgba + row * rowBytes, src + row * strideBytes, rowBytes);
-            }
+            copyRows(rgba, rowBytes, src, strideBytes, rowBytes, height);
             return true;
         case HAL_PIXEL_FORMAT_RGBX_8888:
             for (uint32_t row = 0; row < height; ++row) {
@@ -105,16 +131,7 @@ bool packToRgba(int format, const uint8_t* src, size_t strideBytes, uint32_t wid
             }
             return true;
         case HAL_PIXEL_FORMAT_BGRA_8888:
-            for (uint32_t row = 0; row < height; ++row) {
-                const uint8_t* in = src + row * strideBytes;
-                uint8_t* out = rgba + row * rowBytes;
-                for (uint32_t col = 0; col < width; ++col) {
-                    out[4 * col + 0] = in[4 * col + 2];
-                    out[4 * col + 1] = in[4 * col + 1];
-                    out[4 * col + 2] = in[4 * col + 0];
-                    out[4 * col + 3] = in[4 * col + 3];
-                }
-            }
+            swapRedBlueRows(rgba, rowBytes, src, strideBytes, width, height);
             return true;
         default:
             return false;
@@ -127,21 +144,10 @@ bool unpackFromRgba(int format, const uint8_t* rgba, uint32_t width, uint32_t he
     switch (format) {
         case HAL_PIXEL_FORMAT_RGBA_8888:
         case HAL_PIXEL_FORMAT_RGBX_8888:
-            for (uint32_t row = 0; row < height; ++row) {
-                std::memcpy(dst + row * strideBytes, rgba + row * rowBytes, rowBytes);
-            }
+            copyRows(dst, strideBytes, rgba, rowBytes, rowBytes, height);
             return true;
         case HAL_PIXEL_FORMAT_BGRA_8888:
-            for (uint32_t row = 0; row < height; ++row) {
-                const uint8_t* in = rgba + row * rowBytes;
-                uint8_t* out = dst + row * strideBytes;
-                for (uint32_t col = 0; col < width; ++col) {
-                    out[4 * col + 0] = in[4 * col + 2];
-                    out[4 * col + 1] = in[4 * col + 1];
-                    out[4 * col + 2] = in[4 * col + 0];
-                    out[4 * col + 3] = in[4 * col + 3];
-                }
-            }
+            swapRedBlueRows(dst, strideBytes, rgba, rowBytes, width, height);
             return true;
         default:
             return false;
