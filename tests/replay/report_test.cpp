@@ -36,11 +36,11 @@ TEST(SvgPlot, DrawsSeriesLegendAndTicks) {
     EXPECT_EQ(niceTicks(0, 10, 5), (std::vector<double>{0, 2, 4, 6, 8, 10}));
     EXPECT_EQ(niceTicks(-0.3, 0.3, 3), (std::vector<double>{-0.2, 0, 0.2}));
     EXPECT_TRUE(niceTicks(1, 1, 5).empty());
-    PlotSpec spec;
-    spec.title = "a < b & c";
-    spec.series.push_back({"raw", "#f00", {0, 1, 2, 3, 4}, {0, 1, std::nan(""), 3, 4}, false});
-    spec.series.push_back({"flat", "#00f", {0, 4}, {2, 2}, true});
-    const std::string svg = svgLinePlot(spec);
+    PlotSpec layout;
+    layout.title = "a < b & c";
+    layout.series.push_back({"raw", "#f00", {0, 1, 2, 3, 4}, {0, 1, std::nan(""), 3, 4}, false});
+    layout.series.push_back({"flat", "#00f", {0, 4}, {2, 2}, true});
+    const std::string svg = svgLinePlot(layout);
     EXPECT_EQ(svg.rfind("<svg", 0), 0u);
     EXPECT_NE(svg.find("a &lt; b &amp; c"), std::string::npos);
     // The NaN splits the first series in two lines; the second is dashed.

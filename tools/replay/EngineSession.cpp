@@ -202,23 +202,23 @@ class EngineSession : public ReplaySession {
         ctx.onResume();
         std::vector<android::sp<ANativeWindow>> windows;
         for (size_t s = 0; s < config.surfaces.size(); ++s) {
-            const OutputSurfaceSpec& spec = config.surfaces[s];
+            const OutputSurfaceSpec& layout = config.surfaces[s];
             auto sink = std::make_shared<ObserverSink>(static_cast<int>(s), observer, timestamps);
             host::WindowConfig windowConfig;
-            windowConfig.defaultWidth = static_cast<uint32_t>(spec.width);
-            windowConfig.defaultHeight = static_cast<uint32_t>(spec.height);
-            windowConfig.defaultFormat = spec.format;
-            windowConfig.bufferCount = static_cast<size_t>(spec.bufferCount);
+            windowConfig.defaultWidth = static_cast<uint32_t>(layout.width);
+            windowConfig.defaultHeight = static_cast<uint32_t>(layout.height);
+            windowConfig.defaultFormat = layout.format;
+            windowConfig.bufferCount = static_cast<size_t>(layout.bufferCount);
             windowConfig.dequeueTimeoutMs = 10000;
             android::sp<ANativeWindow> window = host::createWindow(sink, windowConfig);
             if (window == nullptr)
                 throw ReplayError("output surface " + std::to_string(s) + " is not valid");
             ANativeWindow* w = window.get();
             native_window_api_connect(w, NATIVE_WINDOW_API_CPU);
-            native_window_set_buffers_dimensions(w, spec.width, spec.height);
-            native_window_set_buffers_format(w, spec.format);
+            native_window_set_buffers_dimensions(w, layout.width, layout.height);
+            native_window_set_buffers_format(w, layout.format);
             native_window_set_usage(w, kSurfaceUsage);
-            native_window_set_buffer_count(w, spec.bufferCount);
+            native_window_set_buffer_count(w, layout.bufferCount);
             ctx.jsm.addSurface(static_cast<int>(s) + 1, window);
             windows.push_back(window);
             sinks.push_back(sink);

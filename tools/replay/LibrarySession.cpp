@@ -191,11 +191,11 @@ class LibrarySession : public ReplaySession {
                 ++result.renderedUnstabilized;
             }
             for (size_t s = 0; s < config.surfaces.size(); ++s) {
-                const OutputSurfaceSpec& spec = config.surfaces[s];
-                drawGrid(frame, grid, columns, rows, rgba[s].data(), spec.width, spec.height);
+                const OutputSurfaceSpec& layout = config.surfaces[s];
+                drawGrid(frame, grid, columns, rows, rgba[s].data(), layout.width, layout.height);
                 observer.onFrameOutput(
                     static_cast<int>(s), ts,
-                    RgbaView{spec.width, spec.height, spec.width, rgba[s].data()});
+                    RgbaView{layout.width, layout.height, layout.width, rgba[s].data()});
             }
         }
         result.wallSec =

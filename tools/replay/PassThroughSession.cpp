@@ -26,10 +26,10 @@ class PassThroughSession : public ReplaySession {
         std::vector<uint8_t> rgba(static_cast<size_t>(w) * h * 4);
         std::vector<std::vector<uint8_t>> scaled(config.surfaces.size());
         for (size_t s = 0; s < config.surfaces.size(); ++s) {
-            const OutputSurfaceSpec& spec = config.surfaces[s];
-            if (spec.width <= 0 || spec.height <= 0)
+            const OutputSurfaceSpec& layout = config.surfaces[s];
+            if (layout.width <= 0 || layout.height <= 0)
                 throw ReplayError("output surface size must be positive");
-            scaled[s].resize(static_cast<size_t>(spec.width) * spec.height * 4);
+            scaled[s].resize(static_cast<size_t>(layout.width) * layout.height * 4);
         }
         using Clock = std::chrono::steady_clock;
         const auto start = Clock::now();
@@ -48,19 +48,19 @@ class PassThroughSession : public ReplaySession {
             ++result.framesDelivered;
             nv21ToRgba(frame, rgba.data(), w);
             for (size_t s = 0; s < config.surfaces.size(); ++s) {
-                const OutputSurfaceSpec& spec = config.surfaces[s];
-                RgbaView view{spec.width, spec.height, spec.width, scaled[s].data()};
-                if (spec.width == w && spec.height == h) {
+                const OutputSurfaceSpec& layout = config.surfaces[s];
+                RgbaView view{layout.width, layout.height, layout.width, scaled[s].data()};
+                if (layout.width == w && layout.height == h) {
                     view.data = rgba.data();
                 } else {
-                    for (int y = 0; y < spec.height; ++y) {
-                        const int sy = static_cast<int>((y + 0.5) * h / spec.height);
+                    for (int y = 0; y < layout.height; ++y) {
+                        const int sy = static_cast<int>((y + 0.5) * h / layout.height);
                         const uint32_t* src = reinterpret_cast<const uint32_t*>(rgba.data()) +
                                               static_cast<size_t>(sy) * w;
                         uint32_t* dst = reinterpret_cast<uint32_t*>(scaled[s].data()) +
-                                        static_cast<size_t>(y) * spec.width;
-                        for (int x = 0; x < spec.width; ++x)
-                            dst[x] = src[static_cast<int>((x + 0.5) * w / spec.width)];
+                                        static_cast<size_t>(y) * layout.width;
+                        for (int x = 0; x < layout.width; ++x)
+                            dst[x] = src[static_cast<int>((x + 0.5) * w / layout.width)];
                     }
                 }
                 observer.onFrameOutput(static_cast<int>(s), frames.timestampNs(i), view);

@@ -59,18 +59,18 @@ std::string pathPlots(const PathSeries& raw, const PathSeries& stable, const Pat
     std::string out;
     const char* names[3] = {"horizontal (x)", "vertical (y)", "roll"};
     for (int axis = 0; axis < 3; ++axis) {
-        PlotSpec spec;
-        spec.title = what + ": " + names[axis];
-        spec.xLabel = "recording time (s)";
-        spec.yLabel = axis == 2 ? "degrees" : unitXY;
+        PlotSpec layout;
+        layout.title = what + ": " + names[axis];
+        layout.xLabel = "recording time (s)";
+        layout.yLabel = axis == 2 ? "degrees" : unitXY;
         auto pick = [axis](const PathSeries& p) {
             return axis == 0 ? p.x : axis == 1 ? p.y : p.roll;
         };
-        spec.series.push_back({"raw (input)", kRaw, raw.t, pick(raw), false});
-        spec.series.push_back({"stabilized (output)", kStable, stable.t, pick(stable), false});
+        layout.series.push_back({"raw (input)", kRaw, raw.t, pick(raw), false});
+        layout.series.push_back({"stabilized (output)", kStable, stable.t, pick(stable), false});
         if (intended != nullptr)
-            spec.series.push_back({"intended", kIntended, intended->t, pick(*intended), true});
-        out += "<div class=\"plot\">" + svgLinePlot(spec) + "</div>\n";
+            layout.series.push_back({"intended", kIntended, intended->t, pick(*intended), true});
+        out += "<div class=\"plot\">" + svgLinePlot(layout) + "</div>\n";
     }
     return out;
 }
@@ -152,12 +152,12 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
 
     h += "<h2>Frame timing</h2>\n";
     {
-        PlotSpec spec;
-        spec.title = "Latency from camera delivery to output window";
-        spec.xLabel = "recording time (s)";
-        spec.yLabel = "ms";
-        spec.series.push_back({"latency", kStable, m.frameTimeSec, m.frameLatencyMs, false});
-        h += "<div class=\"plot\">" + svgLinePlot(spec) + "</div>\n";
+        PlotSpec layout;
+        layout.title = "Latency from camera delivery to output window";
+        layout.xLabel = "recording time (s)";
+        layout.yLabel = "ms";
+        layout.series.push_back({"latency", kStable, m.frameTimeSec, m.frameLatencyMs, false});
+        h += "<div class=\"plot\">" + svgLinePlot(layout) + "</div>\n";
     }
     h += "<table><tr><th>Interval</th><th>count</th><th>mean</th><th>p50</th><th>p90</th><th>p99</"
          "th><th>max</th></tr>\n";

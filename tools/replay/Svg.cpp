@@ -63,12 +63,12 @@ std::string label(double v) {
 }
 }  // namespace
 
-std::string svgLinePlot(const PlotSpec& spec) {
+std::string svgLinePlot(const PlotSpec& layout) {
     const double left = 64, right = 16, top = 30, bottom = 42;
-    const double pw = spec.width - left - right;
-    const double ph = spec.height - top - bottom;
+    const double pw = layout.width - left - right;
+    const double ph = layout.height - top - bottom;
     double x0 = std::numeric_limits<double>::infinity(), x1 = -x0, y0 = x0, y1 = -x0;
-    for (const PlotSeries& s : spec.series) {
+    for (const PlotSeries& s : layout.series) {
         for (size_t i = 0; i < s.x.size() && i < s.y.size(); ++i) {
             if (!std::isfinite(s.x[i]) || !std::isfinite(s.y[i]))
                 continue;
@@ -97,13 +97,13 @@ std::string svgLinePlot(const PlotSpec& spec) {
     auto sy = [&](double y) { return top + (1 - (y - y0) / (y1 - y0)) * ph; };
 
     std::string o;
-    o += "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + std::to_string(spec.width) +
-         "\" height=\"" + std::to_string(spec.height) + "\" viewBox=\"0 0 " +
-         std::to_string(spec.width) + " " + std::to_string(spec.height) +
+    o += "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" + std::to_string(layout.width) +
+         "\" height=\"" + std::to_string(layout.height) + "\" viewBox=\"0 0 " +
+         std::to_string(layout.width) + " " + std::to_string(layout.height) +
          "\" font-family=\"sans-serif\" font-size=\"11\">\n";
     o += "<rect x=\"0\" y=\"0\" width=\"100%\" height=\"100%\" fill=\"#fff\"/>\n";
     o += "<text x=\"" + num(left) + "\" y=\"18\" font-size=\"13\" font-weight=\"bold\">" +
-         xmlEscape(spec.title) + "</text>\n";
+         xmlEscape(layout.title) + "</text>\n";
     for (double t : niceTicks(y0, y1, 5)) {
         o += "<line x1=\"" + num(left) + "\" x2=\"" + num(left + pw) + "\" y1=\"" + num(sy(t)) +
              "\" y2=\"" + num(sy(t)) + "\" stroke=\"#e4e4e4\"/>\n";
@@ -118,20 +118,20 @@ std::string svgLinePlot(const PlotSpec& spec) {
     }
     o += "<rect x=\"" + num(left) + "\" y=\"" + num(top) + "\" width=\"" + num(pw) +
          "\" height=\"" + num(ph) + "\" fill=\"none\" stroke=\"#888\"/>\n";
-    o += "<text x=\"" + num(left + pw / 2) + "\" y=\"" + num(spec.height - 6.0) +
-         "\" text-anchor=\"middle\">" + xmlEscape(spec.xLabel) + "</text>\n";
+    o += "<text x=\"" + num(left + pw / 2) + "\" y=\"" + num(layout.height - 6.0) +
+         "\" text-anchor=\"middle\">" + xmlEscape(layout.xLabel) + "</text>\n";
     o += "<text transform=\"translate(14," + num(top + ph / 2) +
-         ") rotate(-90)\" text-anchor=\"middle\">" + xmlEscape(spec.yLabel) + "</text>\n";
+         ") rotate(-90)\" text-anchor=\"middle\">" + xmlEscape(layout.yLabel) + "</text>\n";
     double legendX = left + pw;
-    for (size_t k = spec.series.size(); k-- > 0;) {
-        const PlotSeries& s = spec.series[k];
+    for (size_t k = layout.series.size(); k-- > 0;) {
+        const PlotSeries& s = layout.series[k];
         legendX -= 14 + 7.0 * s.name.size() + 24;
         o += "<line x1=\"" + num(legendX) + "\" x2=\"" + num(legendX + 18) +
              "\" y1=\"14\" y2=\"14\" stroke=\"" + xmlEscape(s.color) + "\" stroke-width=\"2\"" +
              (s.dashed ? " stroke-dasharray=\"5,3\"" : "") + "/>\n";
         o += "<text x=\"" + num(legendX + 22) + "\" y=\"18\">" + xmlEscape(s.name) + "</text>\n";
     }
-    for (const PlotSeries& s : spec.series) {
+    for (const PlotSeries& s : layout.series) {
         std::string points;
         auto flush = [&] {
             if (!points.empty()) {

@@ -28,7 +28,7 @@ std::vector<double> niceTicks(double lo, double hi, int target);
 
 // The plot as an <svg> element. Axes span the finite data (a flat or empty plot still gets a
 // unit range); each series is a polyline, listed in a legend.
-std::string svgLinePlot(const PlotSpec& spec);
+std::string svgLinePlot(const PlotSpec& layout);
 
 // Escapes &, <, >, " for XML/HTML text and attributes.
 std::string xmlEscape(const std::string& s);
