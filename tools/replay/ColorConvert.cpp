@@ -4,6 +4,32 @@
 
 namespace qlmr::replay {
 
+namespace {
+
+// One 2x2 block of RGB(A) pixels (top-left, top-right, bottom-left, bottom-right) into its four
+// luma values and the block's mean U and V (rounded).
+struct Yuv2x2 {
+    uint8_t y[4];
+    uint8_t u;
+    uint8_t v;
+};
+
+Yuv2x2 convertBlock(const uint8_t* const p[4]) {
+    Yuv2x2 out{};
+    int su = 0;
+    int sv = 0;
+    for (int k = 0; k < 4; ++k) {
+        out.y[k] = rgbToY(p[k][0], p[k][1], p[k][2]);
+        su += rgbToU(p[k][0], p[k][1], p[k][2]);
+        sv += rgbToV(p[k][0], p[k][1], p[k][2]);
+    }
+    out.u = static_cast<uint8_t>((su + 2) >> 2);
+    out.v = static_cast<uint8_t>((sv + 2) >> 2);
+    return out;
+}
+
+}  // namespace
+
 void rgbToNv21(const RgbImage& src, Nv21Image& dst) {
     const int w = src.width;
     const int h = src.height;
@@ -17,18 +43,13 @@ void rgbToNv21(const RgbImage& src, Nv21Image& dst) {
         uint8_t* c = vu + static_cast<size_t>(y / 2) * w;
         for (int x = 0; x < w; x += 2) {
             const uint8_t* p[4] = {r0 + 3 * x, r0 + 3 * x + 3, r1 + 3 * x, r1 + 3 * x + 3};
-            int su = 0;
-            int sv = 0;
-            for (int k = 0; k < 4; ++k) {
-                su += rgbToU(p[k][0], p[k][1], p[k][2]);
-                sv += rgbToV(p[k][0], p[k][1], p[k][2]);
-            }
-            y0[x] = rgbToY(p[0][0], p[0][1], p[0][2]);
-            y0[x + 1] = rgbToY(p[1][0], p[1][1], p[1][2]);
-            y1[x] = rgbToY(p[2][0], p[2][1], p[2][2]);
-            y1[x + 1] = rgbToY(p[3][0], p[3][1], p[3][2]);
-            c[x] = static_cast<uint8_t>((sv + 2) >> 2);
-            c[x + 1] = static_cast<uint8_t>((su + 2) >> 2);
+            const Yuv2x2 b = convertBlock(p);
+            y0[x] = b.y[0];
+            y0[x + 1] = b.y[1];
+            y1[x] = b.y[2];
+            y1[x + 1] = b.y[3];
+            c[x] = b.v;
+            c[x + 1] = b.u;
         }
     }
 }
@@ -88,18 +109,13 @@ void rgbaToI420(const RgbaView& src, I420Image& dst) {
         uint8_t* v = dst.v() + static_cast<size_t>(y / 2) * cw;
         for (int x = 0; x < w; x += 2) {
             const uint8_t* p[4] = {r0 + 4 * x, r0 + 4 * x + 4, r1 + 4 * x, r1 + 4 * x + 4};
-            int su = 0;
-            int sv = 0;
-            for (int k = 0; k < 4; ++k) {
-                su += rgbToU(p[k][0], p[k][1], p[k][2]);
-                sv += rgbToV(p[k][0], p[k][1], p[k][2]);
-            }
-            y0[x] = rgbToY(p[0][0], p[0][1], p[0][2]);
-            y0[x + 1] = rgbToY(p[1][0], p[1][1], p[1][2]);
-            y1[x] = rgbToY(p[2][0], p[2][1], p[2][2]);
-            y1[x + 1] = rgbToY(p[3][0], p[3][1], p[3][2]);
-            u[x / 2] = static_cast<uint8_t>((su + 2) >> 2);
-            v[x / 2] = static_cast<uint8_t>((sv + 2) >> 2);
+            const Yuv2x2 b = convertBlock(p);
+            y0[x] = b.y[0];
+            y0[x + 1] = b.y[1];
+            y1[x] = b.y[2];
+            y1[x + 1] = b.y[3];
+            u[x / 2] = b.u;
+            v[x / 2] = b.v;
         }
     }
 }

@@ -206,10 +206,10 @@ void loadConfig(const std::string& dir, Recording& rec) {
     rec.configText.assign(bytes.begin(), bytes.end());
 }
 
-// Frames from image files.
-class ImageFrames : public FrameSource {
+// What both frame sources of a loaded recording read from its frame list.
+class RecordingFrames : public FrameSource {
   public:
-    explicit ImageFrames(const Recording& rec) : rec_(rec) {}
+    explicit RecordingFrames(const Recording& rec) : rec_(rec) {}
     int width() const override { return rec_.width; }
     int height() const override { return rec_.height; }
     int count() const override { return static_cast<int>(rec_.frames.size()); }
@@ -217,6 +217,15 @@ class ImageFrames : public FrameSource {
         return rec_.frames[static_cast<size_t>(i)].timestampNs;
     }
     int exposureUs(int i) const override { return rec_.frames[static_cast<size_t>(i)].exposureUs; }
+
+  protected:
+    const Recording& rec_;
+};
+
+// Frames from image files.
+class ImageFrames : public RecordingFrames {
+  public:
+    explicit ImageFrames(const Recording& rec) : RecordingFrames(rec) {}
     void read(int i, Nv21Image& out) override {
         const FrameEntry& e = rec_.frames[static_cast<size_t>(i)];
         reader_.read(e.file, rgb_);
@@ -234,22 +243,14 @@ class ImageFrames : public FrameSource {
     }
 
   private:
-    const Recording& rec_;
     ImageReader reader_;
     RgbImage rgb_;
 };
 
 // Frames from one video file (Y4M read directly, anything else through ffmpeg).
-class VideoFrames : public FrameSource {
+class VideoFrames : public RecordingFrames {
   public:
-    explicit VideoFrames(const Recording& rec) : rec_(rec) {}
-    int width() const override { return rec_.width; }
-    int height() const override { return rec_.height; }
-    int count() const override { return static_cast<int>(rec_.frames.size()); }
-    int64_t timestampNs(int i) const override {
-        return rec_.frames[static_cast<size_t>(i)].timestampNs;
-    }
-    int exposureUs(int i) const override { return rec_.frames[static_cast<size_t>(i)].exposureUs; }
+    explicit VideoFrames(const Recording& rec) : RecordingFrames(rec) {}
     void read(int i, Nv21Image& out) override {
         if (i != next_)
             throw ReplayError(rec_.videoPath, 0, "video frames must be read in order");
@@ -309,7 +310,6 @@ class VideoFrames : public FrameSource {
         }
     }
 
-    const Recording& rec_;
     Y4mReader y4m_;
     VideoDecoder decoder_;
     I420Image yuv_;
