@@ -8,6 +8,7 @@
 #include "Y4m.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdio>
@@ -119,9 +120,15 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     Y4mReader sbs;
     sbs.open(dir.file("out/side_by_side.y4m"));
     EXPECT_EQ(sbs.width(), 320 * 2 + 8);
-    const std::string json = replay_test::readText(dir.file("out/metrics.json"));
-    EXPECT_NE(json.find("\"out\": 90"), std::string::npos);
-    EXPECT_NE(json.find("\"residual_jitter_ratio\""), std::string::npos);
+    // metrics.json holds the same figures.
+    const auto json = nlohmann::json::parse(replay_test::readText(dir.file("out/metrics.json")));
+    EXPECT_EQ(json["frames"]["out"], 90);
+    EXPECT_EQ(json["frames"]["per_surface"].size(), m.framesPerSurface.size());
+    EXPECT_DOUBLE_EQ(json["ground_truth"]["residual_jitter_ratio"].get<double>(),
+                     m.truth.jitterRatio);
+    EXPECT_DOUBLE_EQ(json["pixel_motion"]["input"]["jitter_px"].get<double>(),
+                     m.inputMotion.jitterPx);
+    EXPECT_EQ(json["timing_ms"]["output_latency"]["count"], m.outputLatencyMs.count);
     const std::string html = replay_test::readText(dir.file("out/report.html"));
     EXPECT_NE(html.find("<svg"), std::string::npos);
     EXPECT_NE(html.find("data:image/jpeg;base64,"), std::string::npos);

@@ -1,35 +1,32 @@
 // metrics.json, SVG plots and report.html, and a headless-browser screenshot of a report.
 #include "Ffmpeg.h"
+#include "Metrics.h"
 #include "ImageIo.h"
-#include "Json.h"
 #include "Report.h"
 #include "Svg.h"
 #include "TestUtil.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <cmath>
+#include <limits>
 #include <set>
 
 using namespace qlmr::replay;
 
-TEST(JsonWriter, WritesNestedValuesWithEscapes) {
-    JsonWriter j;
-    j.beginObject();
-    j.field("name", std::string("a \"quoted\"\\ line\n\x01"));
-    j.field("n", 3);
-    j.field("x", 0.25);
-    j.field("bad", std::nan(""));
-    j.key("list").beginArray();
-    j.value(1).value(true);
-    j.beginObject().endObject();
-    j.endArray();
-    j.key("empty").beginArray().endArray();
-    j.endObject();
-    const std::string expected =
-        "{\n  \"name\": \"a \\\"quoted\\\"\\\\ line\\n\\u0001\",\n  \"n\": 3,\n  \"x\": 0.25,\n"
-        "  \"bad\": null,\n  \"list\": [\n    1,\n    true,\n    {}\n  ],\n  \"empty\": []\n}\n";
-    EXPECT_EQ(j.text(), expected);
+TEST(MetricsJson, WritesUnknownFiguresAsNull) {
+    ReplayMetrics m;
+    m.inputDescription = "a \"quoted\" name\n";
+    m.framesPerSurface = {3, 4};
+    m.pixelJitterRatio = std::numeric_limits<double>::infinity();
+    m.crop.minCropping = std::nan("");
+    const auto j = nlohmann::json::parse(metricsJson(m));
+    EXPECT_EQ(j["input"]["description"], m.inputDescription);
+    EXPECT_EQ(j["frames"]["per_surface"], nlohmann::json({3, 4}));
+    EXPECT_TRUE(j["pixel_motion"]["jitter_ratio"].is_null());
+    EXPECT_TRUE(j["cropping"]["min_cropping"].is_null());
+    EXPECT_TRUE(j["ground_truth"].is_null());  // no ground truth without a synthetic recording
 }
 
 TEST(SvgPlot, DrawsSeriesLegendAndTicks) {

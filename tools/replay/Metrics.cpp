@@ -1,12 +1,13 @@
 #include "Metrics.h"
 
-#include "Json.h"
 #include "Synthetic.h"
 #include "WorkerPool.h"
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+
+#include <nlohmann/json.hpp>
 
 namespace qlmr::replay {
 
@@ -371,126 +372,97 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
 }
 
 namespace {
-void writePercentiles(JsonWriter& j, const Percentiles& p) {
-    j.beginObject();
-    j.field("count", p.count);
-    j.field("mean", p.mean);
-    j.field("p50", p.p50);
-    j.field("p90", p.p90);
-    j.field("p99", p.p99);
-    j.field("max", p.max);
-    j.endObject();
+// Key order as written; non-finite figures (a ratio over a zero jitter) come out as null.
+using Json = nlohmann::ordered_json;
+
+Json percentilesJson(const Percentiles& p) {
+    return {{"count", p.count}, {"mean", p.mean}, {"p50", p.p50},
+            {"p90", p.p90}, {"p99", p.p99}, {"max", p.max}};
 }
-void writeMotion(JsonWriter& j, const PixelMotionStats& s) {
-    j.beginObject();
-    j.field("pairs", s.pairs);
-    j.field("failed_pairs", s.failed);
-    j.field("jitter_px", s.jitterPx);
-    j.field("jitter_settled_px", s.jitterSettledPx);
-    j.field("roll_jitter_deg", s.rollJitterDeg);
-    j.field("mean_step_px", s.meanStepPx);
-    j.field("stability_translation", s.stabilityTranslation);
-    j.field("stability_rotation", s.stabilityRotation);
-    j.field("stability", s.stability);
-    j.endObject();
+Json motionJson(const PixelMotionStats& s) {
+    return {{"pairs", s.pairs},
+            {"failed_pairs", s.failed},
+            {"jitter_px", s.jitterPx},
+            {"jitter_settled_px", s.jitterSettledPx},
+            {"roll_jitter_deg", s.rollJitterDeg},
+            {"mean_step_px", s.meanStepPx},
+            {"stability_translation", s.stabilityTranslation},
+            {"stability_rotation", s.stabilityRotation},
+            {"stability", s.stability}};
 }
 }  // namespace
 
 std::string metricsJson(const ReplayMetrics& m) {
-    JsonWriter j;
-    j.beginObject();
-    j.field("tool", "qlmr_replay");
-    j.field("session", m.sessionName);
-    j.key("input").beginObject();
-    j.field("description", m.inputDescription);
-    j.field("width", m.inputWidth);
-    j.field("height", m.inputHeight);
-    j.field("fps", m.fps);
-    j.field("gyro_samples", m.gyroSamples);
-    j.endObject();
-    j.key("frames").beginObject();
-    j.field("in", m.framesIn);
-    j.field("delivered", m.framesDelivered);
-    j.field("out", m.framesOut);
-    j.field("dropped", m.framesDropped);
-    j.field("dropped_queue_full", m.engine.droppedQueueFull);
-    j.field("rendered_unstabilized", m.engine.renderedUnstabilized);
-    j.field("late", m.framesLate);
-    j.field("unmatched_outputs", m.unmatchedOutputs);
-    j.key("per_surface").beginArray();
-    for (int n : m.framesPerSurface)
-        j.value(n);
-    j.endArray();
-    j.endObject();
-    j.key("throughput").beginObject();
-    j.field("wall_s", m.wallSec);
-    j.field("fps", m.throughputFps);
-    j.field("ms_per_frame", m.framesOut > 0 ? m.wallSec * 1e3 / m.framesOut : 0.0);
-    j.endObject();
-    j.key("timing_ms").beginObject();
-    j.key("output_latency");
-    writePercentiles(j, m.outputLatencyMs);
-    j.key("output_interval");
-    writePercentiles(j, m.outputIntervalMs);
-    j.key("delivery_interval");
-    writePercentiles(j, m.deliveryIntervalMs);
-    j.key("engine_stages").beginObject();
-    for (const auto& [name, p] : m.engine.stagePercentiles()) {
-        j.key(name);
-        writePercentiles(j, p);
-    }
-    j.endObject();
-    j.endObject();
-    j.key("engine_log").beginObject();
-    j.field("warnings", m.engine.warnings);
-    j.field("errors", m.engine.errors);
-    j.field("exceptions", m.engine.exceptions);
-    j.field("duplicate_frames", m.engine.duplicateFrames);
-    j.field("skipped_before_start", m.engine.skippedBeforeStart);
-    j.endObject();
-    j.key("pixel_motion").beginObject();
-    j.key("input");
-    writeMotion(j, m.inputMotion);
-    j.key("output");
-    writeMotion(j, m.outputMotion);
-    j.field("jitter_ratio", m.pixelJitterRatio);
-    j.field("jitter_ratio_settled", m.pixelJitterRatioSettled);
-    j.endObject();
-    j.key("cropping").beginObject();
-    j.field("frames", m.crop.frames);
-    j.field("mean_scale", m.crop.meanScale);
-    j.field("cropping", m.crop.cropping);
-    j.field("min_cropping", m.crop.minCropping);
-    j.endObject();
+    Json stages = Json::object();
+    for (const auto& [name, p] : m.engine.stagePercentiles())
+        stages[name] = percentilesJson(p);
+    Json truth = nullptr;
     if (m.hasTruth) {
         const TruthStats& t = m.truth;
-        j.key("ground_truth").beginObject();
-        j.field("residual_jitter_input_px", t.inputJitterPx);
-        j.field("residual_jitter_output_px", t.outputJitterPx);
-        j.field("residual_jitter_ratio", t.jitterRatio);
-        j.field("settle_s", t.settleSec);
-        j.field("residual_jitter_input_settled_px", t.inputJitterSettledPx);
-        j.field("residual_jitter_output_settled_px", t.outputJitterSettledPx);
-        j.field("residual_jitter_ratio_settled", t.jitterRatioSettled);
-        j.field("residual_jitter_input_deg", t.inputJitterDeg);
-        j.field("residual_jitter_output_deg", t.outputJitterDeg);
-        j.field("roll_jitter_input_deg", t.inputRollJitterDeg);
-        j.field("roll_jitter_output_deg", t.outputRollJitterDeg);
-        j.field("stability_input", t.inputStability);
-        j.field("stability_output", t.outputStability);
-        j.field("stability_intended", t.intendedStability);
-        j.field("cropping", m.crop.cropping);
-        j.field("output_frames", t.outputFrames);
-        j.endObject();
-    } else {
-        j.key("ground_truth").null();
+        truth = {{"residual_jitter_input_px", t.inputJitterPx},
+                 {"residual_jitter_output_px", t.outputJitterPx},
+                 {"residual_jitter_ratio", t.jitterRatio},
+                 {"settle_s", t.settleSec},
+                 {"residual_jitter_input_settled_px", t.inputJitterSettledPx},
+                 {"residual_jitter_output_settled_px", t.outputJitterSettledPx},
+                 {"residual_jitter_ratio_settled", t.jitterRatioSettled},
+                 {"residual_jitter_input_deg", t.inputJitterDeg},
+                 {"residual_jitter_output_deg", t.outputJitterDeg},
+                 {"roll_jitter_input_deg", t.inputRollJitterDeg},
+                 {"roll_jitter_output_deg", t.outputRollJitterDeg},
+                 {"stability_input", t.inputStability},
+                 {"stability_output", t.outputStability},
+                 {"stability_intended", t.intendedStability},
+                 {"cropping", m.crop.cropping},
+                 {"output_frames", t.outputFrames}};
     }
-    j.key("warnings").beginArray();
-    for (const std::string& w : m.warnings)
-        j.value(w);
-    j.endArray();
-    j.endObject();
-    return j.text();
+    const Json j = {
+        {"tool", "qlmr_replay"},
+        {"session", m.sessionName},
+        {"input",
+         {{"description", m.inputDescription},
+          {"width", m.inputWidth},
+          {"height", m.inputHeight},
+          {"fps", m.fps},
+          {"gyro_samples", m.gyroSamples}}},
+        {"frames",
+         {{"in", m.framesIn},
+          {"delivered", m.framesDelivered},
+          {"out", m.framesOut},
+          {"dropped", m.framesDropped},
+          {"dropped_queue_full", m.engine.droppedQueueFull},
+          {"rendered_unstabilized", m.engine.renderedUnstabilized},
+          {"late", m.framesLate},
+          {"unmatched_outputs", m.unmatchedOutputs},
+          {"per_surface", m.framesPerSurface}}},
+        {"throughput",
+         {{"wall_s", m.wallSec},
+          {"fps", m.throughputFps},
+          {"ms_per_frame", m.framesOut > 0 ? m.wallSec * 1e3 / m.framesOut : 0.0}}},
+        {"timing_ms",
+         {{"output_latency", percentilesJson(m.outputLatencyMs)},
+          {"output_interval", percentilesJson(m.outputIntervalMs)},
+          {"delivery_interval", percentilesJson(m.deliveryIntervalMs)},
+          {"engine_stages", stages}}},
+        {"engine_log",
+         {{"warnings", m.engine.warnings},
+          {"errors", m.engine.errors},
+          {"exceptions", m.engine.exceptions},
+          {"duplicate_frames", m.engine.duplicateFrames},
+          {"skipped_before_start", m.engine.skippedBeforeStart}}},
+        {"pixel_motion",
+         {{"input", motionJson(m.inputMotion)},
+          {"output", motionJson(m.outputMotion)},
+          {"jitter_ratio", m.pixelJitterRatio},
+          {"jitter_ratio_settled", m.pixelJitterRatioSettled}}},
+        {"cropping",
+         {{"frames", m.crop.frames},
+          {"mean_scale", m.crop.meanScale},
+          {"cropping", m.crop.cropping},
+          {"min_cropping", m.crop.minCropping}}},
+        {"ground_truth", truth},
+        {"warnings", m.warnings}};
+    return j.dump(2) + "\n";
 }
 
 }  // namespace qlmr::replay
