@@ -43,8 +43,8 @@ class OracleSession : public ReplaySession {
         SyntheticRecording rec(options_);
         struct Intended : CameraMotion {
             const CameraMotion* m;
-            Mat3 actual(double t) const override { return m->intended(t); }
-            Mat3 intended(double t) const override { return m->intended(t); }
+            M3 actual(double t) const override { return m->intended(t); }
+            M3 intended(double t) const override { return m->intended(t); }
         } intended;
         intended.m = &rec.motion();
         PinholeCamera zoomed = rec.camera();

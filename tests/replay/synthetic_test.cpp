@@ -22,8 +22,10 @@ constexpr double kPi = 3.14159265358979323846;
 class ConstantYaw : public CameraMotion {
   public:
     explicit ConstantYaw(double radPerSec) : rate_(radPerSec) {}
-    Mat3 actual(double t) const override { return rotationFromVector({0, rate_ * t, 0}); }
-    Mat3 intended(double) const override { return Mat3::identity(); }
+    M3 actual(double t) const override {
+        return qlmr::sim::fromRotationVector(V3(0, rate_ * t, 0)).toRotationMatrix();
+    }
+    M3 intended(double) const override { return M3::Identity(); }
 
   private:
     double rate_;
@@ -64,13 +66,13 @@ TEST(CameraMotion, GyroMeasuresTheMotionInDeviceAxes) {
     EXPECT_EQ(gyro[400].timestampNs, 2003000000);
     // Integrating the camera-axis rates reproduces the rotation between two times.
     AxisMap deviceToCamera = AxisMap::parse(kDeviceGyroAxes);
-    const Vec3 r = integrateRotation(gyro, deviceToCamera, 1.003 + 0.5, 1.003 + 1.2);
-    const Mat3 truth = motion->actual(0.5).transposed() * motion->actual(1.2);
-    const Vec3 rt = vectorFromRotation(truth);
-    EXPECT_NEAR(r.x, rt.x, 2e-4);
-    EXPECT_NEAR(r.y, rt.y, 2e-4);
-    EXPECT_NEAR(r.z, rt.z, 2e-4);
-    EXPECT_GT(norm(rt), 0.005);  // the walk does move the camera
+    const V3 r = integrateRotation(gyro, deviceToCamera, 1.003 + 0.5, 1.003 + 1.2);
+    const M3 truth = motion->actual(0.5).transpose() * motion->actual(1.2);
+    const V3 rt = qlmr::sim::toRotationVector(truth);
+    EXPECT_NEAR(r.x(), rt.x(), 2e-4);
+    EXPECT_NEAR(r.y(), rt.y(), 2e-4);
+    EXPECT_NEAR(r.z(), rt.z(), 2e-4);
+    EXPECT_GT(rt.norm(), 0.005);  // the walk does move the camera
 }
 
 TEST(CameraMotion, TrajectoriesDifferInShake) {
@@ -78,9 +80,9 @@ TEST(CameraMotion, TrajectoriesDifferInShake) {
         auto m = makeHandheldMotion(t, 1);
         double sum = 0;
         for (int i = 0; i < 300; ++i) {
-            const Vec3 d =
-                vectorFromRotation(m->intended(i / 30.0).transposed() * m->actual(i / 30.0));
-            sum += dot(d, d);
+            const V3 d = qlmr::sim::toRotationVector(
+                M3(m->intended(i / 30.0).transpose() * m->actual(i / 30.0)));
+            sum += d.squaredNorm();
         }
         return std::sqrt(sum / 300) * 180 / kPi;
     };
@@ -230,21 +232,18 @@ TEST(CameraMotion, SimulationScenariosDriveTheCamera) {
     // Shake: the actual orientation leaves the intended one, and both are rotations.
     double most = 0;
     for (int i = 0; i < 60; ++i) {
-        const Mat3 a = m->actual(i / 30.0);
-        const Mat3 d = m->intended(i / 30.0).transposed() * a;
-        most = std::max(most, norm(vectorFromRotation(d)));
-        const Mat3 id = a.transposed() * a;
-        EXPECT_NEAR(id.m[0][0] + id.m[1][1] + id.m[2][2], 3.0, 1e-9);
+        const M3 a = m->actual(i / 30.0);
+        const M3 d = m->intended(i / 30.0).transpose() * a;
+        most = std::max(most, qlmr::sim::toRotationVector(d).norm());
+        EXPECT_TRUE((a.transpose() * a).isIdentity(1e-9));
+        EXPECT_NEAR(a.determinant(), 1.0, 1e-9);
     }
     EXPECT_GT(most, 0.005);
 }
 
 TEST(AxisMap, ParsesAndEnumeratesSignedPermutations) {
     const AxisMap m = AxisMap::parse("-y,x,-z");
-    const Vec3 v = m.apply({1, 2, 3});
-    EXPECT_EQ(v.x, -2);
-    EXPECT_EQ(v.y, 1);
-    EXPECT_EQ(v.z, -3);
+    EXPECT_EQ(m.apply(V3(1, 2, 3)), V3(-2, 1, -3));
     EXPECT_EQ(m.text(), "-y,x,-z");
     EXPECT_THROW(AxisMap::parse("x,x,z"), ReplayError);
     EXPECT_THROW(AxisMap::parse("x,y"), ReplayError);

@@ -42,14 +42,14 @@ TEST(StabHarnessMesh, FindsTheTextureCoordinateDrawnAtAPoint) {
 }
 
 TEST(StabHarnessMetrics, FitRotationRecoversAKnownRotation) {
-    const Q truth = sim::fromRotationVector({0.1, -0.4, 0.25});
+    const Q truth = sim::fromRotationVector(V3(0.1, -0.4, 0.25));
     std::vector<V3> a, b;
     for (int k = 0; k < 12; ++k) {
-        const V3 d = sim::unit(V3{std::sin(k * 1.3), std::cos(k * 0.7), 1.0 + 0.1 * k});
+        const V3 d = V3(std::sin(k * 1.3), std::cos(k * 0.7), 1.0 + 0.1 * k).normalized();
         a.push_back(d);
-        b.push_back(sim::rotate(truth, d));
+        b.push_back(truth * d);
     }
-    EXPECT_LT(sim::angle(fitRotation(a.data(), b.data(), 12), truth), 1e-9);
+    EXPECT_LT(fitRotation(a.data(), b.data(), 12).angularDistance(truth), 1e-9);
 }
 
 TEST(StabHarnessMetrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
@@ -58,7 +58,7 @@ TEST(StabHarnessMetrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
     const std::vector<float> g = uniformGrid(33, 19);
     const FrameEvaluation e =
         evaluateFrame(g.data(), 33, 19, 1.25, still, camera, {sim::toClockNs(1.0), 10000000});
-    EXPECT_LT(sim::angle(e.output, Q{}), 1e-6);
+    EXPECT_LT(e.output.angularDistance(Q::Identity()), 1e-6);
     EXPECT_LT(e.wobblePx, 0.01);
     EXPECT_EQ(e.outsidePoints, 0);
     // The same grid moved right by 0.3 NDC leaves the output's left edge uncovered.
@@ -75,7 +75,7 @@ TEST(StabHarnessMetrics, RollingShutterWobbleOfARotatingCameraIsSeen) {
     sim::CameraSetup camera;
     const std::vector<float> g = uniformGrid(33, 19);
     const sim::FrameStamp frame{sim::toClockNs(500.0), 10000000};
-    const double rate = sim::length(truth.angularVelocity(500.0));
+    const double rate = truth.angularVelocity(500.0).norm();
     const FrameEvaluation e = evaluateFrame(g.data(), 33, 19, 1.25, truth, camera, frame);
     // Output rows span 80 % of the readout; yaw moves the picture by focal * angle.
     const double expected = camera.focalPx() * 1.25 * rate * camera.readoutS * 0.8;
@@ -88,7 +88,8 @@ TEST(StabHarnessMetrics, JitterAndStabilityOfKnownMotions) {
     auto frames = [&](double f, double amp) {
         std::vector<FrameEvaluation> out(600);
         for (size_t k = 0; k < out.size(); ++k) {
-            out[k].output = sim::fromRotationVector({0, amp * std::sin(2 * kPi * f * k / 30.0), 0});
+            out[k].output =
+                sim::fromRotationVector(V3(0, amp * std::sin(2 * kPi * f * k / 30.0), 0));
         }
         return out;
     };
@@ -104,7 +105,7 @@ TEST(StabHarnessMetrics, JitterAndStabilityOfKnownMotions) {
 TEST(StabSimulation, GyroReportsTheTrajectoryInTheSensorsAxesAndClock) {
     sim::Scenario s = sim::makeScenario("walk");
     s.gyro.noiseRadPerS = 0.0;
-    s.gyro.biasRadPerS = {};
+    s.gyro.biasRadPerS = V3::Zero();
     s.gyro.jitterS = 0.0;
     const sim::Trajectory truth(s.motion);
     const std::vector<sim::GyroSample> g = sim::simulateGyro(truth, s.gyro, 1.0, 1.1);
@@ -113,9 +114,9 @@ TEST(StabSimulation, GyroReportsTheTrajectoryInTheSensorsAxesAndClock) {
         const double t = sim::toSeconds(sample.timestampNs) - s.gyro.timeOffsetS;
         const V3 w = truth.angularVelocity(t);
         // -y,-x,-z: camera x = -sensor y, camera y = -sensor x, camera z = -sensor z.
-        EXPECT_NEAR(sample.rate[1], -w.x, 1e-6);
-        EXPECT_NEAR(sample.rate[0], -w.y, 1e-6);
-        EXPECT_NEAR(sample.rate[2], -w.z, 1e-6);
+        EXPECT_NEAR(sample.rate[1], -w.x(), 1e-6);
+        EXPECT_NEAR(sample.rate[0], -w.y(), 1e-6);
+        EXPECT_NEAR(sample.rate[2], -w.z(), 1e-6);
     }
     // The rate integrates to the orientation change.
     Q q = truth.orientation(2.0);
@@ -123,7 +124,7 @@ TEST(StabSimulation, GyroReportsTheTrajectoryInTheSensorsAxesAndClock) {
         const double t = 2.0 + (k + 0.5) * 1e-4;
         q = q * sim::fromRotationVector(truth.angularVelocity(t) * 1e-4);
     }
-    EXPECT_LT(sim::angle(q, truth.orientation(2.1)), 1e-7);
+    EXPECT_LT(q.angularDistance(truth.orientation(2.1)), 1e-7);
 }
 
 }  // namespace

@@ -28,9 +28,8 @@ struct Angles {
     double roll = 0;
 };
 
-Mat3 fromAngles(const Angles& a) {
-    return rotationFromVector({0, a.yaw, 0}) * rotationFromVector({a.pitch, 0, 0}) *
-           rotationFromVector({0, 0, a.roll});
+M3 fromAngles(const Angles& a) {
+    return sim::fromYawPitchRoll(a.yaw, a.pitch, a.roll).toRotationMatrix();
 }
 
 class HandheldMotion : public CameraMotion {
@@ -70,7 +69,7 @@ class HandheldMotion : public CameraMotion {
         }
     }
 
-    Mat3 actual(double t) const override {
+    M3 actual(double t) const override {
         Angles a = anglesOf(intended_, t);
         const Angles s = anglesOf(shake_, t);
         a.yaw += s.yaw;
@@ -78,7 +77,7 @@ class HandheldMotion : public CameraMotion {
         a.roll += s.roll;
         return fromAngles(a);
     }
-    Mat3 intended(double t) const override { return fromAngles(anglesOf(intended_, t)); }
+    M3 intended(double t) const override { return fromAngles(anglesOf(intended_, t)); }
 
   private:
     static Angles anglesOf(const std::vector<Sine> (&set)[3], double t) {
@@ -97,27 +96,12 @@ class HandheldMotion : public CameraMotion {
     std::vector<Sine> shake_[3];
 };
 
-Mat3 fromQuaternion(const sim::Q& q) {
-    Mat3 r;
-    const double w = q.w, x = q.x, y = q.y, z = q.z;
-    r.m[0][0] = 1 - 2 * (y * y + z * z);
-    r.m[0][1] = 2 * (x * y - w * z);
-    r.m[0][2] = 2 * (x * z + w * y);
-    r.m[1][0] = 2 * (x * y + w * z);
-    r.m[1][1] = 1 - 2 * (x * x + z * z);
-    r.m[1][2] = 2 * (y * z - w * x);
-    r.m[2][0] = 2 * (x * z - w * y);
-    r.m[2][1] = 2 * (y * z + w * x);
-    r.m[2][2] = 1 - 2 * (x * x + y * y);
-    return r;
-}
-
 // One of qlmr_sim's scenarios (the stabilizer's reference trajectories).
 class SimMotion : public CameraMotion {
   public:
     explicit SimMotion(const sim::Scenario& s) : trajectory_(s.motion) {}
-    Mat3 actual(double t) const override { return fromQuaternion(trajectory_.orientation(t)); }
-    Mat3 intended(double t) const override { return fromQuaternion(trajectory_.intended(t)); }
+    M3 actual(double t) const override { return trajectory_.orientation(t).toRotationMatrix(); }
+    M3 intended(double t) const override { return trajectory_.intended(t).toRotationMatrix(); }
 
   private:
     sim::Trajectory trajectory_;
@@ -171,11 +155,11 @@ std::unique_ptr<CameraMotion> makeHandheldMotion(Trajectory trajectory, uint64_t
     return std::make_unique<HandheldMotion>(trajectory, seed);
 }
 
-Vec3 angularVelocity(const CameraMotion& motion, double t) {
+V3 angularVelocity(const CameraMotion& motion, double t) {
     // Body rates: R(t+h) = R(t-h) * exp(2h * w)  =>  w = log(R(t-h)^T R(t+h)) / 2h.
     const double h = 1e-4;
-    const Mat3 d = motion.actual(t - h).transposed() * motion.actual(t + h);
-    return (1.0 / (2 * h)) * vectorFromRotation(d);
+    const M3 d = motion.actual(t - h).transpose() * motion.actual(t + h);
+    return sim::toRotationVector(d) / (2 * h);
 }
 
 std::vector<GyroSample> synthesizeGyro(const CameraMotion& motion, const GyroModel& model,
@@ -184,7 +168,7 @@ std::vector<GyroSample> synthesizeGyro(const CameraMotion& motion, const GyroMod
     std::normal_distribution<double> noise(0, model.noiseRadPerS);
     std::uniform_real_distribution<double> bias(-model.biasRadPerS, model.biasRadPerS);
     std::uniform_real_distribution<double> jitter(-model.jitterNs, model.jitterNs);
-    const Vec3 b{bias(rng), bias(rng), bias(rng)};
+    const V3 b(bias(rng), bias(rng), bias(rng));
     std::vector<GyroSample> out;
     const double period = 1.0 / model.rateHz;
     const int n = static_cast<int>(std::floor((t1Sec - t0Sec) * model.rateHz)) + 1;
@@ -192,15 +176,15 @@ std::vector<GyroSample> synthesizeGyro(const CameraMotion& motion, const GyroMod
     int64_t last = 0;
     for (int i = 0; i < n; ++i) {
         const double t = t0Sec + i * period + jitter(rng) * 1e-9;
-        const Vec3 dev = mapCameraToDevice(angularVelocity(motion, t)) + b;
+        const V3 dev = mapCameraToDevice(angularVelocity(motion, t)) + b;
         GyroSample s;
         s.timestampNs = zeroNs + static_cast<int64_t>(std::llround(t * 1e9)) + model.timeOffsetNs;
         if (!out.empty() && s.timestampNs <= last)
             s.timestampNs = last + 1;
         last = s.timestampNs;
-        s.x = static_cast<float>(dev.x + noise(rng));
-        s.y = static_cast<float>(dev.y + noise(rng));
-        s.z = static_cast<float>(dev.z + noise(rng));
+        s.x = static_cast<float>(dev.x() + noise(rng));
+        s.y = static_cast<float>(dev.y() + noise(rng));
+        s.z = static_cast<float>(dev.z() + noise(rng));
         out.push_back(s);
     }
     return out;

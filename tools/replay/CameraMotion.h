@@ -4,7 +4,7 @@
 #pragma once
 
 #include "Recording.h"
-#include "Rotation.h"
+#include "sim/Rotation.h"
 
 #include <cstdint>
 #include <memory>
@@ -13,16 +13,19 @@
 
 namespace qlmr::replay {
 
+using sim::M3;
+using sim::V3;
+
 // Any source of camera orientation as a function of time; the renderer and the gyro model only
 // need this. A simulation library can be wired in by implementing these two functions.
 class CameraMotion {
   public:
     virtual ~CameraMotion() = default;
     // Orientation of the shaking camera at `t` seconds after the start of the recording.
-    virtual Mat3 actual(double t) const = 0;
+    virtual M3 actual(double t) const = 0;
     // Orientation the camera operator meant (the same path without shake): what an ideal
     // stabilizer would show.
-    virtual Mat3 intended(double t) const = 0;
+    virtual M3 intended(double t) const = 0;
 };
 
 enum class Trajectory { Walk, Pan, Still, Jog, Violent, SwayWalk, SwayPan, SwayStill };
@@ -64,18 +67,18 @@ std::vector<GyroSample> synthesizeGyro(const CameraMotion& motion, const GyroMod
                                        double t0Sec, double t1Sec, int64_t zeroNs);
 
 // Angular velocity in camera axes (rad/s) of `motion` at `t`, by central difference.
-Vec3 angularVelocity(const CameraMotion& motion, double t);
+V3 angularVelocity(const CameraMotion& motion, double t);
 
 // Gyro axes of a phone whose back camera's sensor is turned a quarter turn (the usual layout,
 // and the one the real phone recording has): camera x = -gyro y, camera y = -gyro x,
 // camera z = -gyro z, written "-y,-x,-z". Maps camera-axis rates to what the gyroscope
 // reports and back.
 constexpr const char* kDeviceGyroAxes = "-y,-x,-z";
-inline Vec3 mapCameraToDevice(Vec3 cam) {
-    return {-cam.y, -cam.x, -cam.z};
+inline V3 mapCameraToDevice(const V3& cam) {
+    return {-cam.y(), -cam.x(), -cam.z()};
 }
-inline Vec3 mapDeviceToCamera(Vec3 dev) {
-    return {-dev.y, -dev.x, -dev.z};
+inline V3 mapDeviceToCamera(const V3& dev) {
+    return {-dev.y(), -dev.x(), -dev.z()};
 }
 
 }  // namespace qlmr::replay

@@ -8,15 +8,8 @@
 
 namespace qlmr::replay {
 
-namespace {
-double component(const Vec3& v, int i) {
-    return i == 0 ? v.x : (i == 1 ? v.y : v.z);
-}
-}  // namespace
-
-Vec3 AxisMap::apply(const Vec3& raw) const {
-    return {sign[0] * component(raw, source[0]), sign[1] * component(raw, source[1]),
-            sign[2] * component(raw, source[2])};
+V3 AxisMap::apply(const V3& raw) const {
+    return {sign[0] * raw[source[0]], sign[1] * raw[source[1]], sign[2] * raw[source[2]]};
 }
 
 std::string AxisMap::text() const {
@@ -139,13 +132,13 @@ std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
     return out;
 }
 
-Vec3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0,
-                       double t1) {
+V3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0,
+                     double t1) {
     // Rates interpolated linearly between samples; small steps composed as rotations.
-    Mat3 r;
+    sim::Q r = sim::Q::Identity();
     if (gyro.size() < 2 || t1 <= t0)
-        return {};
-    auto rateAt = [&](size_t i) { return map.apply({gyro[i].x, gyro[i].y, gyro[i].z}); };
+        return V3::Zero();
+    auto rateAt = [&](size_t i) { return map.apply(V3(gyro[i].x, gyro[i].y, gyro[i].z)); };
     const auto timeOf = [&](size_t i) { return gyro[i].timestampNs * 1e-9; };
     size_t i = static_cast<size_t>(
         std::lower_bound(gyro.begin(), gyro.end(), static_cast<int64_t>(t0 * 1e9),
@@ -160,19 +153,19 @@ Vec3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, 
         if (segEnd > t && b > a) {
             const double mid = 0.5 * (t + segEnd);
             const double u = std::clamp((mid - a) / (b - a), 0.0, 1.0);
-            const Vec3 w = (1 - u) * rateAt(i) + u * rateAt(i + 1);
-            r = r * rotationFromVector((segEnd - t) * w);
+            const V3 w = (1 - u) * rateAt(i) + u * rateAt(i + 1);
+            r = r * sim::fromRotationVector((segEnd - t) * w);
             t = segEnd;
         }
         ++i;
     }
-    return vectorFromRotation(r);
+    return sim::toRotationVector(r);
 }
 
-void predictedMotion(const Vec3& r, double focalPx, double& tx, double& ty, double& angle) {
-    tx = -focalPx * r.y;
-    ty = focalPx * r.x;
-    angle = -r.z;
+void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double& angle) {
+    tx = -focalPx * r.y();
+    ty = focalPx * r.x();
+    angle = -r.z();
 }
 
 namespace {
@@ -186,7 +179,7 @@ AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<G
         if (!f.ok)
             continue;
         const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
-        const Vec3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
         double tx, ty, angle;
         predictedMotion(r, s.focalPx, tx, ty, angle);
         const double ea = (angle - f.angle) * s.radiusPx;
@@ -207,7 +200,7 @@ ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
         if (!f.ok)
             continue;
         const double shift = (search.readoutMs * f.rowFraction + offsetMs) * 1e-3;
-        const Vec3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
         double p[3];
         predictedMotion(r, search.focalPx, p[0], p[1], p[2]);
         const double m[3] = {f.tx, f.ty, f.angle};

@@ -7,12 +7,14 @@
 #include "Image.h"
 #include "Motion.h"
 #include "Recording.h"
-#include "Rotation.h"
+#include "sim/Rotation.h"
 
 #include <string>
 #include <vector>
 
 namespace qlmr::replay {
+
+using sim::V3;
 
 // Camera-axis rate = signed permutation of the raw gyro rate:
 // cam[i] = sign[i] * raw[source[i]]. Written like "y,x,-z" (camera x from raw y, ...).
@@ -20,7 +22,7 @@ struct AxisMap {
     int source[3] = {0, 1, 2};
     int sign[3] = {1, 1, 1};
 
-    Vec3 apply(const Vec3& raw) const;
+    V3 apply(const V3& raw) const;
     std::string text() const;
     static AxisMap parse(const std::string& text);  // throws ReplayError
     static std::vector<AxisMap> all();              // the 48 signed permutations
@@ -47,12 +49,11 @@ std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
 
 // Rotation vector of the camera between gyro times t0 and t1 (seconds, gyro clock), from raw
 // samples mapped by `map`, integrated with the samples' rates held piecewise linear.
-Vec3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0,
-                       double t1);
+V3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0, double t1);
 
 // Content motion a camera rotation r (camera axes, radians) causes in a pinhole picture of
 // focal length f: (-f r.y, f r.x) and content rotation -r.z (small-angle form).
-void predictedMotion(const Vec3& r, double focalPx, double& tx, double& ty, double& angle);
+void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double& angle);
 
 struct AlignmentScore {
     AxisMap map;

@@ -106,25 +106,18 @@ PixelMotionStats chainedMotion(const std::vector<const GrayImage*>& frames,
 struct View {
     double x, y, roll;
 };
-View viewOf(const Mat3& r, double f) {
-    const Vec3 d = r * Vec3{0, 0, 1};
-    const Vec3 side = r * Vec3{1, 0, 0};
-    return {f * d.x / d.z, f * d.y / d.z, std::atan2(side.y, side.x) * kRadToDeg};
-}
-
-Vec3 normalized(Vec3 v) {
-    return (1.0 / norm(v)) * v;
-}
-Vec3 cross(Vec3 a, Vec3 b) {
-    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+View viewOf(const M3& r, double f) {
+    const V3 d = r.col(2);
+    const V3 side = r.col(0);
+    return {f * d.x() / d.z(), f * d.y() / d.z(), std::atan2(side.y(), side.x()) * kRadToDeg};
 }
 
 // Direction in the world of input pixel p (full resolution) of frame `index`, taking the
 // rolling shutter into account.
-Vec3 worldRay(const SyntheticRecording& syn, int index, double px, double py) {
+V3 worldRay(const SyntheticRecording& syn, int index, double px, double py) {
     const PinholeCamera& c = syn.camera();
-    const Mat3 r = syn.motion().actual(syn.rowTimeSec(index, py));
-    return normalized(r * Vec3{(px - c.cx) / c.focalPx, (py - c.cy) / c.focalPx, 1});
+    const M3 r = syn.motion().actual(syn.rowTimeSec(index, py));
+    return (r * V3((px - c.cx) / c.focalPx, (py - c.cy) / c.focalPx, 1)).normalized();
 }
 
 double toDeg(double px, double f) {
@@ -269,11 +262,11 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
     std::vector<double> devInX, devInY, devInRoll;
     for (int i = 0; i < delivered; ++i) {
         const double tc = syn.rowTimeSec(i, cam.height / 2.0);
-        const Mat3 ra = syn.motion().actual(tc);
-        const Mat3 ri = syn.motion().intended(tc);
+        const M3 ra = syn.motion().actual(tc);
+        const M3 ri = syn.motion().intended(tc);
         const View va = viewOf(ra, f);
         const View vi = viewOf(ri, f);
-        const View dev = viewOf(ri.transposed() * ra, f);
+        const View dev = viewOf(ri.transpose() * ra, f);
         const double time = (inputs[static_cast<size_t>(i)].timestampNs - t0) * 1e-9;
         t.actual.t.push_back(time);
         t.actual.x.push_back(toDeg(va.x, f));
@@ -309,20 +302,15 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         double ax, ay, bx, by;
         toInput(cds, cdy, ax, ay);
         toInput(cds + 20, cdy, bx, by);
-        const Vec3 z = worldRay(syn, i, ax, ay);
-        const Vec3 side = worldRay(syn, i, bx, by) - z;
-        const Vec3 x = normalized(side - dot(side, z) * z);
-        const Vec3 y = cross(z, x);
-        Mat3 ro;
-        for (int r = 0; r < 3; ++r) {
-            ro.m[r][0] = (r == 0 ? x.x : r == 1 ? x.y : x.z);
-            ro.m[r][1] = (r == 0 ? y.x : r == 1 ? y.y : y.z);
-            ro.m[r][2] = (r == 0 ? z.x : r == 1 ? z.y : z.z);
-        }
+        const V3 z = worldRay(syn, i, ax, ay);
+        const V3 side = worldRay(syn, i, bx, by) - z;
+        const V3 x = (side - side.dot(z) * z).normalized();
+        M3 ro;
+        ro << x, z.cross(x), z;
         const double tc = syn.rowTimeSec(i, cam.height / 2.0);
-        const Mat3 ri = syn.motion().intended(tc);
+        const M3 ri = syn.motion().intended(tc);
         const double fOut = f / s.scale;  // output pixels per unit of tangent
-        const View dev = viewOf(ri.transposed() * ro, fOut);
+        const View dev = viewOf(ri.transpose() * ro, fOut);
         const View abs = viewOf(ro, f);
         const double time = (o.timestampNs - t0) * 1e-9;
         t.output.t.push_back(time);
@@ -377,7 +365,7 @@ using Json = nlohmann::ordered_json;
 
 Json percentilesJson(const Percentiles& p) {
     return {{"count", p.count}, {"mean", p.mean}, {"p50", p.p50},
-            {"p90", p.p90}, {"p99", p.p99}, {"max", p.max}};
+            {"p90", p.p90},     {"p99", p.p99},   {"max", p.max}};
 }
 Json motionJson(const PixelMotionStats& s) {
     return {{"pairs", s.pairs},
@@ -416,52 +404,51 @@ std::string metricsJson(const ReplayMetrics& m) {
                  {"cropping", m.crop.cropping},
                  {"output_frames", t.outputFrames}};
     }
-    const Json j = {
-        {"tool", "qlmr_replay"},
-        {"session", m.sessionName},
-        {"input",
-         {{"description", m.inputDescription},
-          {"width", m.inputWidth},
-          {"height", m.inputHeight},
-          {"fps", m.fps},
-          {"gyro_samples", m.gyroSamples}}},
-        {"frames",
-         {{"in", m.framesIn},
-          {"delivered", m.framesDelivered},
-          {"out", m.framesOut},
-          {"dropped", m.framesDropped},
-          {"dropped_queue_full", m.engine.droppedQueueFull},
-          {"rendered_unstabilized", m.engine.renderedUnstabilized},
-          {"late", m.framesLate},
-          {"unmatched_outputs", m.unmatchedOutputs},
-          {"per_surface", m.framesPerSurface}}},
-        {"throughput",
-         {{"wall_s", m.wallSec},
-          {"fps", m.throughputFps},
-          {"ms_per_frame", m.framesOut > 0 ? m.wallSec * 1e3 / m.framesOut : 0.0}}},
-        {"timing_ms",
-         {{"output_latency", percentilesJson(m.outputLatencyMs)},
-          {"output_interval", percentilesJson(m.outputIntervalMs)},
-          {"delivery_interval", percentilesJson(m.deliveryIntervalMs)},
-          {"engine_stages", stages}}},
-        {"engine_log",
-         {{"warnings", m.engine.warnings},
-          {"errors", m.engine.errors},
-          {"exceptions", m.engine.exceptions},
-          {"duplicate_frames", m.engine.duplicateFrames},
-          {"skipped_before_start", m.engine.skippedBeforeStart}}},
-        {"pixel_motion",
-         {{"input", motionJson(m.inputMotion)},
-          {"output", motionJson(m.outputMotion)},
-          {"jitter_ratio", m.pixelJitterRatio},
-          {"jitter_ratio_settled", m.pixelJitterRatioSettled}}},
-        {"cropping",
-         {{"frames", m.crop.frames},
-          {"mean_scale", m.crop.meanScale},
-          {"cropping", m.crop.cropping},
-          {"min_cropping", m.crop.minCropping}}},
-        {"ground_truth", truth},
-        {"warnings", m.warnings}};
+    const Json j = {{"tool", "qlmr_replay"},
+                    {"session", m.sessionName},
+                    {"input",
+                     {{"description", m.inputDescription},
+                      {"width", m.inputWidth},
+                      {"height", m.inputHeight},
+                      {"fps", m.fps},
+                      {"gyro_samples", m.gyroSamples}}},
+                    {"frames",
+                     {{"in", m.framesIn},
+                      {"delivered", m.framesDelivered},
+                      {"out", m.framesOut},
+                      {"dropped", m.framesDropped},
+                      {"dropped_queue_full", m.engine.droppedQueueFull},
+                      {"rendered_unstabilized", m.engine.renderedUnstabilized},
+                      {"late", m.framesLate},
+                      {"unmatched_outputs", m.unmatchedOutputs},
+                      {"per_surface", m.framesPerSurface}}},
+                    {"throughput",
+                     {{"wall_s", m.wallSec},
+                      {"fps", m.throughputFps},
+                      {"ms_per_frame", m.framesOut > 0 ? m.wallSec * 1e3 / m.framesOut : 0.0}}},
+                    {"timing_ms",
+                     {{"output_latency", percentilesJson(m.outputLatencyMs)},
+                      {"output_interval", percentilesJson(m.outputIntervalMs)},
+                      {"delivery_interval", percentilesJson(m.deliveryIntervalMs)},
+                      {"engine_stages", stages}}},
+                    {"engine_log",
+                     {{"warnings", m.engine.warnings},
+                      {"errors", m.engine.errors},
+                      {"exceptions", m.engine.exceptions},
+                      {"duplicate_frames", m.engine.duplicateFrames},
+                      {"skipped_before_start", m.engine.skippedBeforeStart}}},
+                    {"pixel_motion",
+                     {{"input", motionJson(m.inputMotion)},
+                      {"output", motionJson(m.outputMotion)},
+                      {"jitter_ratio", m.pixelJitterRatio},
+                      {"jitter_ratio_settled", m.pixelJitterRatioSettled}}},
+                    {"cropping",
+                     {{"frames", m.crop.frames},
+                      {"mean_scale", m.crop.meanScale},
+                      {"cropping", m.crop.cropping},
+                      {"min_cropping", m.crop.minCropping}}},
+                    {"ground_truth", truth},
+                    {"warnings", m.warnings}};
     return j.dump(2) + "\n";
 }
 

@@ -175,14 +175,14 @@ void SceneRenderer::renderRows(void* context, int begin, int end) {
     // Source position of output point (x + 0.5, row + 0.5) for the orientation at `row`'s time.
     auto rowSetup = [&](double row, float* a) {
         const double t = job.frameStartSec + (row + 0.5) / h * job.readoutSec + job.exposureSec / 2;
-        const Mat3 r = job.motion->actual(t);
+        const M3 r = job.motion->actual(t);
         // ray(x) = r * ((x + 0.5 - cx)/f, (row + 0.5 - cy)/f, 1) = base + x * step
         const double y = (row + 0.5 - cam.cy) / cam.focalPx;
         const double x0 = (0.5 - cam.cx) / cam.focalPx;
         const double dx = 1.0 / cam.focalPx;
         for (int i = 0; i < 3; ++i) {
-            a[i] = static_cast<float>(r.m[i][0] * x0 + r.m[i][1] * y + r.m[i][2]);
-            a[3 + i] = static_cast<float>(r.m[i][0] * dx);
+            a[i] = static_cast<float>(r(i, 0) * x0 + r(i, 1) * y + r(i, 2));
+            a[3 + i] = static_cast<float>(r(i, 0) * dx);
         }
     };
 

@@ -4,6 +4,8 @@
 #include <cmath>
 #include <complex>
 
+#include <Eigen/Eigenvalues>
+
 namespace qlmr::harness {
 
 namespace {
@@ -27,58 +29,6 @@ bool barycentric(P2 a, P2 b, P2 c, P2 p, double& wa, double& wb, double& wc) {
     wc = 1.0 - wa - wb;
     constexpr double eps = -1e-9;
     return wa >= eps && wb >= eps && wc >= eps;
-}
-
-// Eigenvector of the largest eigenvalue of a symmetric 4x4 matrix (cyclic Jacobi).
-void largestEigenvector(double a[4][4], double out[4]) {
-    double v[4][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}, {0, 0, 0, 1}};
-    for (int sweep = 0; sweep < 50; ++sweep) {
-        double off = 0.0;
-        for (int p = 0; p < 4; ++p) {
-            for (int q = p + 1; q < 4; ++q) {
-                off += a[p][q] * a[p][q];
-            }
-        }
-        if (off < 1e-30) {
-            break;
-        }
-        for (int p = 0; p < 4; ++p) {
-            for (int q = p + 1; q < 4; ++q) {
-                if (std::fabs(a[p][q]) < 1e-300) {
-                    continue;
-                }
-                const double theta = (a[q][q] - a[p][p]) / (2.0 * a[p][q]);
-                const double t =
-                    (theta >= 0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
-                const double c = 1.0 / std::sqrt(t * t + 1.0);
-                const double s = t * c;
-                for (int k = 0; k < 4; ++k) {
-                    const double akp = a[k][p], akq = a[k][q];
-                    a[k][p] = c * akp - s * akq;
-                    a[k][q] = s * akp + c * akq;
-                }
-                for (int k = 0; k < 4; ++k) {
-                    const double apk = a[p][k], aqk = a[q][k];
-                    a[p][k] = c * apk - s * aqk;
-                    a[q][k] = s * apk + c * aqk;
-                }
-                for (int k = 0; k < 4; ++k) {
-                    const double vkp = v[k][p], vkq = v[k][q];
-                    v[k][p] = c * vkp - s * vkq;
-                    v[k][q] = s * vkp + c * vkq;
-                }
-            }
-        }
-    }
-    int best = 0;
-    for (int i = 1; i < 4; ++i) {
-        if (a[i][i] > a[best][best]) {
-            best = i;
-        }
-    }
-    for (int k = 0; k < 4; ++k) {
-        out[k] = v[k][best];
-    }
 }
 
 }  // namespace
@@ -158,26 +108,22 @@ bool WarpMesh::textureAt(double x, double y, double& u, double& v) const {
 }
 
 Q fitRotation(const V3* a, const V3* b, int n) {
-    double s[3][3] = {};
+    Eigen::Matrix3d s = Eigen::Matrix3d::Zero();
     for (int k = 0; k < n; ++k) {
-        for (int r = 0; r < 3; ++r) {
-            for (int c = 0; c < 3; ++c) {
-                s[r][c] += a[k][r] * b[k][c];
-            }
-        }
+        s += a[k] * b[k].transpose();
     }
-    const double sxx = s[0][0], sxy = s[0][1], sxz = s[0][2];
-    const double syx = s[1][0], syy = s[1][1], syz = s[1][2];
-    const double szx = s[2][0], szy = s[2][1], szz = s[2][2];
-    double m[4][4] = {
-        {sxx + syy + szz, syz - szy, szx - sxz, sxy - syx},
-        {syz - szy, sxx - syy - szz, sxy + syx, szx + sxz},
-        {szx - sxz, sxy + syx, -sxx + syy - szz, syz + szy},
-        {sxy - syx, szx + sxz, syz + szy, -sxx - syy + szz},
-    };
-    double e[4];
-    largestEigenvector(m, e);
-    return sim::unit(Q{e[0], e[1], e[2], e[3]});
+    const double sxx = s(0, 0), sxy = s(0, 1), sxz = s(0, 2);
+    const double syx = s(1, 0), syy = s(1, 1), syz = s(1, 2);
+    const double szx = s(2, 0), szy = s(2, 1), szz = s(2, 2);
+    Eigen::Matrix4d m;
+    m << sxx + syy + szz, syz - szy, szx - sxz, sxy - syx,  //
+        syz - szy, sxx - syy - szz, sxy + syx, szx + sxz,   //
+        szx - sxz, sxy + syx, -sxx + syy - szz, syz + szy,  //
+        sxy - syx, szx + sxz, syz + szy, -sxx - syy + szz;
+    // Eigenvalues come in increasing order: the last eigenvector is the quaternion (w, x, y, z).
+    const Eigen::Vector4d e =
+        Eigen::SelfAdjointEigenSolver<Eigen::Matrix4d>(m).eigenvectors().col(3);
+    return Q(e[0], e[1], e[2], e[3]).normalized();
 }
 
 std::vector<double> lowPassZeroPhase(const std::vector<double>& x, double cutoffHz,
@@ -241,8 +187,8 @@ double lowFrequencyShare(const std::vector<const std::vector<double>*>& sequence
 }
 
 double displacementPx(const V3& d, double focalPx, double rmsRadiusPx) {
-    return std::sqrt(focalPx * focalPx * (d.x * d.x + d.y * d.y) +
-                     rmsRadiusPx * rmsRadiusPx * d.z * d.z);
+    return std::sqrt(focalPx * focalPx * (d.x() * d.x() + d.y() * d.y()) +
+                     rmsRadiusPx * rmsRadiusPx * d.z() * d.z());
 }
 
 FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double overscan,
@@ -256,8 +202,8 @@ FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double o
                                        12.0);
     // Output camera: the virtual pinhole whose picture the output is.
     auto outputRay = [&](double x, double y) {
-        return sim::unit(
-            V3{(0.5 * x / overscan) / camera.fx(), (0.5 * y / overscan) / camera.fy(), 1.0});
+        return V3((0.5 * x / overscan) / camera.fx(), (0.5 * y / overscan) / camera.fy(), 1.0)
+            .normalized();
     };
     V3 rays[kSamplesPerAxis * kSamplesPerAxis];
     V3 seen[kSamplesPerAxis * kSamplesPerAxis];
@@ -296,7 +242,7 @@ FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double o
         }
         if (n >= 3) {
             rowDev[rowCount++] =
-                sim::toRotationVector(sim::inverse(ev.output) * fitRotation(a, b, n));
+                sim::toRotationVector(ev.output.conjugate() * fitRotation(a, b, n));
         }
     }
     for (int i = 0; i < rowCount; ++i) {
@@ -348,13 +294,13 @@ Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraS
                                        12.0);
     // Motion path: frame-to-frame rotations in the output camera's axes, accumulated.
     std::vector<double> path[3], step[3];
-    V3 acc;
+    V3 acc = V3::Zero();
     for (int a = 0; a < 3; ++a) {
         path[a].push_back(0.0);
     }
     for (size_t k = 1; k < n; ++k) {
-        const V3 d = sim::toRotationVector(sim::inverse(frames[k - 1].output) * frames[k].output);
-        acc = acc + d;
+        const V3 d = sim::toRotationVector(frames[k - 1].output.conjugate() * frames[k].output);
+        acc += d;
         for (int a = 0; a < 3; ++a) {
             path[a].push_back(acc[a]);
             step[a].push_back(d[a]);
@@ -372,7 +318,8 @@ Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraS
     double sum = 0.0;
     size_t used = 0;
     for (size_t k = trim; k < n - trim; ++k) {
-        const double px = displacementPx({high[0][k], high[1][k], high[2][k]}, focalOut, rmsRadius);
+        const double px =
+            displacementPx(V3(high[0][k], high[1][k], high[2][k]), focalOut, rmsRadius);
         sum += px * px;
         ++used;
         if (k > 0 && k + 1 < n) {
@@ -380,7 +327,7 @@ Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraS
             for (int a = 0; a < 3; ++a) {
                 a2[a] = (path[a][k + 1] - 2.0 * path[a][k] + path[a][k - 1]) * fps * fps;
             }
-            f.maxAccelRadS2 = std::max(f.maxAccelRadS2, sim::length(a2));
+            f.maxAccelRadS2 = std::max(f.maxAccelRadS2, a2.norm());
         }
     }
     f.jitterPx = used > 0 ? std::sqrt(sum / used) : 0.0;

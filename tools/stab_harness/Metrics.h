@@ -48,9 +48,9 @@ double lowFrequencyShare(const std::vector<const std::vector<double>*>& sequence
 double displacementPx(const V3& d, double focalPx, double rmsRadiusPx);
 
 struct FrameEvaluation {
-    Q output;               // orientation of the output camera (world from output)
-    double wobblePx = 0.0;  // spread of orientation between the output's rows
-    int outsidePoints = 0;  // output border points not drawn from inside the frame
+    Q output = Q::Identity();  // orientation of the output camera (world from output)
+    double wobblePx = 0.0;     // spread of orientation between the output's rows
+    int outsidePoints = 0;     // output border points not drawn from inside the frame
     double worstOutsidePx = 0.0;
 };
 

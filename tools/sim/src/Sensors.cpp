@@ -92,8 +92,8 @@ double rowTimeS(const CameraSetup& camera, const FrameStamp& frame, double v) {
 
 V3 worldDirection(const Trajectory& truth, const CameraSetup& camera, const FrameStamp& frame,
                   double u, double v) {
-    const V3 ray = unit(V3{(u - 0.5) / camera.fx(), (v - 0.5) / camera.fy(), 1.0});
-    return rotate(truth.orientation(rowTimeS(camera, frame, v)), ray);
+    const V3 ray = V3((u - 0.5) / camera.fx(), (v - 0.5) / camera.fy(), 1.0).normalized();
+    return truth.orientation(rowTimeS(camera, frame, v)) * ray;
 }
 
 }  // namespace qlmr::sim

@@ -44,21 +44,18 @@ AxisPath handShake(std::mt19937_64& rng, double loHz, double hiHz, double totalA
 }
 
 Q Trajectory::intended(double t) const {
-    const Q yaw = axisAngle({0, 1, 0}, plan_.yaw.value(t));
-    const Q pitch = axisAngle({1, 0, 0}, plan_.pitch.value(t));
-    const Q roll = axisAngle({0, 0, 1}, plan_.roll.value(t));
-    return yaw * pitch * roll;
+    return fromYawPitchRoll(plan_.yaw.value(t), plan_.pitch.value(t), plan_.roll.value(t));
 }
 
 Q Trajectory::orientation(double t) const {
-    const V3 shake = {plan_.shake[0].value(t), plan_.shake[1].value(t), plan_.shake[2].value(t)};
-    return unit(intended(t) * fromRotationVector(shake));
+    const V3 shake(plan_.shake[0].value(t), plan_.shake[1].value(t), plan_.shake[2].value(t));
+    return (intended(t) * fromRotationVector(shake)).normalized();
 }
 
 V3 Trajectory::angularVelocity(double t) const {
     // Central difference of the orientation: the body rate to ~1e-9 rad/s for these motions.
     constexpr double h = 1e-5;
-    return toRotationVector(inverse(orientation(t - h)) * orientation(t + h)) * (0.5 / h);
+    return toRotationVector(orientation(t - h).conjugate() * orientation(t + h)) * (0.5 / h);
 }
 
 }  // namespace qlmr::sim

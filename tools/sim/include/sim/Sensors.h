@@ -28,7 +28,7 @@ struct GyroSetup {
     double rateHz = 400.0;
     double jitterS = 0.0002;      // timestamp jitter (uniform +-), seconds
     double noiseRadPerS = 0.002;  // white noise per sample and axis, standard deviation
-    V3 biasRadPerS = {0.002, -0.003, 0.001};
+    V3 biasRadPerS{0.002, -0.003, 0.001};
     // Gyro timestamp minus the true time of the sample (frame clock = true time).
     double timeOffsetS = 0.008;
     // Sensor axes as seen from the camera: camera x, y, z rates = these signed sensor axes.
