@@ -1,6 +1,8 @@
 #include "Config.h"
 
+#include <cctype>
 #include <charconv>
+#include <cstdarg>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -27,6 +29,10 @@ enum class KeyId {
     Overscan,
     GyroRateMaxHz,
     GyroGapMaxNs,
+    CropAdaptive,
+    CropZoomMin,
+    LensK1,
+    LensK2,
     Count
 };
 
@@ -60,6 +66,13 @@ const ConfigKey kKeys[kKeyCount] = {
     {"vstab.gyroRateMaxHz", "highest gyro sample rate the history is sized for (default 1000)"},
     {"vstab.gyroGapMaxNs",
      "longer gaps between gyro samples count as no rotation (default 100000000)"},
+    {"vstab.cropAdaptive",
+     "1: the output magnification follows the motion between the smallest zoom and the "
+     "overscan; 0: always the overscan (default 1)"},
+    {"vstab.cropZoomMin",
+     "smallest output magnification of the adaptive crop, at most the overscan (default 1.0)"},
+    {"vstab.lensK1", "radial distortion coefficient of r^2 (default 0: pinhole)"},
+    {"vstab.lensK2", "radial distortion coefficient of r^4 (default 0)"},
 };
 
 // Writes a formatted sentence into the caller's error buffer; never past its capacity.
@@ -214,6 +227,10 @@ const Range kRanges[kKeyCount] = {
     {1.0, 4.0},      // overscan
     {50.0, 5000.0},  // gyroRateMaxHz
     {1e6, 1e9},      // gyroGapMaxNs
+    {0, 1},          // cropAdaptive
+    {1.0, 4.0},      // cropZoomMin; further limited to the overscan
+    {-1.0, 1.0},     // lensK1
+    {-1.0, 1.0},     // lensK2
 };
 
 bool isIntegerKey(KeyId id) {
@@ -228,6 +245,7 @@ bool isIntegerKey(KeyId id) {
         case KeyId::ReadoutNs:
         case KeyId::GyroTimeOffsetNs:
         case KeyId::GyroGapMaxNs:
+        case KeyId::CropAdaptive:
             return true;
         default:
             return false;
@@ -284,10 +302,75 @@ void store(KeyId id, int64_t i, double d, StabConfig& c) {
         case KeyId::GyroGapMaxNs:
             c.gyroGapMaxNs = i;
             break;
+        case KeyId::CropAdaptive:
+            c.cropAdaptive = static_cast<int32_t>(i);
+            break;
+        case KeyId::CropZoomMin:
+            c.cropZoomMin = d;
+            break;
+        case KeyId::LensK1:
+            c.lensK1 = d;
+            break;
+        case KeyId::LensK2:
+            c.lensK2 = d;
+            break;
         case KeyId::GyroAxes:
         case KeyId::Count:
             break;
     }
+}
+
+bool startsWith(Slice s, const char* prefix) {
+    const size_t n = std::strlen(prefix);
+    return s.size() >= n && std::memcmp(s.begin, prefix, n) == 0;
+}
+
+// Case-insensitive edit distance between the first 63 characters of `a` and `b`.
+int editDistance(Slice a, const char* b) {
+    constexpr size_t kMax = 63;
+    const size_t n = a.size() < kMax ? a.size() : kMax;
+    const size_t m = std::strlen(b) < kMax ? std::strlen(b) : kMax;
+    int row[kMax + 1];
+    for (size_t j = 0; j <= m; ++j) {
+        row[j] = static_cast<int>(j);
+    }
+    for (size_t i = 1; i <= n; ++i) {
+        int diag = row[0];
+        row[0] = static_cast<int>(i);
+        for (size_t j = 1; j <= m; ++j) {
+            const int up = row[j];
+            const bool same = std::tolower(static_cast<unsigned char>(a.begin[i - 1])) ==
+                              std::tolower(static_cast<unsigned char>(b[j - 1]));
+            int best = diag + (same ? 0 : 1);
+            best = up + 1 < best ? up + 1 : best;
+            best = row[j - 1] + 1 < best ? row[j - 1] + 1 : best;
+            row[j] = best;
+            diag = up;
+        }
+    }
+    return row[m];
+}
+
+// The library key closest to an unknown one, or null when none is close. The part after the
+// first dot is compared too, so that "gyro.axes" finds "vstab.gyroAxes".
+const char* nearestKey(Slice key) {
+    const char* best = nullptr;
+    int bestDistance = 1 << 30;
+    const char* dot = static_cast<const char*>(std::memchr(key.begin, '.', key.size()));
+    for (size_t k = 0; k < kKeyCount; ++k) {
+        const char* name = kKeys[k].name;
+        int d = editDistance(key, name);
+        if (dot != nullptr) {
+            const Slice tail{dot + 1, key.end};
+            const int dt = editDistance(tail, name + 6);  // after "vstab."
+            d = dt < d ? dt : d;
+        }
+        if (d < bestDistance) {
+            bestDistance = d;
+            best = name;
+        }
+    }
+    return bestDistance <= 4 ? best : nullptr;
 }
 
 }  // namespace
@@ -299,8 +382,30 @@ const ConfigKey* configKeys(size_t* count) {
     return kKeys;
 }
 
+void ConfigWarnings::add(const char* format, ...) {
+    ++count;
+    if (length + 2 >= kCapacity) {
+        return;
+    }
+    char* at = text + length;
+    size_t room = kCapacity - length;
+    if (length > 0) {
+        *at++ = '\n';
+        --room;
+    }
+    va_list args;
+    va_start(args, format);
+    const int n = std::vsnprintf(at, room, format, args);
+    va_end(args);
+    if (n < 0) {
+        *at = '\0';
+        return;
+    }
+    length = static_cast<size_t>(at - text) + (static_cast<size_t>(n) < room ? n : room - 1);
+}
+
 bool parseConfig(const char* text, size_t length, StabConfig& out, char* error,
-                 size_t errorCapacity) {
+                 size_t errorCapacity, ConfigWarnings* warnings) {
     if (error != nullptr && errorCapacity > 0) {
         error[0] = '\0';
     }
@@ -336,7 +441,19 @@ bool parseConfig(const char* text, size_t length, StabConfig& out, char* error,
             ++k;
         }
         if (k == kKeyCount) {
-            continue;  // unknown keys (the engine's own among them) are not ours
+            // The engine's own keys are not ours; anything else is read by nobody, which is
+            // worth a word: a misspelt key silently leaves its default in place.
+            if (warnings != nullptr && !startsWith(key, "native.")) {
+                quote(key, q, sizeof q);
+                const char* near = nearestKey(key);
+                if (near != nullptr) {
+                    warnings->add("Line %d: unknown key %s is ignored; did you mean %s?", lineNo, q,
+                                  near);
+                } else {
+                    warnings->add("Line %d: unknown key %s is ignored.", lineNo, q);
+                }
+            }
+            continue;
         }
         const KeyId id = static_cast<KeyId>(k);
         if (seenLine[k] != 0) {
@@ -394,6 +511,13 @@ bool parseConfig(const char* text, size_t length, StabConfig& out, char* error,
         store(id, iv, dv, cfg);
     }
 
+    if (cfg.cropZoomMin > cfg.overscan) {
+        if (warnings != nullptr) {
+            warnings->add("vstab.cropZoomMin=%g is larger than vstab.overscan=%g; using %g.",
+                          cfg.cropZoomMin, cfg.overscan, cfg.overscan);
+        }
+        cfg.cropZoomMin = cfg.overscan;
+    }
     const uint64_t meshVertices =
         (static_cast<uint64_t>(cfg.gridColumns) + 2) * (static_cast<uint64_t>(cfg.gridRows) + 2);
     if (meshVertices > 65536) {

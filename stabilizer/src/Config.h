@@ -39,6 +39,28 @@ struct StabConfig {
     double overscan = 1.25;         // extent of the engine's unwarped grid, in output half-widths
     double gyroRateMaxHz = 1000.0;  // highest gyro rate the sample history is sized for
     int64_t gyroGapMaxNs = 100000000;  // longer sample gaps are bridged as no rotation
+    // Adaptive crop: the output's magnification (output half-widths per frame half-width)
+    // follows the motion between cropZoomMin and overscan; 0 keeps it at overscan.
+    int32_t cropAdaptive = 1;
+    double cropZoomMin = 1.0;
+    // Radial lens distortion of the frame: a normalised image point (x, y) of an ideal pinhole
+    // is recorded at (x, y) * (1 + lensK1 r^2 + lensK2 r^4), r^2 = x^2 + y^2, in units of the
+    // focal length. 0, 0: a pinhole camera.
+    double lensK1 = 0.0;
+    double lensK2 = 0.0;
+};
+
+// Warnings about a configuration text that was accepted: keys that no reader knows (they are
+// ignored) and values that were clamped. Fixed capacity; sentences beyond it are counted, not
+// kept.
+struct ConfigWarnings {
+    static constexpr size_t kCapacity = 1024;
+    char text[kCapacity] = {};  // sentences separated by '\n', NUL-terminated
+    size_t length = 0;          // characters in text
+    int count = 0;              // warnings issued (also those that did not fit)
+
+    // Appends one sentence (formatted as printf).
+    void add(const char* format, ...) __attribute__((format(printf, 2, 3)));
 };
 
 // One configuration key: its name and a one-line description (for documentation and tests).
@@ -52,11 +74,13 @@ struct ConfigKey {
 const ConfigKey* configKeys(size_t* count);
 
 // Parses `length` bytes of `text` (stopping early at a NUL byte) into `out`, starting from the
-// defaults. Unknown keys and comment lines (first non-blank character '#') are ignored. On a
-// malformed line, bad value or impossible combination returns false and writes one readable
-// sentence into `error` (NUL-terminated, at most errorCapacity bytes). Does not allocate.
+// defaults. Comment lines (first non-blank character '#') are skipped; unknown keys are ignored,
+// and each one that is neither a library key nor an engine key (`native.` prefix) gets a
+// sentence in `warnings` (if given), as does every value that is clamped. On a malformed line,
+// bad value or impossible combination returns false and writes one readable sentence into
+// `error` (NUL-terminated, at most errorCapacity bytes). Does not allocate.
 bool parseConfig(const char* text, size_t length, StabConfig& out, char* error,
-                 size_t errorCapacity);
+                 size_t errorCapacity, ConfigWarnings* warnings = nullptr);
 
 }  // namespace vstab
 

@@ -12,6 +12,28 @@ namespace {
 
 constexpr uint32_t kHandleMagic = 0x5a475653u;  // "ZGVS"
 constexpr int kErrorNoMemory = -12;
+// Tag of the library's own lines in the Android log (the engine's log on the host).
+constexpr const char* kLogTag = "ZefVStab";
+constexpr int kLogInfo = 4;  // android_LogPriority
+constexpr int kLogWarn = 5;
+
+}  // namespace
+
+// liblog's print function, bound weakly: the library does not link liblog itself (it needs
+// nothing but libc), but the process it is loaded into (the engine, the tools, the tests)
+// does, and then the lines go to the same log as the engine's. Without liblog nothing is
+// logged.
+extern "C" int __android_log_print(int priority, const char* tag, const char* format, ...)
+    __attribute__((weak, format(printf, 3, 4)));
+
+namespace {
+
+template <typename... Args>
+void logLine(int priority, const char* format, Args... args) {
+    if (__android_log_print != nullptr) {
+        __android_log_print(priority, kLogTag, format, args...);
+    }
+}
 
 struct Handle {
     explicit Handle(const vstab::StabConfig& c) : stabilizer(c) {}
@@ -59,10 +81,23 @@ VSTAB_API int vStabCreateUseCharCnfgBuff(void** handle, const char* configText, 
     }
     *handle = nullptr;
     vstab::StabConfig config;
+    vstab::ConfigWarnings warnings;
     if (!vstab::parseConfig(configText, static_cast<size_t>(configLength), config, text,
-                            sizeof text)) {
+                            sizeof text, &warnings)) {
+        logLine(kLogWarn, "Configuration refused: %s", text);
         writeMessage(message, messageSize, text);
         return vstab::kStatusInvalidArgument;
+    }
+    // Every warning once in the log, one line each.
+    for (const char* line = warnings.text; *line != '\0';) {
+        const char* nl = std::strchr(line, '\n');
+        const int n =
+            nl != nullptr ? static_cast<int>(nl - line) : static_cast<int>(std::strlen(line));
+        logLine(kLogWarn, "Configuration warning: %.*s", n, line);
+        line = nl != nullptr ? nl + 1 : line + n;
+    }
+    if (warnings.count > 0 && warnings.text[0] == '\0') {
+        logLine(kLogWarn, "Configuration warnings: %d", warnings.count);
     }
     Handle* h = nullptr;
     try {
@@ -88,7 +123,16 @@ VSTAB_API int vStabCreateUseCharCnfgBuff(void** handle, const char* configText, 
                   config.gridColumns, config.gridRows,
                   static_cast<long long>(config.latencyNs / 1000000),
                   static_cast<long long>(config.readoutNs / 1000), config.overscan);
-    writeMessage(message, messageSize, text);
+    logLine(kLogInfo, "%s", text);
+    if (warnings.count > 0) {
+        // The warnings come first, so that a short buffer keeps them rather than the summary.
+        char full[vstab::ConfigWarnings::kCapacity + sizeof text + 64];
+        std::snprintf(full, sizeof full, "%d configuration warning%s: %s\n%s", warnings.count,
+                      warnings.count == 1 ? "" : "s", warnings.text, text);
+        writeMessage(message, messageSize, full);
+    } else {
+        writeMessage(message, messageSize, text);
+    }
     *handle = h;
     return 0;
 }

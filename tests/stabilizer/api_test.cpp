@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include <android/log.h>
+
 #include "zef_gyro_vstab.h"
 
 namespace {
@@ -96,6 +98,52 @@ TEST(VStabApi, ConfigRecordFieldsSitAtTheEnginesOffsets) {
     EXPECT_EQ(vStabConfig(nullptr), nullptr);
 }
 
+// Lines the library writes to the Android log while one is alive.
+class LogCapture {
+  public:
+    LogCapture() {
+        lines().clear();
+        __android_log_set_logger(&LogCapture::onLine);
+    }
+    ~LogCapture() { __android_log_set_logger(__android_log_stderr_logger); }
+    static std::vector<std::string>& lines() {
+        static std::vector<std::string> kept;
+        return kept;
+    }
+
+  private:
+    static void onLine(const __android_logger_data* data, const char* message) {
+        lines().push_back(std::to_string(data->priority) + " " + data->tag + " " + message);
+    }
+};
+
+TEST(VStabApi, UnknownKeysAreReportedOnceInTheMessageAndTheLog) {
+    LogCapture log;
+    Lib lib("vstab.readoutNs=30000000\ngyro.axes=y,x,-z\nnative.cameraHeight=1080\n");
+    ASSERT_EQ(lib.status, 0) << lib.message;
+    const std::string message(lib.message, lib.messageSize);
+    EXPECT_EQ(message.rfind("1 configuration warning: Line 2: unknown key gyro.axes is ignored; "
+                            "did you mean vstab.gyroAxes?\nGyro stabilizer ready:",
+                            0),
+              0u)
+        << message;
+    int warnings = 0;
+    for (const std::string& line : LogCapture::lines()) {
+        if (line.rfind("5 ZefVStab Configuration warning: Line 2: unknown key gyro.axes", 0) == 0) {
+            ++warnings;
+        }
+        EXPECT_EQ(line.find("native"), std::string::npos) << line;
+    }
+    EXPECT_EQ(warnings, 1);
+
+    LogCapture clean;
+    Lib quiet("vstab.readoutNs=30000000\nnative.cameraHeight=1080\n");
+    EXPECT_EQ(std::string(quiet.message).rfind("Gyro stabilizer ready:", 0), 0u) << quiet.message;
+    for (const std::string& line : LogCapture::lines()) {
+        EXPECT_EQ(line.find("warning"), std::string::npos) << line;
+    }
+}
+
 TEST(VStabApi, RefusedConfigurationExplainsItselfWithinTheBuffer) {
     const std::string bad = "vstab.gridRows=1\n";
     for (unsigned int capacity : {0u, 1u, 10u, 512u}) {
@@ -142,18 +190,30 @@ TEST(VStabApi, StatusFollowsTheGyroCoverageOfTheFrame) {
     EXPECT_EQ(fresh.warp(frame), 0);
 }
 
-TEST(VStabApi, StillCameraGetsTheUnwarpedGrid) {
-    Lib lib;
-    lib.feedStill(kStart, kStart + 3000 * kMs);
-    const VStabConfigRecord& c = lib.config();
-    for (int64_t f = kStart + 500 * kMs; f < kStart + 2000 * kMs; f += 33 * kMs) {
-        ASSERT_EQ(lib.warp(f), 0);
-        for (uint32_t j = 0; j < c.gridRows; ++j) {
-            for (uint32_t i = 0; i < c.gridColumns; ++i) {
-                const float* v = &lib.vertices[3 * (j * c.gridColumns + i)];
-                ASSERT_NEAR(v[0], uniformX(c, i), 1e-5);
-                ASSERT_NEAR(v[1], uniformY(c, j), 1e-5);
-                ASSERT_EQ(v[2], 0.0f);
+TEST(VStabApi, StillCameraGetsTheUnwarpedGridAtItsSmallestZoom) {
+    // Fixed crop: exactly the engine's unwarped grid. Adaptive crop: the same grid scaled to
+    // the smallest magnification, as a still camera needs no margin.
+    const struct {
+        const char* config;
+        double zoom;
+    } cases[] = {{"vstab.readoutNs=30000000\nvstab.cropAdaptive=0\n", 1.25},
+                 {"vstab.readoutNs=30000000\nvstab.cropZoomMin=1.05\n", 1.05},
+                 // The crop check's inset of 0.1 % per side: the smallest zoom that keeps it.
+                 {"vstab.readoutNs=30000000\n", 1.0 / 0.998}};
+    for (const auto& k : cases) {
+        Lib lib(k.config);
+        lib.feedStill(kStart, kStart + 3000 * kMs);
+        const VStabConfigRecord& c = lib.config();
+        const double scale = k.zoom / 1.25;
+        for (int64_t f = kStart + 500 * kMs; f < kStart + 2000 * kMs; f += 33 * kMs) {
+            ASSERT_EQ(lib.warp(f), 0);
+            for (uint32_t j = 0; j < c.gridRows; ++j) {
+                for (uint32_t i = 0; i < c.gridColumns; ++i) {
+                    const float* v = &lib.vertices[3 * (j * c.gridColumns + i)];
+                    ASSERT_NEAR(v[0], uniformX(c, i) * scale, 1e-5) << k.config;
+                    ASSERT_NEAR(v[1], uniformY(c, j) * scale, 1e-5) << k.config;
+                    ASSERT_EQ(v[2], 0.0f);
+                }
             }
         }
     }

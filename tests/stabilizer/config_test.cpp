@@ -2,6 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <regex>
+#include <vector>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -168,6 +171,113 @@ TEST(StabConfig, ShippedExampleParsesToTheDefaults) {
          {"native.cameraUvOffset", "native.cameraHeight", "native.bufferFrameCount"}) {
         EXPECT_EQ(s.str().find(e), std::string::npos) << e;
     }
+}
+
+TEST(StabConfig, WarnsAboutEveryKeyNobodyReadsAndEveryClampedValue) {
+    const std::string text =
+        "native.cameraHeight=1080\n"  // the engine's: no warning
+        "gyro.axes=y,x,-z\n"          // read by nobody
+        "vstab.gyroAxis=-y,-x,-z\n"   // misspelt
+        "vstab.readoutNs=30000000\n"
+        "vstab.cropZoomMin=1.5\n";  // beyond the overscan: clamped
+    StabConfig c;
+    char error[256];
+    ConfigWarnings w;
+    ASSERT_TRUE(parseConfig(text.data(), text.size(), c, error, sizeof error, &w)) << error;
+    EXPECT_EQ(w.count, 3);
+    const std::string all = w.text;
+    EXPECT_NE(all.find("Line 2: unknown key gyro.axes is ignored; did you mean vstab.gyroAxes?"),
+              std::string::npos)
+        << all;
+    EXPECT_NE(all.find("Line 3: unknown key vstab.gyroAxis is ignored; did you mean "
+                       "vstab.gyroAxes?"),
+              std::string::npos)
+        << all;
+    EXPECT_NE(all.find("vstab.cropZoomMin=1.5 is larger than vstab.overscan=1.25; using 1.25."),
+              std::string::npos)
+        << all;
+    EXPECT_EQ(all.find("native"), std::string::npos) << all;
+    EXPECT_DOUBLE_EQ(c.cropZoomMin, 1.25);
+    EXPECT_EQ(c.readoutNs, 30000000);
+}
+
+TEST(StabConfig, WarningsBeyondTheirCapacityAreCountedNotWritten) {
+    std::string text;
+    for (int i = 0; i < 200; ++i) {
+        text += "unknown.key" + std::to_string(i) + "=1\n";
+    }
+    StabConfig c;
+    char error[64];
+    ConfigWarnings w;
+    ASSERT_TRUE(parseConfig(text.data(), text.size(), c, error, sizeof error, &w));
+    EXPECT_EQ(w.count, 200);
+    EXPECT_LT(w.length, ConfigWarnings::kCapacity);
+    EXPECT_EQ(std::strlen(w.text), w.length);
+}
+
+// Every text block marked `cfg` in the docs, and the shipped example, must parse through the
+// library without a single warning; every vstab key named anywhere in the docs must exist.
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+std::vector<std::string> documentationFiles() {
+    std::vector<std::string> files = {std::string(QLMR_SOURCE_DIR) + "/README.md",
+                                      STAB_EXAMPLE_CONFIG};
+    for (const auto& e :
+         std::filesystem::directory_iterator(std::string(QLMR_SOURCE_DIR) + "/docs")) {
+        if (e.path().extension() == ".md") {
+            files.push_back(e.path().string());
+        }
+    }
+    return files;
+}
+
+TEST(StabConfigDocs, EveryExampleConfigurationParsesWithoutWarnings) {
+    std::vector<std::pair<std::string, std::string>> blocks = {
+        {STAB_EXAMPLE_CONFIG, readFile(STAB_EXAMPLE_CONFIG)}};
+    for (const std::string& path : documentationFiles()) {
+        const std::string text = readFile(path);
+        for (size_t at = text.find("```cfg\n"); at != std::string::npos;
+             at = text.find("```cfg\n", at + 1)) {
+            const size_t begin = at + 7;
+            const size_t end = text.find("```", begin);
+            ASSERT_NE(end, std::string::npos) << path;
+            blocks.emplace_back(path, text.substr(begin, end - begin));
+        }
+    }
+    ASSERT_GE(blocks.size(), 2u) << "the docs show no cfg example";
+    for (const auto& [path, block] : blocks) {
+        StabConfig c;
+        char error[256];
+        ConfigWarnings w;
+        EXPECT_TRUE(parseConfig(block.data(), block.size(), c, error, sizeof error, &w))
+            << path << ": " << error;
+        EXPECT_EQ(w.count, 0) << path << ": " << w.text;
+    }
+}
+
+TEST(StabConfigDocs, EveryLibraryKeyTheDocsNameExists) {
+    size_t n = 0;
+    const ConfigKey* keys = configKeys(&n);
+    const std::regex key(R"((^|[^A-Za-z0-9_])(vstab\.[A-Za-z][A-Za-z0-9]*))");
+    int named = 0;
+    for (const std::string& path : documentationFiles()) {
+        const std::string text = readFile(path);
+        for (std::sregex_iterator it(text.begin(), text.end(), key), end; it != end; ++it) {
+            const std::string name = (*it)[2];
+            bool known = false;
+            for (size_t k = 0; k < n; ++k) {
+                known = known || name == keys[k].name;
+            }
+            EXPECT_TRUE(known) << path << " names " << name;
+            ++named;
+        }
+    }
+    EXPECT_GT(named, 20);
 }
 
 }  // namespace
