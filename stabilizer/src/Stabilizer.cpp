@@ -1,5 +1,6 @@
 #include "Stabilizer.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include "zef_gyro_vstab.h"
@@ -49,7 +50,13 @@ Stabilizer::Stabilizer(const StabConfig& config)
       nodeQ_(static_cast<size_t>(lookAheadNodes(config.latencyNs))),
       nodeT_(static_cast<size_t>(nodeCount_)),
       nodeP_(static_cast<size_t>(nodeCount_)),
-      nodeUsage_(static_cast<size_t>(nodeCount_)) {
+      nodeUsage_(static_cast<size_t>(nodeCount_)),
+      nodeX_(static_cast<size_t>(nodeCount_)),
+      zoom_(config.overscan),
+      // The crop check keeps the output kCropInset inside the frame on every side, which a
+      // smaller magnification could never satisfy.
+      lowestZoom_(std::min(config.overscan,
+                           std::max(config.cropZoomMin, (1.0 + 1e-6) / (1.0 - 2.0 * kCropInset)))) {
     // Cut-off 0.6 / window: the smoothing's time constant tau = window / (1.2 pi) is then at
     // most 0.53 x the look-ahead (latency >= window / 2), which keeps the receding-horizon path
     // from overshooting.
@@ -167,6 +174,7 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     } else {
         ++counters_.pathRestarts;
     }
+    pathRestarted_ = pr.pastCount == 0;
     const Quat refInv = conj(ref);
     for (int i = 0; i < nodeCount_; ++i) {
         times_[i] = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
@@ -193,8 +201,43 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     pr.t = nodeT_.data();
     pr.p = nodeP_.data();
     pr.extraUsage = nodeUsage_.data();
-    const Vec3 x0 = smoother_.solve(pr, params);
+    const Vec3 x0 = smoother_.solve(pr, params, nodeX_.data());
+    zoomWanted_ = config_.cropAdaptive != 0 ? zoomTarget(camera, halfSpanS) : config_.overscan;
     return normalized(ref * expMap(x0));
+}
+
+double Stabilizer::zoomTarget(const CameraModel& camera, double halfSpanS) {
+    // Each node's deviation from the physical path, with its frame's rolling-shutter spread,
+    // needs some magnification; the zoom now must be within reach of it at the allowed rise
+    // rate by the node's time.
+    ladder_.prepare(camera, lowestZoom_, config_.overscan);
+    double target = lowestZoom_;
+    for (int i = 0; i < nodeCount_; ++i) {
+        Vec3 rate;
+        if (nodeCount_ > 1) {
+            const int a = i > 0 ? i - 1 : 0;
+            const int b = i + 1 < nodeCount_ ? i + 1 : nodeCount_ - 1;
+            rate = (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
+        }
+        const double need =
+            ladder_.zoomFor(nodeX_[i] - nodeP_[i], rate * halfSpanS, kZoomUsageLimit) -
+            kZoomRisePerS * nodeT_[i];
+        target = need > target ? need : target;
+    }
+    return target;
+}
+
+void Stabilizer::updateZoom(int64_t centreNs, double target, bool restart) {
+    if (!zoomSet_ || restart || centreNs <= zoomCentreNs_) {
+        zoom_ = target;
+    } else if (target >= zoom_) {
+        zoom_ = target;
+    } else {
+        const double fall = kZoomFallPerS * static_cast<double>(centreNs - zoomCentreNs_) * 1e-9;
+        zoom_ = zoom_ - fall > target ? zoom_ - fall : target;
+    }
+    zoomSet_ = true;
+    zoomCentreNs_ = centreNs;
 }
 
 int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
@@ -246,22 +289,43 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     const bool replayed = last != nullptr && (ts <= last->frameNs || centre <= last->centreNs);
     Quat virt = replayed ? replay(centre, physicalCentre)
                          : solvePath(centre, timing, camera, physicalCentre);
-
-    // Hard crop limit: where the smooth pose would show anything outside the frame, turn it
-    // towards the physical pose just far enough.
-    if (!coversOutput(camera, config_.overscan, virt, rowSet, kCropInset)) {
-        double lo = 0.0;
-        double hi = 1.0;
-        for (int it = 0; it < 10; ++it) {
-            const double mid = 0.5 * (lo + hi);
-            const Quat q = slerp(virt, physicalCentre, mid);
-            (coversOutput(camera, config_.overscan, q, rowSet, kCropInset) ? hi : lo) = mid;
-        }
-        virt = slerp(virt, physicalCentre, hi);
-        ++counters_.framesClamped;
+    double outZoom = zoom_;
+    if (!replayed) {
+        updateZoom(centre, zoomWanted_, pathRestarted_);
+        outZoom = zoom_;
     }
 
-    writeGrid(camera, config_.overscan, virt, rowSet, config_.gridColumns, rows, vertices);
+    // Hard crop limit: where the smooth pose would show anything outside the frame, first
+    // magnify the output up to the overscan, then turn the pose towards the physical one just
+    // far enough.
+    if (!coversOutput(camera, outZoom, virt, rowSet, kCropInset)) {
+        const double maxZoom = config_.overscan;
+        if (outZoom < maxZoom && coversOutput(camera, maxZoom, virt, rowSet, kCropInset)) {
+            double lo = outZoom;
+            double hi = maxZoom;
+            for (int it = 0; it < 8; ++it) {
+                const double mid = 0.5 * (lo + hi);
+                (coversOutput(camera, mid, virt, rowSet, kCropInset) ? hi : lo) = mid;
+            }
+            outZoom = hi;
+        } else {
+            outZoom = maxZoom;
+            double lo = 0.0;
+            double hi = 1.0;
+            for (int it = 0; it < 10; ++it) {
+                const double mid = 0.5 * (lo + hi);
+                const Quat q = slerp(virt, physicalCentre, mid);
+                (coversOutput(camera, outZoom, q, rowSet, kCropInset) ? hi : lo) = mid;
+            }
+            virt = slerp(virt, physicalCentre, hi);
+            ++counters_.framesClamped;
+        }
+        if (!replayed) {
+            zoom_ = outZoom;
+        }
+    }
+
+    writeGrid(camera, outZoom, virt, rowSet, config_.gridColumns, rows, vertices);
     if (replayed) {
         ++counters_.framesReplayed;
     } else {

@@ -68,6 +68,17 @@ class Stabilizer {
     // the first), and that frame's centre time in the gyro time base.
     Quat lastVirtual() const;
     int64_t lastCentreNs() const;
+    // Output magnification of the newest warped frame (output half-widths per frame
+    // half-width; the picture keeps 1 / zoom^2 of the frame's area).
+    double outputZoom() const { return zoom_; }
+
+    // Adaptive crop: the magnification a node needs may be reached at most this fast, so a
+    // need seen ahead raises the zoom early; without a need it falls back this slowly.
+    static constexpr double kZoomRisePerS = 0.3;
+    static constexpr double kZoomFallPerS = 0.05;
+    // Share of the crop margin the adaptive zoom leaves the path (the rest is spare for the
+    // hard limit's exact check).
+    static constexpr double kZoomUsageLimit = 0.85;
 
   private:
     struct Committed {
@@ -80,6 +91,9 @@ class Stabilizer {
     Quat solvePath(int64_t centreNs, const FrameTiming& timing, const CameraModel& camera,
                    const Quat& physicalCentre);
     Quat replay(int64_t centreNs, const Quat& physicalCentre) const;
+    // Output magnification for the frame whose path was solved last (uses nodeX_, nodeP_).
+    double zoomTarget(const CameraModel& camera, double halfSpanS);
+    void updateZoom(int64_t centreNs, double target, bool restart);
     const Committed* committed(size_t back) const;  // 0 = newest
     void commit(int64_t frameNs, int64_t centreNs, const Quat& virt);
 
@@ -100,6 +114,15 @@ class Stabilizer {
     std::vector<double> nodeT_;
     std::vector<Vec3> nodeP_;
     std::vector<double> nodeUsage_;
+    std::vector<Vec3> nodeX_;  // solved path at the nodes
+
+    ZoomLadder ladder_;
+    double zoom_;               // current output magnification
+    double lowestZoom_;         // smallest one the adaptive crop uses
+    int64_t zoomCentreNs_ = 0;  // centre time of the frame it was set for
+    bool zoomSet_ = false;
+    bool pathRestarted_ = false;  // the last solvePath found no recent pose to continue from
+    double zoomWanted_ = 0.0;     // target of the last solvePath
 
     static constexpr size_t kCommittedKept = 16;
     Committed committed_[kCommittedKept];

@@ -31,6 +31,10 @@ CameraModel CameraModel::fromConfig(const StabConfig& config, double zoom) {
     c.fy = fy1 * zoom;
     c.cx = 0.5 + (config.principalPointX - 0.5) * zoom;
     c.cy = 0.5 + (config.principalPointY - 0.5) * zoom;
+    // The distortion is a property of the lens: in units of the focal length it does not
+    // change with the crop.
+    c.k1 = config.lensK1;
+    c.k2 = config.lensK2;
     return c;
 }
 
@@ -80,6 +84,40 @@ CropMargins cropMargins(const CameraModel& c, double overscan) {
     m.rollH = fa > a ? b / (fa - a) : 1e9;
     m.rollV = fb > b ? a / (fb - b) : 1e9;
     return m;
+}
+
+void ZoomLadder::prepare(const CameraModel& c, double lowest, double highest) {
+    if (c.fx == camera_.fx && c.fy == camera_.fy && c.cx == camera_.cx && c.cy == camera_.cy &&
+        lowest == zoom_[0] && highest == zoom_[kSteps]) {
+        return;
+    }
+    camera_ = c;
+    for (int k = 0; k <= kSteps; ++k) {
+        zoom_[k] = lowest + (highest - lowest) * k / kSteps;
+        margins_[k] = cropMargins(c, zoom_[k]);
+    }
+}
+
+double ZoomLadder::zoomFor(const Vec3& d, const Vec3& s, double limit) const {
+    if (usage(0, d, s) <= limit) {
+        return zoom_[0];
+    }
+    if (usage(kSteps, d, s) > limit) {
+        return zoom_[kSteps];
+    }
+    // Usage falls as the magnification grows: bisect for the first rung within the limit.
+    int lo = 0;       // over the limit
+    int hi = kSteps;  // within it
+    while (hi - lo > 1) {
+        const int mid = (lo + hi) / 2;
+        (usage(mid, d, s) > limit ? lo : hi) = mid;
+    }
+    // The margin, and so 1 / usage, grows about linearly with the magnification; usage itself
+    // is hyperbolic (infinite where the margin is zero).
+    const double rl = 1.0 / usage(lo, d, s);
+    const double rh = 1.0 / usage(hi, d, s);
+    const double f = rh > rl ? (1.0 / limit - rl) / (rh - rl) : 1.0;
+    return zoom_[lo] + (zoom_[hi] - zoom_[lo]) * f;
 }
 
 Quat RowOrientations::at(double v) const {
@@ -152,6 +190,17 @@ void writeGrid(const CameraModel& camera, double overscan, const Quat& virtualCa
         const double rx0 = -camera.cx / camera.fx;
         const double drx = du / camera.fx;
         float* p = out + 3 * static_cast<size_t>(j) * columns;
+        if (camera.distorted()) {
+            // Each vertex's recorded ray, undistorted, through the row's matrix.
+            for (uint32_t i = 0; i < columns; ++i, p += 3) {
+                const Vec3 r = m * camera.ray(static_cast<double>(i) * du, v);
+                const double invZ = 1.0 / maxOf(r.z, 1e-6);
+                p[0] = static_cast<float>(minOf(maxOf(ox + sx * r.x * invZ, -kFarNdc), kFarNdc));
+                p[1] = static_cast<float>(minOf(maxOf(oy + sy * r.y * invZ, -kFarNdc), kFarNdc));
+                p[2] = 0.0f;
+            }
+            continue;
+        }
         // Independent iterations without branches, so that the divisions overlap.
         for (uint32_t i = 0; i < columns; ++i, p += 3) {
             const double rx = rx0 + static_cast<double>(i) * drx;
@@ -170,7 +219,7 @@ bool sourceOf(const CameraModel& camera, double overscan, const Quat& virtualCam
               const RowOrientations& rows, double x, double y, double& u, double& v) {
     const double uo = 0.5 + 0.5 * x / overscan;
     const double vo = 0.5 + 0.5 * y / overscan;
-    const Vec3 world = rotate(virtualCam, camera.ray(uo, vo));
+    const Vec3 world = rotate(virtualCam, camera.pinholeRay(uo, vo));
     double vRow = vo;
     // The row that sees the point depends on the point itself; a few fixed-point steps
     // converge because a frame's rows turn by far less than its field of view.

@@ -17,24 +17,53 @@ namespace vstab {
 
 struct StabConfig;
 
-// Pinhole camera in image-fraction units: u = cx + fx * X / Z, v = cy + fy * Y / Z.
+// Camera in image-fraction units: a pinhole u = cx + fx * x, v = cy + fy * y (x = X / Z,
+// y = Y / Z) after radial distortion (x, y) -> (x, y) * (1 + k1 r^2 + k2 r^4), r^2 = x^2 + y^2.
+// The frame is recorded through the distortion; the output (the virtual camera) is the ideal
+// pinhole with the same focal lengths and centre.
 struct CameraModel {
     double fx = 1.0;
     double fy = 1.0;
     double cx = 0.5;
     double cy = 0.5;
+    double k1 = 0.0;
+    double k2 = 0.0;
 
     // The configured camera with the frame's digital zoom (a centred crop of the sensor).
     static CameraModel fromConfig(const StabConfig& config, double zoom);
 
-    Vec3 ray(double u, double v) const { return {(u - cx) / fx, (v - cy) / fy, 1.0}; }
-    // False for a ray at or behind the image plane's horizon (u, v are then not set).
+    bool distorted() const { return k1 != 0.0 || k2 != 0.0; }
+    double distortion(double r2) const { return 1.0 + r2 * (k1 + k2 * r2); }
+
+    // Ray (z = 1) of the ideal pinhole image point (u, v): the output's rays.
+    Vec3 pinholeRay(double u, double v) const { return {(u - cx) / fx, (v - cy) / fy, 1.0}; }
+    // Ray (z = 1) that the frame records at (u, v): the distortion undone by fixed-point
+    // iteration (converges for the moderate distortion of phone lenses, |k1 r^2| < 0.5).
+    Vec3 ray(double u, double v) const {
+        const double xd = (u - cx) / fx;
+        const double yd = (v - cy) / fy;
+        if (!distorted()) {
+            return {xd, yd, 1.0};
+        }
+        double x = xd, y = yd;
+        for (int it = 0; it < 8; ++it) {
+            const double s = 1.0 / distortion(x * x + y * y);
+            x = xd * s;
+            y = yd * s;
+        }
+        return {x, y, 1.0};
+    }
+    // Where the frame records ray r. False for a ray at or behind the image plane's horizon
+    // (u, v are then not set).
     bool project(const Vec3& r, double& u, double& v) const {
         if (!(r.z > 1e-9)) {
             return false;
         }
-        u = cx + fx * r.x / r.z;
-        v = cy + fy * r.y / r.z;
+        const double x = r.x / r.z;
+        const double y = r.y / r.z;
+        const double s = distorted() ? distortion(x * x + y * y) : 1.0;
+        u = cx + fx * x * s;
+        v = cy + fy * y * s;
         return true;
     }
 };
@@ -71,6 +100,33 @@ struct CropMargins {
 };
 
 CropMargins cropMargins(const CameraModel& camera, double overscan);
+
+// The crop margins at a ladder of output magnifications from `lowest` to `highest`, for the
+// adaptive crop: the smallest magnification at which a deviation stays within a share of the
+// margin. Fixed size; rebuilt only when the camera or the range changes.
+class ZoomLadder {
+  public:
+    static constexpr int kSteps = 16;
+
+    // Recomputes the margins if the camera or the range differ from the last call.
+    void prepare(const CameraModel& camera, double lowest, double highest);
+
+    // Smallest magnification at which deviation d with the rolling-shutter spread s (rotation
+    // vectors, camera axes) uses at most `limit` of the margin; `highest` if none does.
+    // Linear between the ladder's rungs.
+    double zoomFor(const Vec3& d, const Vec3& s, double limit) const;
+
+    double lowest() const { return zoom_[0]; }
+    double highest() const { return zoom_[kSteps]; }
+
+  private:
+    double usage(int k, const Vec3& d, const Vec3& s) const {
+        return margins_[k].usage(d) + margins_[k].usage(s);
+    }
+    CameraModel camera_{0.0, 0.0, 0.0, 0.0, 0.0, 0.0};
+    double zoom_[kSteps + 1] = {};
+    CropMargins margins_[kSteps + 1];
+};
 
 // Physical orientations of the frame at `count` evenly spaced rows v = j / (count - 1), with
 // their world-to-camera matrices; in between, interpolated (neighbouring rows differ by tiny

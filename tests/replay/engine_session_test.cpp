@@ -43,7 +43,10 @@ TEST(EngineSession, StabilizesTheSyntheticWalkTenTimes) {
         << m.truth.inputJitterPx << " -> " << m.truth.outputJitterPx;
     EXPECT_GE(m.pixelJitterRatio, 10.0)
         << m.inputMotion.jitterPx << " -> " << m.outputMotion.jitterPx;
-    EXPECT_NEAR(m.crop.cropping, 0.64, 0.03);  // the 1.25 overscan of the unwarped grid
+    // The adaptive crop keeps more than the fixed 1.25 overscan's 64 % on this shaky walk, but
+    // not all of it.
+    EXPECT_GT(m.crop.cropping, 0.70);
+    EXPECT_LT(m.crop.cropping, 0.95);
     // The engine's own timing probes were read from its log.
     EXPECT_GT(m.engine.stageMs.count("Render()/Render"), 0u);
 }

@@ -225,7 +225,10 @@ TEST(LibrarySession, StabilizesTheSyntheticWalk) {
     ASSERT_TRUE(m.hasTruth);
     EXPECT_GT(m.truth.jitterRatio, 4.0)
         << m.truth.inputJitterPx << " -> " << m.truth.outputJitterPx;
-    EXPECT_NEAR(m.crop.cropping, 0.64, 0.03);  // the library's 1.25 overscan
+    // The adaptive crop keeps more than the fixed 1.25 overscan's 64 % on this shaky walk, but
+    // not all of it.
+    EXPECT_GT(m.crop.cropping, 0.70);
+    EXPECT_LT(m.crop.cropping, 0.95);
 }
 
 TEST(LibrarySession, ReportsARefusedConfiguration) {

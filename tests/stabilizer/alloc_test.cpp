@@ -77,7 +77,9 @@ extern "C" void* realloc(void* p, std::size_t n) {
 namespace {
 
 TEST(VStabAllocation, NoHeapUseAfterCreation) {
-    const char config[] = "vstab.readoutNs=30000000\nvstab.gyroRateMaxHz=200\n";
+    // Adaptive crop (the default) and lens distortion on: every per-frame path.
+    const char config[] =
+        "vstab.readoutNs=30000000\nvstab.gyroRateMaxHz=200\nvstab.lensK1=-0.1\n";
     void* h = nullptr;
     char message[512];
     unsigned int size = sizeof message;

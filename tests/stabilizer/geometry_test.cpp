@@ -208,5 +208,58 @@ TEST(StabCropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
     }
 }
 
+TEST(StabLensDistortion, RaysUndoTheProjectionAndTheGridShowsThePinholePicture) {
+    Fixture f;
+    f.config.lensK1 = -0.12;  // barrel
+    f.config.lensK2 = 0.03;
+    f.camera = CameraModel::fromConfig(f.config, 1.0);
+    for (double u : {0.0, 0.1, 0.5, 0.83, 1.0}) {
+        for (double v : {0.0, 0.35, 1.0}) {
+            double u2, v2;
+            ASSERT_TRUE(f.camera.project(f.camera.ray(u, v), u2, v2));
+            EXPECT_NEAR(u2, u, 1e-9) << u << "," << v;
+            EXPECT_NEAR(v2, v, 1e-9) << u << "," << v;
+        }
+    }
+    // Barrel distortion records the corner's true ray closer to the centre than a pinhole.
+    EXPECT_GT(std::fabs(f.camera.ray(0.0, 0.0).x), 1.02 * std::fabs(f.camera.pinholeRay(0, 0).x));
+    // At rest every vertex sits where the ideal pinhole shows its undistorted ray.
+    f.write(Quat{});
+    const uint32_t c = f.config.gridColumns, r = f.config.gridRows;
+    for (uint32_t j = 0; j < r; ++j) {
+        for (uint32_t i = 0; i < c; ++i) {
+            const Vec3 ray =
+                f.camera.ray(static_cast<double>(i) / (c - 1), static_cast<double>(j) / (r - 1));
+            const double x = 1.25 * (2.0 * (f.camera.cx + f.camera.fx * ray.x) - 1.0);
+            const double y = 1.25 * (2.0 * (f.camera.cy + f.camera.fy * ray.y) - 1.0);
+            EXPECT_NEAR(f.vertex(i, j)[0], x, 1e-5) << i << "," << j;
+            EXPECT_NEAR(f.vertex(i, j)[1], y, 1e-5) << i << "," << j;
+        }
+    }
+    EXPECT_LT(f.vertex(0, 0)[0], -1.25 * 1.02);  // the corner is pushed outwards
+    // The centre row's middle is not moved at all.
+    EXPECT_NEAR(f.vertex(c / 2, r / 2)[0], 0.0, 1e-6);
+}
+
+TEST(StabCropMargins, ZoomLadderFindsTheSmallestZoomWithinTheLimit) {
+    Fixture f;
+    ZoomLadder ladder;
+    ladder.prepare(f.camera, 1.0, 1.25);
+    EXPECT_DOUBLE_EQ(ladder.zoomFor({}, {}, 0.85), 1.0);
+    EXPECT_DOUBLE_EQ(ladder.zoomFor({0.0, 1.0, 0.0}, {}, 0.85), 1.25);
+    const CropMargins full = cropMargins(f.camera, 1.25);
+    double previous = 1.0;
+    for (double share : {0.1, 0.3, 0.5, 0.7}) {
+        const Vec3 d = {0.2 * share * full.pitch, share * full.yaw, 0.01 * share};
+        const Vec3 spread = {0.0, 0.05 * full.yaw, 0.0};
+        const double z = ladder.zoomFor(d, spread, 0.85);
+        EXPECT_GT(z, previous) << share;
+        EXPECT_LT(z, 1.25) << share;
+        const CropMargins m = cropMargins(f.camera, z);
+        EXPECT_NEAR(m.usage(d) + m.usage(spread), 0.85, 0.02) << share;
+        previous = z;
+    }
+}
+
 }  // namespace
 }  // namespace vstab

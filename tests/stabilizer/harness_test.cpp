@@ -41,6 +41,22 @@ TEST(StabHarnessMesh, FindsTheTextureCoordinateDrawnAtAPoint) {
     EXPECT_FALSE(mesh.textureAt(1.3, 0.0, u, v));
 }
 
+TEST(StabHarnessMetrics, GridZoomAndRetainedPictureFollowTheGridsScale) {
+    std::vector<float> g = uniformGrid(33, 19);
+    EXPECT_NEAR(gridZoom(g.data(), 33, 19), 1.25, 1e-6);
+    for (float& c : g) {
+        c *= 0.84f;  // a magnification of 1.05
+    }
+    EXPECT_NEAR(gridZoom(g.data(), 33, 19), 1.05, 1e-6);
+    std::vector<FrameEvaluation> frames(10);
+    for (size_t k = 0; k < frames.size(); ++k) {
+        frames[k].zoom = k < 5 ? 1.0 : 1.25;
+    }
+    const Figures f = summarize(frames, sim::CameraSetup{}, 0.0);
+    EXPECT_NEAR(f.meanRetained, 0.5 * (1.0 + 0.64), 1e-9);
+    EXPECT_NEAR(f.minRetained, 0.64, 1e-9);
+}
+
 TEST(StabHarnessMetrics, FitRotationRecoversAKnownRotation) {
     const Q truth = sim::fromRotationVector(V3(0.1, -0.4, 0.25));
     std::vector<V3> a, b;
@@ -57,14 +73,14 @@ TEST(StabHarnessMetrics, UnwarpedGridOnAStillCameraShowsNothingWrong) {
     const sim::CameraSetup camera;
     const std::vector<float> g = uniformGrid(33, 19);
     const FrameEvaluation e =
-        evaluateFrame(g.data(), 33, 19, 1.25, still, camera, {sim::toClockNs(1.0), 10000000});
+        evaluateFrame(g.data(), 33, 19, still, camera, {sim::toClockNs(1.0), 10000000});
     EXPECT_LT(e.output.angularDistance(Q::Identity()), 1e-6);
     EXPECT_LT(e.wobblePx, 0.01);
     EXPECT_EQ(e.outsidePoints, 0);
     // The same grid moved right by 0.3 NDC leaves the output's left edge uncovered.
     const std::vector<float> shifted = uniformGrid(33, 19, 0.3);
     const FrameEvaluation s =
-        evaluateFrame(shifted.data(), 33, 19, 1.25, still, camera, {sim::toClockNs(1.0), 10000000});
+        evaluateFrame(shifted.data(), 33, 19, still, camera, {sim::toClockNs(1.0), 10000000});
     EXPECT_GT(s.outsidePoints, 0);
 }
 
@@ -76,7 +92,7 @@ TEST(StabHarnessMetrics, RollingShutterWobbleOfARotatingCameraIsSeen) {
     const std::vector<float> g = uniformGrid(33, 19);
     const sim::FrameStamp frame{sim::toClockNs(500.0), 10000000};
     const double rate = truth.angularVelocity(500.0).norm();
-    const FrameEvaluation e = evaluateFrame(g.data(), 33, 19, 1.25, truth, camera, frame);
+    const FrameEvaluation e = evaluateFrame(g.data(), 33, 19, truth, camera, frame);
     // Output rows span 80 % of the readout; yaw moves the picture by focal * angle.
     const double expected = camera.focalPx() * 1.25 * rate * camera.readoutS * 0.8;
     EXPECT_NEAR(e.wobblePx, expected, 0.1 * expected);
@@ -90,13 +106,14 @@ TEST(StabHarnessMetrics, JitterAndStabilityOfKnownMotions) {
         for (size_t k = 0; k < out.size(); ++k) {
             out[k].output =
                 sim::fromRotationVector(V3(0, amp * std::sin(2 * kPi * f * k / 30.0), 0));
+            out[k].zoom = 1.25;
         }
         return out;
     };
-    const Figures shake = summarize(frames(5.0, 0.002), camera, 1.25, 1.0);
+    const Figures shake = summarize(frames(5.0, 0.002), camera, 1.0);
     EXPECT_NEAR(shake.jitterPx, focalOut * 0.002 / std::sqrt(2.0), 0.05 * focalOut * 0.002);
     EXPECT_LT(shake.stability, 0.1);
-    const Figures slow = summarize(frames(0.1, 0.2), camera, 1.25, 1.0);
+    const Figures slow = summarize(frames(0.1, 0.2), camera, 1.0);
     EXPECT_LT(slow.jitterPx, 0.05 * focalOut * 0.002);
     EXPECT_GT(slow.stability, 0.95);
     EXPECT_NEAR(slow.maxAccelRadS2, 0.2 * std::pow(2 * kPi * 0.1, 2), 0.01);

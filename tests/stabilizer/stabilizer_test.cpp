@@ -148,5 +148,55 @@ TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
     EXPECT_EQ(s.lastCentreNs(), kStart + 5000 * kMs + 5 * kMs + 15 * kMs);
 }
 
+TEST(StabSession, AdaptiveZoomRisesAheadOfShakeAndFallsSlowlyAfterIt) {
+    // Still for 3 s, then 5 Hz yaw shake of 0.01 rad for 3 s, then still again.
+    Stabilizer s(configWithReadout());
+    const StabConfig& c = s.config();
+    std::vector<float> grid(static_cast<size_t>(c.gridColumns) * c.gridRows * 3);
+    const double w = 2 * 3.14159265358979 * 5.0;
+    std::vector<std::pair<double, double>> zooms;  // frame time (s), zoom
+    int64_t frame = kStart + 100 * kMs;
+    for (int64_t t = kStart; t < kStart + 12000 * kMs; t += 2500000) {
+        const double x = static_cast<double>(t - kStart) * 1e-9;
+        const bool shaking = x >= 3.0 && x < 6.0;
+        addCamera(s, t, {0.0, shaking ? 0.01 * w * std::cos(w * (x - 3.0)) : 0.0, 0.0});
+        if (t > frame + 700 * kMs) {
+            ASSERT_EQ(warp(s, frame, grid), kStatusWarped);
+            const qlmr::harness::WarpMesh mesh(grid.data(), static_cast<int>(c.gridColumns),
+                                               static_cast<int>(c.gridRows));
+            for (double e = -1.0; e <= 1.0; e += 0.125) {
+                const double border[4][2] = {{e, -1.0}, {e, 1.0}, {-1.0, e}, {1.0, e}};
+                for (const auto& p : border) {
+                    double u, v;
+                    ASSERT_TRUE(mesh.textureAt(p[0], p[1], u, v)) << frame;
+                    ASSERT_TRUE(u >= 0.0 && u <= 1.0 && v >= 0.0 && v <= 1.0) << frame;
+                }
+            }
+            zooms.emplace_back(static_cast<double>(frame - kStart) * 1e-9, s.outputZoom());
+            frame += 33 * kMs;
+        }
+    }
+    auto zoomAt = [&](double t) {
+        for (const auto& z : zooms) {
+            if (z.first >= t) {
+                return z.second;
+            }
+        }
+        return zooms.back().second;
+    };
+    const double lowest = 1.0 / 0.998;       // the crop check's inset of 0.1 % per side
+    EXPECT_NEAR(zoomAt(1.5), lowest, 1e-5);  // still: the whole picture
+    EXPECT_GT(zoomAt(2.8), lowest);          // raised before the shake begins
+    EXPECT_GT(zoomAt(4.5), 1.01);            // the shake needs a margin
+    EXPECT_LT(zoomAt(4.5), c.overscan);      // but not the whole overscan
+    EXPECT_GT(zoomAt(6.2), zoomAt(6.5));     // falls back afterwards,
+    for (size_t k = 1; k < zooms.size(); ++k) {
+        const double change = zooms[k].second - zooms[k - 1].second;
+        EXPECT_LE(change, Stabilizer::kZoomRisePerS * 0.033 + 1e-3) << zooms[k].first;
+        EXPECT_GE(change, -Stabilizer::kZoomFallPerS * 0.033 - 1e-9) << zooms[k].first;  // slowly
+    }
+    EXPECT_EQ(s.counters().framesClamped, 0u);
+}
+
 }  // namespace
 }  // namespace vstab

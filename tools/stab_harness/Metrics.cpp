@@ -191,38 +191,100 @@ double displacementPx(const V3& d, double focalPx, double rmsRadiusPx) {
                      rmsRadiusPx * rmsRadiusPx * d.z() * d.z());
 }
 
-FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double overscan,
+double gridZoom(const float* grid, int columns, int rows) {
+    // Shoelace area of the grid's outline, walked around its border vertices.
+    double area2 = 0.0;
+    auto at = [&](int i, int j) { return grid + 3 * (static_cast<size_t>(j) * columns + i); };
+    const float* prev = at(0, 0);
+    auto edge = [&](int i, int j) {
+        const float* p = at(i, j);
+        area2 += static_cast<double>(prev[0]) * p[1] - static_cast<double>(p[0]) * prev[1];
+        prev = p;
+    };
+    for (int i = 1; i < columns; ++i) {
+        edge(i, 0);
+    }
+    for (int j = 1; j < rows; ++j) {
+        edge(columns - 1, j);
+    }
+    for (int i = columns - 2; i >= 0; --i) {
+        edge(i, rows - 1);
+    }
+    for (int j = rows - 2; j >= 0; --j) {
+        edge(0, j);
+    }
+    return std::sqrt(std::fabs(area2) * 0.5 / 4.0);
+}
+
+FrameEvaluation evaluateFrame(const float* grid, int columns, int rows,
                               const sim::Trajectory& truth, const sim::CameraSetup& camera,
                               const sim::FrameStamp& frame) {
     FrameEvaluation ev;
     const WarpMesh mesh(grid, columns, rows);
-    const double focalOut = camera.focalPx() * overscan;
     const double rmsRadius = std::sqrt((static_cast<double>(camera.width) * camera.width +
                                         static_cast<double>(camera.height) * camera.height) /
                                        12.0);
-    // Output camera: the virtual pinhole whose picture the output is.
-    auto outputRay = [&](double x, double y) {
-        return V3((0.5 * x / overscan) / camera.fx(), (0.5 * y / overscan) / camera.fy(), 1.0)
-            .normalized();
-    };
     V3 rays[kSamplesPerAxis * kSamplesPerAxis];
     V3 seen[kSamplesPerAxis * kSamplesPerAxis];
-    bool ok[kSamplesPerAxis * kSamplesPerAxis];
+    double px[kSamplesPerAxis * kSamplesPerAxis], py[kSamplesPerAxis * kSamplesPerAxis];
     int count = 0;
     for (int r = 0; r < kSamplesPerAxis; ++r) {
         for (int c = 0; c < kSamplesPerAxis; ++c) {
             const double x = -1.0 + 2.0 * c / (kSamplesPerAxis - 1);
             const double y = -1.0 + 2.0 * r / (kSamplesPerAxis - 1);
             double u, v;
-            const int k = r * kSamplesPerAxis + c;
-            ok[k] = mesh.textureAt(x, y, u, v);
-            if (ok[k]) {
-                rays[count] = outputRay(x, y);
+            if (mesh.textureAt(x, y, u, v)) {
+                px[count] = x;
+                py[count] = y;
                 seen[count] = sim::worldDirection(truth, camera, frame, u, v);
                 ++count;
             }
         }
     }
+    // Output camera: the virtual pinhole whose picture the output is, magnified by the zoom
+    // that best explains what it shows (searched around the grid's outline estimate).
+    double overscan = gridZoom(grid, columns, rows);
+    auto outputRay = [&](double x, double y) {
+        return V3((0.5 * x / overscan) / camera.fx(), (0.5 * y / overscan) / camera.fy(), 1.0)
+            .normalized();
+    };
+    auto misfit = [&](double zoom) {
+        overscan = zoom;
+        for (int k = 0; k < count; ++k) {
+            rays[k] = outputRay(px[k], py[k]);
+        }
+        const Q fit = fitRotation(rays, seen, count);
+        double sum = 0.0;
+        for (int k = 0; k < count; ++k) {
+            const V3 d = fit * rays[k] - seen[k];
+            sum += d.squaredNorm();
+        }
+        return sum;
+    };
+    if (count >= 3) {
+        const double golden = 0.5 * (std::sqrt(5.0) - 1.0);
+        double a = 0.85 * overscan, b = 1.15 * overscan;
+        double c = b - golden * (b - a), d = a + golden * (b - a);
+        double fc = misfit(c), fd = misfit(d);
+        for (int it = 0; it < 40; ++it) {
+            if (fc < fd) {
+                b = d;
+                d = c;
+                fd = fc;
+                c = b - golden * (b - a);
+                fc = misfit(c);
+            } else {
+                a = c;
+                c = d;
+                fc = fd;
+                d = a + golden * (b - a);
+                fd = misfit(d);
+            }
+        }
+        misfit(0.5 * (a + b));
+    }
+    ev.zoom = overscan;
+    const double focalOut = camera.focalPx() * overscan;
     ev.output = fitRotation(rays, seen, count);
     // Rolling-shutter wobble: orientation of each output row, compared pairwise.
     V3 rowDev[kSamplesPerAxis];
@@ -281,11 +343,19 @@ FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double o
 }
 
 Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSetup& camera,
-                  double overscan, double trimS) {
+                  double trimS) {
     Figures f;
     const size_t n = frames.size();
     if (n < 4) {
         return f;
+    }
+    double overscan = 0.0;
+    f.minRetained = 1.0;
+    for (const FrameEvaluation& e : frames) {
+        overscan += e.zoom / static_cast<double>(n);
+        const double kept = std::min(1.0, 1.0 / (e.zoom * e.zoom));
+        f.meanRetained += kept / static_cast<double>(n);
+        f.minRetained = std::min(f.minRetained, kept);
     }
     const double fps = camera.fps;
     const double focalOut = camera.focalPx() * overscan;

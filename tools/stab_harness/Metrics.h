@@ -47,15 +47,22 @@ double lowFrequencyShare(const std::vector<const std::vector<double>*>& sequence
 // yaw and pitch move it by focalPx * angle, roll by the picture's RMS radius * angle.
 double displacementPx(const V3& d, double focalPx, double rmsRadiusPx);
 
+// Output magnification a grid shows the frame at: the frame's outline covers (2 zoom)^2 in
+// normalised device coordinates (exact for an unturned pinhole grid; turns change it only to
+// second order). The output keeps 1 / zoom^2 of the frame's area.
+double gridZoom(const float* grid, int columns, int rows);
+
 struct FrameEvaluation {
     Q output = Q::Identity();  // orientation of the output camera (world from output)
+    double zoom = 1.0;         // output magnification: the one whose pinhole fits the view best
     double wobblePx = 0.0;     // spread of orientation between the output's rows
     int outsidePoints = 0;     // output border points not drawn from inside the frame
     double worstOutsidePx = 0.0;
 };
 
-// Evaluates one output frame drawn through `grid`.
-FrameEvaluation evaluateFrame(const float* grid, int columns, int rows, double overscan,
+// Evaluates one output frame drawn through `grid`; its magnification is found by fitting the
+// output camera with the zoom free (starting from gridZoom).
+FrameEvaluation evaluateFrame(const float* grid, int columns, int rows,
                               const sim::Trajectory& truth, const sim::CameraSetup& camera,
                               const sim::FrameStamp& frame);
 
@@ -66,12 +73,15 @@ struct Figures {
     double maxAccelRadS2 = 0.0;  // largest angular acceleration of the output camera
     int framesOutside = 0;       // frames showing anything outside the input frame
     double worstOutsidePx = 0.0;
+    double meanRetained = 0.0;  // share of the frame's area the output keeps, mean over frames
+    double minRetained = 0.0;   // and its smallest value
 };
 
 // Figures over consecutive frames at `fps`; `trimS` seconds at each end are left out of the
-// jitter and acceleration (filter edges, start-up).
+// jitter and acceleration (filter edges, start-up). Angles become output pixels at the frames'
+// mean magnification.
 Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraSetup& camera,
-                  double overscan, double trimS);
+                  double trimS);
 
 }  // namespace qlmr::harness
 

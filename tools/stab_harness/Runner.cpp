@@ -92,10 +92,9 @@ RunResult runScenario(const sim::Scenario& s, const std::string& configText, dou
 
     std::deque<size_t> queue;
     auto render = [&](size_t f, const float* grid) {
-        result.output.push_back(
-            evaluateFrame(grid, columns, rows, result.overscan, truth, s.camera, frames[f]));
-        result.input.push_back(evaluateFrame(uniform.data(), columns, rows, result.overscan, truth,
-                                             s.camera, frames[f]));
+        result.output.push_back(evaluateFrame(grid, columns, rows, truth, s.camera, frames[f]));
+        result.input.push_back(
+            evaluateFrame(uniform.data(), columns, rows, truth, s.camera, frames[f]));
     };
     auto process = [&](bool force) {
         while (!queue.empty()) {
@@ -146,8 +145,8 @@ RunResult runScenario(const sim::Scenario& s, const std::string& configText, dou
         process(false);
     }
     process(true);
-    result.outputFigures = summarize(result.output, s.camera, result.overscan, trimS);
-    result.inputFigures = summarize(result.input, s.camera, result.overscan, trimS);
+    result.outputFigures = summarize(result.output, s.camera, trimS);
+    result.inputFigures = summarize(result.input, s.camera, trimS);
     return result;
 }
 

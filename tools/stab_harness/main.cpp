@@ -30,6 +30,7 @@ constexpr double kMinWobbleReduction = 0.9;
 constexpr double kWobbleMeaningfulPx = 1.0;  // below this the input has no wobble to reduce
 constexpr double kStillMaxJitterPx = 0.1;
 constexpr double kPanMaxAccelRadS2 = 1.0;
+constexpr double kStillMinRetained = 0.85;  // share of the picture a still camera keeps
 constexpr double kTrimS = 1.0;
 
 const char* kBeginMarker = "<!-- stab_harness:begin -->";
@@ -67,6 +68,9 @@ void checkRow(Row& r) {
     if (r.name == "still" && out.jitterPx > kStillMaxJitterPx) {
         fail("a still camera's output moves");
     }
+    if (r.name == "still" && out.minRetained < kStillMinRetained) {
+        fail("a still camera's output keeps less than 85 % of the picture");
+    }
     if (r.name == "pan" && out.maxAccelRadS2 > kPanMaxAccelRadS2) {
         fail("virtual camera accelerates too hard during the pan");
     }
@@ -78,12 +82,14 @@ std::string table(const std::vector<Row>& rows, const std::vector<std::string>& 
     char line[512];
     std::snprintf(line, sizeof line,
                   "Scenario length scale %.2f, seed %llu; 1920x1080 output, overscan 1.25. "
-                  "Input = the engine's unwarped grid, output = the library's grids.\n\n",
+                  "Input = the engine's unwarped grid, output = the library's grids; picture "
+                  "kept = share of the frame's area shown (1 / zoom^2).\n\n",
                   scale, seed);
     s << line;
     s << "| scenario | jitter px in / out | wobble px in / out (reduction) | stability in / out "
-         "| max accel rad/s^2 in / out | frames outside | warped / unwarped / dropped |\n";
-    s << "|---|---|---|---|---|---|---|\n";
+         "| max accel rad/s^2 in / out | frames outside | picture kept mean / min "
+         "| warped / unwarped / dropped |\n";
+    s << "|---|---|---|---|---|---|---|---|\n";
     for (const Row& r : rows) {
         const Figures& in = r.run.inputFigures;
         const Figures& out = r.run.outputFigures;
@@ -94,11 +100,12 @@ std::string table(const std::vector<Row>& rows, const std::vector<std::string>& 
         }
         std::snprintf(line, sizeof line,
                       "| %s (%s) | %.2f / %.3f | %.2f / %.3f (%s) | %.3f / %.3f | %.2f / %.2f "
-                      "| %d | %d / %d / %d |\n",
+                      "| %d | %.1f %% / %.1f %% | %d / %d / %d |\n",
                       r.name.c_str(), r.description.c_str(), in.jitterPx, out.jitterPx, in.wobblePx,
                       out.wobblePx, reduction, in.stability, out.stability, in.maxAccelRadS2,
-                      out.maxAccelRadS2, out.framesOutside, r.run.framesWarped,
-                      r.run.framesUnwarped, r.run.framesDropped);
+                      out.maxAccelRadS2, out.framesOutside, 100.0 * out.meanRetained,
+                      100.0 * out.minRetained, r.run.framesWarped, r.run.framesUnwarped,
+                      r.run.framesDropped);
         s << line;
     }
     s << "\nAcceptance: ";
