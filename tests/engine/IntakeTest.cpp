@@ -12,6 +12,7 @@
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
 #include "LogCapture.h"
+#include "SystemHooks.h"
 
 namespace {
 
@@ -449,6 +450,41 @@ TEST(EngineIntake, TimestampsMoveIntoTheFrameClockWithAnOffsetMeasuredOncePerRes
         EXPECT_EQ(linesStartingWith(log.lines(), measured).size(), 1u);
         EXPECT_LT(std::llabs(Boottime_Monotonic_timerDiff - bootMinusMonotonic), 1 * kMs);
     }
+}
+
+// A failed measurement of the boot-time offset at the first frame still counts as the
+// measurement (it is not retried until the next resume), and keeps the offset in store: the
+// frame is moved by that value, not by 0.
+TEST(EngineIntake, FailedOffsetMeasurementKeepsTheStoredOffset) {
+    EngineHarness h;  // resumed: the offset is to be measured again
+    h.makeCamera(idleCamera(640, 480));
+    h.start();
+    ASSERT_EQ(Boottime_Monotonic_timerDiff_got, 0);
+    constexpr int64_t kStored = 123456789;
+    Boottime_Monotonic_timerDiff = kStored;
+    const host::FrameLayout layout = host::FrameLayout::forSize(640, 480);
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
+    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
+    const int64_t first = clockNs(CLOCK_BOOTTIME) + 500 * kMs;
+
+    LogCapture log;
+    systemhooks::failBoottimeReadsOnThisThread(true);
+    h.engine->listener->dataCallbackTimestamp(first, CAMERA_MSG_VIDEO_FRAME, memory);
+    systemhooks::failBoottimeReadsOnThisThread(false);
+    h.engine->listener->dataCallbackTimestamp(first + kFramePeriodNs, CAMERA_MSG_VIDEO_FRAME,
+                                              memory);
+    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == 2; }, 5s));
+    EXPECT_EQ(Boottime_Monotonic_timerDiff_got, 1);
+    EXPECT_EQ(Boottime_Monotonic_timerDiff, kStored);
+    EXPECT_EQ(log.count(format("[VStab] got Boottime_Monotonic_timerDiff: %lld",
+                               static_cast<long long>(kStored)),
+                        kWarn),
+              1);
+    EXPECT_EQ(log.countContaining("got Boottime_Monotonic_timerDiff"), 1);
+    std::vector<int64_t> warped = vstabDouble().warpSnapshot();
+    ASSERT_EQ(warped.size(), 2u);
+    EXPECT_EQ(warped[0], first + kStored);
+    EXPECT_EQ(warped[1], first + kFramePeriodNs + kStored);
 }
 
 TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {

@@ -66,9 +66,11 @@ void Context::dataCallbackTimestamp(long long timestamp, int msgType,
     }
 
     if (!Boottime_Monotonic_timerDiff_got && clockIdFrame == CLOCK_BOOTTIME) {
-        long long delta = 0;
-        getDeltaTime(CLOCK_BOOTTIME, CLOCK_MONOTONIC, &delta);
-        Boottime_Monotonic_timerDiff = delta;
+        // A failed measurement leaves the offset in store as it was, and still counts: it is
+        // not tried again before the next resume.
+        long long delta = Boottime_Monotonic_timerDiff;
+        if (getDeltaTime(CLOCK_BOOTTIME, CLOCK_MONOTONIC, &delta))
+            Boottime_Monotonic_timerDiff = delta;
         Boottime_Monotonic_timerDiff_got = 1;
         QLOGW("[VStab] got Boottime_Monotonic_timerDiff: %lld",
               static_cast<long long>(Boottime_Monotonic_timerDiff));
