@@ -3,17 +3,21 @@
 #include <gtest/gtest.h>
 #include <host/PixelConversion.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <thread>
 #include <unistd.h>
 
 #include "EngineHarness.h"
+#include "EngineTestSupport.h"
 #include "LogCapture.h"
+#include "SystemHooks.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using namespace enginetest;
 
 // A camera of `frames` frames that the test delivers as fast as it likes (no gate): frames
 // pile up in the engine's queue whenever the library keeps them.
@@ -230,58 +234,51 @@ TEST(EnginePipeline, DebugFrameIndexMarksEveryOutputBufferWithItsCount) {
     }
 }
 
-// Luma of a smooth horizontal ramp: the picture the magnification test feeds.
-uint8_t rampLuma(int x, int width) {
-    return static_cast<uint8_t>(16 + (x * 200) / (width - 1));
+// A queue that is completely full reports a size of 0, so under status 2 its head frame stays:
+// the almost-full rule does not see it. stop() polls the same size, so it does not wait for
+// such a queue either: it joins at once, nothing is forced out and the queued frames go with
+// the queue (each was handed back to the camera at intake).
+TEST(EnginePipeline, FullQueueKeepsItsHeadUnderStatus2AndStopDoesNotWaitForIt) {
+    LogCapture log;
+    EngineHarness h;
+    vstabDouble().holdStatus = ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN;
+    vstabDouble().hold = true;  // keep every frame while the queue fills
+    h.makeCamera(freeRunningCamera(640, 480, 16));
+    auto& out = h.addOutput(1, 320, 240);
+    h.start();
+    ASSERT_EQ(h.engine->frameQueue->capacity, 16);
+    ASSERT_TRUE(waitFor([&] { return h.cameraDevice->counters().released == 16; }, 10s));
+    ASSERT_EQ(log.count("[Warning] Dropping new frame, internal buffer queue is full"), 0);
+    EXPECT_EQ(h.engine->frameQueue->size(), 0);  // full
+
+    vstabDouble().defaultStatus = 2;
+    const int callsBefore = vstabDouble().warpCalls.load();
+    vstabDouble().hold = false;
+    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= callsBefore + 5; }, 10s));
+    EXPECT_EQ(out.sink->count(), 0u);
+    EXPECT_EQ(log.countContaining("[VStab][Status] forceRecordStop="), 0);
+
+    finishesWithin(10000ms, "stop", [&] { h.stop(); });
+    EXPECT_EQ(log.count("Frame Queue Length ++++: 0", 5), 1);
+    EXPECT_EQ(log.count("forceRecordStop = 1"), 0);
+    EXPECT_EQ(out.sink->count(), 0u);
 }
 
-TEST(EnginePipeline, ZeroRotationShowsCentreOfFrameMagnified) {
-    constexpr int kW = 640, kH = 480;
-    EngineHarness h;
-    host::CameraSetup setup = pacedCamera(*h.engine, kW, kH, 1);
-    setup.source = std::make_shared<host::CallbackFrameSource>(
-        [](uint64_t index, host::FrameInfo& info) {
-            if (index > 0)
-                return false;
-            timespec ts{};
-            clock_gettime(CLOCK_MONOTONIC, &ts);
-            info.timestampNs = ts.tv_sec * 1000000000LL + ts.tv_nsec;
-            info.exposureUs = 10000;
-            return true;
-        },
-        [](uint64_t, const host::FrameInfo&, const host::FrameImage& image) {
-            for (int y = 0; y < image.height; ++y) {
-                for (int x = 0; x < image.width; ++x) {
-                    image.luma[y * image.pitch + x] = rampLuma(x, image.width);
-                }
-            }
-            for (int y = 0; y < image.height / 2; ++y)
-                std::memset(image.chroma + y * image.pitch, 128, image.width);
-            return true;
-        });
-    h.makeCamera(std::move(setup));
-    auto& out = h.addOutput(1, kW, kH);
-    h.start();
-    ASSERT_TRUE(waitFor([&] { return out.sink->count() == 1; }, 10s));
-    h.stop();
-
-    // Output pixel x shows input x_in = 0.1 W + 0.8 (x + 0.5) - 0.5 (grid edges at +-1.25).
-    const auto frame = out.sink->frames()[0];
-    int worst = 0;
-    for (int y : {40, kH / 2, kH - 40}) {
-        for (int x = 8; x < kW - 8; ++x) {
-            double xin = 0.1 * kW + 0.8 * (x + 0.5) - 0.5;
-            double expectedY = 16 + xin * 200.0 / (kW - 1);
-            uint8_t rgb[3];
-            host::yuvToRgb(static_cast<uint8_t>(std::lround(expectedY)), 128, 128, rgb);
-            const uint8_t* px = &frame.pixels[(static_cast<size_t>(y) * frame.stride + x) * 4];
-            worst = std::max(worst, std::abs(px[1] - rgb[1]));
-            EXPECT_EQ(px[0], px[1]);  // neutral chroma stays grey
-        }
+// A pass that found nothing to render sleeps 5000 us when the preview runs at exactly 60 fps
+// and 10000 us at any other rate.
+TEST(EnginePipeline, IdlePassSleeps5000UsAt60FpsAnd10000UsOtherwise) {
+    for (int fps : {60, 30, 24}) {
+        EngineHarness h;
+        h.makeCamera(idleCamera(640, 480, fps));
+        h.start();
+        systemhooks::recordSleepsOf(h.engine->thread);
+        const bool slept = waitFor([] { return systemhooks::recordedSleeps().size() >= 3; }, 10s);
+        systemhooks::recordSleepsOf(pthread_t{});
+        h.stop();
+        ASSERT_TRUE(slept) << fps;
+        for (useconds_t us : systemhooks::recordedSleeps())
+            EXPECT_EQ(us, fps == 60 ? 5000u : 10000u) << fps << " fps";
     }
-    // One input pixel of the ramp is 200/639 levels; the sampling position may be half a
-    // pixel off after rounding, plus the conversion's own rounding.
-    EXPECT_LE(worst, 2);
 }
 
 // A GL error while drawing is logged with the function text, the context is released, the

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -72,6 +73,8 @@ int vStabAddAngularVelocity(void*, long long timestampNs, const float* angularVe
 int vStabWarpGrid(void* handle, const void* frameInfo, VStabOutput* output) {
     VStabDouble& d = vstabDouble();
     d.warpCalls++;
+    if (int delayUs = d.warpDelayUs.load())
+        std::this_thread::sleep_for(std::chrono::microseconds(delayUs));
     const auto* info = static_cast<const VStabFrameInfo*>(frameInfo);
     int status = d.defaultStatus;
     {
@@ -92,7 +95,7 @@ int vStabWarpGrid(void* handle, const void* frameInfo, VStabOutput* output) {
         float* v = output->warpVertices;
         for (uint32_t j = 0; j < r.gridRows; ++j) {
             for (uint32_t i = 0; i < r.gridColumns; ++i) {
-                *v++ = (2.0f * i / (r.gridColumns - 1) - 1.0f) * 1.25f * d.gridScale;
+                *v++ = (2.0f * i / (r.gridColumns - 1) - 1.0f) * 1.25f * d.gridScale + d.gridOffsetX;
                 *v++ = (2.0f * j / (r.gridRows - 1) - 1.0f) * 1.25f * d.gridScale;
                 *v++ = 0.0f;
             }

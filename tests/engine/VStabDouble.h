@@ -33,14 +33,18 @@ struct VStabDouble {
     int destroyStatus = 0;
 
     // Warp behaviour: scripted statuses are used first, one per call; then `defaultStatus`.
-    // On status 0 the grid written is the unwarped ±1.25 grid scaled by `gridScale`.
+    // On status 0 the grid written is the unwarped ±1.25 grid scaled by `gridScale`, then moved
+    // right by `gridOffsetX` (normalised device coordinates).
     int defaultStatus = 0;
     float gridScale = 1.0f;
+    float gridOffsetX = 0.0f;
     bool writeGrid = true;
     // While set, every warp call returns `holdStatus` (the frame stays queued) without taking
     // a scripted status. May be flipped by any thread while the engine runs.
     std::atomic<bool> hold{false};
     int holdStatus = ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN;
+    // Time every warp call takes, µs: a slow library or a slow device.
+    std::atomic<int> warpDelayUs{0};
 
     std::atomic<int> createCalls{0};
     std::atomic<int> addCalls{0};
@@ -72,6 +76,18 @@ struct VStabDouble {
     std::vector<VStabFrameInfo> warpInfoSnapshot() {
         std::lock_guard<std::mutex> lock(mutex);
         return warpInfos;
+    }
+    // Forgets the per-call records (long runs keep memory flat this way); counters stay.
+    void clearRecords() {
+        std::lock_guard<std::mutex> lock(mutex);
+        gyroTimestamps.clear();
+        gyroTimestamps.shrink_to_fit();
+        gyroRates.clear();
+        gyroRates.shrink_to_fit();
+        warpTimestamps.clear();
+        warpTimestamps.shrink_to_fit();
+        warpInfos.clear();
+        warpInfos.shrink_to_fit();
     }
     std::vector<std::array<float, 3>> gyroRateSnapshot() {
         std::lock_guard<std::mutex> lock(mutex);

@@ -1,0 +1,235 @@
+// Warped rendering through the real engine: the mesh positions built around the library's grid,
+// the picture a warped frame makes in an output window, the colours of the camera's NV21 frame
+// on the way, and the plain frames of RenderEmpty.
+#include <gtest/gtest.h>
+#include <host/PixelConversion.h>
+#include <system/window.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "ColorCalibration.h"
+#include "EngineHarness.h"
+#include "EngineTestSupport.h"
+#include "LogCapture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace enginetest;
+
+// A camera of `frames` frames whose pictures `paint` writes, stamped on CLOCK_MONOTONIC and
+// paced by the library's warps.
+host::CameraSetup paintedCamera(int width, int height, uint64_t frames, PaintFrame paint) {
+    host::CameraSetup setup = sourceCamera(
+        width, height,
+        scriptedSource(
+            [frames](uint64_t n, int64_t start, host::FrameInfo& info) {
+                if (n >= frames)
+                    return false;
+                info.timestampNs = start + 50000000 + static_cast<int64_t>(n) * 33333333;
+                info.exposureUs = 10000;
+                return true;
+            },
+            std::move(paint)));
+    paceByWarps(setup);
+    return setup;
+}
+
+const uint8_t* pixelAt(const host::MemorySink::StoredFrame& frame, int x, int y) {
+    return &frame.pixels[(static_cast<size_t>(y) * frame.stride + x) * 4];
+}
+
+// The mesh is the library's grid with one ring of vertices around it. The ring lies on the
+// output's edges (x or y exactly -1 or +1, evenly spread along them), the interior takes the
+// library's x and y, and no z is passed on.
+TEST(EngineRender, BorderRingLiesOnTheOutputEdgesAroundTheLibraryGrid) {
+    Context engine;
+    constexpr int kColumns = 4, kRows = 3;  // library grid; the mesh is 6 x 5
+    engine.mesh.resize(kColumns + 2, kRows + 2);
+    std::vector<float> grid(kColumns * kRows * 3);
+    for (int j = 0; j < kRows; ++j) {
+        for (int i = 0; i < kColumns; ++i) {
+            float* v = &grid[(j * kColumns + i) * 3];
+            v[0] = 10.0f + static_cast<float>(i);
+            v[1] = 20.0f + static_cast<float>(j);
+            v[2] = 99.0f;
+        }
+    }
+    std::vector<float> positions(6 * 5 * 3, 7.0f);  // stale values must not survive
+    engine.vertBorder(positions, grid.data());
+
+    auto vertex = [&](int i, int j) { return &positions[(j * 6 + i) * 3]; };
+    const float ringX[6] = {-1.0f, -1.0f, -1.0f / 3.0f, 1.0f / 3.0f, 1.0f, 1.0f};
+    const float ringY[5] = {-1.0f, -1.0f, 0.0f, 1.0f, 1.0f};
+    for (int j = 0; j < 5; ++j) {
+        for (int i = 0; i < 6; ++i) {
+            const float* v = vertex(i, j);
+            const bool ring = i == 0 || i == 5 || j == 0 || j == 4;
+            float x = ring ? ringX[i] : 10.0f + static_cast<float>(i - 1);
+            float y = ring ? ringY[j] : 20.0f + static_cast<float>(j - 1);
+            if (ring && (i == 0 || i == 5))
+                x = i == 0 ? -1.0f : 1.0f;
+            if (ring && (j == 0 || j == 4))
+                y = j == 0 ? -1.0f : 1.0f;
+            EXPECT_FLOAT_EQ(v[0], x) << "vertex " << i << "," << j;
+            EXPECT_FLOAT_EQ(v[1], y) << "vertex " << i << "," << j;
+            EXPECT_EQ(v[2], 0.0f) << "vertex " << i << "," << j;
+        }
+    }
+}
+
+// Luma of the horizontal ramp the picture tests feed: 60 at the left edge, 210 at the right.
+uint8_t rampLuma(int x, int width) {
+    return static_cast<uint8_t>(60 + (x * 150) / (width - 1));
+}
+
+void paintRamp(uint64_t, const host::FrameImage& image) {
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x)
+            image.luma[y * image.pitch + x] = rampLuma(x, image.width);
+    }
+    for (int y = 0; y < image.height / 2; ++y)
+        std::memset(image.chroma + y * image.pitch, 128, image.width);
+}
+
+// A warped frame is drawn through the grid the library returned: here the identity grid moved a
+// quarter of the width to the right. The output shows the frame moved by that much, and the
+// strip the grid leaves uncovered on the left is filled by the border ring with the frame's edge
+// pixels (never the red of the cleared target).
+TEST(EngineRender, WarpedFrameIsDrawnThroughTheLibraryGrid) {
+    constexpr int kW = 640, kH = 480;
+    EngineHarness h;
+    vstabDouble().gridScale = 0.8f;  // +-1.25 x 0.8: the interior spans exactly +-1
+    vstabDouble().gridOffsetX = 0.5f;
+    h.makeCamera(paintedCamera(kW, kH, 1, paintRamp));
+    auto& out = h.addOutput(1, kW, kH);
+    h.start();
+    ASSERT_TRUE(out.sink->waitForCount(1, 10s));
+    h.stop();
+
+    const auto frame = out.sink->frames()[0];
+    int worst = 0;
+    for (int y : {40, kH / 2, kH - 40}) {
+        for (int x = 4; x < kW - 4; ++x) {
+            // Output x shows camera x - W/4; left of W/4 the ring repeats camera column 0.
+            const int source = std::max(0, x - kW / 4);
+            uint8_t rgb[3];
+            host::yuvToRgb(rampLuma(source, kW), 128, 128, rgb);
+            const uint8_t* px = pixelAt(frame, x, y);
+            worst = std::max(worst, std::abs(px[1] - rgb[1]));
+            ASSERT_EQ(px[0], px[1]) << "not grey at " << x << "," << y;
+        }
+    }
+    EXPECT_LE(worst, 2);
+}
+
+// The unwarped grid (status 1) shows the centre of the frame magnified 1.25 times: output pixel
+// x shows camera x_in = 0.1 W + 0.8 (x + 0.5) - 0.5.
+TEST(EngineRender, UnwarpedFrameShowsItsCentreMagnified) {
+    constexpr int kW = 640, kH = 480;
+    EngineHarness h;
+    vstabDouble().defaultStatus = 1;
+    vstabDouble().gridOffsetX = 0.5f;  // a grid the engine must not use for this frame
+    h.makeCamera(paintedCamera(kW, kH, 1, paintRamp));
+    auto& out = h.addOutput(1, kW, kH);
+    h.start();
+    ASSERT_TRUE(out.sink->waitForCount(1, 10s));
+    h.stop();
+
+    const auto frame = out.sink->frames()[0];
+    int worst = 0;
+    for (int y : {40, kH / 2, kH - 40}) {
+        for (int x = 8; x < kW - 8; ++x) {
+            const double xin = 0.1 * kW + 0.8 * (x + 0.5) - 0.5;
+            const double luma = 60 + xin * 150.0 / (kW - 1);
+            uint8_t rgb[3];
+            host::yuvToRgb(static_cast<uint8_t>(std::lround(luma)), 128, 128, rgb);
+            const uint8_t* px = pixelAt(frame, x, y);
+            worst = std::max(worst, std::abs(px[1] - rgb[1]));
+            ASSERT_EQ(px[0], px[1]) << "not grey at " << x << "," << y;
+        }
+    }
+    EXPECT_LE(worst, 2);
+}
+
+// BT.601 limited range ("video" levels), the conversion a camera's NV21 frame must get.
+void bt601(int y, int v, int u, double rgb[3]) {
+    const double l = 1.164383 * (y - 16);
+    rgb[0] = l + 1.596027 * (v - 128);
+    rgb[1] = l - 0.391762 * (u - 128) - 0.812968 * (v - 128);
+    rgb[2] = l + 2.017232 * (u - 128);
+    for (int c = 0; c < 3; ++c)
+        rgb[c] = std::clamp(rgb[c], 0.0, 255.0);
+}
+
+// The calibration chart filmed by the camera comes out of the engine (intake copy, NV21 slot
+// buffer, external texture, identity warp) in BT.601 colours.
+TEST(EngineRender, CalibrationChartComesOutAsBt601) {
+    constexpr int w = ColorCalibration::kWidth, h = ColorCalibration::kHeight;
+    EngineHarness harness;
+    vstabDouble().gridScale = 0.8f;  // identity: the interior spans exactly the output
+    ColorCalibration chart;
+    harness.makeCamera(paintedCamera(w, h, 1, [&chart](uint64_t, const host::FrameImage& image) {
+        chart.setColorCalibration_YUV21sp(image.luma, image.chroma, image.pitch);
+    }));
+    auto& out = harness.addOutput(1, w, h);
+    harness.start();
+    ASSERT_TRUE(out.sink->waitForCount(1, 10s));
+    harness.stop();
+    const auto frame = out.sink->frames()[0];
+    ASSERT_EQ(frame.width, static_cast<uint32_t>(w));
+
+    for (int b = 0; b < 5; ++b) {
+        for (int c = 0; c < 9; ++c) {
+            const int yv = ColorCalibration::y[b];
+            const int v = ColorCalibration::vu[c + 1][0], u = ColorCalibration::vu[c + 1][1];
+            double ref[3];
+            bt601(yv, v, u, ref);
+            // The whole patch but its outer 2 pixels, where chroma and filtering blend.
+            for (int row = 32 * b + 2; row < 32 * b + 30; ++row) {
+                for (int col = 32 * c + 2; col < 32 * c + 30; ++col) {
+                    const uint8_t* p = pixelAt(frame, col, row);
+                    for (int k = 0; k < 3; ++k) {
+                        ASSERT_NEAR(p[k], ref[k], 3.0) << "patch " << b << "," << c << " channel "
+                                                       << k << " at " << col << "," << row;
+                    }
+                }
+            }
+        }
+    }
+
+}
+
+// RenderEmpty queues one plain frame to every window, stamped by the window itself: red that
+// rises by 0.01 per frame from 0.0 at load and falls back to 0.0 once it passes 1.0. Without
+// windows it only takes and frees the registry lock.
+TEST(EngineRender, EmptyFramesRampTheRedLevelAndLetTheWindowStampThem) {
+    EngineHarness h;
+    h.engine->RenderEmpty();  // no window yet
+    auto& out = h.addOutput(1, 64, 16);
+    constexpr int kCalls = 105;
+    for (int k = 0; k < kCalls; ++k)
+        h.engine->RenderEmpty();
+    ASSERT_TRUE(out.sink->waitForCount(kCalls, 10s));
+    const auto frames = out.sink->frames();
+
+    float level = 0.0f;  // the process's first RenderEmpty (ctest runs every case on its own)
+    int wraps = 0;
+    for (int k = 0; k < kCalls; ++k) {
+        level = static_cast<float>(static_cast<double>(level) + 0.01);
+        if (level > 1.0f) {
+            level = 0.0f;
+            ++wraps;
+        }
+        const uint8_t* px = pixelAt(frames[k], 40, 8);
+        EXPECT_NEAR(px[0], level * 255.0f, 1.0) << "frame " << k;
+        EXPECT_EQ(px[1], 0) << "frame " << k;
+        EXPECT_EQ(px[2], 0) << "frame " << k;
+        EXPECT_TRUE(frames[k].autoTimestamp) << "frame " << k;
+    }
+    EXPECT_EQ(wraps, 1);
+}
+
+}  // namespace
