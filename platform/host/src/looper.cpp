@@ -3,6 +3,7 @@
 
 #include <utils/Looper.h>
 
+#include "host/HostSensors.h"
 #include "host_log.h"
 
 using android::Looper;
@@ -26,6 +27,8 @@ ALooper* ALooper_forThread() {
 }
 
 ALooper* ALooper_prepare(int opts) {
+    if (host::takeSensorFault(host::SensorFault::LooperPrepare))
+        return nullptr;
     return toALooper(Looper::prepare(opts).get());
 }
 

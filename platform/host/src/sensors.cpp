@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -410,6 +411,20 @@ bool removeGyro() {
     return true;
 }
 
+namespace {
+std::atomic<SensorFault> injectedFault{SensorFault::None};
+}  // namespace
+
+void injectSensorFault(SensorFault fault) {
+    injectedFault.store(fault);
+}
+
+bool takeSensorFault(SensorFault call) {
+    SensorFault expected = call;
+    return call != SensorFault::None &&
+           injectedFault.compare_exchange_strong(expected, SensorFault::None);
+}
+
 SensorCounters sensorCounters() {
     Registry& r = registry();
     GyroService* service = nullptr;
@@ -479,6 +494,8 @@ ASensor const* ASensorManager_getDefaultSensorEx(ASensorManager* manager, int ty
 ASensorEventQueue* ASensorManager_createEventQueue(ASensorManager* manager, ALooper* looper,
                                                    int ident, ALooper_callbackFunc callback,
                                                    void* data) {
+    if (host::takeSensorFault(host::SensorFault::CreateEventQueue))
+        return nullptr;
     if (manager == nullptr || looper == nullptr) {
         HOST_SENSORS_LOG(ANDROID_LOG_ERROR, "createEventQueue: null %s",
                          manager == nullptr ? "manager" : "looper");
@@ -506,6 +523,8 @@ ASensorEventQueue* ASensorManager_createEventQueue(ASensorManager* manager, ALoo
 }
 
 int ASensorManager_destroyEventQueue(ASensorManager* manager, ASensorEventQueue* queue) {
+    if (host::takeSensorFault(host::SensorFault::DestroyEventQueue))
+        return -EIO;
     if (manager == nullptr || queue == nullptr)
         return -EINVAL;
     auto& r = registry();
@@ -541,18 +560,24 @@ int ASensorEventQueue_registerSensor(ASensorEventQueue* queue, ASensor const* se
 }
 
 int ASensorEventQueue_enableSensor(ASensorEventQueue* queue, ASensor const* sensor) {
+    if (host::takeSensorFault(host::SensorFault::EnableSensor))
+        return -EIO;
     if (queue == nullptr || sensor == nullptr || !knownQueue(queue))
         return -EINVAL;
     return sensor->service->enable(queue, host::kDefaultPeriodNs);
 }
 
 int ASensorEventQueue_disableSensor(ASensorEventQueue* queue, ASensor const* sensor) {
+    if (host::takeSensorFault(host::SensorFault::DisableSensor))
+        return -EIO;
     if (queue == nullptr || sensor == nullptr || !knownQueue(queue))
         return -EINVAL;
     return sensor->service->disable(queue);
 }
 
 int ASensorEventQueue_setEventRate(ASensorEventQueue* queue, ASensor const* sensor, int32_t usec) {
+    if (host::takeSensorFault(host::SensorFault::SetEventRate))
+        return -EIO;
     if (queue == nullptr || sensor == nullptr || usec < 0 || !knownQueue(queue))
         return -EINVAL;
     return sensor->service->setPeriod(queue, requestedPeriodNs(sensor, usec));

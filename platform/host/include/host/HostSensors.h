@@ -169,4 +169,20 @@ struct SensorCounters {
 // Counters of the installed gyroscope since its installation (all zero without one).
 SensorCounters sensorCounters();
 
+// A platform call that a test makes fail, as a device's sensor service or looper can: the next
+// call of that function (from any thread) returns its failure value (null, or -EIO) without
+// doing anything; the calls after it work again.
+enum class SensorFault {
+    None,
+    LooperPrepare,      // ALooper_prepare: null
+    CreateEventQueue,   // ASensorManager_createEventQueue: null
+    EnableSensor,       // ASensorEventQueue_enableSensor: -EIO
+    SetEventRate,       // ASensorEventQueue_setEventRate: -EIO
+    DisableSensor,      // ASensorEventQueue_disableSensor: -EIO
+    DestroyEventQueue,  // ASensorManager_destroyEventQueue: -EIO
+};
+void injectSensorFault(SensorFault fault);
+// True once for the injected fault when `call` is that fault (the platform's own functions ask).
+bool takeSensorFault(SensorFault call);
+
 }  // namespace host
