@@ -1,0 +1,233 @@
+// What the platform does wrong, met by the real engine: a gyroscope that stops, a camera faster
+// than rendering, a window taken away while frames are drawn, GL failures in the session and
+// sensor service failures on the gyro thread.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "EngineHarness.h"
+#include "EngineTestSupport.h"
+#include "LogCapture.h"
+#include "SystemHooks.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace enginetest;
+
+// An endless camera at `fps`, paced by its own clock (frames that find the engine busy are
+// dropped by the engine, not held back by the camera).
+host::CameraSetup liveCamera(int width, int height, int fps) {
+    host::SyntheticFrameOptions options;
+    host::CameraSetup setup =
+        sourceCamera(width, height, std::make_shared<host::SyntheticFrameSource>(options), fps);
+    setup.pacing = host::Pacing::RealTime;
+    return setup;
+}
+
+std::vector<int64_t> timestamps(const host::MemorySink& sink) {
+    std::vector<int64_t> out;
+    for (const auto& frame : sink.frames())
+        out.push_back(frame.timestampNs);
+    return out;
+}
+
+bool strictlyIncreasing(const std::vector<int64_t>& values) {
+    return std::adjacent_find(values.begin(), values.end(),
+                              [](int64_t a, int64_t b) { return b <= a; }) == values.end();
+}
+
+// The gyroscope's stream ends half-way through a recording: the sensor thread ends, frames
+// keep coming out, and stop() joins the thread that has already left its loop.
+TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
+    // 100 samples at 400 Hz (a quarter of a second), stamped on CLOCK_BOOTTIME from now on.
+    std::vector<host::GyroSample> samples;
+    const int64_t now = clockNs(CLOCK_BOOTTIME);
+    for (int k = 0; k < 100; ++k)
+        samples.push_back({now + k * 2500000LL, 0.1f, 0.0f, 0.0f});
+    ScopedGyro gyro(std::make_shared<host::ReplayGyroSource>(samples), 2500,
+                    host::Pacing::RealTime);
+    EngineHarness h;
+    h.makeCamera(liveCamera(320, 240, 30));
+    auto& out = h.addOutput(1, 160, 120);
+    LogCapture log;
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return log.contains("[JJJ] SensorManager Thread Exit"); }, 10s));
+    EXPECT_EQ(h.engine->sensorManager->state.load(), ThreadState::Exited);
+    const size_t atGyroEnd = out.sink->count();
+    ASSERT_TRUE(out.sink->waitForCount(atGyroEnd + 10, 10s));
+    finishesWithin(10000ms, "stop", [&] { h.stop(); });
+    EXPECT_EQ(vstabDouble().addCalls.load(), 100);
+    EXPECT_TRUE(strictlyIncreasing(timestamps(*out.sink)));
+    EXPECT_EQ(log.countContaining("[Exception]"), 0);
+}
+
+// A camera at 60 fps and a library that needs 40 ms a frame: the queue fills and the newest
+// frames are dropped with the warning. Every frame goes back to the camera, every one is either
+// rendered once or dropped, and the outputs stay in order.
+TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
+    EngineHarness h;
+    vstabDouble().warpDelayUs = 40000;
+    h.makeCamera(liveCamera(320, 240, 60));
+    auto& out = h.addOutput(1, 160, 120);
+    LogCapture log;
+    const char* const kDropped = "[Warning] Dropping new frame, internal buffer queue is full";
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return log.count(kDropped, kWarn) >= 5; }, 20s));
+    // The library speeds up again and works the backlog off. (A queue still completely full at
+    // stop() would go unrendered: its size reads 0, so stop() does not wait for it.)
+    vstabDouble().warpDelayUs = 0;
+    const size_t rendered = out.sink->count();
+    ASSERT_TRUE(out.sink->waitForCount(rendered + 40, 20s));
+    finishesWithin(20000ms, "stop", [&] { h.stop(); });
+
+    host::CameraCounters counters = h.cameraDevice->counters();
+    EXPECT_EQ(counters.released, counters.delivered);
+    EXPECT_EQ(counters.releaseErrors, 0u);
+    EXPECT_EQ(out.sink->count() + static_cast<size_t>(log.count(kDropped, kWarn)),
+              counters.delivered);
+    EXPECT_TRUE(strictlyIncreasing(timestamps(*out.sink)));
+    EXPECT_EQ(log.countContaining("[Exception]"), 0);
+}
+
+// Windows are taken out of the registry and new ones put in while the processing thread
+// renders a live camera. Removal waits for the frame being drawn; a removed window gets
+// nothing more.
+TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
+    EngineHarness h;
+    h.makeCamera(liveCamera(320, 240, 60));
+    h.start();
+    struct Removed {
+        std::shared_ptr<host::MemorySink> sink;
+        size_t countAtRemoval;
+    };
+    std::vector<Removed> removed;
+    for (int round = 0; round < 20; ++round) {
+        auto sink = std::make_shared<host::MemorySink>();
+        host::WindowConfig config;
+        config.defaultWidth = 160;
+        config.defaultHeight = 120;
+        android::sp<ANativeWindow> window = host::createWindow(sink, config);
+        native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+        h.engine->jsm.addSurface(7, window);
+        ASSERT_TRUE(sink->waitForCount(2, 10s)) << round;
+        android::sp<ANativeWindow> taken;
+        finishesWithin(10000ms, "remSurface", [&] { taken = h.engine->jsm.remSurface(7); });
+        ASSERT_EQ(taken.get(), window.get());
+        removed.push_back({sink, sink->count()});
+        native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
+    }
+    finishesWithin(10000ms, "stop", [&] { h.stop(); });
+    for (const Removed& r : removed) {
+        EXPECT_EQ(r.sink->count(), r.countAtRemoval);
+        EXPECT_TRUE(strictlyIncreasing(timestamps(*r.sink)));
+    }
+}
+
+// glGenFramebuffers failing in onResume: the error line with line number 566, no shaders or
+// program, the context released; the session can be paused and resumed again.
+TEST(EngineSession, FramebufferFailureAtResumeIsLoggedAndSkipsTheShaders) {
+    EngineHarness h;
+    h.engine->onPause();
+    LogCapture log;
+    systemhooks::failFramebufferCallsOnThisThread(true);
+    h.engine->onResume();
+    systemhooks::failFramebufferCallsOnThisThread(false);
+    EXPECT_EQ(log.count(" void Context::onResume() 566 (1281)\n", kError), 1);
+    EXPECT_EQ(h.engine->program, nullptr);
+    EXPECT_EQ(h.engine->vertexShader, nullptr);
+    EXPECT_EQ(h.engine->fragmentShader, nullptr);
+    EXPECT_NE(h.engine->cameraTexture.data, nullptr);
+    EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
+    h.engine->onPause();
+    h.engine->onResume();
+    EXPECT_NE(h.engine->program, nullptr);
+}
+
+// glDeleteFramebuffers failing in onPause: the error line with line number 679, nothing
+// released (so that another onPause can try again), the context released from the thread.
+TEST(EngineSession, FramebufferFailureAtPauseKeepsEverythingForAnotherTry) {
+    EngineHarness h;
+    LogCapture log;
+    systemhooks::failFramebufferCallsOnThisThread(true);
+    h.engine->onPause();
+    systemhooks::failFramebufferCallsOnThisThread(false);
+    EXPECT_EQ(log.count(" void Context::onPause() 679 (1281)\n", kError), 1);
+    EXPECT_NE(h.engine->glContext.data, nullptr);
+    EXPECT_NE(h.engine->gbMapper.data, nullptr);
+    EXPECT_NE(h.engine->cameraTexture.data, nullptr);
+    EXPECT_NE(h.engine->program, nullptr);
+    EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
+    h.engine->onPause();
+    EXPECT_EQ(h.engine->glContext.data, nullptr);
+    EXPECT_EQ(h.engine->program, nullptr);
+    h.engine->onResume();  // for the harness's own pause
+}
+
+// Shaders the driver cannot compile: each failure is logged with the driver's info log, the
+// link failure too, and the resume goes on to the end.
+TEST(EngineSession, ShaderFailuresAreLoggedWithTheDriverLogAndTheResumeGoesOn) {
+    EngineHarness h;
+    h.engine->onPause();
+    LogCapture log;
+    systemhooks::breakShaderSourcesOnThisThread(true);
+    h.engine->onResume();
+    systemhooks::breakShaderSourcesOnThisThread(false);
+    const std::vector<LogLine> lines = log.lines();
+    auto at = [&](const std::string& text) {
+        return std::find_if(lines.begin(), lines.end(),
+                            [&](const LogLine& l) { return l.text == text; });
+    };
+    for (const char* text : {"Could not compile Vertex Shader: ",
+                             "Could not compile Fragment Shader: ", "Could not link gl program: "}) {
+        auto line = at(text);
+        ASSERT_NE(line, lines.end()) << text;
+        EXPECT_EQ(line->priority, kError) << text;
+        ASSERT_NE(line + 1, lines.end()) << text;
+        EXPECT_EQ((line + 1)->priority, kError) << text;  // the driver's info log
+        EXPECT_FALSE((line + 1)->text.empty()) << text;
+    }
+    EXPECT_NE(h.engine->program, nullptr);
+    EXPECT_NE(h.engine->framebuffer, 0u);
+    EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
+    h.engine->onPause();
+    h.engine->onResume();
+}
+
+// Every failure of the sensor service or looper on the gyro thread is logged and thrown out of
+// the thread body, which ends the process. Child-process body: returns only if the thread
+// survived.
+void runSensorThreadWith(host::SensorFault fault) {
+    ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
+    resetVStabDouble();
+    Context engine;
+    engine.clockIdFrame = CLOCK_BOOTTIME;
+    engine.clockIdGyro = CLOCK_BOOTTIME;
+    host::injectSensorFault(fault);
+    auto* sensor = new SensorManager(&engine);
+    // Clean-up faults come at the end of the loop: let samples flow, then stop the thread.
+    waitFor([] { return vstabDouble().addCalls.load() >= 5; }, 5s);
+    delete sensor;
+    std::this_thread::sleep_for(1s);
+}
+
+TEST(EngineSensorDeathTest, EveryPlatformFailureOnTheGyroThreadIsFatal) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::pair<host::SensorFault, const char*> cases[] = {
+        {host::SensorFault::LooperPrepare, "Could not create looper, fatal error"},
+        {host::SensorFault::CreateEventQueue, "Could not create Event Queue"},
+        {host::SensorFault::EnableSensor, "ASensorEventQueue_enableSensor Error"},
+        {host::SensorFault::SetEventRate, "ASensorEventQueue_setEventRate Error"},
+        {host::SensorFault::DisableSensor, "ASensorEventQueue_disableSensor Error"},
+        {host::SensorFault::DestroyEventQueue, "ASensorManager_destroyEventQueue Error"},
+    };
+    for (const auto& c : cases) {
+        const std::string message = c.second;
+        EXPECT_DEATH(runSensorThreadWith(c.first),
+                     message + "(.|\n)*what\\(\\): +" + message)
+            << message;
+    }
+}
+
+}  // namespace
