@@ -1,0 +1,239 @@
+// Long runs of the engine's lifecycle: hundreds of recordings and GL sessions in one process,
+// each with frames, gyro samples and an output window, checked for growth of resident memory,
+// threads and file descriptors. Labelled "long" and left out of the default test run:
+//   ctest --test-dir build/default -L long --output-on-failure
+// Each case prints its figures ("[long-run] ...") for docs/reliability.md.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <fstream>
+#include <string>
+
+#include "EngineHarness.h"
+#include "EngineTestSupport.h"
+#include "LogCapture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace enginetest;
+
+struct ProcessFigures {
+    long rssKiB = 0;
+    int threads = 0;
+    int fds = 0;
+};
+
+int entriesIn(const char* directory) {
+    int count = 0;
+    if (DIR* dir = opendir(directory)) {
+        while (dirent* entry = readdir(dir)) {
+            if (entry->d_name[0] != '.')
+                ++count;
+        }
+        closedir(dir);
+    }
+    return count;
+}
+
+ProcessFigures processFigures() {
+    ProcessFigures figures;
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("VmRSS:", 0) == 0)
+            figures.rssKiB = std::stol(line.substr(6));
+    }
+    figures.threads = entriesIn("/proc/self/task");
+    figures.fds = entriesIn("/proc/self/fd") - 1;  // less the directory stream itself
+    return figures;
+}
+
+// Counts what a window receives, keeping no pixels, and counts timestamps that do not rise.
+class CountingSink : public host::FrameSink {
+  public:
+    void onFrame(const host::Frame& frame) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (count_ > 0 && frame.timestampNs <= last_)
+            ++outOfOrder_;
+        last_ = frame.timestampNs;
+        ++count_;
+        arrived_.notify_all();
+    }
+    size_t count() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return count_;
+    }
+    size_t outOfOrder() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return outOfOrder_;
+    }
+    bool waitForCount(size_t count, std::chrono::milliseconds timeout) const {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return arrived_.wait_for(lock, timeout, [&] { return count_ >= count; });
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    mutable std::condition_variable arrived_;
+    size_t count_ = 0;
+    size_t outOfOrder_ = 0;
+    int64_t last_ = 0;
+};
+
+android::sp<ANativeWindow> countingWindow(const std::shared_ptr<CountingSink>& sink) {
+    host::WindowConfig config;
+    config.defaultWidth = 160;
+    config.defaultHeight = 96;
+    android::sp<ANativeWindow> window = host::createWindow(sink, config);
+    native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+    return window;
+}
+
+// Five frames per recording, numbered from 0 in each recording, stamped on CLOCK_MONOTONIC.
+host::CameraSetup fiveFramesPerRecording() {
+    host::CameraSetup setup = sourceCamera(
+        320, 240, scriptedSource([](uint64_t n, int64_t start, host::FrameInfo& info) {
+            if (n >= 5)
+                return false;
+            info.timestampNs = start + 20000000 + static_cast<int64_t>(n) * 33333333;
+            info.exposureUs = 10000;
+            return true;
+        }));
+    paceByWarps(setup);
+    return setup;
+}
+
+// Resident memory may move by allocator caching; threads and descriptors must come back.
+constexpr long kRssSlackKiB = 4096;
+
+void report(const char* what, int cycles, const ProcessFigures& warm, const ProcessFigures& end) {
+    std::printf("[long-run] %s: %d cycles; after warm-up rss %ld KiB, threads %d, fds %d; "
+                "at the end rss %ld KiB (%+ld), threads %d, fds %d\n",
+                what, cycles, warm.rssKiB, warm.threads, warm.fds, end.rssKiB,
+                end.rssKiB - warm.rssKiB, end.threads, end.fds);
+}
+
+// 200 recordings (start, five frames rendered into a window, stop) on one GL session with a
+// live gyroscope.
+TEST(EngineLongRun, TwoHundredStartStopCyclesGrowNothing) {
+    ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
+    EngineHarness h;
+    h.makeCamera(fiveFramesPerRecording());
+    auto sink = std::make_shared<CountingSink>();
+    android::sp<ANativeWindow> window = countingWindow(sink);
+    h.engine->jsm.addSurface(1, window);
+    constexpr int kCycles = 200, kWarmUp = 10;
+    ProcessFigures warm;
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        h.start();
+        ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
+        finishesWithin(20000ms, "stop", [&] { h.stop(); });
+        vstabDouble().clearRecords();
+        if (cycle + 1 == kWarmUp)
+            warm = processFigures();
+    }
+    const ProcessFigures end = processFigures();
+    report("start/stop", kCycles, warm, end);
+    h.engine->jsm.remSurface(1);
+    native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
+    EXPECT_EQ(sink->count(), 5u * kCycles);
+    host::CameraCounters counters = h.cameraDevice->counters();
+    EXPECT_EQ(counters.delivered, 5u * kCycles);
+    EXPECT_EQ(counters.released, counters.delivered);
+    EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
+    EXPECT_EQ(end.threads, warm.threads);
+    EXPECT_EQ(end.fds, warm.fds);
+    EXPECT_LT(end.rssKiB - warm.rssKiB, kRssSlackKiB);
+}
+
+// 100 GL sessions in the order the Java side drives them: onResume, window added, start, five
+// frames, stop, window removed, onPause.
+TEST(EngineLongRun, HundredPauseResumeCyclesGrowNothing) {
+    ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
+    EngineHarness h;
+    h.makeCamera(fiveFramesPerRecording());
+    constexpr int kCycles = 100, kWarmUp = 10;
+    auto sink = std::make_shared<CountingSink>();
+    ProcessFigures warm;
+    for (int cycle = 0; cycle < kCycles; ++cycle) {
+        if (cycle > 0)
+            h.engine->onResume();
+        android::sp<ANativeWindow> window = countingWindow(sink);
+        h.engine->jsm.addSurface(1, window);
+        h.start();
+        ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
+        finishesWithin(20000ms, "stop", [&] { h.stop(); });
+        h.engine->jsm.remSurface(1);
+        native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
+        window.clear();
+        vstabDouble().clearRecords();
+        if (cycle + 1 == kWarmUp)
+            warm = processFigures();
+        if (cycle + 1 < kCycles)
+            h.engine->onPause();  // the last pause is the harness's
+    }
+    const ProcessFigures end = processFigures();
+    report("onPause/onResume", kCycles, warm, end);
+    EXPECT_EQ(sink->count(), 5u * kCycles);
+    EXPECT_EQ(end.threads, warm.threads);
+    EXPECT_EQ(end.fds, warm.fds);
+    EXPECT_LT(end.rssKiB - warm.rssKiB, kRssSlackKiB);
+}
+
+// One recording of 50,000 frames at 160 x 96 with a live gyroscope, the camera waiting for the
+// engine (offline pacing): resident memory sampled every 5,000 frames stays flat after the
+// first 5,000, and every frame comes out once, in order.
+TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
+    constexpr uint64_t kFrames = 50000, kStep = 5000;
+    ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
+    EngineHarness h;
+    host::CameraSetup setup = sourceCamera(
+        160, 96, scriptedSource([](uint64_t n, int64_t start, host::FrameInfo& info) {
+            if (n >= kFrames)
+                return false;
+            info.timestampNs = start + 20000000 + static_cast<int64_t>(n) * 33333333;
+            info.exposureUs = 10000;
+            return true;
+        }));
+    paceByWarps(setup);
+    h.makeCamera(setup);
+    auto sink = std::make_shared<CountingSink>();
+    android::sp<ANativeWindow> window = countingWindow(sink);
+    h.engine->jsm.addSurface(1, window);
+    h.start();
+    ProcessFigures warm;
+    ProcessFigures most;  // the largest figures seen after the warm-up, while frames flow
+    for (uint64_t done = kStep; done <= kFrames; done += kStep) {
+        ASSERT_TRUE(sink->waitForCount(done, 300s)) << done;
+        vstabDouble().clearRecords();
+        const ProcessFigures now = processFigures();
+        std::printf("[long-run] %llu frames: rss %ld KiB, threads %d, fds %d\n",
+                    static_cast<unsigned long long>(done), now.rssKiB, now.threads, now.fds);
+        if (done == kStep) {
+            warm = now;
+        } else if (done < kFrames) {  // at the last frame the camera's thread has ended
+            most.rssKiB = std::max(most.rssKiB, now.rssKiB);
+            most.threads = std::max(most.threads, now.threads);
+            most.fds = std::max(most.fds, now.fds);
+        }
+    }
+    finishesWithin(20000ms, "stop", [&] { h.stop(); });
+    h.engine->jsm.remSurface(1);
+    native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
+    host::CameraCounters counters = h.cameraDevice->counters();
+    EXPECT_EQ(counters.delivered, kFrames);
+    EXPECT_EQ(counters.released, kFrames);
+    EXPECT_EQ(sink->count(), kFrames);
+    EXPECT_EQ(sink->outOfOrder(), 0u);
+    EXPECT_LT(most.rssKiB - warm.rssKiB, kRssSlackKiB);
+    EXPECT_EQ(most.threads, warm.threads);
+    EXPECT_EQ(most.fds, warm.fds);
+}
+
+}  // namespace
