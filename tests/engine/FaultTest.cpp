@@ -99,8 +99,9 @@ TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     h.makeCamera(liveCamera(320, 240, 60));
     h.start();
     struct Removed {
+        android::sp<ANativeWindow> window;
         std::shared_ptr<host::MemorySink> sink;
-        size_t countAtRemoval;
+        uint64_t queuedAtRemoval;
     };
     std::vector<Removed> removed;
     for (int round = 0; round < 20; ++round) {
@@ -115,12 +116,18 @@ TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
         android::sp<ANativeWindow> taken;
         finishesWithin(10000ms, "remSurface", [&] { taken = h.engine->jsm.remSurface(7); });
         ASSERT_EQ(taken.get(), window.get());
-        removed.push_back({sink, sink->count()});
+        host::WindowCounters counters{};
+        ASSERT_TRUE(host::windowCounters(window.get(), &counters));
+        removed.push_back({window, sink, counters.queued});
         native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
     }
     finishesWithin(10000ms, "stop", [&] { h.stop(); });
     for (const Removed& r : removed) {
-        EXPECT_EQ(r.sink->count(), r.countAtRemoval);
+        host::WindowCounters counters{};
+        ASSERT_TRUE(host::windowCounters(r.window.get(), &counters));
+        EXPECT_EQ(counters.queued, r.queuedAtRemoval);
+        ASSERT_TRUE(host::waitForIdle(r.window.get(), 10s));
+        EXPECT_EQ(r.sink->count(), r.queuedAtRemoval);
         EXPECT_TRUE(strictlyIncreasing(timestamps(*r.sink)));
     }
 }
