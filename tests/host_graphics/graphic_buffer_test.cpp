@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "host/PixelConversion.h"
 
@@ -112,21 +113,25 @@ TEST(GraphicBuffer, NativeBufferLeadsBackToTheSameCountedObject) {
     EXPECT_EQ(GraphicBuffer::from(nullptr), nullptr);
 }
 
+// The exact BT.601 limited-range formula, clamped to 0..255: channel i of (y, u, v).
+double exactBt601(int y, int u, int v, int i) {
+    const double c = 255.0 / 219.0 * (y - 16);
+    const double d = 255.0 / 224.0 * (u - 128);
+    const double e = 255.0 / 224.0 * (v - 128);
+    const double exact[3] = {c + 1.402 * e, c - 0.344136 * d - 0.714136 * e, c + 1.772 * d};
+    return std::fmin(255.0, std::fmax(0.0, exact[i]));
+}
+
 TEST(PixelConversion, Bt601LimitedRangeWithinOneOfTheExactFormula) {
     for (int y = 0; y < 256; y += 5) {
         for (int u = 0; u < 256; u += 15) {
             for (int v = 0; v < 256; v += 15) {
-                const double c = 255.0 / 219.0 * (y - 16);
-                const double d = 255.0 / 224.0 * (u - 128);
-                const double e = 255.0 / 224.0 * (v - 128);
-                const double exact[3] = {c + 1.402 * e, c - 0.344136 * d - 0.714136 * e,
-                                         c + 1.772 * d};
                 uint8_t rgb[3];
                 host::yuvToRgb(static_cast<uint8_t>(y), static_cast<uint8_t>(u),
                                static_cast<uint8_t>(v), rgb);
                 for (int i = 0; i < 3; ++i) {
-                    const double clamped = std::fmin(255.0, std::fmax(0.0, exact[i]));
-                    ASSERT_LE(std::fabs(rgb[i] - clamped), 1.0) << y << " " << u << " " << v;
+                    ASSERT_LE(std::fabs(rgb[i] - exactBt601(y, u, v, i)), 1.0)
+                        << y << " " << u << " " << v;
                 }
             }
         }
@@ -139,6 +144,35 @@ TEST(PixelConversion, Bt601LimitedRangeWithinOneOfTheExactFormula) {
     EXPECT_EQ(rgb[2], 0);
 }
 
+// The vectorised NV21 conversion over every (U, V) pair and every luma value: within 3 levels
+// of the exact formula (libyuv's 6-bit coefficients), alpha 255.
+TEST(PixelConversion, Nv21WithinThreeOfTheExactFormula) {
+    constexpr uint32_t kW = 512;  // luma x / 2 at column x: all 256 values, in 2 x 2 blocks
+    constexpr uint32_t kH = 2;
+    std::vector<uint8_t> luma(kW * kH);
+    for (uint32_t x = 0; x < kW; ++x)
+        luma[x] = luma[kW + x] = static_cast<uint8_t>(x / 2);
+    std::vector<uint8_t> vu(kW);
+    std::vector<uint8_t> rgba(kW * kH * 4);
+    double worst = 0;
+    for (int u = 0; u < 256; u += 3) {
+        for (int v = 0; v < 256; v += 3) {
+            for (uint32_t x = 0; x < kW; x += 2) {
+                vu[x] = static_cast<uint8_t>(v);
+                vu[x + 1] = static_cast<uint8_t>(u);
+            }
+            host::nv21ToRgba(luma.data(), kW, vu.data(), kW, kW, kH, rgba.data());
+            for (uint32_t p = 0; p < kW * kH; ++p) {
+                const int y = luma[p];
+                for (int i = 0; i < 3; ++i)
+                    worst = std::fmax(worst, std::fabs(rgba[p * 4 + i] - exactBt601(y, u, v, i)));
+                ASSERT_EQ(rgba[p * 4 + 3], 255);
+            }
+        }
+    }
+    EXPECT_LE(worst, 3.0);
+}
+
 TEST(PixelConversion, Nv21ChromaSampleCoversItsTwoByTwoBlock) {
     // 4 x 2 picture, luma stride 8, chroma stride 6 (padding must be skipped).
     const uint8_t luma[16] = {16, 50, 100, 150, 0, 0, 0, 0, 200, 235, 60, 90, 0, 0, 0, 0};
@@ -148,12 +182,12 @@ TEST(PixelConversion, Nv21ChromaSampleCoversItsTwoByTwoBlock) {
     const int expectedY[8] = {16, 50, 100, 150, 200, 235, 60, 90};
     for (int i = 0; i < 8; ++i) {
         const int col = i % 4;
-        uint8_t ref[3];
-        host::yuvToRgb(static_cast<uint8_t>(expectedY[i]), vu[(col / 2) * 2 + 1], vu[(col / 2) * 2],
-                       ref);
-        EXPECT_EQ(rgba[i * 4 + 0], ref[0]) << i;
-        EXPECT_EQ(rgba[i * 4 + 1], ref[1]) << i;
-        EXPECT_EQ(rgba[i * 4 + 2], ref[2]) << i;
+        for (int c = 0; c < 3; ++c) {
+            EXPECT_LE(std::fabs(rgba[i * 4 + c] -
+                                exactBt601(expectedY[i], vu[(col / 2) * 2 + 1], vu[(col / 2) * 2], c)),
+                      3.0)
+                << i << " " << c;
+        }
         EXPECT_EQ(rgba[i * 4 + 3], 255) << i;
     }
 }

@@ -8,7 +8,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
+#include <vector>
 
 using namespace qlmr::replay;
 using replay_test::TempDir;
@@ -35,14 +38,88 @@ TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
                  {0, 255, 0, 144, 54, 34},
                  {0, 0, 255, 41, 240, 110}};
     for (const Case& c : cases) {
+        // The per-pixel reference is exact; the picture conversion (libyuv) within 1.
+        EXPECT_EQ(rgbToY(c.r, c.g, c.b), c.y);
+        EXPECT_EQ(rgbToU(c.r, c.g, c.b), c.u);
+        EXPECT_EQ(rgbToV(c.r, c.g, c.b), c.v);
         Nv21Image nv;
         nv.resize(2, 2);
         rgbToNv21(solid(2, 2, c.r, c.g, c.b), nv);
-        EXPECT_EQ(nv.y()[0], c.y) << int(c.r) << "," << int(c.g) << "," << int(c.b);
+        EXPECT_NEAR(nv.y()[0], c.y, 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
         // NV21 stores V first, then U.
-        EXPECT_EQ(nv.vu()[0], c.v);
-        EXPECT_EQ(nv.vu()[1], c.u);
+        EXPECT_NEAR(nv.vu()[0], c.v, 1);
+        EXPECT_NEAR(nv.vu()[1], c.u, 1);
     }
+}
+
+// The picture conversions (libyuv) against the per-pixel integer reference on a gradient with
+// sharp chroma edges: luma within 1, chroma (a 2x2 block's mean) within 2, RGB within 3.
+TEST(ColorConvert, PictureConversionsWithinTheirToleranceOfTheReference) {
+    constexpr int kW = 64, kH = 32;
+    const RgbImage src = replay_test::gradient(kW, kH);
+    Nv21Image nv;
+    nv.resize(kW, kH);
+    rgbToNv21(src, nv);
+    std::vector<uint8_t> rgba(kW * kH * 4);
+    for (int i = 0; i < kW * kH; ++i) {
+        std::memcpy(&rgba[4 * i], &src.data[3 * i], 3);
+        rgba[4 * i + 3] = 255;
+    }
+    I420Image i420;
+    i420.resize(kW, kH);
+    rgbaToI420(RgbaView{kW, kH, kW, rgba.data()}, i420);
+    int worstY = 0, worstC = 0;
+    for (int y = 0; y < kH; ++y) {
+        for (int x = 0; x < kW; ++x) {
+            const uint8_t* p = src.row(y) + 3 * x;
+            const int ref = rgbToY(p[0], p[1], p[2]);
+            worstY = std::max(worstY, std::abs(nv.y()[y * kW + x] - ref));
+            worstY = std::max(worstY, std::abs(i420.y()[y * kW + x] - ref));
+        }
+    }
+    for (int by = 0; by < kH / 2; ++by) {
+        for (int bx = 0; bx < kW / 2; ++bx) {
+            int su = 0, sv = 0;
+            for (int k = 0; k < 4; ++k) {
+                const uint8_t* p = src.row(2 * by + k / 2) + 3 * (2 * bx + k % 2);
+                su += rgbToU(p[0], p[1], p[2]);
+                sv += rgbToV(p[0], p[1], p[2]);
+            }
+            const int u = (su + 2) / 4, v = (sv + 2) / 4;
+            const uint8_t* vu = nv.vu() + by * kW + 2 * bx;
+            worstC = std::max({worstC, std::abs(vu[0] - v), std::abs(vu[1] - u),
+                               std::abs(i420.u()[by * kW / 2 + bx] - u),
+                               std::abs(i420.v()[by * kW / 2 + bx] - v)});
+        }
+    }
+    EXPECT_LE(worstY, 1);
+    EXPECT_LE(worstC, 2);
+
+    RgbImage fromNv, fromI420;
+    fromNv.resize(kW, kH);
+    fromI420.resize(kW, kH);
+    nv21ToRgb(nv, fromNv);
+    i420ToRgb(i420, fromI420);
+    std::vector<uint8_t> fromNvRgba(kW * kH * 4);
+    nv21ToRgba(nv, fromNvRgba.data(), kW);
+    int worstRgb = 0;
+    for (int y = 0; y < kH; ++y) {
+        for (int x = 0; x < kW; ++x) {
+            const uint8_t* c = nv.vu() + (y / 2) * kW + (x & ~1);
+            uint8_t ref[3];
+            yuvToRgb(nv.y()[y * kW + x], c[1], c[0], ref);
+            const uint8_t* u = i420.u() + (y / 2) * (kW / 2) + x / 2;
+            const uint8_t* v = i420.v() + (y / 2) * (kW / 2) + x / 2;
+            uint8_t refI420[3];
+            yuvToRgb(i420.y()[y * kW + x], *u, *v, refI420);
+            for (int ch = 0; ch < 3; ++ch) {
+                worstRgb = std::max({worstRgb, std::abs(fromNv.row(y)[3 * x + ch] - ref[ch]),
+                                     std::abs(fromNvRgba[4 * (y * kW + x) + ch] - ref[ch]),
+                                     std::abs(fromI420.row(y)[3 * x + ch] - refI420[ch])});
+            }
+        }
+    }
+    EXPECT_LE(worstRgb, 3);
 }
 
 TEST(ColorConvert, RoundTripsThroughNv21AndRgba) {

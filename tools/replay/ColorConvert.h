@@ -2,8 +2,11 @@
 // range: luma 16..235, chroma 16..240 centred on 128. The same matrix as the engine's camera
 // sampler, so that a frame that goes RGB -> NV21 -> (engine) -> RGBA keeps its colours.
 //
-// All functions write into a destination that the caller has sized (resize) to the source's
-// dimensions; none allocates. Widths and heights of 4:2:0 pictures are even.
+// The picture conversions are libyuv's (vectorised); the per-pixel functions below are the
+// plain integer reference the tests hold them to (libyuv's own rounding keeps every channel
+// within 3 levels of it). All functions write into a destination that the caller has sized
+// (resize) to the source's dimensions; none allocates in steady state (rgbToNv21 sizes a
+// per-thread buffer once per frame size). Widths and heights of 4:2:0 pictures are even.
 #pragma once
 
 #include "Image.h"

@@ -1,6 +1,8 @@
 // CPU pixel conversions: NV21 to RGBA (BT.601, limited range) and 32-bit channel orders.
 #include "host/PixelConversion.h"
 
+#include <libyuv/convert_argb.h>
+
 #include <system/graphics.h>
 
 #include <cstring>
@@ -62,25 +64,11 @@ void yuvToRgb(uint8_t y, uint8_t u, uint8_t v, uint8_t rgb[3]) {
 
 void nv21ToRgba(const uint8_t* luma, size_t lumaStride, const uint8_t* vu, size_t chromaStride,
                 uint32_t width, uint32_t height, uint8_t* rgba) {
-    const size_t outStride = static_cast<size_t>(width) * 4;
-    for (uint32_t row = 0; row + 1 < height; row += 2) {
-        const uint8_t* y0 = luma + row * lumaStride;
-        const uint8_t* y1 = y0 + lumaStride;
-        const uint8_t* c = vu + (row / 2) * chromaStride;
-        uint8_t* out0 = rgba + row * outStride;
-        uint8_t* out1 = out0 + outStride;
-        for (uint32_t col = 0; col + 1 < width; col += 2) {
-            const uint8_t v = c[col];
-            const uint8_t u = c[col + 1];
-            const int32_t rTerm = kTables.rv[v];
-            const int32_t gTerm = kTables.gu[u] + kTables.gv[v];
-            const int32_t bTerm = kTables.bu[u];
-            put(out0 + col * 4, kTables.y[y0[col]], rTerm, gTerm, bTerm);
-            put(out0 + col * 4 + 4, kTables.y[y0[col + 1]], rTerm, gTerm, bTerm);
-            put(out1 + col * 4, kTables.y[y1[col]], rTerm, gTerm, bTerm);
-            put(out1 + col * 4 + 4, kTables.y[y1[col + 1]], rTerm, gTerm, bTerm);
-        }
-    }
+    // libyuv's "ABGR" is R, G, B, A in memory order (a little-endian 0xAABBGGRR word): RGBA
+    // bytes. Its NV21 path is BT.601 limited range with nearest chroma, vectorised (SSSE3/AVX2).
+    libyuv::NV21ToABGR(luma, static_cast<int>(lumaStride), vu, static_cast<int>(chromaStride),
+                       rgba, static_cast<int>(width) * 4, static_cast<int>(width),
+                       static_cast<int>(height));
 }
 
 namespace {

@@ -9,15 +9,18 @@ namespace host {
 // Converts an NV21 picture to tightly packed RGBA (alpha 255), as a device's external-texture
 // sampler presents a camera buffer: ITU-R BT.601 matrix, limited ("video") range (luma 16..235,
 // chroma 16..240 centred on 128), each chroma sample shared by its 2 x 2 luma block (no chroma
-// interpolation). Integer arithmetic with 8 fractional bits; results are within 1 of the exact
-// formula R = 1.164 (Y - 16) + 1.596 (V - 128), G = 1.164 (Y - 16) - 0.813 (V - 128)
-// - 0.391 (U - 128), B = 1.164 (Y - 16) + 2.018 (U - 128), clamped to 0..255.
+// interpolation). Done by libyuv (vectorised; the camera thread calls it on every unlock of a
+// camera buffer). libyuv keeps 6 fractional bits in its coefficients: results are within 3 of
+// the exact formula R = 1.164 (Y - 16) + 1.596 (V - 128), G = 1.164 (Y - 16) - 0.813 (V - 128)
+// - 0.391 (U - 128), B = 1.164 (Y - 16) + 2.018 (U - 128), clamped to 0..255 (yuvToRgb below,
+// with 8 fractional bits, stays within 1 and is the reference the tests hold it to).
 // `luma` has `lumaStride` bytes per row; `vu` holds height / 2 rows of `chromaStride` bytes with
 // V first in each pair. width and height must be even. `rgba` receives width * height * 4 bytes.
 void nv21ToRgba(const uint8_t* luma, size_t lumaStride, const uint8_t* vu, size_t chromaStride,
                 uint32_t width, uint32_t height, uint8_t* rgba);
 
-// One NV21 sample converted by the same rule, for checks: writes R, G, B.
+// One NV21 sample converted by the same rule on the CPU in plain integer arithmetic (8
+// fractional bits, within 1 of the exact formula), for checks: writes R, G, B.
 void yuvToRgb(uint8_t y, uint8_t u, uint8_t v, uint8_t rgb[3]);
 
 // Copies 32-bit pixels of HAL format `format` (RGBA_8888, RGBX_8888 or BGRA_8888) with a row
