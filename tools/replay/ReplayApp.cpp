@@ -3,6 +3,7 @@
 #include "Ffmpeg.h"
 #include "ImageIo.h"
 #include "OutputRecorder.h"
+#include "PrefetchFrames.h"
 #include "Progress.h"
 #include "Report.h"
 #include "ReplayError.h"
@@ -11,9 +12,11 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <exception>
 #include <numeric>
 #include <ostream>
 #include <sys/stat.h>
+#include <thread>
 
 namespace qlmr::replay {
 
@@ -36,6 +39,10 @@ void makeDirs(const std::string& path) {
     if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
         throw ReplayError(path, 0, "not a folder");
 }
+
+// Frames decoded ahead of the one the camera asks for: enough to cover a slow decode while the
+// engine draws, few enough to keep memory low (3 x 12 MB at 4K).
+constexpr int kPrefetchDepth = 3;
 
 // The first `limit` frames of another source.
 class LimitedFrames : public FrameSource {
@@ -150,6 +157,10 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         saveRecording(options.saveRecording, *frames, *gyro, configText, 95);
     }
 
+    // Frames are decoded (or rendered) ahead of the camera on a thread of their own.
+    PrefetchFrames prefetch(*frames, kPrefetchDepth);
+    frames = &prefetch;
+
     SessionConfig config;
     config.configText = configText;
     config.realtime = options.realtime;
@@ -212,20 +223,33 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
                              " output frames came out of timestamp order");
     }
 
-    // MP4 through ffmpeg.
+    // MP4 through ffmpeg, on a thread of its own while the figures are measured (the Y4M files
+    // are complete; the measures work from the recorder's own copies).
     const std::string ffmpeg = options.mp4 ? ffmpegProgram() : "";
     if (options.mp4 && ffmpeg.empty()) {
         m.warnings.push_back("ffmpeg is not installed: the videos are written as Y4M only");
     }
+    std::exception_ptr encodeError;
+    std::thread encoder;
     if (!ffmpeg.empty()) {
-        log << "encoding MP4 with " << ffmpeg << "..." << std::endl;
-        encodeMp4(ffmpeg, dir + "stabilized.y4m", dir + "stabilized.mp4");
-        outcome.files.push_back("stabilized.mp4");
-        if (options.sideBySide) {
-            encodeMp4(ffmpeg, dir + "side_by_side.y4m", dir + "side_by_side.mp4");
-            outcome.files.push_back("side_by_side.mp4");
-        }
+        log << "encoding MP4 with " << ffmpeg << " while measuring..." << std::endl;
+        encoder = std::thread([&ffmpeg, &dir, &options, &encodeError] {
+            try {
+                encodeMp4(ffmpeg, dir + "stabilized.y4m", dir + "stabilized.mp4");
+                if (options.sideBySide)
+                    encodeMp4(ffmpeg, dir + "side_by_side.y4m", dir + "side_by_side.mp4");
+            } catch (...) {
+                encodeError = std::current_exception();
+            }
+        });
     }
+    struct JoinEncoder {
+        std::thread& t;
+        ~JoinEncoder() {
+            if (t.joinable())
+                t.join();
+        }
+    } joinEncoder{encoder};
 
     log << "measuring..." << std::endl;
     MetricsContext mc;
@@ -234,6 +258,15 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     mc.fps = fps;
     mc.threads = options.threads;
     computeMetrics(mc, m);
+
+    if (encoder.joinable()) {
+        encoder.join();
+        if (encodeError)
+            std::rethrow_exception(encodeError);
+        outcome.files.push_back("stabilized.mp4");
+        if (options.sideBySide)
+            outcome.files.push_back("side_by_side.mp4");
+    }
 
     const std::string json = metricsJson(m);
     writeFile(dir + "metrics.json", json.data(), json.size());

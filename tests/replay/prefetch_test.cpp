@@ -1,0 +1,116 @@
+// Decoding ahead of the camera: PrefetchFrames over a source that marks every picture with its
+// index and records who read what.
+#include "FinishesWithin.h"
+#include "PrefetchFrames.h"
+#include "ReplayError.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace qlmr::replay;
+using namespace std::chrono_literals;
+
+namespace {
+
+class MarkedFrames : public FrameSource {
+  public:
+    int width() const override { return 8; }
+    int height() const override { return 4; }
+    int count() const override { return 12; }
+    int64_t timestampNs(int i) const override { return 1000 + i; }
+    int exposureUs(int) const override { return 100; }
+    void read(int index, Nv21Image& out) override {
+        if (index >= consumed.load() + depth)
+            ++tooFarAhead;
+        if (std::this_thread::get_id() != reader)
+            ++offThread;
+        if (index == failAt)
+            throw ReplayError("frame.png", index, "bad picture");
+        out.resize(8, 4);
+        for (uint8_t& b : out.data)
+            b = static_cast<uint8_t>(index);
+    }
+    std::string describe() const override { return "marked"; }
+
+    std::thread::id reader = std::this_thread::get_id();
+    std::atomic<int> consumed{0};  // frames the test has taken
+    int depth = 3;
+    int failAt = -1;
+    std::atomic<int> tooFarAhead{0};
+    std::atomic<int> offThread{0};
+};
+
+bool holds(const Nv21Image& p, int index) {
+    for (uint8_t b : p.data) {
+        if (b != index)
+            return false;
+    }
+    return p.width == 8 && p.height == 4;
+}
+
+}  // namespace
+
+TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepth) {
+    MarkedFrames source;
+    ASSERT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, source.depth);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        for (int i = 0; i < source.count(); ++i) {
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+            source.consumed = i + 1;
+        }
+        EXPECT_EQ(prefetch.prefetchedReads(), source.count());
+    }));
+    EXPECT_EQ(source.offThread.load(), 12);
+    EXPECT_EQ(source.tooFarAhead.load(), 0);
+}
+
+TEST(PrefetchFrames, OutOfOrderReadIsDirectAndReadingAheadGoesOnAfterIt) {
+    MarkedFrames source;
+    source.depth = 100;  // bound not checked here
+    ASSERT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, 2);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        for (int i : {0, 1, 7, 8, 9, 3, 4}) {
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+    }));
+}
+
+TEST(PrefetchFrames, DecodingFaultIsRaisedByItsFrameOnly) {
+    MarkedFrames source;
+    source.failAt = 2;
+    ASSERT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, 3);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        prefetch.read(0, picture);
+        prefetch.read(1, picture);
+        try {
+            prefetch.read(2, picture);
+            ADD_FAILURE() << "no error for frame 2";
+        } catch (const ReplayError& e) {
+            EXPECT_EQ(e.line(), 2);
+        }
+        prefetch.read(3, picture);
+        EXPECT_TRUE(holds(picture, 3));
+    }));
+}
+
+TEST(PrefetchFrames, StopsWhileTheReaderHasNotCaughtUp) {
+    MarkedFrames source;
+    // Destroyed with the ring full and the decoding thread waiting: the destructor returns.
+    EXPECT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, 2);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        prefetch.read(0, picture);
+    }));
+}
