@@ -53,25 +53,28 @@ GrayImage warped(const GrayImage& ref, const Similarity& sim) {
 }  // namespace
 
 TEST(MotionEstimator, RecoversKnownSimilarities) {
-    const GrayImage ref = texture(320, 200);
-    struct Case {
-        Similarity truth;
-        std::vector<double> scales;
-    } cases[] = {
-        {{1.0, 0.0, 3.25, -1.5}, {}},
-        {{1.0, 0.02, -24.0, 17.0}, {}},        // large shift: found by the coarse search
-        {{0.8, -0.01, 4.0, 2.0}, {1.0, 0.8}},  // zoomed-in view of the reference
-    };
-    MotionEstimator est;
-    for (const Case& c : cases) {
-        MotionOptions opt;
-        opt.scales = c.scales;
-        const MotionEstimate e = est.estimate(ref, warped(ref, c.truth), Similarity{}, opt);
-        ASSERT_TRUE(e.ok);
-        EXPECT_NEAR(e.motion.tx, c.truth.tx, 0.15);
-        EXPECT_NEAR(e.motion.ty, c.truth.ty, 0.15);
-        EXPECT_NEAR(e.motion.angle, c.truth.angle, 0.001);
-        EXPECT_NEAR(e.motion.scale, c.truth.scale, 0.002);
+    // 320x200: every finest-level pixel is used; 640x400: every other row and column.
+    for (const int scale : {1, 2}) {
+        const GrayImage ref = texture(320 * scale, 200 * scale);
+        struct Case {
+            Similarity truth;
+            std::vector<double> scales;
+        } cases[] = {
+            {{1.0, 0.0, 3.25, -1.5}, {}},
+            {{1.0, 0.02, -24.0, 17.0}, {}},        // large shift: found by the coarse search
+            {{0.8, -0.01, 4.0, 2.0}, {1.0, 0.8}},  // zoomed-in view of the reference
+        };
+        MotionEstimator est;
+        for (const Case& c : cases) {
+            MotionOptions opt;
+            opt.scales = c.scales;
+            const MotionEstimate e = est.estimate(ref, warped(ref, c.truth), Similarity{}, opt);
+            ASSERT_TRUE(e.ok);
+            EXPECT_NEAR(e.motion.tx, c.truth.tx, 0.15);
+            EXPECT_NEAR(e.motion.ty, c.truth.ty, 0.15);
+            EXPECT_NEAR(e.motion.angle, c.truth.angle, 0.001);
+            EXPECT_NEAR(e.motion.scale, c.truth.scale, 0.002);
+        }
     }
 }
 

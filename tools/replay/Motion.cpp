@@ -149,7 +149,9 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
         const Level& m = mov_[static_cast<size_t>(lv)];
         const int w = r.width, h = r.height;
         const double cx = w / 2.0, cy = h / 2.0;
-        const int step = 1;
+        const int step = lv == 0 && top > 0 && w * h >= options.finestStepMinPixels
+                             ? std::max(1, options.finestStep)
+                             : 1;
         // The finest level starts close to the answer: a few iterations settle it.
         const int iterations =
             lv == 0 && top > 0 ? std::min(options.iterations, 6) : options.iterations;
