@@ -183,8 +183,8 @@ TEST(PixelConversion, Nv21ChromaSampleCoversItsTwoByTwoBlock) {
     for (int i = 0; i < 8; ++i) {
         const int col = i % 4;
         for (int c = 0; c < 3; ++c) {
-            EXPECT_LE(std::fabs(rgba[i * 4 + c] -
-                                exactBt601(expectedY[i], vu[(col / 2) * 2 + 1], vu[(col / 2) * 2], c)),
+            EXPECT_LE(std::fabs(rgba[i * 4 + c] - exactBt601(expectedY[i], vu[(col / 2) * 2 + 1],
+                                                             vu[(col / 2) * 2], c)),
                       3.0)
                 << i << " " << c;
         }

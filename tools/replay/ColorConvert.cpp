@@ -16,8 +16,8 @@ void rgbToNv21(const RgbImage& src, Nv21Image& dst) {
     const int cw = w / 2;
     libyuv::RAWToI420(src.data.data(), w * 3, scratch.y(), w, scratch.u(), cw, scratch.v(), cw, w,
                       src.height);
-    libyuv::I420ToNV21(scratch.y(), w, scratch.u(), cw, scratch.v(), cw, dst.y(), w, dst.vu(), w,
-                       w, src.height);
+    libyuv::I420ToNV21(scratch.y(), w, scratch.u(), cw, scratch.v(), cw, dst.y(), w, dst.vu(), w, w,
+                       src.height);
 }
 
 void nv21ToRgb(const Nv21Image& src, RgbImage& dst) {
