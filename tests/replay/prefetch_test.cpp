@@ -36,7 +36,7 @@ class MarkedFrames : public FrameSource {
     std::string describe() const override { return "marked"; }
 
     std::thread::id reader = std::this_thread::get_id();
-    std::atomic<int> consumed{0};  // frames the test has taken
+    std::atomic<int> consumed{0};  // where the reader stands once its current read returns
     int depth = 3;
     int failAt = -1;
     std::atomic<int> tooFarAhead{0};
@@ -60,9 +60,11 @@ TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepth) {
         Nv21Image picture;
         picture.resize(8, 4);
         for (int i = 0; i < source.count(); ++i) {
+            // Set before the call: read(i) lets the decoding thread go on to frame i + depth
+            // before it returns, so the bound is the position read(i) leaves the reader at.
+            source.consumed = i + 1;
             prefetch.read(i, picture);
             EXPECT_TRUE(holds(picture, i)) << i;
-            source.consumed = i + 1;
         }
         EXPECT_EQ(prefetch.prefetchedReads(), source.count());
     }));
