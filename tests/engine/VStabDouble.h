@@ -35,7 +35,8 @@ struct VStabDouble {
     // Warp behaviour: scripted statuses are used first, one per call; then `defaultStatus`.
     // On status 0 the grid written is the unwarped ±1.25 grid scaled by `gridScale`, then moved
     // right by `gridOffsetX` (normalised device coordinates).
-    int defaultStatus = 0;
+    // May be changed by the test thread while the engine runs.
+    std::atomic<int> defaultStatus{0};
     float gridScale = 1.0f;
     float gridOffsetX = 0.0f;
     bool writeGrid = true;
