@@ -131,17 +131,21 @@ TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
     // The queue never holds more than capacity - 1 = 15 frames while status 2 persists: the
     // head is rendered as soon as 15 wait, so of 20 frames 6 leave early and 14 stay.
     ASSERT_TRUE(waitFor([&] { return out.sink->count() == 6; }, 10s)) << out.sink->count();
-    std::this_thread::sleep_for(100ms);
+    const int callsBefore = vstabDouble().warpCalls.load();
+    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= callsBefore + 5; }, 10s));
     EXPECT_EQ(out.sink->count(), 6u);
     EXPECT_EQ(log.count("[VStab][Status] forceRecordStop=0", 4), 6);
     EXPECT_EQ(h.engine->forceRecordStop.load(), 0);
 
-    // stop() drains the rest: after about a second of waiting it forces them out.
-    auto begin = std::chrono::steady_clock::now();
+    // stop() drains the rest: it polls every 33 ms and forces them out once it has slept more
+    // than a second, i.e. after its 31st sleep.
+    systemhooks::recordSleepsOf(pthread_self());
     h.stop();
-    auto elapsed = std::chrono::steady_clock::now() - begin;
-    EXPECT_GE(elapsed, 1000ms);
-    EXPECT_LT(elapsed, 3000ms);
+    systemhooks::recordSleepsOf(pthread_t{});
+    const std::vector<useconds_t> sleeps = systemhooks::recordedSleeps();
+    EXPECT_GE(sleeps.size(), 31u);
+    EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), 33000u),
+              static_cast<std::ptrdiff_t>(sleeps.size()));
     EXPECT_EQ(out.sink->count(), 20u);
     EXPECT_EQ(log.count("forceRecordStop = 1", 5), 1);
 }
@@ -153,9 +157,10 @@ TEST(EnginePipeline, StopWithEmptyQueueNeverForces) {
     auto& out = h.addOutput(1, 320, 240);
     h.start();
     ASSERT_TRUE(waitFor([&] { return out.sink->count() == 3; }, 10s));
-    auto begin = std::chrono::steady_clock::now();
+    systemhooks::recordSleepsOf(pthread_self());
     h.stop();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, 500ms);
+    systemhooks::recordSleepsOf(pthread_t{});
+    EXPECT_EQ(systemhooks::recordedSleeps().size(), 0u);  // joined without polling
     EXPECT_EQ(h.engine->forceRecordStop.load(), 0);
     EXPECT_EQ(log.count("forceRecordStop = 1"), 0);
 }
