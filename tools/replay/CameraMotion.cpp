@@ -168,7 +168,9 @@ std::vector<GyroSample> synthesizeGyro(const CameraMotion& motion, const GyroMod
     std::normal_distribution<double> noise(0, model.noiseRadPerS);
     std::uniform_real_distribution<double> bias(-model.biasRadPerS, model.biasRadPerS);
     std::uniform_real_distribution<double> jitter(-model.jitterNs, model.jitterNs);
-    const V3 b(bias(rng), bias(rng), bias(rng));
+    // Drawn x, y, z in this order (constructor arguments have no evaluation order).
+    const double bx = bias(rng), by = bias(rng), bz = bias(rng);
+    const V3 b(bx, by, bz);
     std::vector<GyroSample> out;
     const double period = 1.0 / model.rateHz;
     const int n = static_cast<int>(std::floor((t1Sec - t0Sec) * model.rateHz)) + 1;
