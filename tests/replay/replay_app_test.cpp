@@ -130,7 +130,7 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
                      m.inputMotion.jitterPx);
     EXPECT_EQ(json["timing_ms"]["output_latency"]["count"], m.outputLatencyMs.count);
     const std::string html = replay_test::readText(dir.file("out/report.html"));
-    EXPECT_NE(html.find("<svg"), std::string::npos);
+    EXPECT_NE(html.find("id=\"plot-data\""), std::string::npos);
     EXPECT_NE(html.find("data:image/jpeg;base64,"), std::string::npos);
 }
 

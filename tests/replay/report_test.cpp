@@ -1,9 +1,8 @@
-// metrics.json, SVG plots and report.html, and a headless-browser screenshot of a report.
+// metrics.json and report.html, and a report rendered by a headless browser.
 #include "Ffmpeg.h"
 #include "Metrics.h"
 #include "ImageIo.h"
 #include "Report.h"
-#include "Svg.h"
 #include "TestUtil.h"
 
 #include <gtest/gtest.h>
@@ -29,28 +28,6 @@ TEST(MetricsJson, WritesUnknownFiguresAsNull) {
     EXPECT_TRUE(j["ground_truth"].is_null());  // no ground truth without a synthetic recording
 }
 
-TEST(SvgPlot, DrawsSeriesLegendAndTicks) {
-    EXPECT_EQ(niceTicks(0, 10, 5), (std::vector<double>{0, 2, 4, 6, 8, 10}));
-    EXPECT_EQ(niceTicks(-0.3, 0.3, 3), (std::vector<double>{-0.2, 0, 0.2}));
-    EXPECT_TRUE(niceTicks(1, 1, 5).empty());
-    PlotSpec layout;
-    layout.title = "a < b & c";
-    layout.series.push_back({"raw", "#f00", {0, 1, 2, 3, 4}, {0, 1, std::nan(""), 3, 4}, false});
-    layout.series.push_back({"flat", "#00f", {0, 4}, {2, 2}, true});
-    const std::string svg = svgLinePlot(layout);
-    EXPECT_EQ(svg.rfind("<svg", 0), 0u);
-    EXPECT_NE(svg.find("a &lt; b &amp; c"), std::string::npos);
-    // The NaN splits the first series in two lines; the second is dashed.
-    size_t polylines = 0;
-    for (size_t p = svg.find("<polyline"); p != std::string::npos; p = svg.find("<polyline", p + 1))
-        ++polylines;
-    EXPECT_EQ(polylines, 3u);
-    EXPECT_NE(svg.find("stroke-dasharray"), std::string::npos);
-    EXPECT_NE(svg.find(">raw<"), std::string::npos);
-    // Empty plots still render.
-    EXPECT_NE(svgLinePlot(PlotSpec{}).find("</svg>"), std::string::npos);
-}
-
 TEST(Report, IsSelfContained) {
     EXPECT_EQ(base64({'M', 'a', 'n'}), "TWFu");
     EXPECT_EQ(base64({'M', 'a'}), "TWE=");
@@ -70,14 +47,41 @@ TEST(Report, IsSelfContained) {
         m, {pair}, ReportContext{"qlmr_replay --dry-run", {{"metrics.json", "figures"}}});
     EXPECT_NE(html.find("test &lt;input&gt;"), std::string::npos);
     EXPECT_NE(html.find("data:image/jpeg;base64,/9j/"), std::string::npos);  // JPEG magic in base64
-    EXPECT_EQ(html.find("<script"), std::string::npos);
-    EXPECT_EQ(html.find("http://"),
-              html.find("http://www.w3.org/2000/svg"));  // only the SVG namespace
-    EXPECT_EQ(html.find("https://"), std::string::npos);
+    // Everything is inline: no element loads a file or an address.
+    EXPECT_EQ(html.find("src=\"http"), std::string::npos);
+    EXPECT_EQ(html.find("href=\"http"), std::string::npos);
+    EXPECT_EQ(html.find("<script src"), std::string::npos);
+    EXPECT_EQ(html.find("<link"), std::string::npos);
     EXPECT_NE(html.find("Residual jitter (ground truth)"), std::string::npos);
+    // The plot data: three camera-path plots (with ground truth) and three from the pixels and
+    // the latency; each div names its entry.
+    const std::string open = "<script type=\"application/json\" id=\"plot-data\">";
+    const size_t begin = html.find(open) + open.size();
+    ASSERT_NE(begin, std::string::npos + open.size());
+    const auto plots =
+        nlohmann::json::parse(html.substr(begin, html.find("</script>", begin) - begin));
+    ASSERT_EQ(plots.size(), 7u);
+    EXPECT_NE(html.find("<div class=\"plot\" data-plot=\"6\">"), std::string::npos);
+    EXPECT_EQ(plots[0]["title"], "Camera path: horizontal (x)");
+    EXPECT_EQ(plots[0]["series"][0]["y"], nlohmann::json({0, 1}));
+    EXPECT_EQ(plots[0]["series"][2]["dashed"], true);  // the intended path
 }
 
-TEST(Report, RendersInHeadlessChromium) {
+// Requests the browser made for the page (not its own background traffic) in a NetLog file:
+// the ones whose network isolation key is the page's file:// site.
+static std::vector<std::string> pageRequests(const std::string& netLogPath) {
+    const auto log = nlohmann::json::parse(replay_test::readText(netLogPath));
+    const int startJob = log["constants"]["logEventTypes"]["URL_REQUEST_START_JOB"];
+    std::vector<std::string> urls;
+    for (const auto& e : log["events"]) {
+        const auto& p = e.value("params", nlohmann::json::object());
+        if (e["type"] == startJob && p.value("network_isolation_key", "").rfind("file://", 0) == 0)
+            urls.push_back(p.value("url", ""));
+    }
+    return urls;
+}
+
+TEST(Report, RendersInHeadlessChromiumWithoutNetwork) {
     const std::string chromium = findProgram("chromium");
     if (chromium.empty())
         GTEST_SKIP() << "chromium is not installed (Debian package chromium)";
@@ -87,14 +91,40 @@ TEST(Report, RendersInHeadlessChromium) {
         " --dry-run --quiet --no-mp4 --seconds 1 --size 320x240 --scene procedural --out " +
         dir.file("out");
     ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
-    std::string err;
-    const int status = runProgram(
-        {chromium, "--headless", "--no-sandbox", "--disable-gpu", "--disable-quic",
-         "--no-first-run", "--disable-background-networking", "--disable-component-update",
-         "--disable-sync", "--user-data-dir=" + dir.file("profile"), "--window-size=1200,2400",
-         "--screenshot=" + dir.file("shot.png"), "file://" + dir.file("out/report.html")},
-        &err);
-    ASSERT_EQ(status, 0) << err;
+    // Opens a page with extra options; the page's DOM after its scripts ran goes to `dom`.
+    auto browse = [&](const std::string& page, const std::string& options, const std::string& dom) {
+        const std::string cmd = "timeout 120 " + chromium +
+                                " --headless --no-sandbox --disable-gpu --disable-quic "
+                                "--no-first-run --disable-background-networking "
+                                "--disable-component-update --disable-sync --user-data-dir=" +
+                                dir.file("profile") + " --window-size=1200,2400 " + options +
+                                " file://" + page + " >" + dom + " 2>/dev/null";
+        ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    };
+    // The page loads nothing over the network; the check does see a page that does.
+    browse(dir.file("out/report.html"), "--dump-dom --log-net-log=" + dir.file("net.json"),
+           dir.file("dom.html"));
+    EXPECT_EQ(pageRequests(dir.file("net.json")), std::vector<std::string>{});
+    replay_test::writeText(dir.file("fetching.html"), "<img src=\"http://example.invalid/a.png\">");
+    browse(dir.file("fetching.html"), "--dump-dom --log-net-log=" + dir.file("net2.json"),
+           dir.file("dom2.html"));
+    EXPECT_EQ(pageRequests(dir.file("net2.json")),
+              std::vector<std::string>{"http://example.invalid/a.png"});
+
+    // uPlot drew every plot: a chart with its canvas and a legend.
+    const std::string dom = replay_test::readText(dir.file("dom.html"));
+    auto count = [&](const std::string& what) {
+        size_t n = 0;
+        for (size_t p = dom.find(what); p != std::string::npos; p = dom.find(what, p + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count("data-plot="), 7u);
+    EXPECT_EQ(count("<canvas"), 7u);
+    EXPECT_EQ(count("class=\"u-legend"), 7u);
+
+    browse(dir.file("out/report.html"), "--screenshot=" + dir.file("shot.png"),
+           dir.file("screenshot.log"));
     const RgbImage shot = readImage(dir.file("shot.png"));
     EXPECT_EQ(shot.width, 1200);
     EXPECT_EQ(shot.height, 2400);
@@ -104,7 +134,7 @@ TEST(Report, RendersInHeadlessChromium) {
         colours.insert(shot.data[i] << 16 | shot.data[i + 1] << 8 | shot.data[i + 2]);
     }
     EXPECT_GT(colours.size(), 500u);
-    // The plots' red and blue lines are drawn.
+    // The plots' red and blue series are drawn.
     bool red = false, blue = false;
     for (size_t i = 0; i < shot.data.size(); i += 3) {
         red |= shot.data[i] == 0xd6 && shot.data[i + 1] == 0x27 && shot.data[i + 2] == 0x28;

@@ -1,10 +1,11 @@
 #include "Report.h"
 
 #include "ImageIo.h"
-#include "Svg.h"
 
 #include <cmath>
 #include <cstdio>
+
+#include <nlohmann/json.hpp>
 
 namespace qlmr::replay {
 
@@ -35,7 +36,37 @@ std::string base64(const std::vector<uint8_t>& data) {
     return out;
 }
 
+// The vendored plotting library and the report's script (ReportAssets.cpp, generated).
+extern const char* const kUplotJs;
+extern const char* const kUplotCss;
+extern const char* const kReportJs;
+
 namespace {
+
+// Escapes &, <, >, " for HTML text and attributes.
+std::string htmlEscape(const std::string& s) {
+    std::string out;
+    out.reserve(s.size());
+    for (char c : s) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out.push_back(c);
+        }
+    }
+    return out;
+}
 
 const char* kRaw = "#d62728";
 const char* kStable = "#1f77b4";
@@ -50,35 +81,77 @@ std::string fmt(double v, const char* format = "%.3g") {
 }
 
 std::string row(const std::string& name, const std::string& value, const std::string& note = "") {
-    return "<tr><th>" + xmlEscape(name) + "</th><td>" + xmlEscape(value) +
-           "</td><td class=\"note\">" + xmlEscape(note) + "</td></tr>\n";
+    return "<tr><th>" + htmlEscape(name) + "</th><td>" + htmlEscape(value) +
+           "</td><td class=\"note\">" + htmlEscape(note) + "</td></tr>\n";
 }
 
-std::string pathPlots(const PathSeries& raw, const PathSeries& stable, const PathSeries* intended,
-                      const std::string& unitXY, const std::string& what) {
-    std::string out;
-    const char* names[3] = {"horizontal (x)", "vertical (y)", "roll"};
-    for (int axis = 0; axis < 3; ++axis) {
-        PlotSpec layout;
-        layout.title = what + ": " + names[axis];
-        layout.xLabel = "recording time (s)";
-        layout.yLabel = axis == 2 ? "degrees" : unitXY;
-        auto pick = [axis](const PathSeries& p) {
-            return axis == 0 ? p.x : axis == 1 ? p.y : p.roll;
-        };
-        layout.series.push_back({"raw (input)", kRaw, raw.t, pick(raw), false});
-        layout.series.push_back({"stabilized (output)", kStable, stable.t, pick(stable), false});
-        if (intended != nullptr)
-            layout.series.push_back({"intended", kIntended, intended->t, pick(*intended), true});
-        out += "<div class=\"plot\">" + svgLinePlot(layout) + "</div>\n";
+// The page's plots: their data goes into one JSON array that report.js draws from; each plot
+// is a div naming its entry.
+class Plots {
+  public:
+    struct Series {
+        const char* name;
+        const char* color;
+        const std::vector<double>& x;
+        const std::vector<double>& y;
+        bool dashed;
+    };
+
+    std::string add(const std::string& title, const std::string& yLabel,
+                    const std::vector<Series>& series) {
+        nlohmann::json list = nlohmann::json::array();
+        for (const Series& s : series) {
+            list.push_back({{"name", s.name},
+                            {"color", s.color},
+                            {"dashed", s.dashed},
+                            {"x", s.x},
+                            {"y", s.y}});
+        }
+        data_.push_back({{"title", title},
+                         {"xLabel", "recording time (s)"},
+                         {"yLabel", yLabel},
+                         {"series", list}});
+        return "<div class=\"plot\" data-plot=\"" + std::to_string(data_.size() - 1) +
+               "\"></div>\n";
     }
-    return out;
-}
+
+    // Three plots (x, y, roll) of a camera path.
+    std::string addPath(const PathSeries& raw, const PathSeries& stable, const PathSeries* intended,
+                        const std::string& unitXY, const std::string& what) {
+        std::string out;
+        const char* names[3] = {"horizontal (x)", "vertical (y)", "roll"};
+        for (int axis = 0; axis < 3; ++axis) {
+            auto pick = [axis](const PathSeries& p) -> const std::vector<double>& {
+                return axis == 0 ? p.x : axis == 1 ? p.y : p.roll;
+            };
+            std::vector<Series> series = {
+                {"raw (input)", kRaw, raw.t, pick(raw), false},
+                {"stabilized (output)", kStable, stable.t, pick(stable), false}};
+            if (intended != nullptr)
+                series.push_back({"intended", kIntended, intended->t, pick(*intended), true});
+            out += add(what + ": " + names[axis], axis == 2 ? "degrees" : unitXY, series);
+        }
+        return out;
+    }
+
+    // The data and the scripts that draw it; "</" is escaped so that no text ends the element.
+    std::string scripts() const {
+        std::string json = data_.dump();
+        for (size_t p = json.find("</"); p != std::string::npos; p = json.find("</", p))
+            json.replace(p, 2, "<\\/");
+        return "<script type=\"application/json\" id=\"plot-data\">" + json +
+               "</script>\n<script>" + kUplotJs + "</script>\n<script>" + kReportJs + "</script>\n";
+    }
+
+  private:
+    nlohmann::json data_ = nlohmann::json::array();
+};
 
 }  // namespace
 
 std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pairs,
                        const ReportContext& context) {
+    Plots plots;
     std::string h;
     h += "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">\n";
     h += "<title>Replay report</title>\n<style>\n"
@@ -88,13 +161,14 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
          "border-bottom:1px solid #eee;font-size:13px}th{font-weight:600}\n"
          ".note{color:#666}.plot{margin:10px 0}.pair{display:flex;gap:8px;margin:10px 0}"
          ".pair figure{margin:0}.pair img{max-width:100%;border:1px solid #ccc}"
-         "figcaption{font-size:12px;color:#555}.warn{color:#a40}code{font-size:12px}\n"
-         "</style></head><body>\n";
+         "figcaption{font-size:12px;color:#555}.warn{color:#a40}code{font-size:12px}\n";
+    h += kUplotCss;
+    h += "</style></head><body>\n";
     h += "<h1>Replay report</h1>\n";
-    h += "<p>" + xmlEscape(m.inputDescription) + "<br>Session: " + xmlEscape(m.sessionName) +
+    h += "<p>" + htmlEscape(m.inputDescription) + "<br>Session: " + htmlEscape(m.sessionName) +
          "</p>\n";
     if (!context.commandLine.empty())
-        h += "<p><code>" + xmlEscape(context.commandLine) + "</code></p>\n";
+        h += "<p><code>" + htmlEscape(context.commandLine) + "</code></p>\n";
 
     h += "<h2>Summary</h2>\n<table>\n";
     h += row("Frames in / delivered / out", std::to_string(m.framesIn) + " / " +
@@ -144,25 +218,21 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
         h += "<p>Where the camera points, in degrees: the shaking camera (raw), the view of the "
              "output "
              "frames (stabilized) and the path the operator intended (ground truth).</p>\n";
-        h += pathPlots(m.truth.actual, m.truth.output, &m.truth.intended, "degrees", "Camera path");
+        h += plots.addPath(m.truth.actual, m.truth.output, &m.truth.intended, "degrees",
+                           "Camera path");
     }
     h += "<p>Camera path from the pixels: frame-to-frame global motion chained over the recording "
          "(input pixels for raw, output pixels for stabilized).</p>\n";
-    h += pathPlots(m.inputMotion.path, m.outputMotion.path, nullptr, "pixels", "Path from pixels");
+    h += plots.addPath(m.inputMotion.path, m.outputMotion.path, nullptr, "pixels",
+                       "Path from pixels");
 
     h += "<h2>Frame timing</h2>\n";
-    {
-        PlotSpec layout;
-        layout.title = "Latency from camera delivery to output window";
-        layout.xLabel = "recording time (s)";
-        layout.yLabel = "ms";
-        layout.series.push_back({"latency", kStable, m.frameTimeSec, m.frameLatencyMs, false});
-        h += "<div class=\"plot\">" + svgLinePlot(layout) + "</div>\n";
-    }
+    h += plots.add("Latency from camera delivery to output window", "ms",
+                   {{"latency", kStable, m.frameTimeSec, m.frameLatencyMs, false}});
     h += "<table><tr><th>Interval</th><th>count</th><th>mean</th><th>p50</th><th>p90</th><th>p99</"
          "th><th>max</th></tr>\n";
     auto prow = [&](const std::string& name, const Percentiles& p) {
-        h += "<tr><td>" + xmlEscape(name) + "</td><td>" + std::to_string(p.count) + "</td><td>" +
+        h += "<tr><td>" + htmlEscape(name) + "</td><td>" + std::to_string(p.count) + "</td><td>" +
              fmt(p.mean, "%.2f") + "</td><td>" + fmt(p.p50, "%.2f") + "</td><td>" +
              fmt(p.p90, "%.2f") + "</td><td>" + fmt(p.p99, "%.2f") + "</td><td>" +
              fmt(p.max, "%.2f") + "</td></tr>\n";
@@ -195,17 +265,18 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
     if (!m.warnings.empty()) {
         h += "<h2>Warnings</h2>\n<ul>\n";
         for (const std::string& w : m.warnings)
-            h += "<li class=\"warn\">" + xmlEscape(w) + "</li>\n";
+            h += "<li class=\"warn\">" + htmlEscape(w) + "</li>\n";
         h += "</ul>\n";
     }
     if (!context.files.empty()) {
         h += "<h2>Files</h2>\n<ul>\n";
         for (const ReportFile& f : context.files) {
-            h += "<li><a href=\"" + xmlEscape(f.name) + "\">" + xmlEscape(f.name) + "</a> — " +
-                 xmlEscape(f.what) + "</li>\n";
+            h += "<li><a href=\"" + htmlEscape(f.name) + "\">" + htmlEscape(f.name) + "</a> — " +
+                 htmlEscape(f.what) + "</li>\n";
         }
         h += "</ul>\n";
     }
+    h += plots.scripts();
     h += "</body></html>\n";
     return h;
 }

@@ -1,6 +1,6 @@
-// report.html: one self-contained page (inline SVG plots, base64 JPEG pictures, no scripts,
-// nothing fetched) with the replay's figures, the camera paths, the frame timing and a few
-// before/after frame pairs.
+// report.html: one self-contained page (interactive plots drawn by the inlined uPlot library,
+// base64 JPEG pictures, nothing fetched) with the replay's figures, the camera paths, the frame
+// timing and a few before/after frame pairs.
 #pragma once
 
 #include "Metrics.h"
