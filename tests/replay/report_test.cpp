@@ -119,9 +119,10 @@ TEST(Report, RendersInHeadlessChromiumWithoutNetwork) {
             ++n;
         return n;
     };
-    EXPECT_EQ(count("data-plot="), 7u);
-    EXPECT_EQ(count("<canvas"), 7u);
-    EXPECT_EQ(count("class=\"u-legend"), 7u);
+    // Camera path 3 + path from pixels 3 + picture kept 1 + gyro calibration 3 + latency 1.
+    EXPECT_EQ(count("data-plot="), 11u);
+    EXPECT_EQ(count("<canvas"), 11u);
+    EXPECT_EQ(count("class=\"u-legend"), 11u);
 
     browse(dir.file("out/report.html"), "--screenshot=" + dir.file("shot.png"),
            dir.file("screenshot.log"));

@@ -233,10 +233,14 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
     }
     runJobs(jobs, ctx.threads);
     double scaleSum = 0, cropSum = 0, cropMin = std::numeric_limits<double>::infinity();
-    for (const RegistrationJob& j : jobs) {
+    for (size_t k = 0; k < jobs.size(); ++k) {
+        const RegistrationJob& j = jobs[k];
         if (!j.result.ok)
             continue;
         const double s = j.result.motion.scale;
+        m.crop.timeSec.push_back((outputs[static_cast<size_t>(jobOutput[k])].timestampNs - t0) *
+                                 1e-9);
+        m.crop.retained.push_back(std::min(1.0, s * s));
         ++m.crop.frames;
         scaleSum += s;
         cropSum += std::min(1.0, s * s);
@@ -380,6 +384,44 @@ Json motionJson(const PixelMotionStats& s) {
 }
 }  // namespace
 
+namespace {
+
+Json calibrationJson(const ReplayMetrics& m) {
+    const CalibrationStats& c = m.calibration;
+    Json series = Json::object();
+    for (const char* name : {"time_s", "measured_x_px", "predicted_x_px", "measured_y_px",
+                             "predicted_y_px", "measured_roll_rad", "predicted_roll_rad"}) {
+        series[name] = Json::array();
+    }
+    for (const CalibrationPoint& p : c.series) {
+        series["time_s"].push_back(p.timeSec);
+        series["measured_x_px"].push_back(p.measured[0]);
+        series["predicted_x_px"].push_back(p.predicted[0]);
+        series["measured_y_px"].push_back(p.measured[1]);
+        series["predicted_y_px"].push_back(p.predicted[1]);
+        series["measured_roll_rad"].push_back(p.measured[2]);
+        series["predicted_roll_rad"].push_back(p.predicted[2]);
+    }
+    return {{"measured", c.measured},
+            {"pairs", c.pairs},
+            {"stated_axes", c.statedAxes},
+            {"stated_offset_ms", c.statedOffsetMs},
+            {"agreement", c.agreement},
+            {"agreement_x_y_roll",
+             {c.componentCorrelation[0], c.componentCorrelation[1], c.componentCorrelation[2]}},
+            {"stated_error_px", c.statedRmsPx},
+            {"best_axes", c.bestAxes},
+            {"best_offset_ms", c.bestOffsetMs},
+            {"best_agreement", c.bestAgreement},
+            {"best_error_px", c.bestRmsPx},
+            {"calibrated_from", m.calibratedFrom},
+            {"config_warnings", c.configWarnings},
+            {"warnings", c.warnings},
+            {"series", series}};
+}
+
+}  // namespace
+
 std::string metricsJson(const ReplayMetrics& m) {
     Json stages = Json::object();
     for (const auto& [name, p] : m.engine.stagePercentiles())
@@ -446,7 +488,10 @@ std::string metricsJson(const ReplayMetrics& m) {
                      {{"frames", m.crop.frames},
                       {"mean_scale", m.crop.meanScale},
                       {"cropping", m.crop.cropping},
-                      {"min_cropping", m.crop.minCropping}}},
+                      {"min_cropping", m.crop.minCropping},
+                      {"time_s", m.crop.timeSec},
+                      {"retained", m.crop.retained}}},
+                    {"calibration", calibrationJson(m)},
                     {"ground_truth", truth},
                     {"warnings", m.warnings}};
     return j.dump(2) + "\n";

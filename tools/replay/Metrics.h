@@ -2,6 +2,7 @@
 // output, cropping, and (synthetic recordings) jitter against the known camera path.
 #pragma once
 
+#include "Calibration.h"
 #include "EngineLog.h"
 #include "Motion.h"
 #include "OutputRecorder.h"
@@ -42,6 +43,8 @@ struct CropStats {
     double meanScale = 0;  // output pixel size in input pixels (below 1 = magnified)
     double cropping = 0;   // mean retained area share (scale squared), 1 = no cropping
     double minCropping = 0;
+    std::vector<double> timeSec;   // per registered output frame: recording time
+    std::vector<double> retained;  // and the share of the input's area it keeps
 };
 
 // Against the synthetic recording's ground truth: deviation of the view from the intended
@@ -103,6 +106,8 @@ struct ReplayMetrics {
     CropStats crop;
     bool hasTruth = false;
     TruthStats truth;
+    CalibrationStats calibration;  // gyro against image motion on the input frames
+    std::string calibratedFrom;    // with --calibrate: what the configuration stated before
     std::vector<std::string> warnings;
 };
 

@@ -5,6 +5,7 @@
 #include "OutputRecorder.h"
 #include "PrefetchFrames.h"
 #include "Progress.h"
+#include "Calibration.h"
 #include "Report.h"
 #include "ReplayError.h"
 
@@ -21,6 +22,9 @@
 namespace qlmr::replay {
 
 namespace {
+
+// Reduction of the frames the --calibrate pre-pass measures (1920x1080 -> 480x270).
+constexpr int kCalibrationFactor = 4;
 
 void makeDirs(const std::string& path) {
     std::string partial;
@@ -149,6 +153,47 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     int fpsNum = 30, fpsDen = 1;
     frameRate(*frames, fps, fpsNum, fpsDen);
 
+    if (options.calibrate) {
+        // A second reading of the same frames (a fresh source: sources are read once, in
+        // order), reduced fourfold, to measure the image motion the gyro must explain.
+        log << "calibrating the gyro axes and time offset on the input frames..." << std::endl;
+        std::unique_ptr<FrameSource> second;
+        if (options.input.empty())
+            second = std::make_unique<SyntheticRecording>(options.synthetic);
+        else
+            second = openRecordingFrames(recording);
+        FrameSource* source = second.get();
+        std::unique_ptr<LimitedFrames> limitedSecond;
+        if (options.maxFrames > 0 && options.maxFrames < source->count()) {
+            limitedSecond = std::make_unique<LimitedFrames>(*source, options.maxFrames);
+            source = limitedSecond.get();
+        }
+        CalibrationInput ci;
+        ci.lumas = readLumas(*source, kCalibrationFactor);
+        for (int i = 0; i < source->count(); ++i) {
+            ci.timestampsNs.push_back(source->timestampNs(i));
+            ci.exposureUs.push_back(source->exposureUs(i));
+        }
+        ci.frameWidth = source->width();
+        ci.gyro = gyro;
+        ci.configText = configText;
+        ci.threads = options.threads;
+        const CalibrationStats c = calibrate(ci);
+        if (!c.measured || c.bestAxes.empty()) {
+            throw ReplayError("--calibrate: the image motion could not be measured on " +
+                              std::to_string(c.pairs) + " frame pairs");
+        }
+        char note[256];
+        std::snprintf(note, sizeof note,
+                      "calibrated: gyro axes %s, offset %.1f ms (the configuration stated %s, "
+                      "%.1f ms; agreement %.3f -> %.3f)",
+                      c.bestAxes.c_str(), c.bestOffsetMs, c.statedAxes.c_str(), c.statedOffsetMs,
+                      c.agreement, c.bestAgreement);
+        log << note << std::endl;
+        m.calibratedFrom = note;
+        configText = withCalibration(configText, c.bestAxes, c.bestOffsetMs);
+    }
+
     makeDirs(options.outDir);
     const std::string dir = options.outDir + "/";
     if (!options.saveRecording.empty()) {
@@ -258,6 +303,27 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     mc.fps = fps;
     mc.threads = options.threads;
     computeMetrics(mc, m);
+
+    // Gyro against image motion, on every replay: the inputs the recorder kept.
+    {
+        CalibrationInput ci;
+        const std::vector<InputRecord>& inputs = recorder.inputs();
+        const int delivered = std::min<int>(recorder.delivered(), static_cast<int>(inputs.size()));
+        for (int i = 0; i < delivered; ++i) {
+            ci.lumas.push_back(inputs[static_cast<size_t>(i)].luma);
+            ci.timestampsNs.push_back(inputs[static_cast<size_t>(i)].timestampNs);
+            ci.exposureUs.push_back(frames->exposureUs(i));
+        }
+        ci.frameWidth = frames->width();
+        ci.gyro = gyro;
+        ci.configText = configText;
+        ci.threads = options.threads;
+        m.calibration = calibrate(ci);
+        for (const std::string& w : m.calibration.configWarnings)
+            m.warnings.push_back("configuration: " + w);
+        for (const std::string& w : m.calibration.warnings)
+            m.warnings.push_back(w);
+    }
 
     if (encoder.joinable()) {
         encoder.join();

@@ -27,6 +27,9 @@ struct ReplayOptions {
     int threads = 2;
     bool progress = false;
     std::string saveRecording;  // also write the input as a recording folder here
+    // Measure the gyro axes and time offset on the input frames first and replay with them
+    // (the gyro/image agreement is measured on every replay either way).
+    bool calibrate = false;
     std::string commandLine;
 };
 

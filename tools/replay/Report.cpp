@@ -147,6 +147,57 @@ class Plots {
     nlohmann::json data_ = nlohmann::json::array();
 };
 
+// Gyro against image motion: the agreement figures, what fits better, and the frame-to-frame
+// motion the gyro predicts beside the one measured on the pictures.
+std::string calibrationSection(const ReplayMetrics& m, Plots& plots) {
+    const CalibrationStats& c = m.calibration;
+    std::string h = "<h2>Gyro calibration</h2>\n";
+    if (!m.calibratedFrom.empty())
+        h += "<p>" + htmlEscape(m.calibratedFrom) + "</p>\n";
+    if (!c.measured) {
+        h += "<p class=\"note\">The image motion of the input could not be measured on enough "
+             "frame pairs (" +
+             std::to_string(c.pairs) + ") to judge the gyro.</p>\n";
+        return h;
+    }
+    h += "<p>The rotation the gyro predicts between consecutive frames, turned into content "
+         "motion, against the motion measured on the input pictures (" +
+         std::to_string(c.pairs) +
+         " pairs). Agreement: correlation of the two over every pair and component.</p>\n<table>\n";
+    h += row("Agreement, configured axes and offset",
+             fmt(c.agreement, "%.3f") + (c.agreement < kPoorAgreement ? " (poor)" : ""),
+             "axes " + c.statedAxes + ", offset " + fmt(c.statedOffsetMs, "%.1f") +
+                 " ms; x / y / roll " + fmt(c.componentCorrelation[0], "%.3f") + " / " +
+                 fmt(c.componentCorrelation[1], "%.3f") + " / " +
+                 fmt(c.componentCorrelation[2], "%.3f") + "; error " + fmt(c.statedRmsPx, "%.2f") +
+                 " px");
+    h += row("Best fit", fmt(c.bestAgreement, "%.3f"),
+             "axes " + c.bestAxes + ", offset " + fmt(c.bestOffsetMs, "%.1f") + " ms; error " +
+                 fmt(c.bestRmsPx, "%.2f") + " px");
+    h += "</table>\n";
+    for (const std::string& w : c.warnings)
+        h += "<p class=\"warn\">" + htmlEscape(w) + "</p>\n";
+    for (const std::string& w : c.configWarnings)
+        h += "<p class=\"warn\">configuration: " + htmlEscape(w) + "</p>\n";
+    const char* names[3] = {"horizontal (x)", "vertical (y)", "roll"};
+    std::vector<double> t, measured[3], predicted[3];
+    for (const CalibrationPoint& p : c.series) {
+        t.push_back(p.timeSec);
+        for (int k = 0; k < 3; ++k) {
+            const double unit = k == 2 ? 180.0 / 3.14159265358979323846 : 1.0;
+            measured[k].push_back(p.measured[k] * unit);
+            predicted[k].push_back(p.predicted[k] * unit);
+        }
+    }
+    for (int k = 0; k < 3; ++k) {
+        h += plots.add(std::string("Frame-to-frame content motion: ") + names[k],
+                       k == 2 ? "degrees" : "pixels",
+                       {{"measured on the pictures", kRaw, t, measured[k], false},
+                        {"predicted by the gyro", kStable, t, predicted[k], false}});
+    }
+    return h;
+}
+
 }  // namespace
 
 std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pairs,
@@ -225,6 +276,12 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
          "(input pixels for raw, output pixels for stabilized).</p>\n";
     h += plots.addPath(m.inputMotion.path, m.outputMotion.path, nullptr, "pixels",
                        "Path from pixels");
+
+    if (!m.crop.retained.empty()) {
+        h += plots.add("Picture kept by the output (share of the input frame's area)", "share",
+                       {{"retained area", kStable, m.crop.timeSec, m.crop.retained, false}});
+    }
+    h += calibrationSection(m, plots);
 
     h += "<h2>Frame timing</h2>\n";
     h += plots.add("Latency from camera delivery to output window", "ms",

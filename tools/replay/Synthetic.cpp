@@ -115,6 +115,10 @@ CameraFacts SyntheticRecording::facts() const {
     // Frame timestamps are the first row's exposure start, so the gyro's offset from true time
     // is the library's offset as it stands.
     f.gyroOffsetMs = options_.gyro.timeOffsetNs * 1e-6;
+    if (!std::isnan(options_.statedGyroOffsetMs))
+        f.gyroOffsetMs = options_.statedGyroOffsetMs;
+    if (!options_.statedGyroAxes.empty())
+        f.gyroAxes = options_.statedGyroAxes;
     f.description = describe();
     return f;
 }

@@ -7,6 +7,7 @@
 #include "Recording.h"
 #include "Scene.h"
 
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,6 +32,10 @@ struct SyntheticOptions {
     int threads = 2;
     // Timestamp of the first frame, nanoseconds.
     int64_t startNs = 1000000000;
+    // What the configuration text states, to test calibration against a recording whose
+    // configuration is wrong: NaN / "" = the truth.
+    double statedGyroOffsetMs = std::numeric_limits<double>::quiet_NaN();
+    std::string statedGyroAxes;
 };
 
 // Facts about a recording's camera and gyro that the stabilization library's configuration

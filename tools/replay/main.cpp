@@ -64,6 +64,15 @@ int main(int argc, char** argv) {
             return true;
         },
         "synthetic: gyro timestamps minus true time (default 2)");
+    app.add_option("--stated-gyro-offset-ms", o.synthetic.statedGyroOffsetMs,
+                   "synthetic: the gyro offset the configuration states (default: the true one), "
+                   "to test --calibrate");
+    app.add_option("--stated-gyro-axes", o.synthetic.statedGyroAxes,
+                   "synthetic: the gyro axes the configuration states (default: the true "
+                   "-y,-x,-z), to test --calibrate");
+    app.add_flag("--calibrate", o.calibrate,
+                 "measure the gyro axes and time offset on the input frames first and replay "
+                 "with them (the gyro/image agreement is reported on every replay)");
     app.add_flag("--realtime", o.realtime,
                  "pace the camera by the frame timestamps (frames may be dropped) instead of "
                  "waiting for the engine");
@@ -127,6 +136,16 @@ int main(int argc, char** argv) {
                     m.truth.jitterRatioSettled);
             }
             std::printf("cropping: %.3f\n", m.crop.cropping);
+            if (m.calibration.measured) {
+                std::printf(
+                    "gyro/image agreement: %.3f (axes %s, offset %.1f ms; best fit %s, "
+                    "%.1f ms, %.3f)\n",
+                    m.calibration.agreement, m.calibration.statedAxes.c_str(),
+                    m.calibration.statedOffsetMs, m.calibration.bestAxes.c_str(),
+                    m.calibration.bestOffsetMs, m.calibration.bestAgreement);
+            }
+            if (!m.calibratedFrom.empty())
+                std::printf("%s\n", m.calibratedFrom.c_str());
             for (const std::string& w : m.warnings)
                 std::printf("note: %s\n", w.c_str());
             std::printf("written to %s/:", o.outDir.c_str());

@@ -1,0 +1,100 @@
+// Gyro calibration from the pictures: the configuration rewrite, and the search finding an
+// offset and an axis swap that a synthetic recording's configuration does not state.
+#include "Calibration.h"
+#include "ReplayError.h"
+#include "Synthetic.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+
+namespace qlmr::replay {
+namespace {
+
+TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
+    const std::string text =
+        "# comment vstab.gyroAxes=x,y,z\n"
+        "vstab.readoutNs=30000000\n"
+        "  vstab.gyroAxes = y,x,-z\n"
+        "vstab.gyroTimeOffsetNsX=1\n";
+    EXPECT_EQ(withCalibration(text, "-y,-x,-z", 17.25),
+              "# comment vstab.gyroAxes=x,y,z\n"
+              "vstab.readoutNs=30000000\n"
+              "vstab.gyroAxes=-y,-x,-z\n"
+              "vstab.gyroTimeOffsetNsX=1\n"
+              "vstab.gyroTimeOffsetNs=17250000\n");
+    EXPECT_EQ(withCalibration("vstab.gyroTimeOffsetNs=5\n", "x,y,z", -3.0),
+              "vstab.gyroTimeOffsetNs=-3000000\nvstab.gyroAxes=x,y,z\n");
+}
+
+// Calibrates a short synthetic walk (true gyro offset 17 ms) whose configuration states
+// `statedAxes` and `statedOffsetMs`.
+CalibrationStats calibrateSynthetic(const std::string& statedAxes, double statedOffsetMs) {
+    SyntheticOptions o;
+    o.width = 640;
+    o.height = 360;
+    o.seconds = 4;
+    o.scene = "procedural";
+    o.gyro.timeOffsetNs = 17000000;
+    o.statedGyroAxes = statedAxes;
+    o.statedGyroOffsetMs = statedOffsetMs;
+    SyntheticRecording rec(o);
+    CalibrationInput in;
+    in.lumas = readLumas(rec, 2);
+    for (int i = 0; i < rec.count(); ++i) {
+        in.timestampsNs.push_back(rec.timestampNs(i));
+        in.exposureUs.push_back(rec.exposureUs(i));
+    }
+    in.frameWidth = rec.width();
+    in.gyro = &rec.gyro();
+    in.configText = rec.configText();
+    return calibrate(in);
+}
+
+TEST(Calibration, FindsAnUnstatedOffsetAndNamesIt) {
+    const CalibrationStats c = calibrateSynthetic("", 2.0);
+    ASSERT_TRUE(c.measured);
+    EXPECT_EQ(c.statedAxes, "-y,-x,-z");
+    EXPECT_DOUBLE_EQ(c.statedOffsetMs, 2.0);
+    EXPECT_EQ(c.bestAxes, "-y,-x,-z");
+    EXPECT_NEAR(c.bestOffsetMs, 17.0, 1.5);
+    EXPECT_GT(c.bestAgreement, c.agreement);
+    EXPECT_LT(c.bestRmsPx, 0.5 * c.statedRmsPx);
+    ASSERT_EQ(c.warnings.size(), 1u);
+    EXPECT_NE(c.warnings[0].find("gyro time offset of 1"), std::string::npos) << c.warnings[0];
+    EXPECT_EQ(c.series.size(), static_cast<size_t>(c.pairs));
+}
+
+TEST(Calibration, NamesTheAxesWhenTheConfigurationSwapsThem) {
+    const CalibrationStats c = calibrateSynthetic("-x,-y,z", 17.0);
+    ASSERT_TRUE(c.measured);
+    EXPECT_LT(c.agreement, kPoorAgreement);
+    EXPECT_EQ(c.bestAxes, "-y,-x,-z");
+    EXPECT_GT(c.bestAgreement, 0.9);
+    std::string all;
+    for (const std::string& w : c.warnings)
+        all += w + "\n";
+    EXPECT_NE(all.find("agree poorly"), std::string::npos) << all;
+    EXPECT_NE(all.find("the gyro axes -y,-x,-z fit the image motion better than the configured "
+                       "-x,-y,z"),
+              std::string::npos)
+        << all;
+}
+
+TEST(Calibration, CorrectValuesAgreeWithoutWarnings) {
+    const CalibrationStats c = calibrateSynthetic("", 17.0);
+    ASSERT_TRUE(c.measured);
+    EXPECT_GT(c.agreement, 0.95);
+    EXPECT_TRUE(c.warnings.empty()) << c.warnings.front();
+    EXPECT_TRUE(c.configWarnings.empty());
+}
+
+TEST(Calibration, RefusedConfigurationIsAnError) {
+    CalibrationInput in;
+    in.configText = "vstab.gridRows=1\n";
+    EXPECT_THROW(calibrate(in), ReplayError);
+}
+
+}  // namespace
+}  // namespace qlmr::replay

@@ -1,0 +1,236 @@
+#include "Calibration.h"
+
+#include "ColorConvert.h"
+#include "Config.h"
+#include "ReplayError.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <sstream>
+
+namespace qlmr::replay {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+// Fewer registered pairs than this say nothing about the gyro.
+constexpr int kMinPairs = 8;
+// A mapping or offset is reported as better when it lowers the prediction error by this share.
+constexpr double kClearlyBetter = 0.15;
+// An offset this far from the stated one is worth a word even when the error barely changes.
+constexpr double kOffsetToleranceMs = 2.0;
+
+std::string axesText(const vstab::AxisMap& m) {
+    std::string s;
+    for (int i = 0; i < 3; ++i) {
+        if (i > 0)
+            s += ',';
+        if (m.sign[i] < 0)
+            s += '-';
+        s += static_cast<char>('x' + m.axis[i]);
+    }
+    return s;
+}
+
+// Pearson correlation of the stacked components (rotation scaled to pixels at `radiusPx`).
+double stackedCorrelation(const std::vector<CalibrationPoint>& series, double radiusPx) {
+    double sp = 0, sm = 0, spp = 0, smm = 0, spm = 0;
+    int n = 0;
+    for (const CalibrationPoint& c : series) {
+        for (int k = 0; k < 3; ++k) {
+            const double w = k == 2 ? radiusPx : 1.0;
+            const double p = c.predicted[k] * w, m = c.measured[k] * w;
+            sp += p;
+            sm += m;
+            spp += p * p;
+            smm += m * m;
+            spm += p * m;
+            ++n;
+        }
+    }
+    if (n < 2)
+        return 0;
+    const double cov = spm / n - sp / n * sm / n;
+    const double vp = spp / n - sp / n * sp / n;
+    const double vm = smm / n - sm / n * sm / n;
+    return vp > 0 && vm > 0 ? cov / std::sqrt(vp * vm) : 0;
+}
+
+std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& motion,
+                                               const std::vector<GyroSample>& gyro,
+                                               const AxisMap& map, double offsetMs,
+                                               const AlignmentSearch& s, double t0Sec,
+                                               double toFramePx) {
+    std::vector<CalibrationPoint> out;
+    for (const FrameMotion& f : motion) {
+        if (!f.ok)
+            continue;
+        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
+        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+        CalibrationPoint c;
+        c.timeSec = f.startSec - t0Sec;
+        predictedMotion(r, s.focalPx, c.predicted[0], c.predicted[1], c.predicted[2]);
+        c.predicted[0] *= toFramePx;
+        c.predicted[1] *= toFramePx;
+        c.measured[0] = f.tx * toFramePx;
+        c.measured[1] = f.ty * toFramePx;
+        c.measured[2] = f.angle;
+        out.push_back(c);
+    }
+    return out;
+}
+
+}  // namespace
+
+CalibrationStats calibrate(const CalibrationInput& in) {
+    CalibrationStats st;
+    vstab::StabConfig cfg;
+    char error[400];
+    vstab::ConfigWarnings warnings;
+    if (!vstab::parseConfig(in.configText.data(), in.configText.size(), cfg, error, sizeof error,
+                            &warnings)) {
+        throw ReplayError(std::string("the stabilization library refuses the configuration: ") +
+                          error);
+    }
+    std::istringstream lines(warnings.text);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty())
+            st.configWarnings.push_back(line);
+    }
+    st.statedAxes = axesText(cfg.gyroAxes);
+    const int exposureUs = in.exposureUs.empty() ? 0 : in.exposureUs.front();
+    // The library's offset is the gyro time of the first row's exposure start; the search's is
+    // that of the middle of its exposure.
+    st.statedOffsetMs = cfg.gyroTimeOffsetNs * 1e-6;
+    const double searchStatedMs = st.statedOffsetMs + exposureUs * 0.5e-3;
+    if (in.lumas.size() < 2 || in.gyro == nullptr || in.gyro->empty() || in.frameWidth <= 0)
+        return st;
+
+    std::vector<double> times;
+    for (int64_t t : in.timestampsNs)
+        times.push_back(t * 1e-9);
+    const std::vector<FrameMotion> motion = measureFrameMotion(in.lumas, times, in.threads);
+    int ok = 0;
+    for (const FrameMotion& f : motion)
+        ok += f.ok;
+    st.pairs = ok;
+    if (ok < kMinPairs) {
+        st.warnings.push_back("only " + std::to_string(ok) +
+                              " frame pairs could be registered: the gyro calibration is unknown");
+        return st;
+    }
+    st.measured = true;
+
+    const double scale = static_cast<double>(in.lumas.front().width) / in.frameWidth;
+    AlignmentSearch search;
+    search.focalPx = scale * 0.5 * in.frameWidth / std::tan(cfg.fovHorizontalDeg * kPi / 360.0);
+    search.readoutMs = cfg.readoutNs * 1e-6;
+    search.radiusPx = 300 * scale;
+    search.offsetMinMs = searchStatedMs - 60;
+    search.offsetMaxMs = searchStatedMs + 60;
+    search.offsetStepMs = 1;
+
+    const AxisMap stated = AxisMap::parse(st.statedAxes);
+    const double t0 = times.front();
+    st.series = predictionSeries(motion, *in.gyro, stated, searchStatedMs, search, t0, 1.0 / scale);
+    st.agreement = stackedCorrelation(st.series, 300);
+    const ComponentFit fit = fitComponents(motion, *in.gyro, stated, searchStatedMs, search);
+    for (int k = 0; k < 3; ++k)
+        st.componentCorrelation[k] = fit.correlation[k];
+    AlignmentSearch statedOnly = search;
+    statedOnly.offsetMinMs = statedOnly.offsetMaxMs = searchStatedMs;
+    const std::vector<AlignmentScore> statedCurve =
+        offsetCurve(motion, *in.gyro, stated, statedOnly);
+    st.statedRmsPx = statedCurve.empty() ? 0 : statedCurve.front().rmsPx / scale;
+
+    std::vector<AlignmentScore> ranked = rankAlignments(motion, *in.gyro, search);
+    const auto best = std::find_if(ranked.begin(), ranked.end(),
+                                   [](const AlignmentScore& a) { return a.map.isRotation(); });
+    if (best == ranked.end())
+        return st;
+    st.bestAxes = best->map.text();
+    st.bestOffsetMs = best->offsetMs - exposureUs * 0.5e-3;
+    st.bestRmsPx = best->rmsPx / scale;
+    st.bestAgreement = stackedCorrelation(
+        predictionSeries(motion, *in.gyro, best->map, best->offsetMs, search, t0, 1.0 / scale),
+        300);
+
+    char buf[400];
+    if (st.agreement < kPoorAgreement) {
+        std::snprintf(buf, sizeof buf,
+                      "gyro and image motion agree poorly (correlation %.2f with the configured "
+                      "axes %s and offset %.1f ms); the stabilization cannot be trusted",
+                      st.agreement, st.statedAxes.c_str(), st.statedOffsetMs);
+        st.warnings.push_back(buf);
+    }
+    const bool clearlyBetter = st.bestRmsPx < (1.0 - kClearlyBetter) * st.statedRmsPx;
+    if (st.bestAxes != st.statedAxes && clearlyBetter) {
+        std::snprintf(buf, sizeof buf,
+                      "the gyro axes %s fit the image motion better than the configured %s "
+                      "(prediction error %.2f px instead of %.2f px, correlation %.2f instead of "
+                      "%.2f): set vstab.gyroAxes=%s",
+                      st.bestAxes.c_str(), st.statedAxes.c_str(), st.bestRmsPx, st.statedRmsPx,
+                      st.bestAgreement, st.agreement, st.bestAxes.c_str());
+        st.warnings.push_back(buf);
+    } else if (std::fabs(st.bestOffsetMs - st.statedOffsetMs) > kOffsetToleranceMs &&
+               (clearlyBetter || st.bestAxes == st.statedAxes)) {
+        std::snprintf(buf, sizeof buf,
+                      "a gyro time offset of %.1f ms fits the image motion better than the "
+                      "configured %.1f ms (prediction error %.2f px instead of %.2f px): set "
+                      "vstab.gyroTimeOffsetNs=%lld",
+                      st.bestOffsetMs, st.statedOffsetMs, st.bestRmsPx, st.statedRmsPx,
+                      static_cast<long long>(std::llround(st.bestOffsetMs * 1e6)));
+        st.warnings.push_back(buf);
+    }
+    return st;
+}
+
+std::string withCalibration(const std::string& configText, const std::string& axes,
+                            double offsetMs) {
+    const std::string axesLine = "vstab.gyroAxes=" + axes;
+    const std::string offsetLine =
+        "vstab.gyroTimeOffsetNs=" + std::to_string(std::llround(offsetMs * 1e6));
+    std::string out;
+    bool haveAxes = false, haveOffset = false;
+    std::istringstream lines(configText);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t first = line.find_first_not_of(" \t");
+        const std::string body = first == std::string::npos ? "" : line.substr(first);
+        auto isKey = [&body](const char* key) {
+            const std::string k(key);
+            if (body.compare(0, k.size(), k) != 0)
+                return false;
+            const size_t eq = body.find_first_not_of(" \t", k.size());
+            return eq != std::string::npos && body[eq] == '=';
+        };
+        if (isKey("vstab.gyroAxes")) {
+            line = axesLine;
+            haveAxes = true;
+        } else if (isKey("vstab.gyroTimeOffsetNs")) {
+            line = offsetLine;
+            haveOffset = true;
+        }
+        out += line + "\n";
+    }
+    if (!haveAxes)
+        out += axesLine + "\n";
+    if (!haveOffset)
+        out += offsetLine + "\n";
+    return out;
+}
+
+std::vector<GrayImage> readLumas(FrameSource& frames, int factor) {
+    std::vector<GrayImage> out(static_cast<size_t>(frames.count()));
+    Nv21Image nv21;
+    nv21.resize(frames.width(), frames.height());
+    for (int i = 0; i < frames.count(); ++i) {
+        frames.read(i, nv21);
+        GrayImage& g = out[static_cast<size_t>(i)];
+        g.resize(frames.width() / factor, frames.height() / factor);
+        downsampleLuma(nv21.y(), nv21.width, nv21.height, nv21.width, factor, g);
+    }
+    return out;
+}
+
+}  // namespace qlmr::replay
