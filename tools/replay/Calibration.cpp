@@ -81,6 +81,78 @@ std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& m
     return out;
 }
 
+// The search of rankAlignments at a 48th of its cost: the gyro is integrated once per offset
+// in its own axes, and each mapping is applied to the integrated rotation (exact for the
+// proper rotations, as exp(P w) = P exp(w) P^T; to second order in the frame-to-frame angle
+// for the mirror images). The best few mappings are then refined exactly to 0.1 ms.
+std::vector<AlignmentScore> rankQuickly(const std::vector<FrameMotion>& motion,
+                                        const std::vector<GyroSample>& gyro,
+                                        const AlignmentSearch& s) {
+    const AxisMap raw;  // identity
+    std::vector<double> offsets;
+    for (double o = s.offsetMinMs; o <= s.offsetMaxMs + 1e-9; o += s.offsetStepMs)
+        offsets.push_back(o);
+    std::vector<const FrameMotion*> pairs;
+    for (const FrameMotion& f : motion) {
+        if (f.ok)
+            pairs.push_back(&f);
+    }
+    std::vector<V3> rotation(offsets.size() * pairs.size());
+    for (size_t k = 0; k < offsets.size(); ++k) {
+        for (size_t p = 0; p < pairs.size(); ++p) {
+            const FrameMotion& f = *pairs[p];
+            const double shift = (s.readoutMs * f.rowFraction + offsets[k]) * 1e-3;
+            rotation[k * pairs.size() + p] =
+                integrateRotation(gyro, raw, f.startSec + shift, f.endSec + shift);
+        }
+    }
+    std::vector<AlignmentScore> best;
+    for (const AxisMap& map : AxisMap::all()) {
+        AlignmentScore b;
+        b.map = map;
+        b.rmsPx = INFINITY;
+        for (size_t k = 0; k < offsets.size(); ++k) {
+            double sum = 0;
+            for (size_t p = 0; p < pairs.size(); ++p) {
+                const FrameMotion& f = *pairs[p];
+                double tx, ty, angle;
+                predictedMotion(map.apply(rotation[k * pairs.size() + p]), s.focalPx, tx, ty,
+                                angle);
+                const double ea = (angle - f.angle) * s.radiusPx;
+                sum += (tx - f.tx) * (tx - f.tx) + (ty - f.ty) * (ty - f.ty) + ea * ea;
+            }
+            const double rms = pairs.empty() ? INFINITY : std::sqrt(sum / pairs.size());
+            if (rms < b.rmsPx) {
+                b.rmsPx = rms;
+                b.offsetMs = offsets[k];
+                b.pairs = static_cast<int>(pairs.size());
+            }
+        }
+        best.push_back(b);
+    }
+    std::sort(best.begin(), best.end(),
+              [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
+    // Exact refinement of the leading proper rotations.
+    constexpr int kRefined = 4;
+    int refined = 0;
+    for (AlignmentScore& b : best) {
+        if (!b.map.isRotation() || refined >= kRefined)
+            continue;
+        ++refined;
+        AlignmentSearch fine = s;
+        fine.offsetMinMs = b.offsetMs - s.offsetStepMs;
+        fine.offsetMaxMs = b.offsetMs + s.offsetStepMs;
+        fine.offsetStepMs = s.offsetStepMs / 10;
+        for (const AlignmentScore& c : offsetCurve(motion, gyro, b.map, fine)) {
+            if (c.rmsPx < b.rmsPx)
+                b = c;
+        }
+    }
+    std::sort(best.begin(), best.end(),
+              [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
+    return best;
+}
+
 }  // namespace
 
 CalibrationStats calibrate(const CalibrationInput& in) {
@@ -144,7 +216,7 @@ CalibrationStats calibrate(const CalibrationInput& in) {
         offsetCurve(motion, *in.gyro, stated, statedOnly);
     st.statedRmsPx = statedCurve.empty() ? 0 : statedCurve.front().rmsPx / scale;
 
-    std::vector<AlignmentScore> ranked = rankAlignments(motion, *in.gyro, search);
+    std::vector<AlignmentScore> ranked = rankQuickly(motion, *in.gyro, search);
     const auto best = std::find_if(ranked.begin(), ranked.end(),
                                    [](const AlignmentScore& a) { return a.map.isRotation(); });
     if (best == ranked.end())

@@ -305,6 +305,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     computeMetrics(mc, m);
 
     // Gyro against image motion, on every replay: the inputs the recorder kept.
+    log << "measuring the gyro against the image motion..." << std::endl;
     {
         CalibrationInput ci;
         const std::vector<InputRecord>& inputs = recorder.inputs();
@@ -324,6 +325,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         for (const std::string& w : m.calibration.warnings)
             m.warnings.push_back(w);
     }
+    log << "writing metrics.json and report.html..." << std::endl;
 
     if (encoder.joinable()) {
         encoder.join();
