@@ -107,21 +107,23 @@ class SimMotion : public CameraMotion {
     sim::Trajectory trajectory_;
 };
 
-const char* simName(Trajectory t) {
-    switch (t) {
-        case Trajectory::Walk:
-            return "walk";
-        case Trajectory::Pan:
-            return "pan";
-        case Trajectory::Still:
-            return "still";
-        case Trajectory::Jog:
-            return "jog";
-        case Trajectory::Violent:
-            return "violent";
-        default:
-            return nullptr;
+struct TrajectoryName {
+    Trajectory trajectory;
+    const char* name;
+    bool fromSim;  // one of qlmr_sim's scenarios, under the same name
+};
+constexpr TrajectoryName kNames[] = {
+    {Trajectory::Walk, "walk", true},         {Trajectory::Pan, "pan", true},
+    {Trajectory::Still, "still", true},       {Trajectory::Jog, "jog", true},
+    {Trajectory::Violent, "violent", true},   {Trajectory::SwayWalk, "sway-walk", false},
+    {Trajectory::SwayPan, "sway-pan", false}, {Trajectory::SwayStill, "sway-still", false}};
+
+const TrajectoryName& entry(Trajectory t) {
+    for (const TrajectoryName& n : kNames) {
+        if (n.trajectory == t)
+            return n;
     }
+    throw ReplayError("unknown trajectory");
 }
 
 }  // namespace
@@ -136,22 +138,12 @@ Trajectory parseTrajectory(const std::string& name) {
 }
 
 const char* trajectoryName(Trajectory t) {
-    switch (t) {
-        case Trajectory::SwayWalk:
-            return "sway-walk";
-        case Trajectory::SwayPan:
-            return "sway-pan";
-        case Trajectory::SwayStill:
-            return "sway-still";
-        default:
-            return simName(t);
-    }
+    return entry(t).name;
 }
 
 std::unique_ptr<CameraMotion> makeHandheldMotion(Trajectory trajectory, uint64_t seed) {
-    if (const char* name = simName(trajectory)) {
-        return std::make_unique<SimMotion>(sim::makeScenario(name, 1.0, seed));
-    }
+    if (entry(trajectory).fromSim)
+        return std::make_unique<SimMotion>(sim::makeScenario(entry(trajectory).name, 1.0, seed));
     return std::make_unique<HandheldMotion>(trajectory, seed);
 }
 

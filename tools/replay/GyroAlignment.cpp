@@ -169,23 +169,33 @@ void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double
 }
 
 namespace {
+// Calls use(f, p) for every measured frame pair f with the motion p = (tx, ty, angle) the gyro
+// predicts for it at the time its textured rows were read out.
+template <typename Use>
+void forEachPrediction(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
+                       const AxisMap& map, double offsetMs, const AlignmentSearch& s, Use use) {
+    for (const FrameMotion& f : motion) {
+        if (!f.ok)
+            continue;
+        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
+        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+        double p[3];
+        predictedMotion(r, s.focalPx, p[0], p[1], p[2]);
+        use(f, p);
+    }
+}
+
 AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
                      const AxisMap& map, double offsetMs, const AlignmentSearch& s) {
     AlignmentScore out;
     out.map = map;
     out.offsetMs = offsetMs;
     double sum = 0;
-    for (const FrameMotion& f : motion) {
-        if (!f.ok)
-            continue;
-        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
-        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
-        double tx, ty, angle;
-        predictedMotion(r, s.focalPx, tx, ty, angle);
-        const double ea = (angle - f.angle) * s.radiusPx;
-        sum += (tx - f.tx) * (tx - f.tx) + (ty - f.ty) * (ty - f.ty) + ea * ea;
+    forEachPrediction(motion, gyro, map, offsetMs, s, [&](const FrameMotion& f, const double* p) {
+        const double ea = (p[2] - f.angle) * s.radiusPx;
+        sum += (p[0] - f.tx) * (p[0] - f.tx) + (p[1] - f.ty) * (p[1] - f.ty) + ea * ea;
         ++out.pairs;
-    }
+    });
     out.rmsPx = out.pairs > 0 ? std::sqrt(sum / out.pairs) : INFINITY;
     return out;
 }
@@ -196,23 +206,18 @@ ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
                            const AlignmentSearch& search) {
     double spp[3] = {}, smm[3] = {}, spm[3] = {}, sp[3] = {}, sm[3] = {};
     int n = 0;
-    for (const FrameMotion& f : motion) {
-        if (!f.ok)
-            continue;
-        const double shift = (search.readoutMs * f.rowFraction + offsetMs) * 1e-3;
-        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
-        double p[3];
-        predictedMotion(r, search.focalPx, p[0], p[1], p[2]);
-        const double m[3] = {f.tx, f.ty, f.angle};
-        for (int k = 0; k < 3; ++k) {
-            spp[k] += p[k] * p[k];
-            smm[k] += m[k] * m[k];
-            spm[k] += p[k] * m[k];
-            sp[k] += p[k];
-            sm[k] += m[k];
-        }
-        ++n;
-    }
+    forEachPrediction(motion, gyro, map, offsetMs, search,
+                      [&](const FrameMotion& f, const double* p) {
+                          const double m[3] = {f.tx, f.ty, f.angle};
+                          for (int k = 0; k < 3; ++k) {
+                              spp[k] += p[k] * p[k];
+                              smm[k] += m[k] * m[k];
+                              spm[k] += p[k] * m[k];
+                              sp[k] += p[k];
+                              sm[k] += m[k];
+                          }
+                          ++n;
+                      });
     ComponentFit fit;
     if (n < 2)
         return fit;

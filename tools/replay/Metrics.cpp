@@ -58,12 +58,8 @@ PixelMotionStats chainedMotion(const std::vector<const GrayImage*>& frames,
     runJobs(jobs, threads);
     double x = 0, y = 0, roll = 0;
     std::vector<double> stepLength, stepAngle;
-    if (!frames.empty()) {
-        s.path.t.push_back(times[0]);
-        s.path.x.push_back(0);
-        s.path.y.push_back(0);
-        s.path.roll.push_back(0);
-    }
+    if (!frames.empty())
+        s.path.add(times[0], 0, 0, 0);
     double lengthSum = 0;
     for (size_t i = 0; i < jobs.size(); ++i) {
         const MotionEstimate& e = jobs[i].result;
@@ -80,10 +76,7 @@ PixelMotionStats chainedMotion(const std::vector<const GrayImage*>& frames,
         x += tx;
         y += ty;
         roll += angle;
-        s.path.t.push_back(times[i + 1]);
-        s.path.x.push_back(x);
-        s.path.y.push_back(y);
-        s.path.roll.push_back(roll);
+        s.path.add(times[i + 1], x, y, roll);
         stepLength.push_back(std::hypot(tx, ty));
         stepAngle.push_back(angle);
         lengthSum += std::hypot(tx, ty);
@@ -263,7 +256,9 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
     const double f = cam.focalPx;
     m.hasTruth = true;
     TruthStats& t = m.truth;
-    std::vector<double> devInX, devInY, devInRoll;
+    // Deviation of the view from the intended one (pixels, roll in degrees), input and output.
+    PathSeries devIn, devOut;
+    std::vector<double> devOutScale;
     for (int i = 0; i < delivered; ++i) {
         const double tc = syn.rowTimeSec(i, cam.height / 2.0);
         const M3 ra = syn.motion().actual(tc);
@@ -272,20 +267,10 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         const View vi = viewOf(ri, f);
         const View dev = viewOf(ri.transpose() * ra, f);
         const double time = (inputs[static_cast<size_t>(i)].timestampNs - t0) * 1e-9;
-        t.actual.t.push_back(time);
-        t.actual.x.push_back(toDeg(va.x, f));
-        t.actual.y.push_back(toDeg(va.y, f));
-        t.actual.roll.push_back(va.roll);
-        t.intended.t.push_back(time);
-        t.intended.x.push_back(toDeg(vi.x, f));
-        t.intended.y.push_back(toDeg(vi.y, f));
-        t.intended.roll.push_back(vi.roll);
-        devInX.push_back(dev.x);
-        devInY.push_back(dev.y);
-        devInRoll.push_back(dev.roll);
+        t.actual.add(time, toDeg(va.x, f), toDeg(va.y, f), va.roll);
+        t.intended.add(time, toDeg(vi.x, f), toDeg(vi.y, f), vi.roll);
+        devIn.add(time, dev.x, dev.y, dev.roll);
     }
-    std::vector<double> devOutX, devOutY, devOutRoll, devOutScale;
-    PathSeries outAbsPx;
     for (size_t n = 0; n < jobs.size(); ++n) {
         const MotionEstimate& e = jobs[n].result;
         if (!e.ok)
@@ -317,13 +302,8 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         const View dev = viewOf(ri.transpose() * ro, fOut);
         const View abs = viewOf(ro, f);
         const double time = (o.timestampNs - t0) * 1e-9;
-        t.output.t.push_back(time);
-        t.output.x.push_back(toDeg(abs.x, f));
-        t.output.y.push_back(toDeg(abs.y, f));
-        t.output.roll.push_back(abs.roll);
-        devOutX.push_back(dev.x);
-        devOutY.push_back(dev.y);
-        devOutRoll.push_back(dev.roll);
+        t.output.add(time, toDeg(abs.x, f), toDeg(abs.y, f), abs.roll);
+        devOut.add(time, dev.x, dev.y, dev.roll);
         devOutScale.push_back(fOut);
         ++t.outputFrames;
     }
@@ -333,15 +313,15 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
             ++i;
         return i;
     };
-    t.inputJitterSettledPx = highPassRms2(devInX, devInY, sigmaFrames, firstSettled(t.actual.t));
-    t.outputJitterSettledPx = highPassRms2(devOutX, devOutY, sigmaFrames, firstSettled(t.output.t));
+    t.inputJitterSettledPx = highPassRms2(devIn.x, devIn.y, sigmaFrames, firstSettled(devIn.t));
+    t.outputJitterSettledPx = highPassRms2(devOut.x, devOut.y, sigmaFrames, firstSettled(devOut.t));
     t.jitterRatioSettled = t.outputJitterSettledPx > 0
                                ? t.inputJitterSettledPx / t.outputJitterSettledPx
                                : std::numeric_limits<double>::infinity();
-    t.inputJitterPx = highPassRms2(devInX, devInY, sigmaFrames);
+    t.inputJitterPx = highPassRms2(devIn.x, devIn.y, sigmaFrames);
     t.inputJitterDeg = toDeg(t.inputJitterPx, f);
-    t.inputRollJitterDeg = highPassRms(devInRoll, sigmaFrames);
-    t.outputJitterPx = highPassRms2(devOutX, devOutY, sigmaFrames);
+    t.inputRollJitterDeg = highPassRms(devIn.roll, sigmaFrames);
+    t.outputJitterPx = highPassRms2(devOut.x, devOut.y, sigmaFrames);
     double fOutMean = f;
     if (!devOutScale.empty()) {
         fOutMean = 0;
@@ -350,7 +330,7 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         fOutMean /= devOutScale.size();
     }
     t.outputJitterDeg = toDeg(t.outputJitterPx, fOutMean);
-    t.outputRollJitterDeg = highPassRms(devOutRoll, sigmaFrames);
+    t.outputRollJitterDeg = highPassRms(devOut.roll, sigmaFrames);
     t.jitterRatio = t.outputJitterPx > 0 ? t.inputJitterPx / t.outputJitterPx
                                          : std::numeric_limits<double>::infinity();
     t.inputStability = pathStability(t.actual);

@@ -22,6 +22,13 @@ struct PathSeries {
     std::vector<double> x;
     std::vector<double> y;
     std::vector<double> roll;
+
+    void add(double time, double px, double py, double r) {
+        t.push_back(time);
+        x.push_back(px);
+        y.push_back(py);
+        roll.push_back(r);
+    }
 };
 
 // Motion of one stream measured from its pixels, frame to frame.
