@@ -70,19 +70,18 @@ void Y4mReader::open(const std::string& path) {
     FILE* f = std::fopen(path.c_str(), "rb");
     if (f == nullptr)
         throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
-    if (owned_ && file_ != nullptr)
-        std::fclose(file_);
-    file_ = f;
-    owned_ = true;
-    name_ = path;
-    readHeader();
+    use(f, true, path);
 }
 
 void Y4mReader::attach(FILE* stream, const std::string& name) {
+    use(stream, false, name);
+}
+
+void Y4mReader::use(FILE* stream, bool owned, const std::string& name) {
     if (owned_ && file_ != nullptr)
         std::fclose(file_);
     file_ = stream;
-    owned_ = false;
+    owned_ = owned;
     name_ = name;
     readHeader();
 }

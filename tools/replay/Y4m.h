@@ -61,6 +61,8 @@ class Y4mReader {
     int framesRead() const { return frames_; }
 
   private:
+    // Reads from `stream` from now on (closed by this reader when `owned`).
+    void use(FILE* stream, bool owned, const std::string& name);
     void readHeader();
 
     FILE* file_ = nullptr;
