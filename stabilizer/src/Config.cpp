@@ -31,6 +31,7 @@ enum class KeyId {
     GyroGapMaxNs,
     CropAdaptive,
     CropZoomMin,
+    CropZoomMax,
     LensK1,
     LensK2,
     Count
@@ -70,7 +71,10 @@ const ConfigKey kKeys[kKeyCount] = {
      "1: the output magnification follows the motion between the smallest zoom and the "
      "overscan; 0: always the overscan (default 1)"},
     {"vstab.cropZoomMin",
-     "smallest output magnification of the adaptive crop, at most the overscan (default 1.0)"},
+     "smallest output magnification of the adaptive crop, at most the largest (default 1.0)"},
+    {"vstab.cropZoomMax",
+     "largest output magnification; 0 = the overscan (default 0); above it the output keeps "
+     "less of the picture to hold stronger shake"},
     {"vstab.lensK1", "radial distortion coefficient of r^2 (default 0: pinhole)"},
     {"vstab.lensK2", "radial distortion coefficient of r^4 (default 0)"},
 };
@@ -228,7 +232,8 @@ const Range kRanges[kKeyCount] = {
     {50.0, 5000.0},  // gyroRateMaxHz
     {1e6, 1e9},      // gyroGapMaxNs
     {0, 1},          // cropAdaptive
-    {1.0, 4.0},      // cropZoomMin; further limited to the overscan
+    {1.0, 4.0},      // cropZoomMin; further limited to cropZoomMax
+    {0.0, 4.0},      // cropZoomMax; 0 or at least 1, checked below
     {-1.0, 1.0},     // lensK1
     {-1.0, 1.0},     // lensK2
 };
@@ -307,6 +312,9 @@ void store(KeyId id, int64_t i, double d, StabConfig& c) {
             break;
         case KeyId::CropZoomMin:
             c.cropZoomMin = d;
+            break;
+        case KeyId::CropZoomMax:
+            c.cropZoomMax = d;
             break;
         case KeyId::LensK1:
             c.lensK1 = d;
@@ -511,12 +519,21 @@ bool parseConfig(const char* text, size_t length, StabConfig& out, char* error,
         store(id, iv, dv, cfg);
     }
 
-    if (cfg.cropZoomMin > cfg.overscan) {
+    if (cfg.cropZoomMax != 0.0 && cfg.cropZoomMax < 1.0) {
+        return fail(error, errorCapacity,
+                    "vstab.cropZoomMax=%g is neither 0 (the overscan) nor a magnification of at "
+                    "least 1.",
+                    cfg.cropZoomMax);
+    }
+    if (cfg.cropZoomMax == 0.0) {
+        cfg.cropZoomMax = cfg.overscan;
+    }
+    if (cfg.cropZoomMin > cfg.cropZoomMax) {
         if (warnings != nullptr) {
-            warnings->add("vstab.cropZoomMin=%g is larger than vstab.overscan=%g; using %g.",
-                          cfg.cropZoomMin, cfg.overscan, cfg.overscan);
+            warnings->add("vstab.cropZoomMin=%g is larger than the largest zoom %g; using %g.",
+                          cfg.cropZoomMin, cfg.cropZoomMax, cfg.cropZoomMax);
         }
-        cfg.cropZoomMin = cfg.overscan;
+        cfg.cropZoomMin = cfg.cropZoomMax;
     }
     const uint64_t meshVertices =
         (static_cast<uint64_t>(cfg.gridColumns) + 2) * (static_cast<uint64_t>(cfg.gridRows) + 2);

@@ -40,9 +40,14 @@ struct StabConfig {
     double gyroRateMaxHz = 1000.0;  // highest gyro rate the sample history is sized for
     int64_t gyroGapMaxNs = 100000000;  // longer sample gaps are bridged as no rotation
     // Adaptive crop: the output's magnification (output half-widths per frame half-width)
-    // follows the motion between cropZoomMin and overscan; 0 keeps it at overscan.
+    // follows the motion between cropZoomMin and cropZoomMax; 0 keeps it at cropZoomMax.
     int32_t cropAdaptive = 1;
     double cropZoomMin = 1.0;
+    // Largest output magnification (and the fixed one without the adaptive crop). 0 in the
+    // text means the overscan; after parsing it always holds the value in force. Above the
+    // overscan the output shows less than the engine's unwarped grid, for shake the overscan's
+    // margin cannot hold.
+    double cropZoomMax = 0.0;
     // Radial lens distortion of the frame: a normalised image point (x, y) of an ideal pinhole
     // is recorded at (x, y) * (1 + lensK1 r^2 + lensK2 r^4), r^2 = x^2 + y^2, in units of the
     // focal length. 0, 0: a pinhole camera.

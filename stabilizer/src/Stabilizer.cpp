@@ -52,11 +52,11 @@ Stabilizer::Stabilizer(const StabConfig& config)
       nodeP_(static_cast<size_t>(nodeCount_)),
       nodeUsage_(static_cast<size_t>(nodeCount_)),
       nodeX_(static_cast<size_t>(nodeCount_)),
-      zoom_(config.overscan),
+      zoom_(config.cropZoomMax > 0.0 ? config.cropZoomMax : config.overscan),
       // The crop check keeps the output kCropInset inside the frame on every side, which a
       // smaller magnification could never satisfy.
-      lowestZoom_(std::min(config.overscan,
-                           std::max(config.cropZoomMin, (1.0 + 1e-6) / (1.0 - 2.0 * kCropInset)))) {
+      lowestZoom_(
+          std::min(zoom_, std::max(config.cropZoomMin, (1.0 + 1e-6) / (1.0 - 2.0 * kCropInset)))) {
     // Cut-off 0.6 / window: the smoothing's time constant tau = window / (1.2 pi) is then at
     // most 0.53 x the look-ahead (latency >= window / 2), which keeps the receding-horizon path
     // from overshooting.
@@ -184,7 +184,7 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
         nodeP_[i] = logMap(refInv * nodeQ_[i]);
     }
     SmootherParams params = params_;
-    params.margins = cropMargins(camera, config_.overscan);
+    params.margins = cropMargins(camera, highestZoom());
     // The rows of a frame turn with the camera during readout; half that spread on either side
     // of the centre row is margin the path cannot use.
     const double halfSpanS = 0.5 * timing.rowSpanNs * 1e-9;
@@ -202,7 +202,7 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     pr.p = nodeP_.data();
     pr.extraUsage = nodeUsage_.data();
     const Vec3 x0 = smoother_.solve(pr, params, nodeX_.data());
-    zoomWanted_ = config_.cropAdaptive != 0 ? zoomTarget(camera, halfSpanS) : config_.overscan;
+    zoomWanted_ = config_.cropAdaptive != 0 ? zoomTarget(camera, halfSpanS) : highestZoom();
     return normalized(ref * expMap(x0));
 }
 
@@ -210,7 +210,7 @@ double Stabilizer::zoomTarget(const CameraModel& camera, double halfSpanS) {
     // Each node's deviation from the physical path, with its frame's rolling-shutter spread,
     // needs some magnification; the zoom now must be within reach of it at the allowed rise
     // rate by the node's time.
-    ladder_.prepare(camera, lowestZoom_, config_.overscan);
+    ladder_.prepare(camera, lowestZoom_, highestZoom());
     double target = lowestZoom_;
     for (int i = 0; i < nodeCount_; ++i) {
         Vec3 rate;
@@ -299,7 +299,7 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     // magnify the output up to the overscan, then turn the pose towards the physical one just
     // far enough.
     if (!coversOutput(camera, outZoom, virt, rowSet, kCropInset)) {
-        const double maxZoom = config_.overscan;
+        const double maxZoom = highestZoom();
         if (outZoom < maxZoom && coversOutput(camera, maxZoom, virt, rowSet, kCropInset)) {
             double lo = outZoom;
             double hi = maxZoom;

@@ -93,6 +93,10 @@ class Stabilizer {
     Quat replay(int64_t centreNs, const Quat& physicalCentre) const;
     // Output magnification for the frame whose path was solved last (uses nodeX_, nodeP_).
     double zoomTarget(const CameraModel& camera, double halfSpanS);
+    // Largest output magnification (vstab.cropZoomMax, the overscan unless set).
+    double highestZoom() const {
+        return config_.cropZoomMax > 0.0 ? config_.cropZoomMax : config_.overscan;
+    }
     void updateZoom(int64_t centreNs, double target, bool restart);
     const Committed* committed(size_t back) const;  // 0 = newest
     void commit(int64_t frameNs, int64_t centreNs, const Quat& virt);

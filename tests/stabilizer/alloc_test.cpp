@@ -78,8 +78,7 @@ namespace {
 
 TEST(VStabAllocation, NoHeapUseAfterCreation) {
     // Adaptive crop (the default) and lens distortion on: every per-frame path.
-    const char config[] =
-        "vstab.readoutNs=30000000\nvstab.gyroRateMaxHz=200\nvstab.lensK1=-0.1\n";
+    const char config[] = "vstab.readoutNs=30000000\nvstab.gyroRateMaxHz=200\nvstab.lensK1=-0.1\n";
     void* h = nullptr;
     char message[512];
     unsigned int size = sizeof message;

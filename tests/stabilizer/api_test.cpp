@@ -198,6 +198,8 @@ TEST(VStabApi, StillCameraGetsTheUnwarpedGridAtItsSmallestZoom) {
         double zoom;
     } cases[] = {{"vstab.readoutNs=30000000\nvstab.cropAdaptive=0\n", 1.25},
                  {"vstab.readoutNs=30000000\nvstab.cropZoomMin=1.05\n", 1.05},
+                 // Beyond the engine's overscan: less of the picture, for strong shake.
+                 {"vstab.readoutNs=30000000\nvstab.cropAdaptive=0\nvstab.cropZoomMax=1.5\n", 1.5},
                  // The crop check's inset of 0.1 % per side: the smallest zoom that keeps it.
                  {"vstab.readoutNs=30000000\n", 1.0 / 0.998}};
     for (const auto& k : cases) {

@@ -117,6 +117,7 @@ TEST(StabConfig, RefusesBadValuesWithASentenceNamingTheKey) {
         {"vstab.fovHorizontalDeg=nan", "vstab.fovHorizontalDeg"},
         {"vstab.fovVerticalDeg=inf", "vstab.fovVerticalDeg"},
         {"vstab.overscan=0.9", "vstab.overscan"},
+        {"vstab.cropZoomMax=0.5", "vstab.cropZoomMax"},
         {"vstab.clockIdGyro=2", "vstab.clockIdGyro"},
         {"vstab.clockIdFrame=-1", "vstab.clockIdFrame"},
         {"vstab.gyroAxes=x,y", "vstab.gyroAxes"},
@@ -193,7 +194,7 @@ TEST(StabConfig, WarnsAboutEveryKeyNobodyReadsAndEveryClampedValue) {
                        "vstab.gyroAxes?"),
               std::string::npos)
         << all;
-    EXPECT_NE(all.find("vstab.cropZoomMin=1.5 is larger than vstab.overscan=1.25; using 1.25."),
+    EXPECT_NE(all.find("vstab.cropZoomMin=1.5 is larger than the largest zoom 1.25; using 1.25."),
               std::string::npos)
         << all;
     EXPECT_EQ(all.find("native"), std::string::npos) << all;
