@@ -26,14 +26,6 @@ void scalePlane(const uint8_t* src, int sw, int sh, uint8_t* dst, int dw, int dh
 }
 }  // namespace
 
-void scaleI420(const I420Image& in, I420Image& out) {
-    scalePlane(in.y(), in.width, in.height, out.y(), out.width, out.height, out.width);
-    scalePlane(in.u(), in.width / 2, in.height / 2, out.u(), out.width / 2, out.height / 2,
-               out.width / 2);
-    scalePlane(in.v(), in.width / 2, in.height / 2, out.v(), out.width / 2, out.height / 2,
-               out.width / 2);
-}
-
 void composeSideBySide(const I420Image& left, const I420Image& right, I420Image& out) {
     const int w = out.width;
     const int h = out.height;

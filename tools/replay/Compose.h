@@ -16,9 +16,6 @@ void sideBySideSize(int lw, int lh, int rw, int rh, int& width, int& height);
 // sized by sideBySideSize. No allocation.
 void composeSideBySide(const I420Image& left, const I420Image& right, I420Image& out);
 
-// Nearest-neighbour scaling of an I420 picture into `out` (sized by the caller).
-void scaleI420(const I420Image& in, I420Image& out);
-
 // Box-filtered RGB reduction to at most `maxWidth` wide (integer factor), for thumbnails.
 RgbImage thumbnail(const RgbImage& in, int maxWidth);
 

@@ -58,7 +58,6 @@ class Y4mReader {
     int height() const { return height_; }
     int fpsNum() const { return fpsNum_; }
     int fpsDen() const { return fpsDen_; }
-    int framesRead() const { return frames_; }
 
   private:
     // Reads from `stream` from now on (closed by this reader when `owned`).
