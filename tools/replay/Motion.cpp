@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 
 namespace qlmr::replay {
@@ -119,22 +120,44 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
         const Level& r = ref_[static_cast<size_t>(top)];
         const Level& m = mov_[static_cast<size_t>(top)];
         std::vector<double> scales = options.scales;
-        scales.push_back(initial.scale);
+        if (std::find(scales.begin(), scales.end(), initial.scale) == scales.end())
+            scales.push_back(initial.scale);
         double bestCost = std::numeric_limits<double>::infinity();
+        const int radius = options.searchRadius;
         for (double scale : scales) {
             Similarity s = initial;
             s.scale = scale;
-            for (int dy = -options.searchRadius; dy <= options.searchRadius; ++dy) {
-                for (int dx = -options.searchRadius; dx <= options.searchRadius; ++dx) {
-                    Linear l = toLinear(s);
-                    l.tx = initial.tx * topScale + dx;
-                    l.ty = initial.ty * topScale + dy;
-                    const double c = sparseCost(r.pixels, m.pixels, r.width, r.height, l, 2);
-                    if (c < bestCost) {
-                        bestCost = c;
-                        best = l;
-                    }
+            Linear l = toLinear(s);
+            // Every other offset first (the coarsest level is blurred by the pyramid: its cost
+            // basin is wider than one pixel), then the 8 neighbours of the best of them.
+            double scaleCost = std::numeric_limits<double>::infinity();
+            int bestDx = 0, bestDy = 0;
+            auto tryOffset = [&](int dx, int dy) {
+                l.tx = initial.tx * topScale + dx;
+                l.ty = initial.ty * topScale + dy;
+                const double c = sparseCost(r.pixels, m.pixels, r.width, r.height, l, 2);
+                if (c < scaleCost) {
+                    scaleCost = c;
+                    bestDx = dx;
+                    bestDy = dy;
                 }
+            };
+            for (int dy = -radius; dy <= radius; dy += 2) {
+                for (int dx = -radius; dx <= radius; dx += 2)
+                    tryOffset(dx, dy);
+            }
+            const int cx = bestDx, cy = bestDy;
+            for (int dy = cy - 1; dy <= cy + 1; ++dy) {
+                for (int dx = cx - 1; dx <= cx + 1; ++dx) {
+                    if ((dx != cx || dy != cy) && std::abs(dx) <= radius && std::abs(dy) <= radius)
+                        tryOffset(dx, dy);
+                }
+            }
+            if (scaleCost < bestCost) {
+                bestCost = scaleCost;
+                best = l;
+                best.tx = initial.tx * topScale + bestDx;
+                best.ty = initial.ty * topScale + bestDy;
             }
         }
         if (!std::isfinite(bestCost))
@@ -149,12 +172,12 @@ MotionEstimate MotionEstimator::estimate(const GrayImage& reference, const GrayI
         const Level& m = mov_[static_cast<size_t>(lv)];
         const int w = r.width, h = r.height;
         const double cx = w / 2.0, cy = h / 2.0;
-        const int step = lv == 0 && top > 0 && w * h >= options.finestStepMinPixels
-                             ? std::max(1, options.finestStep)
-                             : 1;
-        // The finest level starts close to the answer: a few iterations settle it.
-        const int iterations =
-            lv == 0 && top > 0 ? std::min(options.iterations, 6) : options.iterations;
+        // Levels below the coarsest start within about a pixel of the answer (the level above
+        // converged): a few iterations settle them, and on a large picture the two finest
+        // levels sample every finestStep-th row and column.
+        const bool large = reference.width * reference.height >= options.finestStepMinPixels;
+        const int step = lv < top && lv <= 1 && large ? std::max(1, options.finestStep) : 1;
+        const int iterations = lv < top ? std::min(options.iterations, 6) : options.iterations;
         for (int it = 0; it < iterations; ++it) {
             double H[4][4] = {};
             double g[4] = {};

@@ -34,11 +34,11 @@ struct MotionOptions {
     std::vector<double> scales;
     int iterations = 12;  // Gauss-Newton iterations per level
     int minSize = 40;     // the pyramid stops before a level smaller than this (either side)
-    // Sampling step on the finest level, in pixels, when that level holds at least
-    // finestStepMinPixels (2: every other row and column). The finest level starts within a
-    // fraction of a pixel of the answer; at the tool's 640-pixel-wide luma a quarter of its
-    // pixels settle it as well as all of them, and it was three quarters of the work. Smaller
-    // pictures keep every pixel.
+    // Sampling step on the two finest levels, in pixels, when the picture holds at least
+    // finestStepMinPixels (2: every other row and column). Those levels start within about a
+    // pixel of the answer; at the tool's 640-pixel-wide luma a quarter of their pixels settle
+    // it as well as all of them, and they were most of the work. Smaller pictures keep every
+    // pixel.
     int finestStep = 2;
     int finestStepMinPixels = 160000;
 };
