@@ -63,15 +63,29 @@ TEST(CircularQueueThreadSafe, CapacityBelowTwoIsRefused) {
     EXPECT_EQ(q.getCapacity(), 2);
 }
 
-TEST(CircularQueueThreadSafe, FullQueueRefusesPushLeavesArgumentAndReportsSizeZero) {
+TEST(CircularQueueThreadSafe, FullQueueRefusesPushEmptyQueueNullsOut) {
     Queue q(2);
+    Slot marker;
+    Slot* s = &marker;
+    EXPECT_FALSE(q.pop(s));
+    EXPECT_EQ(s, nullptr);
+    s = &marker;
+    EXPECT_FALSE(q.peekLock(s));
+    EXPECT_EQ(s, nullptr);
+    try {
+        q.unlock(nullptr);
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(),
+                     "CircularQueueThreadSafe Trying to unlock a null element, logical error!");
+    }
+
     push(q, 1);
     EXPECT_EQ(q.size(), 1);
     push(q, 2);
     EXPECT_EQ(q.size(), 0);  // full: indices equal again after the wrap
 
-    Slot marker;
-    Slot* s = &marker;
+    s = &marker;
     EXPECT_FALSE(q.pushLock(s));
     EXPECT_EQ(s, &marker);
 
@@ -99,25 +113,6 @@ TEST(CircularQueueThreadSafe, FullAfterWriteIndexWrapsMidRing) {
     EXPECT_EQ(take(q), 3);  // read index wraps: flag flips back
     EXPECT_EQ(take(q), 4);
     EXPECT_FALSE(q.pop(s));
-}
-
-TEST(CircularQueueThreadSafe, EmptyQueueNullsOutPointer) {
-    Queue q(2);
-    Slot marker;
-    Slot* s = &marker;
-    EXPECT_FALSE(q.pop(s));
-    EXPECT_EQ(s, nullptr);
-    s = &marker;
-    EXPECT_FALSE(q.peekLock(s));
-    EXPECT_EQ(s, nullptr);
-
-    try {
-        q.unlock(nullptr);
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(),
-                     "CircularQueueThreadSafe Trying to unlock a null element, logical error!");
-    }
 }
 
 TEST(CircularQueueThreadSafe, PeekTwiceGivesSameSlotAndNeedsTwoUnlocks) {

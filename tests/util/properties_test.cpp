@@ -14,14 +14,10 @@ std::string get(const char* key, const char* def) {
     return value;
 }
 
-TEST(HostProperties, UnsetKeyGivesDefaultOrEmpty) {
+TEST(HostProperties, UnsetEmptyClearedSetAndLongValues) {
     host::clearProperties();
     EXPECT_EQ(get("debug.camera.qlmr.EIS.log", "0"), "0");
     EXPECT_EQ(get("debug.camera.qlmr.EIS.log", nullptr), "");
-}
-
-TEST(HostProperties, SetValueIsReturnedAndClearedAgain) {
-    host::clearProperties();
     host::setProperty("persist.qlmr.EIS.vid.startUs", "250000");
     EXPECT_EQ(get("persist.qlmr.EIS.vid.startUs", "0"), "250000");
     host::setProperty("persist.qlmr.EIS.vid.startUs", "");  // empty reads as unset
@@ -29,11 +25,7 @@ TEST(HostProperties, SetValueIsReturnedAndClearedAgain) {
     host::setProperty("a", "1");
     host::clearProperty("a");
     EXPECT_EQ(get("a", "d"), "d");
-}
-
-TEST(HostProperties, LongValuesAreCutToTheValueLimit) {
-    host::clearProperties();
-    host::setProperty("k", std::string(200, 'x'));
+    host::setProperty("k", std::string(200, 'x'));  // cut to the value limit
     EXPECT_EQ(get("k", nullptr).size(), static_cast<size_t>(PROPERTY_VALUE_MAX - 1));
 }
 

@@ -55,39 +55,35 @@ TEST(TimestampStatistics, FewerThanTwoValuesLeaveOutputsUntouched) {
     EXPECT_EQ(kept, -4);
 }
 
-TEST(TimestampStatistics, DoubleIntervalIsRejected) {
-    TimestampStatistics s(8);
-    s << 0 << 1000 << 2000 << 4000 << 5000 << 6000;  // m0 = 1200; 2000 is 800 away, not < 600
-    float mean, stddev;
-    int rejected, kept;
-    s.calcStatistics(mean, stddev, rejected, kept);
-    EXPECT_EQ(mean, 1000.0f);
-    EXPECT_EQ(stddev, 0.0f);
-    EXPECT_EQ(rejected, 1);
-    EXPECT_EQ(kept, 4);
-}
-
-TEST(TimestampStatistics, SampleDeviationInAgeOrderAfterWrap) {
-    TimestampStatistics s(5);
-    s << 7 << 0 << 900 << 2000 << 3000 << 4000;  // 7 is overwritten; intervals 900 1100 1000 1000
-    float mean, stddev;
-    int rejected, kept;
-    s.calcStatistics(mean, stddev, rejected, kept);
-    EXPECT_EQ(mean, 1000.0f);
-    EXPECT_NEAR(stddev, 81.6497f, 1e-3f);  // sqrt(20000 / 3)
-    EXPECT_EQ(rejected, 0);
-    EXPECT_EQ(kept, 4);
-}
-
-TEST(TimestampStatistics, DistanceIsTruncatedBeforeOutlierTest) {
-    TimestampStatistics s(3);
-    s << 0 << 1 << 5;  // intervals 1, 4: m0 2.5, distance 1.5 -> 1, below 1.25
-    float mean, stddev;
-    int rejected, kept;
-    s.calcStatistics(mean, stddev, rejected, kept);
-    EXPECT_EQ(kept, 2);
-    EXPECT_EQ(rejected, 0);
-    EXPECT_EQ(mean, 2.5f);
+// Mean and sample deviation of the intervals in age order, outliers (distance to the first
+// mean, truncated to whole units, at least half of it) left out.
+TEST(TimestampStatistics, IntervalStatisticsLeaveOutliersOut) {
+    struct Case {
+        int capacity;
+        std::vector<unsigned long long> values;
+        float mean, stddev;
+        int rejected, kept;
+    };
+    const Case cases[] = {
+        // m0 = 1200; the double interval 2000 is 800 away, not < 600.
+        {8, {0, 1000, 2000, 4000, 5000, 6000}, 1000.0f, 0.0f, 1, 4},
+        // 7 is overwritten; intervals 900 1100 1000 1000 in age order, sqrt(20000 / 3).
+        {5, {7, 0, 900, 2000, 3000, 4000}, 1000.0f, 81.6497f, 0, 4},
+        // Intervals 1, 4: m0 2.5, distance 1.5 truncated to 1, below 1.25.
+        {3, {0, 1, 5}, 2.5f, 2.1213f, 0, 2},
+    };
+    for (const Case& c : cases) {
+        TimestampStatistics s(c.capacity);
+        for (unsigned long long v : c.values)
+            s << v;
+        float mean, stddev;
+        int rejected, kept;
+        s.calcStatistics(mean, stddev, rejected, kept);
+        EXPECT_EQ(mean, c.mean) << c.capacity;
+        EXPECT_NEAR(stddev, c.stddev, 1e-3f) << c.capacity;
+        EXPECT_EQ(rejected, c.rejected) << c.capacity;
+        EXPECT_EQ(kept, c.kept) << c.capacity;
+    }
 }
 
 }  // namespace

@@ -49,10 +49,7 @@ TEST_F(cTTimingTest, ReportListsStagesInLabelOrderAsMilliseconds) {
                   t.stages["b"] = 0;
                   t.stages["c"] = 1000000000;
               }),
-              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");
-}
-
-TEST_F(cTTimingTest, EmptyProbeAndNullName) {
+              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");    // An empty probe and one without a name.
     EXPECT_EQ(report([] { cTTiming t("MainThread()"); }), "[cTTiming][MainThread()] ");
     EXPECT_EQ(report([] { cTTiming t(nullptr); }), "[cTTiming]");
     EXPECT_EQ(report([] {
@@ -60,6 +57,12 @@ TEST_F(cTTimingTest, EmptyProbeAndNullName) {
                   t.stages["x"] = 2000;
               }),
               "[cTTiming]x(2) ");
+    eis_debug = 0;  // nothing is logged when debug is off
+    EXPECT_EQ(report([] {
+                  cTTiming t("Render()");
+                  t("Render");
+              }),
+              "");
 }
 
 TEST_F(cTTimingTest, MeasuredStagesAreMicrosecondsAndPrintedSorted) {
@@ -94,15 +97,6 @@ TEST_F(cTTimingTest, NullLabelRestartsAndRepeatedLabelKeepsLatest) {
     t("b");
     EXPECT_EQ(t.stages.size(), 2u);
     EXPECT_LT(t.stages["b"], 60000);  // second duration replaced, not added to, the first
-}
-
-TEST_F(cTTimingTest, NothingLoggedWhenDebugIsOff) {
-    eis_debug = 0;
-    EXPECT_EQ(report([] {
-                  cTTiming t("Render()");
-                  t("Render");
-              }),
-              "");
 }
 
 }  // namespace
