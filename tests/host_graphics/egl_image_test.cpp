@@ -58,7 +58,7 @@ class EglImage : public ::testing::Test {
     gltest::Context gl_;
 };
 
-TEST_F(EglImage, Nv21SamplesAsBt601LimitedRangeRgb) {
+TEST_F(EglImage, Nv21SamplesAsBt601LimitedRangeRgbAndLaterWritesAreSampled) {
     sp<GraphicBuffer> camera(new GraphicBuffer(64, 32, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
     ASSERT_EQ(camera->initCheck(), android::NO_ERROR);
     fillNv21(camera, patchColours);
@@ -80,34 +80,20 @@ TEST_F(EglImage, Nv21SamplesAsBt601LimitedRangeRgb) {
             }
         }
     }
-    EXPECT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_TRUE);
-    EXPECT_EQ(eglGetError(), EGL_SUCCESS);
-}
-
-TEST_F(EglImage, NeutralChromaStaysGreyAndLaterWritesAreSampled) {
-    sp<GraphicBuffer> camera(new GraphicBuffer(32, 16, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    // Written after the image exists, neutral chroma: the next sampling sees it, grey.
     fillNv21(camera, [](uint32_t px, uint32_t, int* y, int* u, int* v) {
         *y = px < 2 ? 16 : 235;
         *u = *v = 128;
     });
-    EGLImageKHR image = gltest::importBuffer(gl_.display(), camera);
-    ASSERT_NE(image, EGL_NO_IMAGE_KHR);
-    std::vector<uint8_t> first = gltest::sampleExternal(image, 32, 16);
-    for (uint32_t i = 0; i < 32 * 16; ++i) {
-        const uint8_t* p = &first[i * 4];
+    rgba = gltest::sampleExternal(image, 64, 32);
+    for (uint32_t i = 0; i < 64 * 32; ++i) {
+        const uint8_t* p = &rgba[i * 4];
         EXPECT_EQ(p[0], p[1]);
         EXPECT_EQ(p[1], p[2]);
-        EXPECT_NEAR(p[0], (i % 32) < 16 ? 0 : 255, 1);
+        EXPECT_NEAR(p[0], (i % 64) < 16 ? 0 : 255, 1);
     }
-    // Written after the image exists: the next sampling must see it.
-    fillNv21(camera, [](uint32_t, uint32_t, int* y, int* u, int* v) {
-        *y = 126;
-        *u = *v = 128;
-    });
-    std::vector<uint8_t> second = gltest::sampleExternal(image, 32, 16);
-    EXPECT_NEAR(second[0], 128, 1);
-    EXPECT_EQ(second[0], second[2]);
-    eglDestroyImageKHR(gl_.display(), image);
+    EXPECT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_TRUE);
+    EXPECT_EQ(eglGetError(), EGL_SUCCESS);
 }
 
 struct RgbCase {
@@ -117,53 +103,45 @@ struct RgbCase {
 
 class EglRenderTarget : public EglImage, public ::testing::WithParamInterface<RgbCase> {};
 
-TEST_P(EglRenderTarget, GlDrawingIsSeenByTheNextCpuLock) {
+// Drawn by GL, read by the next CPU lock, with the image alive or already destroyed.
+TEST_P(EglRenderTarget, GlDrawingIsSeenByTheNextCpuLockAndOutlivesTheImage) {
     const RgbCase c = GetParam();
-    sp<GraphicBuffer> output(
-        new GraphicBuffer(c.width, 24, c.format, GraphicBuffer::USAGE_SW_WRITE_OFTEN));
-    ASSERT_EQ(output->initCheck(), android::NO_ERROR);
-    EGLImageKHR image = gltest::importBuffer(gl_.display(), output);
-    ASSERT_NE(image, EGL_NO_IMAGE_KHR);
-    const float base[4] = {0.0f, 0.0f, 1.0f, 1.0f};
-    const float patch[4] = {1.0f, 0.0f, 0.0f, 1.0f};
-    // GL rows 0..11 of columns 0..9 red, the rest blue.
-    ASSERT_EQ(gltest::renderInto(image, base, 0, 0, 10, 12, patch),
-              static_cast<GLenum>(GL_NO_ERROR));
-
-    void* address = nullptr;
-    ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
-    const auto* bytes = static_cast<const uint8_t*>(address);
-    const bool bgra = c.format == HAL_PIXEL_FORMAT_BGRA_8888;
-    for (uint32_t row = 0; row < 24; ++row) {
-        for (uint32_t col = 0; col < c.width; ++col) {
-            const uint8_t* p = bytes + (row * output->getStride() + col) * 4;
-            const bool red = row < 12 && col < 10;
-            ASSERT_EQ(p[bgra ? 2 : 0], red ? 255 : 0) << col << "," << row;
-            ASSERT_EQ(p[bgra ? 0 : 2], red ? 0 : 255) << col << "," << row;
+    for (bool destroyFirst : {false, true}) {
+        sp<GraphicBuffer> output(
+            new GraphicBuffer(c.width, 24, c.format, GraphicBuffer::USAGE_SW_WRITE_OFTEN));
+        ASSERT_EQ(output->initCheck(), android::NO_ERROR);
+        EGLImageKHR image = gltest::importBuffer(gl_.display(), output);
+        ASSERT_NE(image, EGL_NO_IMAGE_KHR);
+        const float base[4] = {0.0f, 0.0f, 1.0f, 1.0f};
+        const float patch[4] = {1.0f, 0.0f, 0.0f, 1.0f};
+        // GL rows 0..11 of columns 0..9 red, the rest blue.
+        ASSERT_EQ(gltest::renderInto(image, base, 0, 0, 10, 12, patch),
+                  static_cast<GLenum>(GL_NO_ERROR));
+        if (destroyFirst) {
+            ASSERT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_TRUE);
         }
+        void* address = nullptr;
+        ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+        const auto* bytes = static_cast<const uint8_t*>(address);
+        const bool bgra = c.format == HAL_PIXEL_FORMAT_BGRA_8888;
+        for (uint32_t row = 0; row < 24; ++row) {
+            for (uint32_t col = 0; col < c.width; ++col) {
+                const uint8_t* p = bytes + (row * output->getStride() + col) * 4;
+                const bool red = row < 12 && col < 10;
+                ASSERT_EQ(p[bgra ? 2 : 0], red ? 255 : 0) << col << "," << row << destroyFirst;
+                ASSERT_EQ(p[bgra ? 0 : 2], red ? 0 : 255) << col << "," << row << destroyFirst;
+            }
+        }
+        EXPECT_EQ(output->unlock(), android::NO_ERROR);
+        if (!destroyFirst)
+            eglDestroyImageKHR(gl_.display(), image);
     }
-    EXPECT_EQ(output->unlock(), android::NO_ERROR);
-    eglDestroyImageKHR(gl_.display(), image);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, EglRenderTarget,
                          ::testing::Values(RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 48},
                                            RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 50},
                                            RgbCase{HAL_PIXEL_FORMAT_BGRA_8888, 32}));
-
-TEST_F(EglImage, ContentDrawnByGlSurvivesTheImage) {
-    sp<GraphicBuffer> output(
-        new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, GraphicBuffer::USAGE_SW_READ_OFTEN));
-    EGLImageKHR image = gltest::importBuffer(gl_.display(), output);
-    const float green[4] = {0.0f, 1.0f, 0.0f, 1.0f};
-    ASSERT_EQ(gltest::renderInto(image, green, 0, 0, 0, 0, green),
-              static_cast<GLenum>(GL_NO_ERROR));
-    ASSERT_EQ(eglDestroyImageKHR(gl_.display(), image), EGL_TRUE);
-    void* address = nullptr;
-    ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
-    EXPECT_EQ(static_cast<uint8_t*>(address)[1], 255);
-    output->unlock();
-}
 
 TEST_F(EglImage, RepeatedImportSharesOneImageAndKeepsTheBufferAlive) {
     const host::GraphicsCounters before = host::graphicsCounters();

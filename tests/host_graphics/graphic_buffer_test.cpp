@@ -44,19 +44,7 @@ TEST(GraphicBuffer, StrideIsWidthRoundedUpToSixteenAndPlanesFollowIt) {
     }
 }
 
-TEST(GraphicBuffer, EmptyBufferReallocatesWithLayerCountZero) {
-    sp<GraphicBuffer> b(new GraphicBuffer());
-    EXPECT_EQ(b->initCheck(), android::NO_INIT);
-    void* address = nullptr;
-    EXPECT_EQ(b->lock(kCamera, &address), android::NO_INIT);
-    ASSERT_EQ(b->reallocate(640, 480, HAL_PIXEL_FORMAT_YCrCb_420_SP, 0, kCamera),
-              android::NO_ERROR);
-    EXPECT_EQ(b->initCheck(), android::NO_ERROR);
-    EXPECT_EQ(b->getLayerCount(), 1u);
-    EXPECT_EQ(b->getStride(), 640u);
-}
-
-TEST(GraphicBuffer, RefusesWhatItCannotHold) {
+TEST(GraphicBuffer, RefusesWhatItCannotHoldAndReallocatesAnEmptyOne) {
     const struct {
         uint32_t w, h;
         int format;
@@ -72,6 +60,15 @@ TEST(GraphicBuffer, RefusesWhatItCannotHold) {
         EXPECT_EQ(b->initCheck(), android::BAD_VALUE) << c.w << "x" << c.h << " " << c.format;
         EXPECT_EQ(b->getSize(), 0u);
     }
+    // An empty buffer is not initialised until it is reallocated (layer count 0 means 1).
+    sp<GraphicBuffer> b(new GraphicBuffer());
+    EXPECT_EQ(b->initCheck(), android::NO_INIT);
+    void* address = nullptr;
+    EXPECT_EQ(b->lock(kCamera, &address), android::NO_INIT);
+    ASSERT_EQ(b->reallocate(640, 480, HAL_PIXEL_FORMAT_YCrCb_420_SP, 0, kCamera),
+              android::NO_ERROR);
+    EXPECT_EQ(b->getLayerCount(), 1u);
+    EXPECT_EQ(b->getStride(), 640u);
 }
 
 TEST(GraphicBuffer, LockGivesPersistentMemoryOneLockAtATime) {
