@@ -508,46 +508,50 @@ TEST(EngineLifecycle, ConfiguredBufferCountAndCameraHeightShapeTheQueue) {
     }
 }
 
-TEST(EngineLifecycle, WidthNotAMultipleOf16IsRefusedBeforeAnyBuffer) {
-    EngineHarness h;
-    host::CameraSetup setup = idleCamera(640, 480);
-    setup.videoSizes.push_back({1080, 720});
-    h.makeCamera(setup);
-    LogCapture log;
-    EXPECT_EQ(thrownMessage([&] { h.engine->start(h.camera, 1080, 720, engineConfig().c_str()); }),
-              "[CPGL] allocateGB buffer width is not a multiple of 16");
-    EXPECT_EQ(log.count("[CPGL] allocateGB buffer width is not a multiple of 16", kWarn), 1);
-    EXPECT_EQ(log.count("Setting camera video stream size to: 1080x720", kInfo), 1);
-    auto* queue = h.engine->frameQueue.data;
-    ASSERT_NE(queue, nullptr);
-    for (int i = 0; i < queue->getCapacity(); ++i)
-        EXPECT_EQ(queue->slots[i].buffer.data, nullptr) << i;
-    // Nothing later ran: no sensor thread, no recording, no processing thread.
-    EXPECT_EQ(h.engine->sensorManager.data, nullptr);
-    EXPECT_FALSE(h.cameraDevice->recording());
-    EXPECT_EQ(h.engine->threadState.load(), 0);
-    EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
-    EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
-    // A failed start undoes nothing; the test lets go of the handle and the grids itself.
-    vStabDestroy(h.engine->vstabHandle);
-    delete[] h.engine->uniform_vrtxArr;
-    delete[] h.engine->vstabOutput.warpVertices;
-}
-
-TEST(EngineLifecycle, BufferTheGraphicsCannotMakeIsRefused) {
-    EngineHarness h;
-    h.makeCamera(idleCamera(640, 480));
-    LogCapture log;
-    // NV21 needs an even height.
-    EXPECT_EQ(thrownMessage([&] { h.start(engineConfig("native.cameraHeight=481\n")); }),
-              "[CPGL] Could not initialize GraphicBuffer");
-    EXPECT_EQ(log.count("[CPGL] Could not initialize GraphicBuffer", kWarn), 1);
-    EXPECT_EQ(h.engine->sensorManager.data, nullptr);
-    EXPECT_FALSE(h.cameraDevice->recording());
-    EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
-    vStabDestroy(h.engine->vstabHandle);
-    delete[] h.engine->uniform_vrtxArr;
-    delete[] h.engine->vstabOutput.warpVertices;
+// A width that is not a multiple of 16 is refused before any slot gets a buffer; an odd
+// camera height makes a buffer the graphics cannot allocate (NV21 needs an even height).
+// Either way nothing later runs: no sensor thread, no recording, no processing thread.
+TEST(EngineLifecycle, BuffersThatCannotBeMadeAreRefused) {
+    struct Case {
+        int width, height;
+        const char* config;
+        const char* message;
+    };
+    const Case cases[] = {
+        {1080, 720, "", "[CPGL] allocateGB buffer width is not a multiple of 16"},
+        {640, 480, "native.cameraHeight=481\n", "[CPGL] Could not initialize GraphicBuffer"},
+    };
+    for (const Case& c : cases) {
+        EngineHarness h;
+        host::CameraSetup setup = idleCamera(640, 480);
+        setup.videoSizes.push_back({1080, 720});
+        h.makeCamera(setup);
+        LogCapture log;
+        const std::string config = engineConfig(c.config);
+        EXPECT_EQ(thrownMessage(
+                      [&] { h.engine->start(h.camera, c.width, c.height, config.c_str()); }),
+                  c.message);
+        EXPECT_EQ(log.count(c.message, kWarn), 1);
+        EXPECT_EQ(log.count(format("Setting camera video stream size to: %dx%d", c.width,
+                                   c.height),
+                            kInfo),
+                  1);
+        auto* queue = h.engine->frameQueue.data;
+        ASSERT_NE(queue, nullptr);
+        if (c.width == 1080) {
+            for (int i = 0; i < queue->getCapacity(); ++i)
+                EXPECT_EQ(queue->slots[i].buffer.data, nullptr) << i;
+        }
+        EXPECT_EQ(h.engine->sensorManager.data, nullptr);
+        EXPECT_FALSE(h.cameraDevice->recording());
+        EXPECT_EQ(h.engine->threadState.load(), 0);
+        EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
+        EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
+        // A failed start undoes nothing; the test lets go of the handle and the grids itself.
+        vStabDestroy(h.engine->vstabHandle);
+        delete[] h.engine->uniform_vrtxArr;
+        delete[] h.engine->vstabOutput.warpVertices;
+    }
 }
 
 TEST(EngineLifecycle, StartFailuresAreLoggedThrownAndLeaveTheLocksFree) {
