@@ -57,7 +57,7 @@ class EntryPointsDeathTest : public ::testing::Test {
     void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
 
-TEST_F(EntryPointsDeathTest, GlLockTwiceAborts) {
+TEST_F(EntryPointsDeathTest, GlLockTwiceOrGlUnlockWithoutGlLockAborts) {
     EXPECT_DEATH(
         {
             callNative("onResume");
@@ -65,9 +65,6 @@ TEST_F(EntryPointsDeathTest, GlLockTwiceAborts) {
             callNative("glLock");
         },
         ASSERTED("glLock Logical Error"));
-}
-
-TEST_F(EntryPointsDeathTest, GlUnlockWithoutGlLockAborts) {
     EXPECT_DEATH(
         {
             callNative("onResume");
