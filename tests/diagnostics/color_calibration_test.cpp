@@ -54,35 +54,37 @@ std::vector<unsigned char> codedRgba(int width, int height) {
     return rgba;
 }
 
-TEST(ColorCalibration, ReadBackLogsFortyFivePatchCentres) {
+// One line per patch centre, scaled to the picture's width: 288 wide (full size) and 144.
+TEST(ColorCalibration, ReadBackLogsFortyFivePatchCentresScaledToThePicture) {
     std::vector<unsigned char> luma(288 * 160), chroma(288 * 80);
     ColorCalibration chart;
     chart.setColorCalibration_YUV21sp(luma.data(), chroma.data(), 288);
-    std::vector<unsigned char> rgba = codedRgba(288, 160);
-    LogCapture capture;
-    chart.getColorCalibration(rgba.data(), 288);
-    std::vector<LogLine> lines = capture.lines();
-    ASSERT_EQ(lines.size(), 45u);
-    for (const LogLine& l : lines) {
-        EXPECT_EQ(l.priority, 5);
-        EXPECT_EQ(l.tag, "[QLMR]");
+    struct Case {
+        int width, height;
+        const char *first, *seventh, *last;
+    };
+    const Case cases[] = {
+        {288, 160, "[COLORCONVERSION] 70 70 70 -> 16 8 7",
+         "[COLORCONVERSION] 70 90 140 -> 16 104 7",  // column 6: vu[7]
+         "[COLORCONVERSION] 170 170 70 -> 144 136 7"},
+        {144, 80, "[COLORCONVERSION] 70 70 70 -> 8 4 7",  // (8, 8)
+         "[COLORCONVERSION] 70 90 140 -> 8 52 7",
+         "[COLORCONVERSION] 170 170 70 -> 72 68 7"},  // (72, 136)
+    };
+    for (const Case& c : cases) {
+        std::vector<unsigned char> rgba = codedRgba(c.width, c.height);
+        LogCapture capture;
+        chart.getColorCalibration(rgba.data(), c.width);
+        std::vector<LogLine> lines = capture.lines();
+        ASSERT_EQ(lines.size(), 45u);
+        for (const LogLine& l : lines) {
+            EXPECT_EQ(l.priority, 5);
+            EXPECT_EQ(l.tag, "[QLMR]");
+        }
+        EXPECT_EQ(lines[0].text, c.first);
+        EXPECT_EQ(lines[6].text, c.seventh);
+        EXPECT_EQ(lines[44].text, c.last);
     }
-    EXPECT_EQ(lines[0].text, "[COLORCONVERSION] 70 70 70 -> 16 8 7");
-    EXPECT_EQ(lines[6].text, "[COLORCONVERSION] 70 90 140 -> 16 104 7");  // column 6: vu[7]
-    EXPECT_EQ(lines[44].text, "[COLORCONVERSION] 170 170 70 -> 144 136 7");
-}
-
-TEST(ColorCalibration, ReadBackScalesToASmallerPicture) {
-    std::vector<unsigned char> luma(288 * 160), chroma(288 * 80);
-    ColorCalibration chart;
-    chart.setColorCalibration_YUV21sp(luma.data(), chroma.data(), 288);
-    std::vector<unsigned char> rgba = codedRgba(144, 80);
-    LogCapture capture;
-    chart.getColorCalibration(rgba.data(), 144);
-    std::vector<std::string> texts = capture.texts();
-    ASSERT_EQ(texts.size(), 45u);
-    EXPECT_EQ(texts[0], "[COLORCONVERSION] 70 70 70 -> 8 4 7");       // (8, 8)
-    EXPECT_EQ(texts[44], "[COLORCONVERSION] 170 170 70 -> 72 68 7");  // (72, 136)
 }
 
 TEST(ColorCalibration, NothingToReadWithoutAChart) {
