@@ -34,7 +34,7 @@ class SurfaceManager : public ::testing::Test {
     std::shared_ptr<host::MemorySink> sink_ = std::make_shared<host::MemorySink>();
 };
 
-TEST_F(SurfaceManager, FirstRegistrationOfAnIdWinsAndMapIsOrdered) {
+TEST_F(SurfaceManager, FirstRegistrationOfAnIdWinsMapIsOrderedAndRemovalHandsItBack) {
     JavaSurfaceManager jsm;
     sp<ANativeWindow> first = connectedWindow(sink_);
     sp<ANativeWindow> second = connectedWindow(sink_);
@@ -48,17 +48,11 @@ TEST_F(SurfaceManager, FirstRegistrationOfAnIdWinsAndMapIsOrdered) {
     ASSERT_EQ(jsm.windows.size(), 2u);
     EXPECT_EQ(jsm.windows.begin()->first, -3);
     EXPECT_EQ(jsm.windows.at(7).window.get(), first.get());
-}
-
-TEST_F(SurfaceManager, RemoveReturnsTheWindowOrNullForUnknownIds) {
-    JavaSurfaceManager jsm;
-    sp<ANativeWindow> w = connectedWindow(sink_);
-    jsm.addSurface(1, w);
+    // Removal hands the window back, or null for an unknown id.
     EXPECT_EQ(jsm.remSurface(2), nullptr);
+    EXPECT_EQ(jsm.remSurface(7).get(), first.get());
     EXPECT_EQ(jsm.windows.size(), 1u);
-    EXPECT_EQ(jsm.remSurface(1).get(), w.get());
-    EXPECT_TRUE(jsm.windows.empty());
-    EXPECT_EQ(jsm.remSurface(1), nullptr);
+    EXPECT_EQ(jsm.remSurface(7), nullptr);
 }
 
 TEST_F(SurfaceManager, DequeueQueueCycleDeliversFramesWithTimestamps) {
@@ -115,16 +109,14 @@ TEST_F(SurfaceManager, RegistryLockHoldsOffAddersUntilUnlocked) {
     EXPECT_EQ(jsm.windows.size(), 1u);
 }
 
-TEST_F(SurfaceManager, AddingANullWindowAborts) {
+// Every misuse of the registry or of a window is a logic error that aborts.
+TEST_F(SurfaceManager, MisuseAborts) {
     EXPECT_DEATH(
         {
             JavaSurfaceManager jsm;
             jsm.addSurface(1, nullptr);
         },
         std::string(kAssertPrefix) + "0 && \"Trying to add an invalid ANativeWindow\"");
-}
-
-TEST_F(SurfaceManager, QueueingAnotherBufferAborts) {
     EXPECT_DEATH(
         {
             JavaSurfaceManager jsm;
@@ -137,9 +129,6 @@ TEST_F(SurfaceManager, QueueingAnotherBufferAborts) {
         },
         std::string(kAssertPrefix) +
             "0 && \"Trying to queue graphicBuffer different from the one dequeued!\"");
-}
-
-TEST_F(SurfaceManager, RemovingAWindowWithADequeuedBufferAborts) {
     EXPECT_DEATH(
         {
             JavaSurfaceManager jsm;
@@ -150,14 +139,10 @@ TEST_F(SurfaceManager, RemovingAWindowWithADequeuedBufferAborts) {
         std::string(kAssertPrefix) +
             "lastDequeued == 0 && \"Cannot destroy window if a buffer is dequeued, logic "
             "error\"");
-}
-
-TEST_F(SurfaceManager, DequeueFromAWindowWithoutBuffersAborts) {
     EXPECT_DEATH(
         {
             JavaSurfaceManager jsm;
-            sp<ANativeWindow> unconnected = host::createWindow(sink_);
-            jsm.addSurface(1, unconnected);
+            jsm.addSurface(1, host::createWindow(sink_));  // never connected: no buffers
             jsm.windows.at(1).dequeue();
         },
         std::string(kAssertPrefix) + "0 && \"Cannot dequeue buffer from ANativeWindow\"");
