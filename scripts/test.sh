@@ -1,17 +1,49 @@
 #!/usr/bin/env bash
-# Builds and runs every test. Usage: scripts/test.sh [default|asan|tsan]...
-# With no argument the default (optimised) preset runs; name presets to run the sanitizer builds.
+# Builds and runs the tests. Usage: scripts/test.sh [default|asan|tsan|armhf|ci]...
+# With no argument: what CI runs (ci). Presets:
+#   default  the whole suite, optimised build
+#   asan     the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
+#   tsan     the whole suite under ThreadSanitizer
+#   armhf    the parts without GL, cross-built for 32-bit ARM and run under qemu-arm
+#   ci       default, then the engine, util and stabilizer suites under asan and tsan
+#            (docs/reliability.md says what the CI leaves out and why)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 "$root/scripts/setup.sh"
 
-presets=("$@")
-((${#presets[@]})) || presets=(default)
 jobs=$(nproc)
-for preset in "${presets[@]}"; do
-  echo "== preset $preset" >&2
+# The suites CI runs under the sanitizers, as ctest labels (each test carries its program's
+# name): the engine, util and stabilizer programs and the fuzz corpus replays.
+ci_sanitizer_suites='^(engine.*|util.*|stabilizer.*|stab_harness_tests|fuzz)$'
+
+run_preset() {
+  local preset=$1
+  shift
+  echo "== preset $preset $*" >&2
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" -j "$jobs"
-  ctest --preset "$preset" -j "$jobs"
+  ctest --preset "$preset" -j "$jobs" "$@"
+}
+
+run_armhf() {
+  echo "== armhf (qemu-arm)" >&2
+  cmake -S cross/armhf -B build/armhf -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_TOOLCHAIN_FILE="$root/cmake/armhf-toolchain.cmake" >/dev/null
+  cmake --build build/armhf -j "$jobs"
+  (cd build/armhf && ctest -j "$jobs" --output-on-failure --no-tests=error)
+}
+
+presets=("$@")
+((${#presets[@]})) || presets=(ci)
+for preset in "${presets[@]}"; do
+  case "$preset" in
+    armhf) run_armhf ;;
+    ci)
+      run_preset default
+      run_preset asan -L "$ci_sanitizer_suites"
+      run_preset tsan -L "$ci_sanitizer_suites"
+      ;;
+    *) run_preset "$preset" ;;
+  esac
 done

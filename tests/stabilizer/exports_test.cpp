@@ -1,7 +1,10 @@
 // libzef_gyro_vstab.so exports exactly the five C functions and needs neither GL nor the
-// engine: read from its ELF dynamic symbol table and dynamic section.
+// engine: read from its ELF dynamic symbol table and dynamic section (of the ELF class being
+// built: 64-bit on the host, 32-bit in the ARM cross build; the symbol info macros are the
+// same for both classes).
 #include <elf.h>
 #include <gtest/gtest.h>
+#include <link.h>
 
 #include <algorithm>
 #include <cstring>
@@ -27,42 +30,42 @@ const T* at(const std::vector<char>& b, size_t offset) {
 bool readElf(const char* path, Elf& e) {
     std::ifstream in(path, std::ios::binary);
     e.bytes.assign(std::istreambuf_iterator<char>(in), {});
-    const Elf64_Ehdr* h = at<Elf64_Ehdr>(e.bytes, 0);
+    const ElfW(Ehdr)* h = at<ElfW(Ehdr)>(e.bytes, 0);
     if (h == nullptr || std::memcmp(h->e_ident, ELFMAG, SELFMAG) != 0 ||
-        h->e_ident[EI_CLASS] != ELFCLASS64) {
+        h->e_ident[EI_CLASS] != (__ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : ELFCLASS32)) {
         return false;
     }
-    std::vector<const Elf64_Shdr*> sections;
+    std::vector<const ElfW(Shdr)*> sections;
     for (size_t i = 0; i < h->e_shnum; ++i) {
-        const Elf64_Shdr* s = at<Elf64_Shdr>(e.bytes, h->e_shoff + i * h->e_shentsize);
+        const ElfW(Shdr)* s = at<ElfW(Shdr)>(e.bytes, h->e_shoff + i * h->e_shentsize);
         if (s == nullptr) {
             return false;
         }
         sections.push_back(s);
     }
-    auto str = [&](const Elf64_Shdr* table, size_t index) {
+    auto str = [&](const ElfW(Shdr)* table, size_t index) {
         const size_t o = table->sh_offset + index;
         return o < e.bytes.size() ? std::string(e.bytes.data() + o) : std::string();
     };
-    for (const Elf64_Shdr* s : sections) {
+    for (const ElfW(Shdr)* s : sections) {
         if (s->sh_link >= sections.size()) {
             continue;
         }
-        const Elf64_Shdr* strings = sections[s->sh_link];
+        const ElfW(Shdr)* strings = sections[s->sh_link];
         if (s->sh_type == SHT_DYNSYM) {
-            for (size_t o = s->sh_offset; o + sizeof(Elf64_Sym) <= s->sh_offset + s->sh_size;
-                 o += sizeof(Elf64_Sym)) {
-                const Elf64_Sym* sym = at<Elf64_Sym>(e.bytes, o);
-                const int bind = ELF64_ST_BIND(sym->st_info);
+            for (size_t o = s->sh_offset; o + sizeof(ElfW(Sym)) <= s->sh_offset + s->sh_size;
+                 o += sizeof(ElfW(Sym))) {
+                const ElfW(Sym)* sym = at<ElfW(Sym)>(e.bytes, o);
+                const int bind = ELF32_ST_BIND(sym->st_info);
                 if (sym->st_shndx != SHN_UNDEF && (bind == STB_GLOBAL || bind == STB_WEAK) &&
-                    ELF64_ST_VISIBILITY(sym->st_other) == STV_DEFAULT) {
+                    ELF32_ST_VISIBILITY(sym->st_other) == STV_DEFAULT) {
                     e.definedGlobals.insert(str(strings, sym->st_name));
                 }
             }
         } else if (s->sh_type == SHT_DYNAMIC) {
-            for (size_t o = s->sh_offset; o + sizeof(Elf64_Dyn) <= s->sh_offset + s->sh_size;
-                 o += sizeof(Elf64_Dyn)) {
-                const Elf64_Dyn* d = at<Elf64_Dyn>(e.bytes, o);
+            for (size_t o = s->sh_offset; o + sizeof(ElfW(Dyn)) <= s->sh_offset + s->sh_size;
+                 o += sizeof(ElfW(Dyn))) {
+                const ElfW(Dyn)* d = at<ElfW(Dyn)>(e.bytes, o);
                 if (d->d_tag == DT_NEEDED) {
                     e.needed.push_back(str(strings, d->d_un.d_val));
                 }

@@ -97,9 +97,26 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
         if (p.gyro.empty())
             throw ReplayError(path, 0, "no gyro samples");
     }
-    const ImageSize size = readImageSize(p.framePaths.front());
-    p.width = size.width;
-    p.height = size.height;
+    // Every frame's header is read now, so that a damaged or odd-sized picture stops the
+    // conversion instead of the replay of its output.
+    for (size_t i = 0; i < p.framePaths.size(); ++i) {
+        const ImageSize size = readImageSize(p.framePaths[i]);
+        if (i == 0) {
+            if (size.width % 2 != 0 || size.height % 2 != 0) {
+                throw ReplayError(p.framePaths[i], 0,
+                                  "is " + std::to_string(size.width) + "x" +
+                                      std::to_string(size.height) +
+                                      "; frames need an even width and height");
+            }
+            p.width = size.width;
+            p.height = size.height;
+        } else if (size.width != p.width || size.height != p.height) {
+            throw ReplayError(p.framePaths[i], 0,
+                              "is " + std::to_string(size.width) + "x" +
+                                  std::to_string(size.height) + ", the first frame is " +
+                                  std::to_string(p.width) + "x" + std::to_string(p.height));
+        }
+    }
     return p;
 }
 

@@ -126,6 +126,14 @@ void Y4mReader::readHeader() {
                           "Y4M stream has no valid even W/H (" + std::to_string(width_) + "x" +
                               std::to_string(height_) + ")");
     }
+    // A frame buffer is sized from the header before any picture data is read, so an absurd
+    // size must stop here rather than in the allocator.
+    if (width_ > kMaxY4mSide || height_ > kMaxY4mSide) {
+        throw ReplayError(name_, 0,
+                          "Y4M stream size " + std::to_string(width_) + "x" +
+                              std::to_string(height_) + " is larger than " +
+                              std::to_string(kMaxY4mSide) + " on a side");
+    }
 }
 
 bool Y4mReader::read(I420Image& out) {

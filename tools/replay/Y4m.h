@@ -38,6 +38,9 @@ class Y4mWriter {
     int frames_ = 0;
 };
 
+// Largest width or height a Y4M stream may declare (pixels): twice the sides of 8K video.
+constexpr int kMaxY4mSide = 16384;
+
 // Reads a 4:2:0 Y4M stream from a file or from a pipe (e.g. ffmpeg's output).
 class Y4mReader {
   public:

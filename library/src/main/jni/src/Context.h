@@ -19,8 +19,10 @@
 #include <camera/ICameraRecordingProxyListener.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -177,13 +179,23 @@ void readConfigParam(std::string text, const char* key, std::string& value,
                      std::string defaultValue);
 
 // Numeric form: `value` is atof() of the found text truncated toward zero (12.9 gives 12, a
-// non-number 0), else `defaultValue`.
+// non-number 0), else `defaultValue`. A number beyond T's range gives T's nearest limit and NaN
+// gives 0, as the 32-bit ARM conversion instruction does (a plain cast would be undefined).
 template <typename T>
 void readConfigParam(std::string text, const char* key, T& value, T defaultValue) {
     value = defaultValue;
     std::string raw;
-    if (findConfigValue(text, key, raw))
-        value = static_cast<T>(atof(raw.c_str()));
+    if (!findConfigValue(text, key, raw))
+        return;
+    const double number = atof(raw.c_str());
+    if (std::isnan(number))
+        value = 0;
+    else if (number <= static_cast<double>(std::numeric_limits<T>::min()))
+        value = std::numeric_limits<T>::min();
+    else if (number >= static_cast<double>(std::numeric_limits<T>::max()))
+        value = std::numeric_limits<T>::max();
+    else
+        value = static_cast<T>(number);
 }
 
 // Copies `rows` rows of `width` bytes between buffers of different row strides; one block copy

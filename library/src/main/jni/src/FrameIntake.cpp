@@ -75,7 +75,10 @@ void Context::dataCallbackTimestamp(long long timestamp, int msgType,
         QLOGW("[VStab] got Boottime_Monotonic_timerDiff: %lld",
               static_cast<long long>(Boottime_Monotonic_timerDiff));
     }
-    timestamp += Boottime_Monotonic_timerDiff;
+    // Wraps around like the device's add instead of overflowing: the camera's timestamp is
+    // not trusted to leave room for the offset.
+    timestamp = static_cast<long long>(static_cast<uint64_t>(timestamp) +
+                                       static_cast<uint64_t>(Boottime_Monotonic_timerDiff));
     if (eis_debug) {
         QLOGW("[VStab] Boottime_Monotonic_timerDiff: %lld",
               static_cast<long long>(Boottime_Monotonic_timerDiff));
