@@ -30,9 +30,10 @@ run_one() {
   mkdir -p "$corpus" "$findings"
   local dict=()
   [[ -f fuzz/$t/$t.dict ]] && dict=(-dict="fuzz/$t/$t.dict")
-  # -rss_limit_mb: the engine's target holds a GL context and its frame buffers.
+  # -rss_limit_mb: the engine's target holds a GL context and its frame buffers. -timeout is
+  # generous: on a loaded shared machine a 2 s input took 27 s (not a hang).
   rm -f "$build/logs/$t.rc"
-  nice -n 19 "$build/bin/${t}_fuzz" -max_total_time="$seconds" -timeout=20 -rss_limit_mb=3072 \
+  nice -n 19 "$build/bin/${t}_fuzz" -max_total_time="$seconds" -timeout=120 -rss_limit_mb=3072 \
     -max_len=65536 -print_final_stats=1 -artifact_prefix="$findings/" "${dict[@]}" \
     "$corpus" "fuzz/$t/corpus" >"$build/logs/$t.log" 2>&1
   echo $? >"$build/logs/$t.rc"

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and runs the tests. Usage: scripts/test.sh [default|asan|tsan|armhf|ci]...
-# With no argument: what CI runs (ci). Presets:
+# With no argument: default (what CI runs). Presets:
 #   default  the whole suite, optimised build
 #   asan     the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   tsan     the whole suite under ThreadSanitizer
@@ -35,7 +35,7 @@ run_armhf() {
 }
 
 presets=("$@")
-((${#presets[@]})) || presets=(ci)
+((${#presets[@]})) || presets=(default)
 for preset in "${presets[@]}"; do
   case "$preset" in
     armhf) run_armhf ;;
