@@ -1,22 +1,16 @@
 #!/usr/bin/env bash
-# Builds and runs the tests. Usage: scripts/test.sh [default|asan|tsan|armhf|ci]...
+# Builds and runs the tests. Usage: scripts/test.sh [default|asan|tsan|armhf]...
 # With no argument: default (what CI runs). Presets:
 #   default  the whole suite, optimised build
 #   asan     the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   tsan     the whole suite under ThreadSanitizer
 #   armhf    the parts without GL, cross-built for 32-bit ARM and run under qemu-arm
-#   ci       default, then the engine, util and stabilizer suites under asan and tsan
-#            (docs/reliability.md says what the CI leaves out and why)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cd "$root"
 "$root/scripts/setup.sh"
 
 jobs=$(nproc)
-# The suites CI runs under the sanitizers, as ctest labels (each test carries its program's
-# name): the engine, util and stabilizer programs and the fuzz corpus replays.
-ci_sanitizer_suites='^(engine.*|util.*|stabilizer.*|stab_harness_tests|fuzz)$'
-
 run_preset() {
   local preset=$1
   shift
@@ -39,11 +33,6 @@ presets=("$@")
 for preset in "${presets[@]}"; do
   case "$preset" in
     armhf) run_armhf ;;
-    ci)
-      run_preset default
-      run_preset asan -L "$ci_sanitizer_suites"
-      run_preset tsan -L "$ci_sanitizer_suites"
-      ;;
     *) run_preset "$preset" ;;
   esac
 done
