@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds and runs the tests. Usage: scripts/test.sh [default|asan|tsan|armhf]...
-# With no argument: default (what CI runs). Presets:
+# With no argument: default, asan and tsan, each the whole suite (what CI runs). Presets:
 #   default  the whole suite, optimised build
 #   asan     the whole suite under AddressSanitizer + UndefinedBehaviorSanitizer
 #   tsan     the whole suite under ThreadSanitizer
@@ -29,7 +29,7 @@ run_armhf() {
 }
 
 presets=("$@")
-((${#presets[@]})) || presets=(default)
+((${#presets[@]})) || presets=(default asan tsan)
 for preset in "${presets[@]}"; do
   case "$preset" in
     armhf) run_armhf ;;
