@@ -189,13 +189,7 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     // of the centre row is margin the path cannot use.
     const double halfSpanS = 0.5 * timing.rowSpanNs * 1e-9;
     for (int i = 0; i < nodeCount_; ++i) {
-        Vec3 rate;
-        if (nodeCount_ > 1) {
-            const int a = i > 0 ? i - 1 : 0;
-            const int b = i + 1 < nodeCount_ ? i + 1 : nodeCount_ - 1;
-            rate = (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
-        }
-        nodeUsage_[i] = params.margins.usage(rate * halfSpanS);
+        nodeUsage_[i] = params.margins.usage(nodeRate(i) * halfSpanS);
     }
     pr.count = nodeCount_;
     pr.t = nodeT_.data();
@@ -206,6 +200,15 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     return normalized(ref * expMap(x0));
 }
 
+Vec3 Stabilizer::nodeRate(int i) const {
+    // Central difference of the physical path (rad/s), one-sided at the ends; zero with one node.
+    if (nodeCount_ < 2)
+        return Vec3();
+    const int a = i > 0 ? i - 1 : 0;
+    const int b = i + 1 < nodeCount_ ? i + 1 : nodeCount_ - 1;
+    return (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
+}
+
 double Stabilizer::zoomTarget(const CameraModel& camera, double halfSpanS) {
     // Each node's deviation from the physical path, with its frame's rolling-shutter spread,
     // needs some magnification; the zoom now must be within reach of it at the allowed rise
@@ -213,14 +216,8 @@ double Stabilizer::zoomTarget(const CameraModel& camera, double halfSpanS) {
     ladder_.prepare(camera, lowestZoom_, highestZoom());
     double target = lowestZoom_;
     for (int i = 0; i < nodeCount_; ++i) {
-        Vec3 rate;
-        if (nodeCount_ > 1) {
-            const int a = i > 0 ? i - 1 : 0;
-            const int b = i + 1 < nodeCount_ ? i + 1 : nodeCount_ - 1;
-            rate = (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
-        }
         const double need =
-            ladder_.zoomFor(nodeX_[i] - nodeP_[i], rate * halfSpanS, kZoomUsageLimit) -
+            ladder_.zoomFor(nodeX_[i] - nodeP_[i], nodeRate(i) * halfSpanS, kZoomUsageLimit) -
             kZoomRisePerS * nodeT_[i];
         target = need > target ? need : target;
     }

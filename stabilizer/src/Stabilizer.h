@@ -93,6 +93,8 @@ class Stabilizer {
     Quat replay(int64_t centreNs, const Quat& physicalCentre) const;
     // Output magnification for the frame whose path was solved last (uses nodeX_, nodeP_).
     double zoomTarget(const CameraModel& camera, double halfSpanS);
+    // Angular rate of the physical path at look-ahead node i (rad/s); needs nodeP_ and nodeT_.
+    Vec3 nodeRate(int i) const;
     // Largest output magnification (vstab.cropZoomMax, the overscan unless set).
     double highestZoom() const {
         return config_.cropZoomMax > 0.0 ? config_.cropZoomMax : config_.overscan;

@@ -77,6 +77,22 @@ TEST(StabBiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
     EXPECT_FALSE(turning.hasEstimate());
 }
 
+// Every point of the output frame's border must sample inside the camera frame (texture
+// coordinates within [0, 1]): an uncovered pixel otherwise.
+void expectBorderInsideInput(const std::vector<float>& grid, const StabConfig& c, int64_t frame) {
+    const qlmr::harness::WarpMesh mesh(grid.data(), static_cast<int>(c.gridColumns),
+                                       static_cast<int>(c.gridRows));
+    for (double e = -1.0; e <= 1.0; e += 0.125) {
+        const double border[4][2] = {{e, -1.0}, {e, 1.0}, {-1.0, e}, {1.0, e}};
+        for (const auto& p : border) {
+            double u, v;
+            ASSERT_TRUE(mesh.textureAt(p[0], p[1], u, v)) << frame;
+            ASSERT_TRUE(u >= 0.0 && u <= 1.0 && v >= 0.0 && v <= 1.0)
+                << "frame " << frame << " shows (" << u << ", " << v << ")";
+        }
+    }
+}
+
 TEST(StabSession, CropLimitHoldsUnderShakeNoMarginAbsorbs) {
     Stabilizer s(configWithReadout());
     const StabConfig& c = s.config();
@@ -91,17 +107,7 @@ TEST(StabSession, CropLimitHoldsUnderShakeNoMarginAbsorbs) {
         if (t > frame + 700 * kMs) {
             ASSERT_EQ(warp(s, frame, grid), kStatusWarped);
             ++warped;
-            const qlmr::harness::WarpMesh mesh(grid.data(), static_cast<int>(c.gridColumns),
-                                               static_cast<int>(c.gridRows));
-            for (double e = -1.0; e <= 1.0; e += 0.125) {
-                const double border[4][2] = {{e, -1.0}, {e, 1.0}, {-1.0, e}, {1.0, e}};
-                for (const auto& p : border) {
-                    double u, v;
-                    ASSERT_TRUE(mesh.textureAt(p[0], p[1], u, v)) << frame;
-                    ASSERT_TRUE(u >= 0.0 && u <= 1.0 && v >= 0.0 && v <= 1.0)
-                        << "frame " << frame << " shows (" << u << ", " << v << ")";
-                }
-            }
+            ASSERT_NO_FATAL_FAILURE(expectBorderInsideInput(grid, c, frame));
             frame += 33 * kMs;
         }
     }
@@ -162,16 +168,7 @@ TEST(StabSession, AdaptiveZoomRisesAheadOfShakeAndFallsSlowlyAfterIt) {
         addCamera(s, t, {0.0, shaking ? 0.01 * w * std::cos(w * (x - 3.0)) : 0.0, 0.0});
         if (t > frame + 700 * kMs) {
             ASSERT_EQ(warp(s, frame, grid), kStatusWarped);
-            const qlmr::harness::WarpMesh mesh(grid.data(), static_cast<int>(c.gridColumns),
-                                               static_cast<int>(c.gridRows));
-            for (double e = -1.0; e <= 1.0; e += 0.125) {
-                const double border[4][2] = {{e, -1.0}, {e, 1.0}, {-1.0, e}, {1.0, e}};
-                for (const auto& p : border) {
-                    double u, v;
-                    ASSERT_TRUE(mesh.textureAt(p[0], p[1], u, v)) << frame;
-                    ASSERT_TRUE(u >= 0.0 && u <= 1.0 && v >= 0.0 && v <= 1.0) << frame;
-                }
-            }
+            ASSERT_NO_FATAL_FAILURE(expectBorderInsideInput(grid, c, frame));
             zooms.emplace_back(static_cast<double>(frame - kStart) * 1e-9, s.outputZoom());
             frame += 33 * kMs;
         }
