@@ -222,23 +222,28 @@ TEST(Ffmpeg, FindsProgramsAndHonoursTheOverride) {
     EXPECT_EQ(err, "oops\n");
 }
 
-TEST(Ffmpeg, EncodesAndDecodesVideoRecordings) {
+TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
     const std::string ffmpeg = findProgram("ffmpeg");
     if (ffmpeg.empty())
         GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
     TempDir dir;
     {
-        Y4mWriter w;
-        w.open(dir.file("in.y4m"), 64, 48, 30, 1);
+        // More frames than queue slots: the writer must wait for the encoder, not drop frames.
+        VideoEncoder enc;
+        enc.open(ffmpeg, dir.file("video.mp4"), 64, 48, 30, 1, "veryfast", 2);
         I420Image f;
         f.resize(64, 48);
         for (int k = 0; k < 5; ++k) {
             std::fill(f.data.begin(), f.data.end(), 128);
             std::fill(f.y(), f.y() + 64 * 48, static_cast<uint8_t>(40 + 40 * k));
-            w.write(f);
+            enc.write(f);
         }
+        I420Image wrong;
+        wrong.resize(32, 48);
+        EXPECT_THROW(enc.write(wrong), ReplayError);
+        enc.finish();
+        EXPECT_EQ(enc.frames(), 5);
     }
-    encodeMp4(ffmpeg, dir.file("in.y4m"), dir.file("video.mp4"));
     replay_test::writeText(dir.file("frames.csv"), "timestamp_ns\n10\n20\n30\n40\n50\n");
     replay_test::writeText(dir.file("gyro.csv"), "timestamp_ns,x,y,z\n5,0,0,0\n");
     replay_test::writeText(dir.file("config.txt"), "x=1\n");
@@ -251,13 +256,20 @@ TEST(Ffmpeg, EncodesAndDecodesVideoRecordings) {
         frames->read(k, nv);
         EXPECT_NEAR(nv.y()[64 * 24 + 32], 40 + 40 * k, 4) << "frame " << k;
     }
-    // A file ffmpeg cannot read is an error naming it.
-    replay_test::writeText(dir.file("bad.y4m"), "not a video");
+    // An encoder that cannot write its file is an error with ffmpeg's own message, whether it
+    // shows while frames are fed or at the end.
+    VideoEncoder bad;
+    bad.open(ffmpeg, dir.file("missing/folder/bad.mp4"), 640, 480, 30, 1, kDefaultH264Preset, 2);
+    I420Image big;
+    big.resize(640, 480);
     try {
-        encodeMp4(ffmpeg, dir.file("bad.y4m"), dir.file("bad.mp4"));
+        for (int k = 0; k < 200; ++k)
+            bad.write(big);
+        bad.finish();
         FAIL() << "ffmpeg failure not reported";
     } catch (const ReplayError& e) {
-        EXPECT_NE(std::string(e.what()).find("ffmpeg failed"), std::string::npos);
+        EXPECT_NE(std::string(e.what()).find("ffmpeg failed"), std::string::npos) << e.what();
+        EXPECT_NE(std::string(e.what()).find("missing/folder"), std::string::npos) << e.what();
     }
 }
 

@@ -1,6 +1,7 @@
 // The replay command end to end without an engine: the dry run's outputs, metrics that tell a
 // perfect stabilizer from none, and the command's error handling.
 #include "ColorConvert.h"
+#include "Ffmpeg.h"
 #include "ImageIo.h"
 #include "ReplayApp.h"
 #include "ReplayError.h"
@@ -14,6 +15,7 @@
 #include <cstdio>
 #include <sstream>
 #include <sys/wait.h>
+#include <unistd.h>
 
 using namespace qlmr::replay;
 using replay_test::TempDir;
@@ -132,6 +134,39 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     const std::string html = replay_test::readText(dir.file("out/report.html"));
     EXPECT_NE(html.find("id=\"plot-data\""), std::string::npos);
     EXPECT_NE(html.find("data:image/jpeg;base64,"), std::string::npos);
+}
+
+TEST(ReplayApp, EncodesMp4WhileReplayingAndWritesY4mOnlyWhenAsked) {
+    if (ffmpegProgram().empty())
+        GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    o.synthetic.seconds = 1;
+    o.sideBySide = true;
+    o.mp4 = true;
+    auto session = makePassThroughSession();
+    std::ostringstream log;
+    const ReplayOutcome out = runReplay(o, *session, log);
+    auto has = [&](const char* f) {
+        return std::find(out.files.begin(), out.files.end(), f) != out.files.end();
+    };
+    EXPECT_TRUE(has("stabilized.mp4") && has("side_by_side.mp4"));
+    EXPECT_FALSE(has("stabilized.y4m") || has("side_by_side.y4m"));
+    EXPECT_NE(access(dir.file("out/stabilized.y4m").c_str(), F_OK), 0);
+    VideoDecoder mp4;
+    mp4.open(ffmpegProgram(), dir.file("out/stabilized.mp4"));
+    EXPECT_EQ(mp4.width(), 320);
+    I420Image f;
+    int frames = 0;
+    while (mp4.read(f))
+        ++frames;
+    EXPECT_EQ(frames, 30);
+
+    o.y4m = true;
+    o.sideBySide = false;
+    const ReplayOutcome both = runReplay(o, *session, log);
+    EXPECT_NE(std::find(both.files.begin(), both.files.end(), "stabilized.y4m"), both.files.end());
+    EXPECT_NE(std::find(both.files.begin(), both.files.end(), "stabilized.mp4"), both.files.end());
 }
 
 TEST(ReplayApp, MetricsRecogniseAPerfectStabilizer) {

@@ -2,11 +2,15 @@
 
 #include "ReplayError.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -119,20 +123,272 @@ int runProgram(const std::vector<std::string>& argv, std::string* errorText) {
     return waitStatus(pid);
 }
 
-void encodeMp4(const std::string& ffmpeg, const std::string& y4mPath, const std::string& mp4Path) {
-    std::string err;
-    const int status = runProgram(
-        {ffmpeg, "-nostdin", "-y", "-v", "error", "-i", y4mPath, "-c:v", "libx264", "-preset",
-         "veryfast", "-crf", "18", "-pix_fmt", "yuv420p", "-movflags", "+faststart", mp4Path},
-        &err);
-    if (status != 0) {
-        while (!err.empty() && (err.back() == '\n' || err.back() == '\r'))
-            err.pop_back();
-        const size_t lastLine = err.rfind('\n');
-        const std::string msg = lastLine == std::string::npos ? err : err.substr(lastLine + 1);
+const std::vector<std::string> kH264Presets = {
+    "ultrafast", "superfast", "veryfast", "faster", "fast", "medium", "slow", "slower", "veryslow"};
+
+std::vector<std::string> h264Options(const std::string& preset) {
+    return {"-c:v", "libx264", "-preset", preset, "-crf", "18", "-pix_fmt", "yuv420p"};
+}
+
+namespace {
+
+// Last non-empty line of ffmpeg's stderr, read from the start of file descriptor `fd`.
+std::string lastLine(int fd) {
+    std::string text;
+    if (fd < 0 || lseek(fd, 0, SEEK_SET) < 0)
+        return text;
+    char buf[4096];
+    for (ssize_t n; (n = read(fd, buf, sizeof buf)) != 0;) {
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            break;
+        }
+        text.append(buf, static_cast<size_t>(n));
+        if (text.size() > 8192)
+            text.erase(0, text.size() - 4096);
+    }
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        text.pop_back();
+    const size_t cut = text.rfind('\n');
+    return cut == std::string::npos ? text : text.substr(cut + 1);
+}
+
+// Writes all of `size` bytes; false with errno set when the reader has gone (EPIPE) or the
+// write failed.
+bool writeAll(int fd, const void* data, size_t size) {
+    const char* p = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t n = ::write(fd, p, size);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            return false;
+        }
+        p += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+VideoEncoder::~VideoEncoder() {
+    stop();
+}
+
+void VideoEncoder::open(const std::string& ffmpeg, const std::string& mp4Path, int width,
+                        int height, int fpsNum, int fpsDen, const std::string& preset, int depth) {
+    stop();
+    if (width <= 0 || height <= 0 || width % 2 != 0 || height % 2 != 0) {
         throw ReplayError(mp4Path, 0,
-                          "ffmpeg failed (exit " + std::to_string(status) + ")" +
-                              (msg.empty() ? "" : ": " + msg));
+                          "H.264 frames need an even, positive size, got " + std::to_string(width) +
+                              "x" + std::to_string(height));
+    }
+    // ffmpeg's stderr goes to an unlinked temporary file: read after it exits, it can never
+    // fill a pipe nobody reads while this side blocks on the frames.
+    char errName[] = "/tmp/qlmr-ffmpeg-XXXXXX";
+    errors_ = mkostemp(errName, O_CLOEXEC);
+    if (errors_ < 0)
+        throw ReplayError(mp4Path, 0, std::string("temporary file: ") + std::strerror(errno));
+    unlink(errName);
+    int in[2];
+    if (pipe2(in, O_CLOEXEC) != 0) {
+        const int e = errno;
+        ::close(errors_);
+        errors_ = -1;
+        throw ReplayError(mp4Path, 0, std::string("pipe: ") + std::strerror(e));
+    }
+    // A larger pipe means fewer wake-ups per frame; the default size works too.
+    (void)fcntl(in[1], F_SETPIPE_SZ, 1 << 20);
+    std::vector<std::string> argv = {ffmpeg, "-y",           "-v", "error",
+                                     "-f",   "yuv4mpegpipe", "-i", "pipe:0"};
+    for (const std::string& o : h264Options(preset))
+        argv.push_back(o);
+    argv.insert(argv.end(), {"-movflags", "+faststart", mp4Path});
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, errors_, 2);
+    std::vector<char*> args = cArgs(argv);
+    const int rc = posix_spawn(&child_, ffmpeg.c_str(), &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(in[0]);
+    if (rc != 0) {
+        child_ = -1;
+        ::close(in[1]);
+        ::close(errors_);
+        errors_ = -1;
+        throw ReplayError(ffmpeg, 0, std::string("cannot run: ") + std::strerror(rc));
+    }
+    input_ = in[1];
+    path_ = mp4Path;
+    width_ = width;
+    height_ = height;
+    written_ = 0;
+    closing_ = false;
+    writeError_.clear();
+    queued_.clear();
+    free_.clear();
+    slots_.resize(static_cast<size_t>(std::max(1, depth)));
+    for (size_t i = 0; i < slots_.size(); ++i) {
+        slots_[i].resize(width, height);
+        free_.push_back(static_cast<int>(i));
+    }
+    char header[128];
+    const int n = std::snprintf(header, sizeof header,
+                                "YUV4MPEG2 W%d H%d F%d:%d Ip A1:1 C420jpeg XCOLORRANGE=LIMITED\n",
+                                width, height, fpsNum, fpsDen);
+    thread_ = std::thread([this, h = std::string(header, static_cast<size_t>(n))] {
+        // ffmpeg exiting early must show as a write error here, not kill the process: SIGPIPE
+        // is blocked on this thread (a pipe write raises it on the writing thread only).
+        sigset_t pipeSignal;
+        sigemptyset(&pipeSignal);
+        sigaddset(&pipeSignal, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
+        if (!writeAll(input_, h.data(), h.size())) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            writeError_ = std::strerror(errno);
+        }
+        feed();
+        // Consume the SIGPIPE a failed write left pending, so it is not delivered elsewhere.
+        const timespec zero{0, 0};
+        while (sigtimedwait(&pipeSignal, nullptr, &zero) > 0) {
+        }
+    });
+}
+
+void VideoEncoder::feed() {
+    for (;;) {
+        int slot = -1;
+        {
+            std::unique_lock<std::mutex> lock(mutex_);
+            changed_.wait(lock, [this] { return !queued_.empty() || closing_; });
+            if (queued_.empty())
+                return;
+            slot = queued_.front();
+            queued_.pop_front();
+        }
+        const I420Image& f = slots_[static_cast<size_t>(slot)];
+        bool ok = true;
+        std::string error;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            ok = writeError_.empty();
+        }
+        if (ok &&
+            (!writeAll(input_, "FRAME\n", 6) || !writeAll(input_, f.data.data(), f.data.size())))
+            error = std::strerror(errno);
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!error.empty() && writeError_.empty())
+            writeError_ = error;
+        free_.push_back(slot);
+        changed_.notify_all();
+    }
+}
+
+void VideoEncoder::write(const I420Image& frame) {
+    if (child_ < 0)
+        throw ReplayError("H.264 encoder used before open");
+    if (frame.width != width_ || frame.height != height_) {
+        throw ReplayError(path_, 0,
+                          "frame of " + std::to_string(frame.width) + "x" +
+                              std::to_string(frame.height) + " in a video of " +
+                              std::to_string(width_) + "x" + std::to_string(height_));
+    }
+    int slot = -1;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [this] { return !free_.empty() || !writeError_.empty(); });
+        if (!writeError_.empty()) {
+            lock.unlock();
+            const std::string why = failure(-1);
+            throw ReplayError(path_, 0, why);
+        }
+        slot = free_.back();
+        free_.pop_back();
+    }
+    std::copy(frame.data.begin(), frame.data.end(), slots_[static_cast<size_t>(slot)].data.begin());
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        queued_.push_back(slot);
+    }
+    changed_.notify_all();
+    ++written_;
+}
+
+std::string VideoEncoder::failure(int status) {
+    // ffmpeg stopped reading: let the thread drop what is queued, then wait for ffmpeg so that
+    // its message is complete.
+    if (status < 0 && child_ >= 0) {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            closing_ = true;
+        }
+        changed_.notify_all();
+        if (thread_.joinable())
+            thread_.join();
+        ::close(input_);
+        input_ = -1;
+        status = waitStatus(child_);
+        child_ = -1;
+    }
+    const std::string msg = lastLine(errors_);
+    return "ffmpeg failed (exit " + std::to_string(status) + ")" + (msg.empty() ? "" : ": " + msg);
+}
+
+void VideoEncoder::finish() {
+    if (child_ < 0)
+        return;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        closing_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+    ::close(input_);
+    input_ = -1;
+    const int status = waitStatus(child_);
+    child_ = -1;
+    std::string why;
+    if (status != 0) {
+        why = failure(status);
+    } else {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!writeError_.empty())
+            why = "ffmpeg stopped reading the frames: " + writeError_;
+    }
+    ::close(errors_);
+    errors_ = -1;
+    if (!why.empty())
+        throw ReplayError(path_, 0, why);
+}
+
+void VideoEncoder::stop() {
+    // Killing ffmpeg makes a write the thread is blocked in fail with EPIPE; the descriptor is
+    // closed only after the thread has ended.
+    if (child_ >= 0)
+        kill(child_, SIGKILL);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        closing_ = true;
+        queued_.clear();
+    }
+    changed_.notify_all();
+    if (thread_.joinable())
+        thread_.join();
+    if (input_ >= 0) {
+        ::close(input_);
+        input_ = -1;
+    }
+    if (child_ >= 0) {
+        waitStatus(child_);
+        child_ = -1;
+    }
+    if (errors_ >= 0) {
+        ::close(errors_);
+        errors_ = -1;
     }
 }
 

@@ -26,13 +26,21 @@ OutputRecorder::OutputRecorder(const RecorderOptions& options)
         r.luma.resize(o.inputWidth / factor_, o.inputHeight / factor_);
     perSurface_.assign(1, 0);
 
-    video_.open(o.videoPath, o.outputWidth, o.outputHeight, o.fpsNum, o.fpsDen);
+    if (!o.videoPath.empty())
+        video_.open(o.videoPath, o.outputWidth, o.outputHeight, o.fpsNum, o.fpsDen);
+    if (!o.videoMp4Path.empty())
+        videoMp4_.open(o.ffmpeg, o.videoMp4Path, o.outputWidth, o.outputHeight, o.fpsNum, o.fpsDen,
+                       o.h264Preset);
     outFrame_.resize(o.outputWidth, o.outputHeight);
-    if (!o.sideBySidePath.empty()) {
+    if (sideBySide()) {
         int w = 0, h = 0;
         sideBySideSize(o.inputWidth, o.inputHeight, o.outputWidth, o.outputHeight, w, h);
         composed_.resize(w, h);
-        sideBySide_.open(o.sideBySidePath, w, h, o.fpsNum, o.fpsDen);
+        if (!o.sideBySidePath.empty())
+            sideBySide_.open(o.sideBySidePath, w, h, o.fpsNum, o.fpsDen);
+        if (!o.sideBySideMp4Path.empty())
+            sideBySideMp4_.open(o.ffmpeg, o.sideBySideMp4Path, w, h, o.fpsNum, o.fpsDen,
+                                o.h264Preset);
     }
     for (int k = 0; k < o.pairCount && o.expectedFrames > 0; ++k) {
         pairIndices_.push_back(static_cast<int>(static_cast<long long>(o.expectedFrames) * (k + 1) /
@@ -40,8 +48,8 @@ OutputRecorder::OutputRecorder(const RecorderOptions& options)
     }
     // Side by side: enough buffers for the frames in flight inside an engine (its queue) and
     // then some. Pairs only: one per pair frame (plus one), as only those are kept.
-    if (!o.sideBySidePath.empty() || !pairIndices_.empty()) {
-        free_.resize(o.sideBySidePath.empty() ? pairIndices_.size() + 1 : 48);
+    if (sideBySide() || !pairIndices_.empty()) {
+        free_.resize(sideBySide() ? 48 : pairIndices_.size() + 1);
         for (I420Image& f : free_)
             f.resize(o.inputWidth, o.inputHeight);
     }
@@ -64,7 +72,7 @@ void OutputRecorder::onFrameDelivered(int index, int64_t timestampNs, const Nv21
     r.timestampNs = timestampNs;
     r.deliveredSec = now();
     downsampleLuma(frame.y(), frame.width, frame.height, frame.width, factor_, r.luma);
-    const bool keep = sideBySide_.isOpen() || wantsPair(index);
+    const bool keep = sideBySide() || wantsPair(index);
     if (keep) {
         if (free_.empty()) {
             // More frames in flight than expected: recycle the oldest (its output never came).
@@ -96,7 +104,10 @@ void OutputRecorder::onFrameOutput(int surface, int64_t timestampNs, const RgbaV
     lastOutputTs_ = timestampNs;
 
     rgbaToI420(image, outFrame_);
-    video_.write(outFrame_);
+    if (video_.isOpen())
+        video_.write(outFrame_);
+    if (videoMp4_.isOpen())
+        videoMp4_.write(outFrame_);
 
     if (outputsUsed_ == outputs_.size()) {
         outputs_.emplace_back();  // more outputs than frames expected: grow (rare)
@@ -126,9 +137,12 @@ void OutputRecorder::onFrameOutput(int surface, int64_t timestampNs, const RgbaV
     }
     auto p = pending_.find(timestampNs);
     if (p != pending_.end()) {
-        if (sideBySide_.isOpen()) {
+        if (sideBySide()) {
             composeSideBySide(p->second.frame, outFrame_, composed_);
-            sideBySide_.write(composed_);
+            if (sideBySide_.isOpen())
+                sideBySide_.write(composed_);
+            if (sideBySideMp4_.isOpen())
+                sideBySideMp4_.write(composed_);
         }
         if (wantsPair(p->second.index)) {
             FramePair pair;
@@ -153,6 +167,8 @@ void OutputRecorder::finish() {
     outputs_.resize(outputsUsed_);
     video_.close();
     sideBySide_.close();
+    videoMp4_.finish();
+    sideBySideMp4_.finish();
 }
 
 }  // namespace qlmr::replay

@@ -1,12 +1,13 @@
 // Records a replay as it happens (the SessionObserver of the tool): writes the stabilized video
-// (Y4M) and optionally the side-by-side video, keeps a reduced luma picture of every input and
-// output frame for the metrics, the arrival times for the timing plots, and a few full
-// before/after pairs for the report. Buffers are allocated up front for the expected number of
-// frames; the per-frame path only converts and copies.
+// (Y4M and/or MP4, encoded while the replay runs) and optionally the side-by-side video, keeps a
+// reduced luma picture of every input and output frame for the metrics, the arrival times for the
+// timing plots, and a few full before/after pairs for the report. Buffers are allocated up front
+// for the expected number of frames; the per-frame path only converts and copies.
 #pragma once
 
 #include "Image.h"
 #include "ReplaySession.h"
+#include "Ffmpeg.h"
 #include "Y4m.h"
 
 #include <atomic>
@@ -19,8 +20,13 @@
 namespace qlmr::replay {
 
 struct RecorderOptions {
-    std::string videoPath;       // Y4M of surface 0
-    std::string sideBySidePath;  // "" = none
+    // Each video is written as Y4M and/or encoded to MP4 while the replay runs; "" = not that one.
+    std::string videoPath;                        // Y4M of surface 0
+    std::string sideBySidePath;                   // Y4M, input | output
+    std::string ffmpeg;                           // the ffmpeg program, for the MP4 files
+    std::string videoMp4Path;                     // MP4 of surface 0
+    std::string sideBySideMp4Path;                // MP4, input | output
+    std::string h264Preset = kDefaultH264Preset;  // x264 speed of the MP4 files
     int expectedFrames = 0;
     int inputWidth = 0;
     int inputHeight = 0;
@@ -61,8 +67,8 @@ class OutputRecorder : public SessionObserver {
     void onFrameDelivered(int index, int64_t timestampNs, const Nv21Image& frame) override;
     void onFrameOutput(int surface, int64_t timestampNs, const RgbaView& image) override;
 
-    // Closes the video files (throws ReplayError on a write error) and trims outputs() to the
-    // frames received.
+    // Closes the video files and waits for the MP4 encoders (throws ReplayError on a write or
+    // encoder error) and trims outputs() to the frames received.
     void finish();
 
     // Read after the session has returned.
@@ -86,6 +92,9 @@ class OutputRecorder : public SessionObserver {
     };
     double now() const;
     bool wantsPair(int index) const;
+    bool sideBySide() const {
+        return !options_.sideBySidePath.empty() || !options_.sideBySideMp4Path.empty();
+    }
 
     RecorderOptions options_;
     int factor_ = 1;
@@ -93,6 +102,8 @@ class OutputRecorder : public SessionObserver {
     std::mutex mutex_;
     Y4mWriter video_;
     Y4mWriter sideBySide_;
+    VideoEncoder videoMp4_;
+    VideoEncoder sideBySideMp4_;
     std::vector<InputRecord> inputs_;
     std::vector<OutputRecord> outputs_;  // preallocated; the first outputsUsed_ are filled
     size_t outputsUsed_ = 0;

@@ -214,9 +214,33 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     surface.height = options.outputHeight > 0 ? options.outputHeight : frames->height();
     config.surfaces.push_back(surface);
 
+    // MP4 is encoded while the engine runs, when ffmpeg is installed; Y4M when asked for, or
+    // when there is no ffmpeg (a video is always written).
+    const std::string ffmpeg = options.mp4 ? ffmpegProgram() : "";
+    if (options.mp4 && ffmpeg.empty()) {
+        m.warnings.push_back("ffmpeg is not installed: the videos are written as Y4M only");
+    }
+    const bool y4m = options.y4m || ffmpeg.empty();
+    std::vector<std::string> videoFiles;
     RecorderOptions ro;
-    ro.videoPath = dir + "stabilized.y4m";
-    ro.sideBySidePath = options.sideBySide ? dir + "side_by_side.y4m" : "";
+    ro.ffmpeg = ffmpeg;
+    ro.h264Preset = options.h264Preset;
+    if (y4m) {
+        ro.videoPath = dir + "stabilized.y4m";
+        videoFiles.push_back("stabilized.y4m");
+    }
+    if (!ffmpeg.empty()) {
+        ro.videoMp4Path = dir + "stabilized.mp4";
+        videoFiles.push_back("stabilized.mp4");
+    }
+    if (options.sideBySide && y4m) {
+        ro.sideBySidePath = dir + "side_by_side.y4m";
+        videoFiles.push_back("side_by_side.y4m");
+    }
+    if (options.sideBySide && !ffmpeg.empty()) {
+        ro.sideBySideMp4Path = dir + "side_by_side.mp4";
+        videoFiles.push_back("side_by_side.mp4");
+    }
     ro.expectedFrames = frames->count();
     ro.inputWidth = frames->width();
     ro.inputHeight = frames->height();
@@ -249,9 +273,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         m.engine = tap.stats();
     }
     recorder.finish();
-    outcome.files = {"stabilized.y4m"};
-    if (options.sideBySide)
-        outcome.files.push_back("side_by_side.y4m");
+    outcome.files = videoFiles;
     outcome.files.push_back("engine.log");
     m.framesDelivered = result.framesDelivered;
     m.framesLate = result.framesLate;
@@ -267,34 +289,6 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         m.warnings.push_back(std::to_string(recorder.outOfOrderOutputs()) +
                              " output frames came out of timestamp order");
     }
-
-    // MP4 through ffmpeg, on a thread of its own while the figures are measured (the Y4M files
-    // are complete; the measures work from the recorder's own copies).
-    const std::string ffmpeg = options.mp4 ? ffmpegProgram() : "";
-    if (options.mp4 && ffmpeg.empty()) {
-        m.warnings.push_back("ffmpeg is not installed: the videos are written as Y4M only");
-    }
-    std::exception_ptr encodeError;
-    std::thread encoder;
-    if (!ffmpeg.empty()) {
-        log << "encoding MP4 with " << ffmpeg << " while measuring..." << std::endl;
-        encoder = std::thread([&ffmpeg, &dir, &options, &encodeError] {
-            try {
-                encodeMp4(ffmpeg, dir + "stabilized.y4m", dir + "stabilized.mp4");
-                if (options.sideBySide)
-                    encodeMp4(ffmpeg, dir + "side_by_side.y4m", dir + "side_by_side.mp4");
-            } catch (...) {
-                encodeError = std::current_exception();
-            }
-        });
-    }
-    struct JoinEncoder {
-        std::thread& t;
-        ~JoinEncoder() {
-            if (t.joinable())
-                t.join();
-        }
-    } joinEncoder{encoder};
 
     log << "measuring..." << std::endl;
     MetricsContext mc;
@@ -326,15 +320,6 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
             m.warnings.push_back(w);
     }
     log << "writing metrics.json and report.html..." << std::endl;
-
-    if (encoder.joinable()) {
-        encoder.join();
-        if (encodeError)
-            std::rethrow_exception(encodeError);
-        outcome.files.push_back("stabilized.mp4");
-        if (options.sideBySide)
-            outcome.files.push_back("side_by_side.mp4");
-    }
 
     const std::string json = metricsJson(m);
     writeFile(dir + "metrics.json", json.data(), json.size());

@@ -19,7 +19,10 @@ struct ReplayOptions {
     SyntheticOptions synthetic;
     bool realtime = false;
     bool sideBySide = false;
-    bool mp4 = true;      // also MP4 when the ffmpeg program is installed
+    bool mp4 = true;   // MP4 when the ffmpeg program is installed
+    bool y4m = false;  // Y4M as well as MP4 (Y4M alone without ffmpeg)
+    std::string h264Preset =
+        "ultrafast";      // x264 speed preset of the MP4 files (kDefaultH264Preset)
     int maxFrames = 0;    // 0 = all
     int outputWidth = 0;  // output surface size; 0 = the input's
     int outputHeight = 0;

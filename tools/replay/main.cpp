@@ -1,5 +1,6 @@
 // qlmr_replay: replays a recording (the built-in synthetic one, or a recording folder) through
 // the stabilization engine and writes the stabilized video, metrics.json and report.html.
+#include "Ffmpeg.h"
 #include "ReplayApp.h"
 #include "ReplayError.h"
 
@@ -82,6 +83,11 @@ int main(int argc, char** argv) {
     app.add_flag("--library-only", libraryOnly,
                  "no engine: the stabilization library's warp grids drawn by a CPU renderer");
     app.add_flag("--no-mp4", noMp4, "write Y4M only, even when ffmpeg is installed");
+    app.add_flag("--y4m", o.y4m, "also write the videos as Y4M when MP4 is written");
+    app.add_option("--h264-preset", o.h264Preset,
+                   "x264 speed of the MP4 files: ultrafast (largest files) ... veryslow")
+        ->check(CLI::IsMember(kH264Presets))
+        ->capture_default_str();
     app.add_option("--max-frames", o.maxFrames, "replay only the first N frames")
         ->check(CLI::PositiveNumber);
     app.add_option("--output-size", outputSize,
