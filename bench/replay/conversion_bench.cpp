@@ -6,7 +6,9 @@
 //                          memcpy of the RGBA bytes;
 //   DecodePngToNv21        the replay's decode stage for a PNG recording: libpng decode and
 //                          RGB -> NV21; memcpy of the NV21 bytes;
-//   DecodeJpegToNv21       the same for a JPEG recording (libjpeg-turbo, quality 90).
+//   DecodeJpegToNv21       the same for a JPEG recording (libjpeg-turbo, quality 90, 4:2:0):
+//                          the YCbCr planes straight into NV21;
+//   DecodeJpegViaRgb       the same JPEG decoded to RGB and converted (the former route).
 // Arguments: width, height.
 #include <benchmark/benchmark.h>
 
@@ -92,7 +94,8 @@ void OutputRgbaToI420(benchmark::State& state) {
     setBytes(state, rgba.size());
 }
 
-void decodeToNv21(benchmark::State& state, const std::vector<uint8_t>& file, const char* name) {
+void decodeToNv21(benchmark::State& state, const std::vector<uint8_t>& file, const char* name,
+                  bool viaRgb = false) {
     const int w = static_cast<int>(state.range(0));
     const int h = static_cast<int>(state.range(1));
     const std::string path = std::string("/tmp/qlmr_conversion_bench_") + std::to_string(w) + name;
@@ -102,8 +105,12 @@ void decodeToNv21(benchmark::State& state, const std::vector<uint8_t>& file, con
     Nv21Image nv;
     nv.resize(w, h);
     for (auto _ : state) {
-        reader.read(path, rgb);
-        rgbToNv21(rgb, nv);
+        if (viaRgb) {
+            reader.read(path, rgb);
+            rgbToNv21(rgb, nv);
+        } else {
+            reader.readNv21(path, nv);
+        }
         benchmark::DoNotOptimize(nv.data.data());
     }
     std::remove(path.c_str());
@@ -123,6 +130,13 @@ void DecodeJpegToNv21(benchmark::State& state) {
                    90),
         ".jpg");
 }
+void DecodeJpegViaRgb(benchmark::State& state) {
+    decodeToNv21(
+        state,
+        encodeJpeg(testPicture(static_cast<int>(state.range(0)), static_cast<int>(state.range(1))),
+                   90),
+        ".jpg", true);
+}
 void MemcpyNv21(benchmark::State& state) {
     memcpyOf(state, static_cast<size_t>(state.range(0)) * state.range(1) * 3 / 2);
 }
@@ -133,6 +147,7 @@ BENCHMARK(MemcpyRgba) SIZES;
 BENCHMARK(OutputRgbaToI420) SIZES;
 BENCHMARK(DecodePngToNv21) SIZES;
 BENCHMARK(DecodeJpegToNv21) SIZES;
+BENCHMARK(DecodeJpegViaRgb) SIZES;
 BENCHMARK(MemcpyNv21) SIZES;
 
 }  // namespace

@@ -190,6 +190,42 @@ TEST(ImageIo, PngIsLosslessAndJpegClose) {
     EXPECT_EQ(readImageSize(dir.file("a.png")).height, 30);
 }
 
+TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
+    // 4:2:0 JPEG planes are taken straight (with the full- to limited-range step), measured
+    // against the source picture's own NV21 beside the RGB route; a size that is not a whole
+    // number of 16-pixel MCUs checks the padding. PNG goes through RGB, exactly.
+    TempDir dir;
+    const RgbImage src = replay_test::gradient(70, 38);
+    writeJpeg(dir.file("a.jpg"), src, 95);
+    writePng(dir.file("a.png"), src);
+    Nv21Image truth, direct, viaRgb;
+    truth.resize(70, 38);
+    viaRgb.resize(70, 38);
+    rgbToNv21(src, truth);
+    ImageReader reader;
+    reader.readNv21(dir.file("a.jpg"), direct);
+    rgbToNv21(readImage(dir.file("a.jpg")), viaRgb);
+    ASSERT_EQ(direct.width, 70);
+    ASSERT_EQ(direct.height, 38);
+    const size_t luma = 70 * 38;
+    const size_t chroma = direct.data.size() - luma;
+    double err[2][2] = {{0, 0}, {0, 0}};  // [direct, via RGB][luma, chroma]
+    for (size_t i = 0; i < truth.data.size(); ++i) {
+        err[0][i >= luma] += std::abs(int(direct.data[i]) - int(truth.data[i]));
+        err[1][i >= luma] += std::abs(int(viaRgb.data[i]) - int(truth.data[i]));
+    }
+    EXPECT_LT(err[0][0] / luma, 1.0);
+    EXPECT_LE(err[0][0], err[1][0] * 1.1);
+    EXPECT_LT(err[0][1] / chroma, 3.0);
+    EXPECT_LE(err[0][1], err[1][1] * 1.1);
+    Nv21Image png;
+    reader.readNv21(dir.file("a.png"), png);
+    EXPECT_EQ(png.data, truth.data);
+    const std::vector<uint8_t> jpg = encodeJpeg(src, 90);
+    writeFile(dir.file("cut.jpg"), jpg.data(), jpg.size() / 3);
+    EXPECT_THROW(reader.readNv21(dir.file("cut.jpg"), direct), ReplayError);
+}
+
 TEST(ImageIo, BadFilesGiveErrorsNamingTheFile) {
     TempDir dir;
     const std::string missing = dir.file("missing.jpg");

@@ -1,5 +1,6 @@
 #include "ImageIo.h"
 
+#include "ColorConvert.h"
 #include "ReplayError.h"
 
 #include <jpeglib.h>
@@ -75,6 +76,100 @@ std::string decodeJpeg(const uint8_t* data, size_t size, RgbImage* out, ImageSiz
         jpeg_finish_decompress(&cinfo);
     }
     jpeg_destroy_decompress(&cinfo);
+    return {};
+}
+
+// Full-range (JFIF) to limited-range (BT.601 video) levels: luma 0..255 -> 16..235, chroma
+// 0..255 around 128 -> 16..240. The matrix is the same BT.601 one in both.
+struct RangeTables {
+    uint8_t luma[256];
+    uint8_t chroma[256];
+    RangeTables() {
+        for (int v = 0; v < 256; ++v) {
+            luma[v] = static_cast<uint8_t>(16 + (v * 219 + 127) / 255);
+            const int c = (v - 128) * 224;
+            chroma[v] =
+                static_cast<uint8_t>(128 + (c >= 0 ? (c + 127) / 255 : -((-c + 127) / 255)));
+        }
+    }
+};
+const RangeTables kRange;
+
+// Decodes a 4:2:0 YCbCr JPEG (2x2 luma sampling, even size) straight into NV21 planes, without
+// the RGB round trip. Returns "" on success, libjpeg's message on a fault, and sets `handled`
+// false (with nothing written) when the file is of another kind. `planes` is scratch kept
+// between frames.
+std::string decodeJpeg420(const uint8_t* data, size_t size, Nv21Image& out,
+                          std::vector<uint8_t>& planes, bool& handled) {
+    handled = false;
+    jpeg_decompress_struct cinfo;
+    JpegError err;
+    cinfo.err = jpeg_std_error(&err.mgr);
+    err.mgr.error_exit = jpegErrorExit;
+    err.mgr.emit_message = jpegSilent;
+    err.message[0] = '\0';
+    if (setjmp(err.jump) != 0) {
+        jpeg_destroy_decompress(&cinfo);
+        return err.message[0] != '\0' ? err.message : "corrupt JPEG data";
+    }
+    jpeg_create_decompress(&cinfo);
+    jpeg_mem_src(&cinfo, data, static_cast<unsigned long>(size));
+    jpeg_read_header(&cinfo, TRUE);
+    const jpeg_component_info* c = cinfo.comp_info;
+    if (cinfo.num_components != 3 || cinfo.jpeg_color_space != JCS_YCbCr ||
+        c[0].h_samp_factor != 2 || c[0].v_samp_factor != 2 || c[1].h_samp_factor != 1 ||
+        c[1].v_samp_factor != 1 || c[2].h_samp_factor != 1 || c[2].v_samp_factor != 1 ||
+        cinfo.image_width % 2 != 0 || cinfo.image_height % 2 != 0) {
+        jpeg_destroy_decompress(&cinfo);
+        return {};
+    }
+    handled = true;
+    cinfo.raw_data_out = TRUE;
+    cinfo.out_color_space = JCS_YCbCr;
+    jpeg_start_decompress(&cinfo);
+    const int width = static_cast<int>(cinfo.output_width);
+    const int height = static_cast<int>(cinfo.output_height);
+    // Whole MCUs: the decoder writes 16 luma and 8 chroma rows per call and whole MCU widths,
+    // past the picture's edges.
+    const size_t lumaStride = static_cast<size_t>(cinfo.MCUs_per_row) * 2 * DCTSIZE;
+    const size_t chromaStride = static_cast<size_t>(cinfo.MCUs_per_row) * DCTSIZE;
+    const size_t rows16 = (static_cast<size_t>(height) + 15) / 16 * 16;
+    planes.resize(lumaStride * rows16 + 2 * chromaStride * (rows16 / 2));
+    uint8_t* yPlane = planes.data();
+    uint8_t* cbPlane = yPlane + lumaStride * rows16;
+    uint8_t* crPlane = cbPlane + chromaStride * (rows16 / 2);
+    JSAMPROW yRows[16], cbRows[8], crRows[8];
+    JSAMPARRAY planesOut[3] = {yRows, cbRows, crRows};
+    while (cinfo.output_scanline < cinfo.output_height) {
+        const size_t row = cinfo.output_scanline;
+        for (size_t k = 0; k < 16; ++k)
+            yRows[k] = yPlane + (row + k) * lumaStride;
+        for (size_t k = 0; k < 8; ++k) {
+            cbRows[k] = cbPlane + (row / 2 + k) * chromaStride;
+            crRows[k] = crPlane + (row / 2 + k) * chromaStride;
+        }
+        if (jpeg_read_raw_data(&cinfo, planesOut, 16) == 0)
+            break;  // a truncated file: libjpeg warned and the rest is grey
+    }
+    jpeg_finish_decompress(&cinfo);
+    jpeg_destroy_decompress(&cinfo);
+
+    out.resize(width, height);
+    for (int y = 0; y < height; ++y) {
+        const uint8_t* src = yPlane + static_cast<size_t>(y) * lumaStride;
+        uint8_t* dst = out.y() + static_cast<size_t>(y) * width;
+        for (int x = 0; x < width; ++x)
+            dst[x] = kRange.luma[src[x]];
+    }
+    for (int y = 0; y < height / 2; ++y) {
+        const uint8_t* cb = cbPlane + static_cast<size_t>(y) * chromaStride;
+        const uint8_t* cr = crPlane + static_cast<size_t>(y) * chromaStride;
+        uint8_t* dst = out.vu() + static_cast<size_t>(y) * width;
+        for (int x = 0; x < width / 2; ++x) {
+            dst[2 * x] = kRange.chroma[cr[x]];
+            dst[2 * x + 1] = kRange.chroma[cb[x]];
+        }
+    }
     return {};
 }
 
@@ -219,6 +314,24 @@ void ImageReader::read(const std::string& path, RgbImage& out) {
     const std::string err = decodeAny(path, file_, &out, &dims);
     if (!err.empty())
         throw ReplayError(path, 0, err);
+}
+
+void ImageReader::readNv21(const std::string& path, Nv21Image& out) {
+    readFile(path, file_);
+    if (isJpeg(file_.data(), file_.size())) {
+        bool handled = false;
+        const std::string err = decodeJpeg420(file_.data(), file_.size(), out, planes_, handled);
+        if (!err.empty())
+            throw ReplayError(path, 0, err);
+        if (handled)
+            return;
+    }
+    ImageSize dims;
+    const std::string err = decodeAny(path, file_, &rgb_, &dims);
+    if (!err.empty())
+        throw ReplayError(path, 0, err);
+    out.resize(rgb_.width, rgb_.height);
+    rgbToNv21(rgb_, out);
 }
 
 RgbImage readImage(const std::string& path) {

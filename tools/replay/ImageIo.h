@@ -25,9 +25,15 @@ class ImageReader {
   public:
     // Decodes `path` into `out`, resizing it to the picture's size.
     void read(const std::string& path, RgbImage& out);
+    // Decodes `path` into NV21 (BT.601, limited range, like the camera's frames), resizing
+    // `out` to the picture's size. 4:2:0 JPEG files (what cameras and this tool write) go
+    // straight from their YCbCr planes, without the RGB round trip; other files through RGB.
+    void readNv21(const std::string& path, Nv21Image& out);
 
   private:
     std::vector<uint8_t> file_;
+    std::vector<uint8_t> planes_;  // JPEG planes, whole MCUs
+    RgbImage rgb_;
 };
 
 // Convenience: one-off decode.

@@ -228,14 +228,14 @@ class ImageFrames : public RecordingFrames {
     explicit ImageFrames(const Recording& rec) : RecordingFrames(rec) {}
     void read(int i, Nv21Image& out) override {
         const FrameEntry& e = rec_.frames[static_cast<size_t>(i)];
-        reader_.read(e.file, rgb_);
-        if (rgb_.width != rec_.width || rgb_.height != rec_.height) {
+        reader_.readNv21(e.file, out);
+        if (out.width != rec_.width || out.height != rec_.height) {
+            const std::string found = sizeText(out.width, out.height);
+            out.resize(rec_.width, rec_.height);
             throw ReplayError(rec_.dir + "/frames.csv", e.line,
-                              "image " + e.file + " is " + sizeText(rgb_.width, rgb_.height) +
-                                  ", the recording's frames are " +
+                              "image " + e.file + " is " + found + ", the recording's frames are " +
                                   sizeText(rec_.width, rec_.height));
         }
-        rgbToNv21(rgb_, out);
     }
     std::string describe() const override {
         return rec_.dir + " (" + std::to_string(count()) + " image frames, " +
@@ -244,7 +244,6 @@ class ImageFrames : public RecordingFrames {
 
   private:
     ImageReader reader_;
-    RgbImage rgb_;
 };
 
 // Frames from one video file (Y4M read directly, anything else through ffmpeg).
