@@ -169,6 +169,14 @@ TEST(ColorConvert, DownsampleLumaAveragesBlocks) {
     downsampleLuma(y.data(), 4, 2, 4, 2, out);
     EXPECT_EQ(out.at(0, 0), 25);  // (0+10+40+50)/4
     EXPECT_EQ(out.at(1, 0), 45);  // (20+30+60+70)/4
+    // Factor 3 on 7x4 (a remainder column and row left out): block means within one level.
+    std::vector<uint8_t> z(7 * 4);
+    for (size_t i = 0; i < z.size(); ++i)
+        z[i] = static_cast<uint8_t>(i % 7 * 30 + i / 7 * 3);
+    out.resize(2, 1);
+    downsampleLuma(z.data(), 7, 4, 7, 3, out);
+    EXPECT_NEAR(out.at(0, 0), 33, 1);   // columns 0..2 (0, 30, 60) + rows 0..2 (0, 3, 6)
+    EXPECT_NEAR(out.at(1, 0), 123, 1);  // columns 3..5 (90, 120, 150) + 3
 }
 
 TEST(ImageIo, PngIsLosslessAndJpegClose) {

@@ -4,6 +4,7 @@
 #include <libyuv/convert_argb.h>
 #include <libyuv/convert_from.h>
 #include <libyuv/convert_from_argb.h>
+#include <libyuv/scale.h>
 
 namespace qlmr::replay {
 
@@ -52,21 +53,12 @@ void i420ToRgb(const I420Image& src, RgbImage& dst) {
 
 void downsampleLuma(const uint8_t* y, int width, int height, int stride, int factor,
                     GrayImage& dst) {
+    // libyuv's box filter over the whole blocks (a right or bottom remainder narrower than a
+    // block is left out): the mean of each factor x factor block, to within one level.
     const int dw = width / factor;
     const int dh = height / factor;
-    const int area = factor * factor;
-    for (int dy = 0; dy < dh; ++dy) {
-        uint8_t* out = dst.data.data() + static_cast<size_t>(dy) * dst.width;
-        for (int dx = 0; dx < dw; ++dx) {
-            int sum = 0;
-            for (int j = 0; j < factor; ++j) {
-                const uint8_t* r = y + static_cast<size_t>(dy * factor + j) * stride + dx * factor;
-                for (int i = 0; i < factor; ++i)
-                    sum += r[i];
-            }
-            out[dx] = static_cast<uint8_t>((sum + area / 2) / area);
-        }
-    }
+    libyuv::ScalePlane(y, stride, dw * factor, dh * factor, dst.data.data(), dst.width, dw, dh,
+                       libyuv::kFilterBox);
 }
 
 }  // namespace qlmr::replay
