@@ -9,6 +9,8 @@
 #include <mutex>
 #include <vector>
 
+#include "SharedBlock.h"
+
 namespace host {
 
 struct ImageImport;
@@ -24,8 +26,10 @@ class BufferStore {
 
     // Frees the memory; called with `mutex` held or before the buffer is shared.
     void freeMemory();
-    // Allocates `bytes` zeroed bytes, 64-byte aligned; false when memory is short.
-    bool allocateMemory(size_t bytes);
+    // Allocates `bytes` zeroed bytes, 64-byte aligned; false when memory is short. With
+    // `textureBytes` > 0 the memory is a SharedBlock of at least that many bytes, which the
+    // driver can use as an RGBA texture's storage (ordinary memory when no block can be made).
+    bool allocateMemory(size_t bytes, size_t textureBytes = 0);
 
     // Serialises CPU locks, content transfers to and from the GPU, and changes of `imports`.
     // Lock order: a buffer's mutex before the EGL bridge's mutex.
@@ -33,6 +37,8 @@ class BufferStore {
 
     uint8_t* memory = nullptr;  // the buffer's content, `size` bytes
     size_t size = 0;
+    // The pages of `memory` when it can be a texture's storage (RGBA_8888 buffers), else empty.
+    SharedBlock block;
 
     bool locked = false;     // a CPU lock is outstanding
     uint32_t lockUsage = 0;  // usage of the outstanding lock
@@ -40,6 +46,14 @@ class BufferStore {
     // Tightly packed RGBA of width x height, used to convert to and from the GPU's format;
     // allocated when the first image of the buffer is made, kept until reallocation.
     std::vector<uint8_t> staging;
+
+    // The images share the buffer's bytes with the driver instead of copies: an RGBA_8888
+    // buffer's images use `block` (its memory) as their storage, an NV21 buffer's images use
+    // `sharedPicture`, its RGB picture (pitch SharedBlock::texturePitch(width)), converted into
+    // on every unlock after a write. Nothing is uploaded or read back. Decided when the first
+    // image is made, kept until the last one goes. Guarded by `mutex`.
+    bool sharedImages = false;
+    SharedBlock sharedPicture;
 
     // The memory already holds everything GL drew into the images: it was read back when the
     // buffer was queued to a window, and the window has not handed the buffer to its producer

@@ -7,7 +7,15 @@
 // and the next eglInitialize starts clean). All private-context GL work runs on the platform's
 // GL thread (GlThread), never on the caller's thread.
 //
-// The buffer's memory stays the reference copy of its content:
+// Shared storage (the usual case on llvmpipe): the texture's storage is the buffer's own bytes,
+// imported into the driver as a memory object (GL_EXT_memory_object_fd, see SharedBlock.h). An
+// RGBA_8888 buffer's memory is the texture: what the CPU writes is sampled, what GL draws is in
+// memory once the caller's glFinish returns, with no transfer at all. An NV21 buffer's texture
+// is its RGB picture in a block of its own, which unlock() converts into on the calling thread
+// (libyuv, straight into the texture's bytes): no upload, no GL call, no glFinish.
+//
+// Copied storage (other formats, or a driver that refuses the import): the buffer's memory
+// stays the reference copy of its content:
 //   memory -> image: on image creation and on every unlock() after a software-write lock
 //     (NV21 is converted to RGB on the CPU first), finished with glFinish before returning;
 //   image -> memory: on lock(), on queueing to a native window and on image destruction, for
@@ -39,10 +47,12 @@
 namespace host {
 
 // A private context of the platform on one display, with a 1 x 1 pbuffer to be current with.
+// OpenGL ES 3 where the display has it (texture storage from memory objects needs it), else 2.
 struct PrivateContext {
     EGLDisplay display = EGL_NO_DISPLAY;
     EGLContext context = EGL_NO_CONTEXT;
     EGLSurface surface = EGL_NO_SURFACE;
+    bool es3 = false;
     int images = 0;     // live images made in this context
     bool lost = false;  // the display was terminated under it; its objects are gone
 };
@@ -52,8 +62,9 @@ struct PrivateContext {
 struct ImageImport {
     EGLImageKHR image = EGL_NO_IMAGE_KHR;
     PrivateContext* owner = nullptr;
-    GLuint texture = 0;      // the image's storage, a name of owner's context
-    GLuint framebuffer = 0;  // owner's framebuffer for reading back; made on first read-back
+    GLuint texture = 0;       // the image's storage, a name of owner's context
+    GLuint framebuffer = 0;   // owner's framebuffer for reading back; made on first read-back
+    GLuint memoryObject = 0;  // owner's memory object holding the shared storage, or 0
     int refs = 1;
     bool renderTarget = false;  // made renderbuffer storage by some context
     android::sp<android::GraphicBuffer> buffer;
@@ -76,6 +87,11 @@ struct DriverEntryPoints {
     PFNEGLDESTROYIMAGEKHRPROC destroyImage = nullptr;
     PFNGLEGLIMAGETARGETTEXTURE2DOESPROC targetTexture = nullptr;
     PFNGLEGLIMAGETARGETRENDERBUFFERSTORAGEOESPROC targetRenderbuffer = nullptr;
+    // GL_EXT_memory_object, GL_EXT_memory_object_fd
+    PFNGLCREATEMEMORYOBJECTSEXTPROC createMemoryObjects = nullptr;
+    PFNGLDELETEMEMORYOBJECTSEXTPROC deleteMemoryObjects = nullptr;
+    PFNGLIMPORTMEMORYFDEXTPROC importMemoryFd = nullptr;
+    PFNGLTEXSTORAGEMEM2DEXTPROC texStorageMem2D = nullptr;
 };
 
 // The driver's own entry points. The loader exports none of them and eglGetProcAddress answers
@@ -91,6 +107,14 @@ const DriverEntryPoints& driver() {
             eglGetProcAddress("glEGLImageTargetTexture2DOES"));
         e.targetRenderbuffer = reinterpret_cast<PFNGLEGLIMAGETARGETRENDERBUFFERSTORAGEOESPROC>(
             eglGetProcAddress("glEGLImageTargetRenderbufferStorageOES"));
+        e.createMemoryObjects = reinterpret_cast<PFNGLCREATEMEMORYOBJECTSEXTPROC>(
+            eglGetProcAddress("glCreateMemoryObjectsEXT"));
+        e.deleteMemoryObjects = reinterpret_cast<PFNGLDELETEMEMORYOBJECTSEXTPROC>(
+            eglGetProcAddress("glDeleteMemoryObjectsEXT"));
+        e.importMemoryFd =
+            reinterpret_cast<PFNGLIMPORTMEMORYFDEXTPROC>(eglGetProcAddress("glImportMemoryFdEXT"));
+        e.texStorageMem2D = reinterpret_cast<PFNGLTEXSTORAGEMEM2DEXTPROC>(
+            eglGetProcAddress("glTexStorageMem2DEXT"));
         return e;
     }();
     return entryPoints;
@@ -110,11 +134,16 @@ bool hasExtension(const char* extensions, const char* name) {
     return false;
 }
 
+// Whether the driver takes SharedBlocks as texture storage, found by a probe on first use.
+enum class SharedStorage { kUnknown, kAvailable, kUnavailable };
+
 struct Bridge {
     std::mutex mutex;  // guards everything below; taken after any buffer's mutex
     std::map<EGLDisplay, PrivateContext*> contexts;
     std::map<EGLImageKHR, ImageImport*> images;
     GraphicsCounters counters;
+    bool sharingWanted = true;  // setImageMemorySharing
+    SharedStorage sharedStorage = SharedStorage::kUnknown;
 };
 
 Bridge& bridge() {
@@ -129,17 +158,23 @@ bool makeCurrent(PrivateContext& pc) {
         return false;
     if (pc.context == EGL_NO_CONTEXT) {
         eglBindAPI(EGL_OPENGL_ES_API);
-        const EGLint configAttribs[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
-                                        EGL_OPENGL_ES2_BIT, EGL_NONE};
         EGLConfig config = nullptr;
         EGLint count = 0;
-        if (!eglChooseConfig(pc.display, configAttribs, &config, 1, &count) || count < 1) {
+        for (const EGLint renderable : {EGL_OPENGL_ES3_BIT_KHR, EGL_OPENGL_ES2_BIT}) {
+            const EGLint configAttribs[] = {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE,
+                                            renderable, EGL_NONE};
+            if (eglChooseConfig(pc.display, configAttribs, &config, 1, &count) && count > 0) {
+                pc.es3 = renderable == EGL_OPENGL_ES3_BIT_KHR;
+                break;
+            }
+        }
+        if (count < 1) {
             logWarning("no pbuffer config for the private context (0x%x)", eglGetError());
             return false;
         }
         const EGLint pbufferAttribs[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
         pc.surface = eglCreatePbufferSurface(pc.display, config, pbufferAttribs);
-        const EGLint contextAttribs[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
+        const EGLint contextAttribs[] = {EGL_CONTEXT_CLIENT_VERSION, pc.es3 ? 3 : 2, EGL_NONE};
         pc.context = eglCreateContext(pc.display, config, EGL_NO_CONTEXT, contextAttribs);
         if (pc.surface == EGL_NO_SURFACE || pc.context == EGL_NO_CONTEXT) {
             logWarning("private context creation failed (0x%x)", eglGetError());
@@ -174,12 +209,113 @@ void destroyContextObjects(PrivateContext& pc) {
     pc.surface = EGL_NO_SURFACE;
 }
 
+// Makes `texture` (bound to GL_TEXTURE_2D) an RGBA texture whose storage is `storage`, through a
+// new memory object (returned in `memoryObject`, 0 on failure). True when the texture has that
+// storage: the driver refuses a file it did not expect without a GL error, leaving a texture
+// that no framebuffer accepts, so completeness is what tells.
+bool attachSharedStorage(const SharedBlock& storage, GLsizei width, GLsizei height,
+                         GLuint& memoryObject) {
+    const DriverEntryPoints& d = driver();
+    const int descriptor = storage.duplicateDescriptor();
+    if (descriptor < 0)
+        return false;
+    d.createMemoryObjects(1, &memoryObject);
+    d.importMemoryFd(memoryObject, storage.importSize(), GL_HANDLE_TYPE_OPAQUE_FD_EXT, descriptor);
+    d.texStorageMem2D(GL_TEXTURE_2D, 1, GL_RGBA8_OES, width, height, memoryObject, 0);
+    GLint texture = 0;
+    glGetIntegerv(GL_TEXTURE_BINDING_2D, &texture);
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D,
+                           static_cast<GLuint>(texture), 0);
+    const bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    glDeleteFramebuffers(1, &framebuffer);
+    if (glGetError() != GL_NO_ERROR || !complete) {
+        d.deleteMemoryObjects(1, &memoryObject);
+        memoryObject = 0;
+        return false;
+    }
+    return true;
+}
+
+// Whether the driver of the current context (`pc`) takes a SharedBlock as a texture's storage
+// with the layout SharedBlock describes: rows texturePitch(width) pixels apart, memory row 0 at
+// texture row 0, R, G, B, A bytes, and GL drawing landing in the block once finished. Tried once
+// per process on a small texture with padded rows. GL thread.
+bool probeSharedStorage(const PrivateContext& pc) {
+    const DriverEntryPoints& d = driver();
+    const char* extensions = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+    if (!pc.es3 || !hasExtension(extensions, "GL_EXT_memory_object_fd") ||
+        d.createMemoryObjects == nullptr || d.deleteMemoryObjects == nullptr ||
+        d.importMemoryFd == nullptr || d.texStorageMem2D == nullptr) {
+        return false;
+    }
+    constexpr GLsizei kWidth = 36;  // a pitch of 48 pixels: padded rows
+    constexpr GLsizei kHeight = 6;  // 8 rows in memory
+    SharedBlock block;
+    if (!block.allocate(SharedBlock::textureBytes(kWidth, kHeight)))
+        return false;
+    const size_t pitch = SharedBlock::texturePitch(kWidth) * 4;
+    uint8_t* const second = block.data() + pitch;                       // pixel (0, 1)
+    uint8_t* const last = block.data() + 5 * pitch + (kWidth - 1) * 4;  // pixel (35, 5)
+    const uint8_t marks[8] = {10, 11, 12, 13, 20, 21, 22, 23};
+    std::memcpy(second, marks, 4);
+    std::memcpy(last, marks + 4, 4);
+
+    GLuint texture = 0;
+    GLuint memoryObject = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    bool ok = attachSharedStorage(block, kWidth, kHeight, memoryObject);
+    if (ok) {
+        GLuint framebuffer = 0;
+        glGenFramebuffers(1, &framebuffer);
+        glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+        uint8_t read[kWidth * kHeight * 4] = {};
+        glPixelStorei(GL_PACK_ALIGNMENT, 4);
+        glReadPixels(0, 0, kWidth, kHeight, GL_RGBA, GL_UNSIGNED_BYTE, read);
+        ok = std::memcmp(read + kWidth * 4, marks, 4) == 0 &&
+             std::memcmp(read + (5 * kWidth + kWidth - 1) * 4, marks + 4, 4) == 0;
+        glClearColor(1.0f, 0.0f, 0.0f, 1.0f);
+        glClear(GL_COLOR_BUFFER_BIT);
+        glFinish();
+        ok = ok && last[0] == 255 && last[1] == 0 && last[3] == 255;
+        glBindFramebuffer(GL_FRAMEBUFFER, 0);
+        glDeleteFramebuffers(1, &framebuffer);
+    }
+    glBindTexture(GL_TEXTURE_2D, 0);
+    glDeleteTextures(1, &texture);
+    if (memoryObject != 0)
+        d.deleteMemoryObjects(1, &memoryObject);
+    ok = glGetError() == GL_NO_ERROR && ok;
+    glFinish();
+    return ok;
+}
+
+struct ProbeTask {
+    PrivateContext* owner;
+    bool available = false;
+
+    static void run(void* arg) {
+        auto& t = *static_cast<ProbeTask*>(arg);
+        if (!makeCurrent(*t.owner))
+            return;
+        t.available = probeSharedStorage(*t.owner);
+        releaseCurrent(*t.owner);
+    }
+};
+
 struct CreateTask {
     PrivateContext* owner;
     GLsizei width;
     GLsizei height;
-    const uint8_t* pixels;  // tightly packed RGBA, or null for undefined content
+    const uint8_t* pixels;                 // tightly packed RGBA, or null for undefined content
+    const SharedBlock* storage = nullptr;  // the texture's storage instead of `pixels`
     GLuint texture = 0;
+    GLuint memoryObject = 0;
     EGLImageKHR image = EGL_NO_IMAGE_KHR;
 
     static void run(void* arg) {
@@ -193,10 +329,17 @@ struct CreateTask {
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-        glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, t.width, t.height, 0, GL_RGBA, GL_UNSIGNED_BYTE,
-                     t.pixels);
+        GLenum glError = GL_NO_ERROR;
+        if (t.storage != nullptr) {
+            if (!attachSharedStorage(*t.storage, t.width, t.height, t.memoryObject))
+                glError = GL_OUT_OF_MEMORY;
+        } else {
+            glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, t.width, t.height, 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                         t.pixels);
+        }
         glBindTexture(GL_TEXTURE_2D, 0);
-        const GLenum glError = glGetError();
+        if (glError == GL_NO_ERROR)
+            glError = glGetError();
         if (glError == GL_NO_ERROR) {
             const EGLint attribs[] = {EGL_IMAGE_PRESERVED_KHR, EGL_TRUE, EGL_NONE};
             t.image = driver().createImage(
@@ -211,6 +354,9 @@ struct CreateTask {
         if (t.image == EGL_NO_IMAGE_KHR) {
             glDeleteTextures(1, &t.texture);
             t.texture = 0;
+            if (t.memoryObject != 0)
+                driver().deleteMemoryObjects(1, &t.memoryObject);
+            t.memoryObject = 0;
         }
         glFinish();
         releaseCurrent(*t.owner);
@@ -233,6 +379,10 @@ struct DestroyTask {
         if (t.import->framebuffer != 0)
             glDeleteFramebuffers(1, &t.import->framebuffer);
         glDeleteTextures(1, &t.import->texture);
+        // After the texture: the memory object's deletion unmaps the driver's view of the
+        // storage.
+        if (t.import->memoryObject != 0)
+            driver().deleteMemoryObjects(1, &t.import->memoryObject);
         glFinish();
         releaseCurrent(pc);
         if (t.destroyContext)
@@ -356,6 +506,8 @@ android::status_t readBackLocked(Bridge& b, const android::GraphicBuffer& buffer
 }
 
 ImageImport* renderTargetOf(const BufferStore& store) {
+    if (store.sharedImages)
+        return nullptr;  // GL draws straight into the memory
     for (ImageImport* import : store.imports) {
         if (import->renderTarget && !import->owner->lost)
             return import;
@@ -414,6 +566,49 @@ bool stillAlive(PrivateContext& pc) {
     return !pc.lost;
 }
 
+// Converts an NV21 buffer's memory into its shared RGB picture. Called with store.mutex held.
+void convertIntoSharedPicture(const android::GraphicBuffer& buffer, BufferStore& store) {
+    const uint32_t w = buffer.getWidth();
+    const uint32_t h = buffer.getHeight();
+    const uint32_t s = buffer.getStride();
+    nv21ToRgba(store.memory, s, store.memory + static_cast<size_t>(s) * h, s, w, h,
+               store.sharedPicture.data(), static_cast<size_t>(SharedBlock::texturePitch(w)) * 4);
+}
+
+// Decides, for a buffer getting its first image, whether its images use shared storage, and
+// prepares that storage. Called with store.mutex and the bridge held, `owner` being the
+// display's private context (probed here on the process's first image).
+void chooseStorage(Bridge& b, const android::GraphicBuffer& buffer, BufferStore& store,
+                   PrivateContext& owner, bool writing) {
+    store.sharedImages = false;
+    const int format = buffer.getPixelFormat();
+    const bool shareable = (format == HAL_PIXEL_FORMAT_RGBA_8888 && !store.block.empty()) ||
+                           format == HAL_PIXEL_FORMAT_YCrCb_420_SP;
+    if (!b.sharingWanted || !shareable)
+        return;
+    if (b.sharedStorage == SharedStorage::kUnknown) {
+        ProbeTask probe{&owner};
+        GlThread::instance().run(&ProbeTask::run, &probe);
+        if (owner.lost)
+            return;  // try again with the next context
+        b.sharedStorage = probe.available ? SharedStorage::kAvailable : SharedStorage::kUnavailable;
+        if (!probe.available)
+            logWarning("the driver takes no shared texture storage: images copy their content");
+    }
+    if (b.sharedStorage != SharedStorage::kAvailable)
+        return;
+    if (format == HAL_PIXEL_FORMAT_YCrCb_420_SP) {
+        if (store.sharedPicture.empty() && !store.sharedPicture.allocate(SharedBlock::textureBytes(
+                                               buffer.getWidth(), buffer.getHeight()))) {
+            return;
+        }
+        // While a CPU writer holds the buffer its memory is in flux; its unlock converts it.
+        if (!writing)
+            convertIntoSharedPicture(buffer, store);
+    }
+    store.sharedImages = true;
+}
+
 EGLImageKHR createNativeBufferImage(EGLDisplay dpy, android::GraphicBuffer& buffer) {
     BufferStore& store = BufferStore::of(buffer);
     Bridge& b = bridge();
@@ -425,13 +620,9 @@ EGLImageKHR createNativeBufferImage(EGLDisplay dpy, android::GraphicBuffer& buff
             return import->image;
         }
     }
-    if (needsStaging(buffer) && store.staging.empty()) {
-        store.staging.resize(static_cast<size_t>(buffer.getWidth()) * buffer.getHeight() * 4);
-    }
     // While a CPU writer holds the buffer its memory is in flux; its unlock uploads it.
     const bool writing =
         store.locked && (store.lockUsage & android::GraphicBuffer::USAGE_SW_WRITE_MASK) != 0;
-    const uint8_t* pixels = writing ? nullptr : contentAsRgba(buffer, store);
     // A second attempt is made when the display's private context turns out to be lost.
     for (int attempt = 0; attempt < 2; ++attempt) {
         PrivateContext*& slot = b.contexts[dpy];
@@ -444,8 +635,23 @@ EGLImageKHR createNativeBufferImage(EGLDisplay dpy, android::GraphicBuffer& buff
             ++b.counters.privateContexts;
         }
         PrivateContext* owner = entry;
+        if (store.imports.empty())
+            chooseStorage(b, buffer, store, *owner, writing);
+        const uint8_t* pixels = nullptr;
+        const SharedBlock* storage = nullptr;
+        if (store.sharedImages) {
+            storage = buffer.getPixelFormat() == HAL_PIXEL_FORMAT_YCrCb_420_SP
+                          ? &store.sharedPicture
+                          : &store.block;
+        } else {
+            if (needsStaging(buffer) && store.staging.empty()) {
+                store.staging.resize(static_cast<size_t>(buffer.getWidth()) * buffer.getHeight() *
+                                     4);
+            }
+            pixels = writing ? nullptr : contentAsRgba(buffer, store);
+        }
         CreateTask task{owner, static_cast<GLsizei>(buffer.getWidth()),
-                        static_cast<GLsizei>(buffer.getHeight()), pixels};
+                        static_cast<GLsizei>(buffer.getHeight()), pixels, storage};
         GlThread::instance().run(&CreateTask::run, &task);
         if (task.image == EGL_NO_IMAGE_KHR) {
             if (owner->lost)
@@ -472,11 +678,14 @@ EGLImageKHR createNativeBufferImage(EGLDisplay dpy, android::GraphicBuffer& buff
         import->image = task.image;
         import->owner = owner;
         import->texture = task.texture;
+        import->memoryObject = task.memoryObject;
         import->buffer = &buffer;
         ++owner->images;
         store.imports.push_back(import);
         b.images[task.image] = import;
         ++b.counters.imagesMade;
+        if (storage != nullptr)
+            ++b.counters.sharedImagesMade;
         ++b.counters.imagesLive;
         return task.image;
     }
@@ -505,7 +714,7 @@ bool destroyNativeBufferImage(EGLDisplay dpy, EGLImageKHR image,
         return true;
     // Keep what GL drew: the memory is the content once the image is gone. A buffer read back
     // when it was queued to a window needs none, and its consumer may be reading it now.
-    if (import->renderTarget && !store.locked && !store.memoryCurrent)
+    if (import->renderTarget && !store.locked && !store.memoryCurrent && !store.sharedImages)
         readBackLocked(b, *keep, store, *import);
     b.images.erase(it);
     for (auto i = store.imports.begin(); i != store.imports.end(); ++i) {
@@ -533,8 +742,18 @@ bool destroyNativeBufferImage(EGLDisplay dpy, EGLImageKHR image,
 }  // namespace
 
 android::status_t uploadToImages(android::GraphicBuffer& buffer, BufferStore& store) {
-    const uint8_t* pixels = contentAsRgba(buffer, store);
     Bridge& b = bridge();
+    if (store.sharedImages) {
+        // The images sample the memory itself (RGBA) or its RGB picture, converted here on the
+        // calling thread: nothing to hand to GL.
+        if (buffer.getPixelFormat() != HAL_PIXEL_FORMAT_YCrCb_420_SP)
+            return android::NO_ERROR;
+        convertIntoSharedPicture(buffer, store);
+        std::lock_guard<std::mutex> bridgeLock(b.mutex);
+        ++b.counters.uploads;
+        return android::NO_ERROR;
+    }
+    const uint8_t* pixels = contentAsRgba(buffer, store);
     std::lock_guard<std::mutex> bridgeLock(b.mutex);
     UploadTask task{store.imports.data(), store.imports.size(),
                     static_cast<GLsizei>(buffer.getWidth()),
@@ -584,6 +803,12 @@ GraphicsCounters graphicsCounters() {
     Bridge& b = bridge();
     std::lock_guard<std::mutex> lock(b.mutex);
     return b.counters;
+}
+
+void setImageMemorySharing(bool enabled) {
+    Bridge& b = bridge();
+    std::lock_guard<std::mutex> lock(b.mutex);
+    b.sharingWanted = enabled;
 }
 
 }  // namespace host

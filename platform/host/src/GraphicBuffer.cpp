@@ -3,6 +3,7 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -69,18 +70,26 @@ BufferStore::~BufferStore() {
 }
 
 void BufferStore::freeMemory() {
-    std::free(memory);
+    if (block.empty())
+        std::free(memory);
+    block.release();
+    sharedPicture.release();
     memory = nullptr;
     size = 0;
     std::vector<uint8_t>().swap(staging);
 }
 
-bool BufferStore::allocateMemory(size_t bytes) {
-    void* block = nullptr;
-    if (posix_memalign(&block, 64, bytes) != 0)
+bool BufferStore::allocateMemory(size_t bytes, size_t textureBytes) {
+    if (textureBytes > 0 && block.allocate(std::max(bytes, textureBytes))) {
+        memory = block.data();  // zeroed, page aligned
+        size = bytes;
+        return true;
+    }
+    void* pages = nullptr;
+    if (posix_memalign(&pages, 64, bytes) != 0)
         return false;
-    std::memset(block, 0, bytes);
-    memory = static_cast<uint8_t*>(block);
+    std::memset(pages, 0, bytes);
+    memory = static_cast<uint8_t*>(pages);
     size = bytes;
     return true;
 }
@@ -161,7 +170,11 @@ status_t GraphicBuffer::allocate(uint32_t w, uint32_t h, PixelFormat f, uint32_t
         return BAD_VALUE;
     }
     const uint32_t s = host::strideFor(w);
-    if (!store.allocateMemory(host::bytesFor(f, s, h)))
+    // RGBA memory is laid out as the driver's texture of the buffer (same row pitch), so its
+    // EGL images can use it in place.
+    const size_t textureBytes =
+        f == HAL_PIXEL_FORMAT_RGBA_8888 ? host::SharedBlock::textureBytes(w, h) : 0;
+    if (!store.allocateMemory(host::bytesFor(f, s, h), textureBytes))
         return NO_MEMORY;
     width = static_cast<int>(w);
     height = static_cast<int>(h);

@@ -63,11 +63,13 @@ void yuvToRgb(uint8_t y, uint8_t u, uint8_t v, uint8_t rgb[3]) {
 }
 
 void nv21ToRgba(const uint8_t* luma, size_t lumaStride, const uint8_t* vu, size_t chromaStride,
-                uint32_t width, uint32_t height, uint8_t* rgba) {
+                uint32_t width, uint32_t height, uint8_t* rgba, size_t rgbaStride) {
+    if (rgbaStride == 0)
+        rgbaStride = static_cast<size_t>(width) * 4;
     // libyuv's "ABGR" is R, G, B, A in memory order (a little-endian 0xAABBGGRR word): RGBA
     // bytes. Its NV21 path is BT.601 limited range with nearest chroma, vectorised (SSSE3/AVX2).
     libyuv::NV21ToABGR(luma, static_cast<int>(lumaStride), vu, static_cast<int>(chromaStride), rgba,
-                       static_cast<int>(width) * 4, static_cast<int>(width),
+                       static_cast<int>(rgbaStride), static_cast<int>(width),
                        static_cast<int>(height));
 }
 

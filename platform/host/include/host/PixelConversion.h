@@ -15,9 +15,10 @@ namespace host {
 // - 0.391 (U - 128), B = 1.164 (Y - 16) + 2.018 (U - 128), clamped to 0..255 (yuvToRgb below,
 // with 8 fractional bits, stays within 1 and is the reference the tests hold it to).
 // `luma` has `lumaStride` bytes per row; `vu` holds height / 2 rows of `chromaStride` bytes with
-// V first in each pair. width and height must be even. `rgba` receives width * height * 4 bytes.
+// V first in each pair. width and height must be even. `rgba` receives height rows of width * 4
+// bytes, `rgbaStride` bytes apart (0: tightly packed, width * 4).
 void nv21ToRgba(const uint8_t* luma, size_t lumaStride, const uint8_t* vu, size_t chromaStride,
-                uint32_t width, uint32_t height, uint8_t* rgba);
+                uint32_t width, uint32_t height, uint8_t* rgba, size_t rgbaStride = 0);
 
 // One NV21 sample converted by the same rule on the CPU in plain integer arithmetic (8
 // fractional bits, within 1 of the exact formula), for checks: writes R, G, B.
