@@ -2,14 +2,26 @@
 // loop and the warped draw into one output window of the frame's size, as fast as the engine
 // takes them. Per-stage times come from the engine's own timing probes, which it logs when its
 // debug property is on; a custom logger keeps only those lines.
+//
+// Arguments: width, height, frames, stand-ins. With stand-ins 1 the host camera and window cost
+// what their hardware costs the CPU on a device, nothing: the camera paints each of its buffers
+// once (a sensor's DMA writes them on a device) and the window's consumer counts the frames
+// without reading them (a display or encoder reads them on a device). With 0 the camera paints
+// a moving picture into every frame on its capture thread and the window keeps a copy of every
+// frame (host::MemorySink), as the engine tests do: both compete with the engine for the CPU.
 #include <android/log.h>
 #include <benchmark/benchmark.h>
 #include <host/Properties.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <ctime>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -55,6 +67,43 @@ void probeLogger(const __android_logger_data*, const char* message) {
     gStages[probe]["(outsideRender)"].push_back(total - render);
 }
 
+// Counts the frames without reading them.
+class CountingSink : public host::FrameSink {
+  public:
+    void onFrame(const host::Frame&) override { ++count_; }
+    uint64_t count() const { return count_.load(); }
+
+  private:
+    std::atomic<uint64_t> count_{0};
+};
+
+// The synthetic picture painted once into each camera buffer (told apart by its address), then
+// left there: the frames keep their timestamps and metadata, the camera costs no pixel work.
+std::shared_ptr<host::FrameSource> paintOnceSource(uint64_t frames) {
+    host::SyntheticFrameOptions options;
+    options.frameLimit = frames;
+    auto synthetic = std::make_shared<host::SyntheticFrameSource>(options);
+    auto painted = std::make_shared<std::set<const uint8_t*>>();  // capture thread only
+    return std::make_shared<host::CallbackFrameSource>(
+        [synthetic](uint64_t index, host::FrameInfo& info) {
+            return synthetic->nextFrame(index, info);
+        },
+        [synthetic, painted](uint64_t index, const host::FrameInfo& info,
+                             const host::FrameImage& image) {
+            if (!painted->insert(image.luma).second)
+                return true;
+            return synthetic->render(index, info, image);
+        },
+        [synthetic](const host::RecordingFormat& format) { synthetic->onRecordingStart(format); });
+}
+
+// CPU time of the whole process (every thread, llvmpipe's included), in milliseconds.
+double processCpuMs() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) * 1e-6;
+}
+
 double median(std::vector<double> v) {
     if (v.empty())
         return 0;
@@ -66,6 +115,7 @@ void BM_Pipeline(benchmark::State& state) {
     const int width = static_cast<int>(state.range(0));
     const int height = static_cast<int>(state.range(1));
     const uint64_t frames = static_cast<uint64_t>(state.range(2));
+    const bool deviceLike = state.range(3) != 0;
     for (auto _ : state) {
         state.PauseTiming();
         {
@@ -78,17 +128,44 @@ void BM_Pipeline(benchmark::State& state) {
         host::setProperty("debug.camera.qlmr.EIS.log", "1");
         h->engine->onPause();
         h->engine->onResume();  // again, now with the debug property read
-        h->makeCamera(pacedCamera(*h->engine, width, height, frames));
-        auto& out = h->addOutput(1, static_cast<uint32_t>(width), static_cast<uint32_t>(height));
+        host::CameraSetup camera = pacedCamera(*h->engine, width, height, frames);
+        std::function<uint64_t()> delivered;
+        android::sp<ANativeWindow> countingWindow;
+        if (deviceLike) {
+            camera.source = paintOnceSource(frames);
+            auto sink = std::make_shared<CountingSink>();
+            host::WindowConfig config;
+            config.defaultWidth = static_cast<uint32_t>(width);
+            config.defaultHeight = static_cast<uint32_t>(height);
+            countingWindow = host::createWindow(sink, config);
+            native_window_api_connect(countingWindow.get(), NATIVE_WINDOW_API_CPU);
+            native_window_set_usage(countingWindow.get(), 0x30);
+            h->engine->jsm.addSurface(1, countingWindow);
+            delivered = [sink] { return sink->count(); };
+        } else {
+            auto& out =
+                h->addOutput(1, static_cast<uint32_t>(width), static_cast<uint32_t>(height));
+            auto sink = out.sink;
+            delivered = [sink] { return static_cast<uint64_t>(sink->count()); };
+        }
+        h->makeCamera(std::move(camera));
         state.ResumeTiming();
 
         auto begin = std::chrono::steady_clock::now();
+        const double cpuBeginMs = processCpuMs();
         h->start();
-        bool done = waitFor([&] { return out.sink->count() == frames; }, 120s);
+        bool done = waitFor([&] { return delivered() == frames; }, 120s);
         double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+        const double cpuMs = processCpuMs() - cpuBeginMs;
 
         state.PauseTiming();
+        if (countingWindow != nullptr) {
+            h->stop();
+            h->engine->jsm.remSurface(1);
+            native_window_api_disconnect(countingWindow.get(), NATIVE_WINDOW_API_CPU);
+            countingWindow.clear();
+        }
         delete h;
         __android_log_set_logger(__android_log_stderr_logger);
         host::clearProperties();
@@ -97,6 +174,9 @@ void BM_Pipeline(benchmark::State& state) {
             return;
         }
         state.counters["fps"] = static_cast<double>(frames) / seconds;
+        // CPU time per output frame, of all threads: comparable on a loaded machine, where the
+        // wall time is not.
+        state.counters["cpu_ms_per_frame"] = cpuMs / static_cast<double>(frames);
         std::lock_guard<std::mutex> lock(gMutex);
         for (const auto& probe : gStages) {
             for (const auto& stage : probe.second) {
@@ -113,8 +193,9 @@ void BM_Pipeline(benchmark::State& state) {
 }
 
 BENCHMARK(BM_Pipeline)
-    ->Args({1920, 1080, 90})
-    ->Args({3840, 2160, 30})
+    ->Args({1920, 1080, 90, 1})
+    ->Args({1920, 1080, 90, 0})
+    ->Args({3840, 2160, 30, 1})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();

@@ -7,7 +7,10 @@
 // queues, no stabilizer, no window dequeue/queue and no read-back of the output).
 //
 // Arguments: output width, output height, grid columns, grid rows (the stabilizer's vertices;
-// the mesh adds one border ring as the engine does). Counter `draw_fps` = draws per second.
+// the mesh adds one border ring as the engine does), camera buffers (the draws sample them in
+// turn, each painted once: 1 keeps one frame in the caches; the engine's queue at the pipeline
+// benchmark's configuration cycles through 16, each a frame the draw has not read before).
+// Counters: `draw_fps` = draws per second, `cpu_ms_per_frame` = CPU time of all threads per draw.
 #include <EGL/egl.h>
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
@@ -16,6 +19,8 @@
 
 #include <cmath>
 #include <cstdint>
+#include <ctime>
+#include <memory>
 #include <vector>
 
 #include "GLContext.h"
@@ -29,6 +34,13 @@
 #include "shared_ptr.h"
 
 namespace {
+
+// CPU time of the whole process (every thread, llvmpipe's included), in milliseconds.
+double processCpuMs() {
+    timespec now{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) * 1e-6;
+}
 
 constexpr int kNv21Format = 17;                // HAL_PIXEL_FORMAT_YCrCb_420_SP
 constexpr uint32_t kCameraUsage = 0x130;       // the engine's camera queue buffers
@@ -81,6 +93,7 @@ void WarpDraw(benchmark::State& state) {
     const auto height = static_cast<uint32_t>(state.range(1));
     const auto columns = static_cast<unsigned short>(state.range(2));
     const auto rows = static_cast<unsigned short>(state.range(3));
+    const auto cameraCount = static_cast<size_t>(state.range(4));
 
     shared_ptr<GLContext> context;
     context.acquire(new GLContext(EGL_NO_CONTEXT), nullptr);
@@ -89,10 +102,15 @@ void WarpDraw(benchmark::State& state) {
         return state.SkipWithError("no EGL context");
     }
     {
-        android::sp<android::GraphicBuffer> cameraBuffer(
-            new android::GraphicBuffer(width, height, kNv21Format, kCameraUsage));
-        GLGraphicBuffer camera(context, cameraBuffer, GLGraphicBuffer::kUsageTexture);
-        paintCamera(cameraBuffer);
+        std::vector<android::sp<android::GraphicBuffer>> cameraBuffers;
+        std::vector<std::unique_ptr<GLGraphicBuffer>> cameras;
+        for (size_t i = 0; i < cameraCount; ++i) {
+            cameraBuffers.emplace_back(
+                new android::GraphicBuffer(width, height, kNv21Format, kCameraUsage));
+            cameras.emplace_back(
+                new GLGraphicBuffer(context, cameraBuffers.back(), GLGraphicBuffer::kUsageTexture));
+            paintCamera(cameraBuffers.back());
+        }
 
         GbMapper outputs(context,
                          GLGraphicBuffer::kUsageTexture | GLGraphicBuffer::kUsageRenderbuffer);
@@ -126,6 +144,7 @@ void WarpDraw(benchmark::State& state) {
         GLuint framebuffer = 0;
         glGenFramebuffers(1, &framebuffer);
         int64_t frame = 0;
+        const double cpuBeginMs = processCpuMs();
         for (auto _ : state) {
             // Per frame, as the engine does: new positions from the warp, then the draw.
             warpPositions(positions, mesh.width, mesh.height,
@@ -141,6 +160,7 @@ void WarpDraw(benchmark::State& state) {
             glEnableVertexAttribArray(0);
             glEnableVertexAttribArray(1);
             glActiveTexture(GL_TEXTURE0);
+            GLGraphicBuffer& camera = *cameras[static_cast<size_t>(frame) % cameraCount];
             camera.bindTexture();
             glUniform1i(program.samplerLocation, 0);
             glVertexAttribPointer(0, 3, GL_FLOAT, GL_FALSE, 0, positions.data());
@@ -156,6 +176,7 @@ void WarpDraw(benchmark::State& state) {
             glFinish();
             ++frame;
         }
+        const double cpuMs = processCpuMs() - cpuBeginMs;
         GLenum error = glGetError();
         glDeleteFramebuffers(1, &framebuffer);
         outputs.clear();
@@ -174,16 +195,21 @@ void WarpDraw(benchmark::State& state) {
             state.SkipWithError("the warp draw left the output unwritten");
         state.counters["draw_fps"] =
             benchmark::Counter(static_cast<double>(frame), benchmark::Counter::kIsRate);
+        // CPU time per draw, of all threads (llvmpipe's rasterisers do the work): comparable on
+        // a loaded machine, where the wall time is not.
+        if (frame > 0)
+            state.counters["cpu_ms_per_frame"] = cpuMs / static_cast<double>(frame);
     }
     context->clearCurrent();
 }
 
 // The engine's default grid (33 x 19) and the test double's (4 x 3), which the engine pipeline
-// benchmark runs with.
+// benchmark runs with; the latter also over the 16 camera buffers of that benchmark's queue.
 BENCHMARK(WarpDraw)
-    ->Args({1920, 1080, 33, 19})
-    ->Args({1920, 1080, 4, 3})
-    ->Args({3840, 2160, 33, 19})
+    ->Args({1920, 1080, 33, 19, 1})
+    ->Args({1920, 1080, 4, 3, 1})
+    ->Args({1920, 1080, 4, 3, 16})
+    ->Args({3840, 2160, 33, 19, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
