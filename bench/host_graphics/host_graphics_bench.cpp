@@ -5,6 +5,8 @@
 //   RgbaLockReadBack  CPU lock of an output buffer that GL drew into (read-back);
 //   WindowCycle       dequeue, GL clear into the buffer, glFinish, queue (read-back) to a window
 //                     whose sink drops frames.
+// The last three take one argument: 0 for images on the buffers' own bytes (the host driver's
+// default: no upload or read-back, the unlock only converts), 1 for images holding copies.
 #include <EGL/egl.h>
 #include <EGL/eglext.h>
 #include <GLES2/gl2.h>
@@ -16,6 +18,7 @@
 #include <vector>
 
 #include "GlTestSupport.h"
+#include "host/Graphics.h"
 #include "host/PixelConversion.h"
 #include "host/Window.h"
 
@@ -67,7 +70,19 @@ void Nv21ToRgba(benchmark::State& state) {
 }
 BENCHMARK(Nv21ToRgba)->Unit(benchmark::kMillisecond);
 
+// Images made while it lives hold copies of their buffers when the argument is 1.
+class StorageWay {
+  public:
+    explicit StorageWay(const benchmark::State& state) {
+        host::setImageMemorySharing(state.range(0) == 0);
+    }
+    ~StorageWay() { host::setImageMemorySharing(true); }
+    StorageWay(const StorageWay&) = delete;
+    StorageWay& operator=(const StorageWay&) = delete;
+};
+
 void Nv21UnlockUpload(benchmark::State& state) {
+    StorageWay way(state);
     gltest::Context gl;
     if (!gl.ok() || !gl.makeCurrent())
         return state.SkipWithError("no EGL context");
@@ -85,9 +100,10 @@ void Nv21UnlockUpload(benchmark::State& state) {
     }
     eglDestroyImageKHR(gl.display(), image);
 }
-BENCHMARK(Nv21UnlockUpload)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Nv21UnlockUpload)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void RgbaLockReadBack(benchmark::State& state) {
+    StorageWay way(state);
     gltest::Context gl;
     if (!gl.ok() || !gl.makeCurrent())
         return state.SkipWithError("no EGL context");
@@ -102,7 +118,7 @@ void RgbaLockReadBack(benchmark::State& state) {
     }
     eglDestroyImageKHR(gl.display(), image);
 }
-BENCHMARK(RgbaLockReadBack)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(RgbaLockReadBack)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 class DropSink : public host::FrameSink {
   public:
@@ -110,6 +126,7 @@ class DropSink : public host::FrameSink {
 };
 
 void WindowCycle(benchmark::State& state) {
+    StorageWay way(state);
     gltest::Context gl;
     if (!gl.ok() || !gl.makeCurrent())
         return state.SkipWithError("no EGL context");
@@ -140,6 +157,6 @@ void WindowCycle(benchmark::State& state) {
     for (auto& entry : images)
         eglDestroyImageKHR(gl.display(), entry.second);
 }
-BENCHMARK(WindowCycle)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(WindowCycle)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <future>
+#include <string>
 
 #include "GlTestSupport.h"
 #include "host/Graphics.h"
@@ -47,6 +48,25 @@ void patchColours(uint32_t px, uint32_t py, int* y, int* u, int* v) {
     *v = 240 - static_cast<int>((2 * px + py) * 29 % 225);
 }
 
+// Images made while it lives hold copies of their buffers' content (uploaded on unlock, read
+// back for the CPU) instead of sharing the buffers' bytes with the driver.
+class ScopedCopiedStorage {
+  public:
+    explicit ScopedCopiedStorage(bool copied = true) : copied_(copied) {
+        if (copied_)
+            host::setImageMemorySharing(false);
+    }
+    ~ScopedCopiedStorage() {
+        if (copied_)
+            host::setImageMemorySharing(true);
+    }
+    ScopedCopiedStorage(const ScopedCopiedStorage&) = delete;
+    ScopedCopiedStorage& operator=(const ScopedCopiedStorage&) = delete;
+
+  private:
+    const bool copied_;
+};
+
 class EglImage : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -58,7 +78,17 @@ class EglImage : public ::testing::Test {
     gltest::Context gl_;
 };
 
-TEST_F(EglImage, Nv21SamplesAsBt601LimitedRangeRgbAndLaterWritesAreSampled) {
+// Both ways of keeping an image's content: the buffer's own bytes (false) or copies (true).
+class EglImageStorage : public EglImage, public ::testing::WithParamInterface<bool> {
+  protected:
+    ScopedCopiedStorage storage_{GetParam()};
+};
+
+std::string storageName(const ::testing::TestParamInfo<bool>& info) {
+    return info.param ? "Copied" : "Shared";
+}
+
+TEST_P(EglImageStorage, Nv21SamplesAsBt601LimitedRangeRgbAndLaterWritesAreSampled) {
     sp<GraphicBuffer> camera(new GraphicBuffer(64, 32, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
     ASSERT_EQ(camera->initCheck(), android::NO_ERROR);
     fillNv21(camera, patchColours);
@@ -96,12 +126,18 @@ TEST_F(EglImage, Nv21SamplesAsBt601LimitedRangeRgbAndLaterWritesAreSampled) {
     EXPECT_EQ(eglGetError(), EGL_SUCCESS);
 }
 
+INSTANTIATE_TEST_SUITE_P(Ways, EglImageStorage, ::testing::Bool(), storageName);
+
 struct RgbCase {
     int format;
     uint32_t width;
+    bool copied;  // images hold copies instead of the buffer's bytes
 };
 
-class EglRenderTarget : public EglImage, public ::testing::WithParamInterface<RgbCase> {};
+class EglRenderTarget : public EglImage, public ::testing::WithParamInterface<RgbCase> {
+  protected:
+    ScopedCopiedStorage storage_{GetParam().copied};
+};
 
 // Drawn by GL, read by the next CPU lock, with the image alive or already destroyed.
 TEST_P(EglRenderTarget, GlDrawingIsSeenByTheNextCpuLockAndOutlivesTheImage) {
@@ -138,10 +174,69 @@ TEST_P(EglRenderTarget, GlDrawingIsSeenByTheNextCpuLockAndOutlivesTheImage) {
     }
 }
 
+// RGBA shares its bytes (50: rows padded to 64 pixels); BGRA is always copied.
 INSTANTIATE_TEST_SUITE_P(Formats, EglRenderTarget,
-                         ::testing::Values(RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 48},
-                                           RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 50},
-                                           RgbCase{HAL_PIXEL_FORMAT_BGRA_8888, 32}));
+                         ::testing::Values(RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 48, false},
+                                           RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 50, false},
+                                           RgbCase{HAL_PIXEL_FORMAT_RGBA_8888, 50, true},
+                                           RgbCase{HAL_PIXEL_FORMAT_BGRA_8888, 32, false}));
+
+// On the host driver an RGBA buffer's images use its memory in place: what the CPU writes is
+// sampled and what GL draws is in memory with no transfer either way; an NV21 buffer's unlock
+// converts into its images' picture (one upload each), never through GL.
+TEST_F(EglImage, SharedStorageNeedsNoUploadOrReadBack) {
+    sp<GraphicBuffer> output(new GraphicBuffer(40, 8, HAL_PIXEL_FORMAT_RGBA_8888, kWrite));
+    sp<GraphicBuffer> camera(new GraphicBuffer(32, 8, HAL_PIXEL_FORMAT_YCrCb_420_SP, kWrite));
+    const host::GraphicsCounters before = host::graphicsCounters();
+    EGLImageKHR outputImage = gltest::importBuffer(gl_.display(), output);
+    EGLImageKHR cameraImage = gltest::importBuffer(gl_.display(), camera);
+    ASSERT_NE(outputImage, EGL_NO_IMAGE_KHR);
+    ASSERT_NE(cameraImage, EGL_NO_IMAGE_KHR);
+    EXPECT_EQ(host::graphicsCounters().sharedImagesMade, before.sharedImagesMade + 2)
+        << "the driver refused shared storage";
+
+    void* address = nullptr;
+    ASSERT_EQ(output->lock(kWrite, &address), android::NO_ERROR);
+    auto* bytes = static_cast<uint8_t*>(address);
+    for (uint32_t row = 0; row < 8; ++row) {
+        for (uint32_t col = 0; col < 40; ++col) {
+            uint8_t* p = bytes + (row * output->getStride() + col) * 4;
+            p[0] = static_cast<uint8_t>(col * 6);
+            p[1] = static_cast<uint8_t>(row * 30);
+            p[2] = 77;
+            p[3] = 255;
+        }
+    }
+    ASSERT_EQ(output->unlock(), android::NO_ERROR);
+    std::vector<uint8_t> sampled = gltest::sampleExternal(outputImage, 40, 8);
+    for (uint32_t row = 0; row < 8; ++row) {
+        for (uint32_t col = 0; col < 40; ++col) {
+            const uint8_t* p = &sampled[(row * 40 + col) * 4];
+            ASSERT_EQ(p[0], col * 6) << col << "," << row;
+            ASSERT_EQ(p[1], row * 30) << col << "," << row;
+            ASSERT_EQ(p[2], 77) << col << "," << row;
+        }
+    }
+    const float green[4] = {0, 1, 0, 1};
+    ASSERT_EQ(gltest::renderInto(outputImage, green, 0, 0, 0, 0, green),
+              static_cast<GLenum>(GL_NO_ERROR));
+    ASSERT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+    bytes = static_cast<uint8_t*>(address);
+    EXPECT_EQ(bytes[(7 * output->getStride() + 39) * 4 + 1], 255);
+    EXPECT_EQ(bytes[(7 * output->getStride() + 39) * 4 + 0], 0);
+    EXPECT_EQ(output->unlock(), android::NO_ERROR);
+
+    fillNv21(camera, [](uint32_t, uint32_t, int* y, int* u, int* v) {
+        *y = 126;
+        *u = *v = 128;
+    });
+    EXPECT_NEAR(gltest::sampleExternal(cameraImage, 32, 8)[0], 128, 1);
+    const host::GraphicsCounters after = host::graphicsCounters();
+    EXPECT_EQ(after.uploads, before.uploads + 1);  // the camera's conversion only
+    EXPECT_EQ(after.readBacks, before.readBacks);
+    eglDestroyImageKHR(gl_.display(), outputImage);
+    eglDestroyImageKHR(gl_.display(), cameraImage);
+}
 
 TEST_F(EglImage, RepeatedImportSharesOneImageAndKeepsTheBufferAlive) {
     const host::GraphicsCounters before = host::graphicsCounters();
@@ -303,6 +398,7 @@ TEST(EglImageLifecycle, OutputsSurviveTwentyTerminateCycles) {
 // under the consumer (a race ThreadSanitizer reports). Once dequeued again the buffer may be
 // drawn into, so its image's destruction must read back once more.
 TEST(EglImageWindow, QueuedBufferIsNotReadBackAgainUnderItsConsumer) {
+    ScopedCopiedStorage copied;  // shared storage has no read-back at all
     struct HoldingSink : host::FrameSink {
         std::promise<void> entered;
         std::promise<void> release;
