@@ -8,7 +8,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
+#include <mutex>
+#include <set>
 #include <thread>
+#include <vector>
 
 using namespace qlmr::replay;
 using namespace std::chrono_literals;
@@ -36,6 +40,7 @@ class MarkedFrames : public FrameSource {
     std::string describe() const override { return "marked"; }
 
     std::thread::id reader = std::this_thread::get_id();
+
     std::atomic<int> consumed{0};  // where the reader stands once its current read returns
     int depth = 3;
     int failAt = -1;
@@ -70,6 +75,52 @@ TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepth) {
     }));
     EXPECT_EQ(source.offThread.load(), 12);
     EXPECT_EQ(source.tooFarAhead.load(), 0);
+}
+
+// Image files: clones read on threads of their own.
+class ClonableFrames : public MarkedFrames {
+  public:
+    struct Shared {
+        std::mutex mutex;
+        std::set<std::thread::id> threads;
+    };
+    explicit ClonableFrames(std::shared_ptr<Shared> s) : shared(std::move(s)) {}
+    void read(int index, Nv21Image& out) override {
+        std::this_thread::sleep_for(2ms);  // long enough for the decoders to overlap
+        MarkedFrames::read(index, out);
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->threads.insert(std::this_thread::get_id());
+    }
+    std::unique_ptr<FrameSource> clone() const override {
+        return std::make_unique<ClonableFrames>(shared);
+    }
+    std::shared_ptr<Shared> shared;
+};
+
+TEST(PrefetchFrames, SeveralDecodersHandFramesOutInOrder) {
+    auto shared = std::make_shared<ClonableFrames::Shared>();
+    ClonableFrames source(shared);
+    ASSERT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, 4, 2);
+        EXPECT_EQ(prefetch.decoders(), 2);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        for (int i = 0; i < 6; ++i) {
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+        // A jump back while both decoders may be busy: what they were reading is dropped.
+        for (int i : {2, 3, 4, 5, 6, 7, 8, 9, 10, 11}) {
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+    }));
+    // Both decoders read, and the reader itself for the jump back.
+    EXPECT_EQ(shared->threads.size(), 3u);
+    // A source that cannot be cloned gets one decoder.
+    MarkedFrames single;
+    PrefetchFrames one(single, 4, 2);
+    EXPECT_EQ(one.decoders(), 1);
 }
 
 TEST(PrefetchFrames, OutOfOrderReadIsDirectAndReadingAheadGoesOnAfterIt) {

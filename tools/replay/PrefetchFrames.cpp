@@ -4,11 +4,23 @@
 
 namespace qlmr::replay {
 
-PrefetchFrames::PrefetchFrames(FrameSource& inner, int depth)
+PrefetchFrames::PrefetchFrames(FrameSource& inner, int depth, int decoders)
     : inner_(inner), slots_(static_cast<size_t>(depth < 1 ? 1 : depth)) {
     for (Slot& s : slots_)
         s.picture.resize(inner.width(), inner.height());
-    thread_ = std::thread(&PrefetchFrames::decodeLoop, this);
+    auto first = std::make_unique<Decoder>();
+    first->source = &inner;
+    decoders_.push_back(std::move(first));
+    for (int k = 1; k < decoders; ++k) {
+        auto d = std::make_unique<Decoder>();
+        d->clone = inner.clone();
+        if (!d->clone)
+            break;
+        d->source = d->clone.get();
+        decoders_.push_back(std::move(d));
+    }
+    for (auto& d : decoders_)
+        d->thread = std::thread(&PrefetchFrames::decodeLoop, this, std::ref(*d));
 }
 
 PrefetchFrames::~PrefetchFrames() {
@@ -17,7 +29,8 @@ PrefetchFrames::~PrefetchFrames() {
         stop_ = true;
     }
     changed_.notify_all();
-    thread_.join();
+    for (auto& d : decoders_)
+        d->thread.join();
 }
 
 int PrefetchFrames::prefetchedReads() const {
@@ -25,39 +38,46 @@ int PrefetchFrames::prefetchedReads() const {
     return prefetched_;
 }
 
-// Decoding thread: reads frame produce_ into its slot (produce_ % depth) once that slot is free
-// (the frame depth places earlier was taken) and the frame is within depth of the reader.
-void PrefetchFrames::decodeLoop() {
+// Decoding threads: each takes on frame produce_ once its slot (produce_ % depth) is free (the
+// frame depth places earlier was taken, and no decoder is filling it) and the frame is within
+// depth of the reader, and reads it through its own source.
+void PrefetchFrames::decodeLoop(Decoder& decoder) {
     const int depth = static_cast<int>(slots_.size());
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         changed_.wait(lock, [&] {
-            return stop_ || (produce_ < inner_.count() && produce_ < next_ + depth &&
-                             slots_[static_cast<size_t>(produce_ % depth)].index < next_);
+            if (stop_)
+                return true;
+            if (produce_ >= inner_.count() || produce_ >= next_ + depth)
+                return false;
+            const Slot& s = slots_[static_cast<size_t>(produce_ % depth)];
+            return !s.busy && s.index < next_;
         });
         if (stop_)
             return;
-        const int index = produce_;
+        const int index = produce_++;
+        const int generation = generation_;
         Slot& slot = slots_[static_cast<size_t>(index % depth)];
         slot.index = -1;
+        slot.busy = true;
         Nv21Image picture = std::move(slot.picture);
         std::exception_ptr error;
         lock.unlock();
         {
-            std::lock_guard<std::mutex> inner(innerMutex_);
+            std::lock_guard<std::mutex> source(decoder.mutex);
             try {
                 picture.resize(inner_.width(), inner_.height());
-                inner_.read(index, picture);
+                decoder.source->read(index, picture);
             } catch (...) {
                 error = std::current_exception();
             }
         }
         lock.lock();
         slot.picture = std::move(picture);
-        if (produce_ == index) {  // not restarted meanwhile by an out-of-order read
+        slot.busy = false;
+        if (generation == generation_) {  // not restarted meanwhile by an out-of-order read
             slot.index = index;
             slot.error = error;
-            ++produce_;
         }
         changed_.notify_all();
     }
@@ -92,11 +112,12 @@ void PrefetchFrames::read(int index, Nv21Image& out) {
         s.index = -1;
         s.error = nullptr;
     }
+    ++generation_;
     next_ = index + 1;
     produce_ = index + 1;
     lock.unlock();
     {
-        std::lock_guard<std::mutex> inner(innerMutex_);
+        std::lock_guard<std::mutex> source(decoders_.front()->mutex);
         inner_.read(index, out);
     }
     changed_.notify_all();

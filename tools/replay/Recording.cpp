@@ -241,6 +241,9 @@ class ImageFrames : public RecordingFrames {
         return rec_.dir + " (" + std::to_string(count()) + " image frames, " +
                sizeText(rec_.width, rec_.height) + ")";
     }
+    std::unique_ptr<FrameSource> clone() const override {
+        return std::make_unique<ImageFrames>(rec_);
+    }
 
   private:
     ImageReader reader_;

@@ -43,6 +43,9 @@ class FrameSource {
     virtual void read(int index, Nv21Image& out) = 0;
     // One line for logs and the report.
     virtual std::string describe() const = 0;
+    // Another reader of the same frames, for another thread (a second decoder), or null when
+    // the frames can only be read by one reader (a video stream read in order, a renderer).
+    virtual std::unique_ptr<FrameSource> clone() const { return nullptr; }
 };
 
 struct FrameEntry {

@@ -46,7 +46,7 @@ void makeDirs(const std::string& path) {
 
 // Frames decoded ahead of the one the camera asks for: enough to cover a slow decode while the
 // engine draws, few enough to keep memory low (3 x 12 MB at 4K).
-constexpr int kPrefetchDepth = 3;
+constexpr int kPrefetchDepth = 4;
 
 // The first `limit` frames of another source.
 class LimitedFrames : public FrameSource {
@@ -62,10 +62,19 @@ class LimitedFrames : public FrameSource {
     std::string describe() const override {
         return inner_.describe() + ", first " + std::to_string(limit_) + " frames";
     }
+    std::unique_ptr<FrameSource> clone() const override {
+        std::unique_ptr<FrameSource> inner = inner_.clone();
+        if (!inner)
+            return nullptr;
+        auto c = std::make_unique<LimitedFrames>(*inner, limit_);
+        c->owned_ = std::move(inner);
+        return c;
+    }
 
   private:
     FrameSource& inner_;
     int limit_;
+    std::unique_ptr<FrameSource> owned_;  // inner_ when this is a clone
 };
 
 // Frame rate from the median frame interval, as a rational for the Y4M header.
@@ -202,8 +211,9 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         saveRecording(options.saveRecording, *frames, *gyro, configText, 95);
     }
 
-    // Frames are decoded (or rendered) ahead of the camera on a thread of their own.
-    PrefetchFrames prefetch(*frames, kPrefetchDepth);
+    // Frames are decoded (or rendered) ahead of the camera on threads of their own (image
+    // files on --threads decoders).
+    PrefetchFrames prefetch(*frames, kPrefetchDepth, options.threads);
     frames = &prefetch;
 
     SessionConfig config;
