@@ -89,6 +89,40 @@ TEST(MotionEstimator, RefusesPicturesThatDoNotFit) {
     EXPECT_FALSE(est.estimate(a, b, Similarity{}, MotionOptions{}).ok);
 }
 
+TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
+    // A chain of three frames (the middle one shared by two pairs, its pyramid kept), then a
+    // zoomed pair, then pictures of different sizes, on one thread and on two.
+    const GrayImage a = texture(320, 200);
+    const GrayImage b = warped(a, {1.0, 0.0, 2.5, -1.25});
+    const GrayImage c = warped(a, {1.0, 0.01, -3.0, 4.0});
+    const GrayImage zoomed = warped(a, {0.8, 0.0, 1.0, 2.0});
+    GrayImage other;
+    other.resize(300, 200);
+    MotionOptions plain;
+    MotionOptions scaled;
+    scaled.scales = {1.0, 0.8};
+    for (const int threads : {1, 2}) {
+        std::vector<PairRegistration> jobs = {{&a, &b, {}, &plain, {}},
+                                              {&b, &c, {}, &plain, {}},
+                                              {&a, &zoomed, {}, &scaled, {}},
+                                              {&a, &other, {}, &plain, {}}};
+        registerPairs(jobs, threads);
+        for (size_t i = 0; i + 1 < jobs.size(); ++i) {
+            MotionEstimator fresh;
+            const MotionEstimate e =
+                fresh.estimate(*jobs[i].reference, *jobs[i].moving, {}, *jobs[i].options);
+            ASSERT_TRUE(jobs[i].result.ok) << i;
+            EXPECT_DOUBLE_EQ(jobs[i].result.motion.tx, e.motion.tx) << i;
+            EXPECT_DOUBLE_EQ(jobs[i].result.motion.ty, e.motion.ty) << i;
+            EXPECT_DOUBLE_EQ(jobs[i].result.motion.angle, e.motion.angle) << i;
+            EXPECT_DOUBLE_EQ(jobs[i].result.motion.scale, e.motion.scale) << i;
+        }
+        EXPECT_NEAR(jobs[1].result.motion.tx, -3.0 - 2.5, 0.3);
+        EXPECT_NEAR(jobs[2].result.motion.scale, 0.8, 0.002);
+        EXPECT_FALSE(jobs[3].result.ok);
+    }
+}
+
 TEST(Signal, StabilityScoreSeparatesSlowFromFastMotion) {
     std::vector<double> slow(120), fast(120), constant(120, 2.0);
     for (int i = 0; i < 120; ++i) {

@@ -109,6 +109,12 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     EXPECT_NEAR(m.crop.cropping, 1.0, 0.01);
     // The pixel measure agrees with the ground truth on the shaking input.
     EXPECT_NEAR(m.inputMotion.jitterPx, m.truth.inputJitterPx, 0.25 * m.truth.inputJitterPx);
+    // The gyro calibration, made on the input pairs the pixel measure registered, finds the
+    // synthetic configuration's true axes and offset in agreement with the pictures.
+    EXPECT_TRUE(m.calibration.measured);
+    EXPECT_EQ(m.calibration.pairs, 89);
+    EXPECT_GT(m.calibration.agreement, 0.95);
+    EXPECT_EQ(m.calibration.bestAxes, m.calibration.statedAxes);
 
     Y4mReader video;
     video.open(dir.file("out/stabilized.y4m"));

@@ -176,13 +176,20 @@ CalibrationStats calibrate(const CalibrationInput& in) {
     // that of the middle of its exposure.
     st.statedOffsetMs = cfg.gyroTimeOffsetNs * 1e-6;
     const double searchStatedMs = st.statedOffsetMs + exposureUs * 0.5e-3;
-    if (in.lumas.size() < 2 || in.gyro == nullptr || in.gyro->empty() || in.frameWidth <= 0)
+    const bool premeasured = !in.motion.empty();
+    const int measuredWidth = premeasured        ? in.measuredWidth
+                              : in.lumas.empty() ? 0
+                                                 : in.lumas.front().width;
+    if ((!premeasured && in.lumas.size() < 2) || in.timestampsNs.empty() || in.gyro == nullptr ||
+        in.gyro->empty() || in.frameWidth <= 0 || measuredWidth <= 0) {
         return st;
+    }
 
     std::vector<double> times;
     for (int64_t t : in.timestampsNs)
         times.push_back(t * 1e-9);
-    const std::vector<FrameMotion> motion = measureFrameMotion(in.lumas, times, in.threads);
+    const std::vector<FrameMotion> motion =
+        premeasured ? in.motion : measureFrameMotion(in.lumas, times, in.threads);
     int ok = 0;
     for (const FrameMotion& f : motion)
         ok += f.ok;
@@ -194,7 +201,7 @@ CalibrationStats calibrate(const CalibrationInput& in) {
     }
     st.measured = true;
 
-    const double scale = static_cast<double>(in.lumas.front().width) / in.frameWidth;
+    const double scale = static_cast<double>(measuredWidth) / in.frameWidth;
     AlignmentSearch search;
     search.focalPx = scale * 0.5 * in.frameWidth / std::tan(cfg.fovHorizontalDeg * kPi / 360.0);
     search.readoutMs = cfg.readoutNs * 1e-6;

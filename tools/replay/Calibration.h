@@ -44,9 +44,14 @@ struct CalibrationStats {
     std::vector<std::string> configWarnings;  // the library's own words about the text
 };
 
-// The frames to calibrate on: reduced lumas (all the same size) with their timestamps.
+// The frames to calibrate on: reduced lumas (all the same size) with their timestamps, or
+// the motion between them already measured.
 struct CalibrationInput {
     std::vector<GrayImage> lumas;
+    // When not empty, used instead of measuring `lumas`: the motion of every consecutive pair
+    // (frameMotionFrom / measureFrameMotion) on pictures `measuredWidth` pixels wide.
+    std::vector<FrameMotion> motion;
+    int measuredWidth = 0;
     std::vector<int64_t> timestampsNs;  // start of each frame (first row), recording clock
     std::vector<int> exposureUs;
     int frameWidth = 0;  // the recording's frame width (the lumas may be smaller)

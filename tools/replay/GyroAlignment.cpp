@@ -1,10 +1,10 @@
 #include "GyroAlignment.h"
 
 #include "ReplayError.h"
-#include "WorkerPool.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 
 namespace qlmr::replay {
 
@@ -77,59 +77,74 @@ bool AxisMap::isRotation() const {
     return parity * sign[0] * sign[1] * sign[2] == 1;
 }
 
-namespace {
-struct PairJobs {
-    const std::vector<GrayImage>* lumas;
-    std::vector<MotionEstimate>* results;
-};
-void measureBand(void* context, int begin, int end) {
-    auto* jobs = static_cast<PairJobs*>(context);
-    MotionEstimator estimator;
+MotionOptions frameMotionOptions() {
     MotionOptions options;
     options.searchRadius = 10;
-    for (int i = begin; i < end; ++i) {
-        (*jobs->results)[static_cast<size_t>(i)] =
-            estimator.estimate((*jobs->lumas)[static_cast<size_t>(i)],
-                               (*jobs->lumas)[static_cast<size_t>(i) + 1], Similarity{}, options);
-    }
+    return options;
 }
+
+namespace {
+
+// Where the texture of a picture sits, as a fraction of its height: the rows weighted by their
+// squared central-difference gradients (integer sums: exact, and quick).
+double texturedRowFraction(const GrayImage& g) {
+    double sum = 0, weighted = 0;
+    for (int y = 1; y + 1 < g.height; ++y) {
+        const uint8_t* above = g.data.data() + static_cast<size_t>(y - 1) * g.width;
+        const uint8_t* row = above + g.width;
+        const uint8_t* below = row + g.width;
+        int64_t e = 0;
+        for (int x = 1; x + 1 < g.width; ++x) {
+            const int gx = row[x + 1] - row[x - 1];
+            const int gy = below[x] - above[x];
+            e += gx * gx + gy * gy;
+        }
+        sum += static_cast<double>(e);
+        weighted += static_cast<double>(e) * (y + 0.5);
+    }
+    return sum > 0 ? weighted / sum / g.height : 0.5;
+}
+
 }  // namespace
+
+std::vector<FrameMotion> frameMotionFrom(const std::vector<const GrayImage*>& lumas,
+                                         const std::vector<double>& timesSec,
+                                         const std::vector<MotionEstimate>& pairs) {
+    std::vector<FrameMotion> out;
+    double previous = lumas.empty() ? 0.5 : texturedRowFraction(*lumas[0]);
+    for (size_t i = 0; i < pairs.size() && i + 1 < lumas.size(); ++i) {
+        const double next = texturedRowFraction(*lumas[i + 1]);
+        FrameMotion f;
+        f.rowFraction = 0.5 * (previous + next);
+        f.startSec = timesSec[i];
+        f.endSec = timesSec[i + 1];
+        f.ok = pairs[i].ok;
+        f.tx = pairs[i].motion.tx;
+        f.ty = pairs[i].motion.ty;
+        f.angle = pairs[i].motion.angle;
+        out.push_back(f);
+        previous = next;
+    }
+    return out;
+}
 
 std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
                                             const std::vector<double>& timesSec, int threads) {
-    std::vector<FrameMotion> out;
     if (lumas.size() < 2)
-        return out;
-    std::vector<MotionEstimate> results(lumas.size() - 1);
-    PairJobs jobs{&lumas, &results};
-    WorkerPool pool(std::max(1, threads));
-    pool.run(&measureBand, &jobs, static_cast<int>(results.size()));
-    auto rowFraction = [](const GrayImage& g) {
-        double sum = 0, weighted = 0;
-        for (int y = 1; y + 1 < g.height; ++y) {
-            double e = 0;
-            for (int x = 1; x + 1 < g.width; ++x) {
-                const double gx = g.at(x + 1, y) - g.at(x - 1, y);
-                const double gy = g.at(x, y + 1) - g.at(x, y - 1);
-                e += gx * gx + gy * gy;
-            }
-            sum += e;
-            weighted += e * (y + 0.5);
-        }
-        return sum > 0 ? weighted / sum / g.height : 0.5;
-    };
-    for (size_t i = 0; i < results.size(); ++i) {
-        FrameMotion f;
-        f.rowFraction = 0.5 * (rowFraction(lumas[i]) + rowFraction(lumas[i + 1]));
-        f.startSec = timesSec[i];
-        f.endSec = timesSec[i + 1];
-        f.ok = results[i].ok;
-        f.tx = results[i].motion.tx;
-        f.ty = results[i].motion.ty;
-        f.angle = results[i].motion.angle;
-        out.push_back(f);
+        return {};
+    const MotionOptions options = frameMotionOptions();
+    std::vector<PairRegistration> jobs;
+    std::vector<const GrayImage*> pictures;
+    for (size_t i = 0; i < lumas.size(); ++i) {
+        pictures.push_back(&lumas[i]);
+        if (i + 1 < lumas.size())
+            jobs.push_back({&lumas[i], &lumas[i + 1], Similarity{}, &options, {}});
     }
-    return out;
+    registerPairs(jobs, threads);
+    std::vector<MotionEstimate> results;
+    for (const PairRegistration& j : jobs)
+        results.push_back(j.result);
+    return frameMotionFrom(pictures, timesSec, results);
 }
 
 V3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0,

@@ -43,9 +43,18 @@ struct FrameMotion {
     bool ok = false;
 };
 
+// The registration options of the frame-to-frame measurement.
+MotionOptions frameMotionOptions();
+
 // Measures consecutive pairs of `lumas` (all the same size), taken at `timesSec`.
 std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
                                             const std::vector<double>& timesSec, int threads);
+
+// The same from registrations already made: pairs[i] registered lumas[i + 1] on lumas[i] with
+// frameMotionOptions() (the replay's pixel-motion measure shares its input pairs this way).
+std::vector<FrameMotion> frameMotionFrom(const std::vector<const GrayImage*>& lumas,
+                                         const std::vector<double>& timesSec,
+                                         const std::vector<MotionEstimate>& pairs);
 
 // Rotation vector of the camera between gyro times t0 and t1 (seconds, gyro clock), from raw
 // samples mapped by `map`, integrated with the samples' rates held piecewise linear.

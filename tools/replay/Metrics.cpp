@@ -1,7 +1,6 @@
 #include "Metrics.h"
 
 #include "Synthetic.h"
-#include "WorkerPool.h"
 
 #include <algorithm>
 #include <cmath>
@@ -16,46 +15,22 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kRadToDeg = 180.0 / kPi;
 
-struct RegistrationJob {
-    const GrayImage* reference;
-    const GrayImage* moving;
-    Similarity initial;
-    const MotionOptions* options;
-    MotionEstimate result;
-};
-
-struct Batch {
-    std::vector<RegistrationJob>* jobs;
-};
-
-void runBatch(void* context, int begin, int end) {
-    auto& jobs = *static_cast<Batch*>(context)->jobs;
-    MotionEstimator estimator;
-    for (int i = begin; i < end; ++i) {
-        RegistrationJob& j = jobs[static_cast<size_t>(i)];
-        j.result = estimator.estimate(*j.reference, *j.moving, j.initial, *j.options);
-    }
-}
-
-void runJobs(std::vector<RegistrationJob>& jobs, int threads) {
-    if (jobs.empty())
-        return;
-    WorkerPool pool(std::max(1, threads));
-    Batch batch{&jobs};
-    pool.run(&runBatch, &batch, static_cast<int>(jobs.size()));
-}
-
-// Chained frame-to-frame motion of a sequence of luma pictures.
+// Chained frame-to-frame motion of a sequence of luma pictures (registered with the options
+// of the gyro calibration's frame-to-frame measure, which can then reuse them); `pairs`
+// receives each pair's registration.
 PixelMotionStats chainedMotion(const std::vector<const GrayImage*>& frames,
                                const std::vector<double>& times, int factor, double sigmaFrames,
-                               int threads) {
+                               int threads, std::vector<MotionEstimate>& pairs) {
     PixelMotionStats s;
-    MotionOptions options;
-    std::vector<RegistrationJob> jobs;
+    const MotionOptions options = frameMotionOptions();
+    std::vector<PairRegistration> jobs;
     for (size_t i = 0; i + 1 < frames.size(); ++i) {
         jobs.push_back({frames[i], frames[i + 1], Similarity{}, &options, {}});
     }
-    runJobs(jobs, threads);
+    registerPairs(jobs, threads);
+    pairs.clear();
+    for (const PairRegistration& j : jobs)
+        pairs.push_back(j.result);
     double x = 0, y = 0, roll = 0;
     std::vector<double> stepLength, stepAngle;
     if (!frames.empty())
@@ -183,7 +158,14 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
             frames.push_back(&inputs[static_cast<size_t>(i)].luma);
             times.push_back((inputs[static_cast<size_t>(i)].timestampNs - t0) * 1e-9);
         }
-        m.inputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads);
+        std::vector<MotionEstimate> pairs;
+        m.inputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads, pairs);
+        // On the recording's clock, as the gyro samples are.
+        std::vector<double> clock;
+        for (int i = 0; i < delivered; ++i)
+            clock.push_back(inputs[static_cast<size_t>(i)].timestampNs * 1e-9);
+        m.inputPairMotion = frameMotionFrom(frames, clock, pairs);
+        m.lumaWidth = delivered > 0 ? inputs[0].luma.width : 0;
     }
     {
         std::vector<const GrayImage*> frames;
@@ -192,7 +174,8 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
             frames.push_back(&o.luma);
             times.push_back((o.timestampNs - t0) * 1e-9);
         }
-        m.outputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads);
+        std::vector<MotionEstimate> pairs;
+        m.outputMotion = chainedMotion(frames, times, factor, sigmaFrames, ctx.threads, pairs);
     }
     m.pixelJitterRatioSettled = m.outputMotion.jitterSettledPx > 0
                                     ? m.inputMotion.jitterSettledPx / m.outputMotion.jitterSettledPx
@@ -212,7 +195,7 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
     // Each output frame against its own input frame: the crop, and the view for ground truth.
     MotionOptions cropOptions;
     cropOptions.scales = {1.0, 0.9, 0.8, 0.7, 0.6};
-    std::vector<RegistrationJob> jobs;
+    std::vector<PairRegistration> jobs;
     std::vector<int> jobOutput;
     for (size_t k = 0; k < outputs.size(); ++k) {
         const OutputRecord& o = outputs[k];
@@ -224,10 +207,10 @@ void computeMetrics(const MetricsContext& ctx, ReplayMetrics& m) {
         jobs.push_back({&o.luma, &in, Similarity{}, &cropOptions, {}});
         jobOutput.push_back(static_cast<int>(k));
     }
-    runJobs(jobs, ctx.threads);
+    registerPairs(jobs, ctx.threads);
     double scaleSum = 0, cropSum = 0, cropMin = std::numeric_limits<double>::infinity();
     for (size_t k = 0; k < jobs.size(); ++k) {
-        const RegistrationJob& j = jobs[k];
+        const PairRegistration& j = jobs[k];
         if (!j.result.ok)
             continue;
         const double s = j.result.motion.scale;

@@ -114,7 +114,11 @@ struct ReplayMetrics {
     bool hasTruth = false;
     TruthStats truth;
     CalibrationStats calibration;  // gyro against image motion on the input frames
-    std::string calibratedFrom;    // with --calibrate: what the configuration stated before
+    // The input's consecutive pairs as registered for inputMotion (pixels of the recorder's
+    // lumas, lumaWidth wide): the gyro calibration measures the same pairs and reuses them.
+    std::vector<FrameMotion> inputPairMotion;
+    int lumaWidth = 0;
+    std::string calibratedFrom;  // with --calibrate: what the configuration stated before
     std::vector<std::string> warnings;
 };
 

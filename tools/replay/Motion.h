@@ -1,6 +1,6 @@
 // Global image motion from pixels: a similarity transform (scale, rotation, translation)
 // between two luma pictures, estimated coarse to fine (exhaustive translation search at the
-// coarsest level, then robust Gauss-Newton at every level).
+// coarsest level, then robust inverse-compositional Gauss-Newton at every level).
 #pragma once
 
 #include "Image.h"
@@ -34,33 +34,88 @@ struct MotionOptions {
     std::vector<double> scales;
     int iterations = 12;  // Gauss-Newton iterations per level
     int minSize = 40;     // the pyramid stops before a level smaller than this (either side)
-    // Sampling step on the two finest levels, in pixels, when the picture holds at least
-    // finestStepMinPixels (2: every other row and column). Those levels start within about a
-    // pixel of the answer; at the tool's 640-pixel-wide luma a quarter of their pixels settle
-    // it as well as all of them, and they were most of the work. Smaller pictures keep every
-    // pixel.
-    int finestStep = 2;
+    // Sampling steps, in pixels, on the finest level and the one above it when the picture
+    // holds at least finestStepMinPixels (3: every third row and column). Those levels start
+    // within about a pixel of the answer; at the tool's 640-pixel-wide luma a ninth of the
+    // finest level's pixels settle it within a few hundredths of a pixel of what all of them
+    // give, and they were most of the work. Smaller pictures keep every pixel.
+    int finestStep = 3;
+    int nextStep = 2;
     int finestStepMinPixels = 160000;
+    // Sampling step of the coarsest level's translation search (every third row and column).
+    int searchStep = 3;
+    // A level stops iterating when the last update moves the picture's edge by less than
+    // this (that level's pixels).
+    double finestTolerancePx = 0.01;
+    // Large pictures only (finestStepMinPixels): the finest level iterates at most
+    // finestIterations times, and the levels between it and the coarsest stop at
+    // coarseTolerancePx (they only bring the next level within its basin).
+    int finestIterations = 4;
+    double coarseTolerancePx = 0.05;
 };
 
-// Keeps its pyramids between calls; one per thread.
-class MotionEstimator {
+// A picture prepared for registration: float levels, each half the size of the one below
+// (means of 2x2 pixels), down to the last level whose sides are both at least `minSize`.
+// Built once per picture, it serves any number of registrations, on either side.
+class MotionPyramid {
   public:
-    MotionEstimate estimate(const GrayImage& reference, const GrayImage& moving,
-                            const Similarity& initial, const MotionOptions& options);
+    void build(const GrayImage& image, int minSize);
+    int width() const { return levels_.empty() ? 0 : levels_[0].width; }
+    int height() const { return levels_.empty() ? 0 : levels_[0].height; }
+    int levels() const { return static_cast<int>(levels_.size()); }
 
   private:
+    friend class MotionEstimator;
     struct Level {
         int width = 0;
         int height = 0;
         std::vector<float> pixels;
-        std::vector<float> gx;
-        std::vector<float> gy;
     };
-    static void build(const GrayImage& image, int levels, std::vector<Level>& pyramid);
-
-    std::vector<Level> ref_;
-    std::vector<Level> mov_;
+    std::vector<Level> levels_;
 };
+
+// Keeps its buffers between calls (no allocation once warm); one per thread.
+class MotionEstimator {
+  public:
+    MotionEstimate estimate(const GrayImage& reference, const GrayImage& moving,
+                            const Similarity& initial, const MotionOptions& options);
+    // The same on pyramids built with options.minSize.
+    MotionEstimate estimate(const MotionPyramid& reference, const MotionPyramid& moving,
+                            const Similarity& initial, const MotionOptions& options);
+
+  private:
+    // A sampled reference pixel of one level: its value and its central-difference gradient.
+    struct Sample {
+        float value;
+        float gx;
+        float gy;
+    };
+    MotionPyramid ref_;
+    MotionPyramid mov_;
+    std::vector<Sample> samples_;
+    // The coarsest level's sparse grid mapped into the moving picture for the offset search:
+    // the integer part of each position and its bilinear weights, and the reference pixel.
+    struct SearchSample {
+        int ix, iy;
+        float fx, fy;
+        float value;
+    };
+    std::vector<SearchSample> search_;
+    int searchTotal_ = 0;  // grid pixels, mapped inside or not
+};
+
+// One registration to run: `moving` against `reference`; registerPairs fills in the result.
+struct PairRegistration {
+    const GrayImage* reference = nullptr;
+    const GrayImage* moving = nullptr;
+    Similarity initial;
+    const MotionOptions* options = nullptr;
+    MotionEstimate result;
+};
+
+// Runs every registration of `jobs` on `threads` threads, each taking a contiguous run of
+// jobs. A picture met again in the next job (consecutive pairs of a frame sequence share a
+// frame) keeps its pyramid: each frame of a chain is prepared once, not twice.
+void registerPairs(std::vector<PairRegistration>& jobs, int threads);
 
 }  // namespace qlmr::replay

@@ -315,10 +315,12 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         const std::vector<InputRecord>& inputs = recorder.inputs();
         const int delivered = std::min<int>(recorder.delivered(), static_cast<int>(inputs.size()));
         for (int i = 0; i < delivered; ++i) {
-            ci.lumas.push_back(inputs[static_cast<size_t>(i)].luma);
             ci.timestampsNs.push_back(inputs[static_cast<size_t>(i)].timestampNs);
             ci.exposureUs.push_back(frames->exposureUs(i));
         }
+        // The pairs the pixel-motion measure registered, not registered again.
+        ci.motion = std::move(m.inputPairMotion);
+        ci.measuredWidth = m.lumaWidth;
         ci.frameWidth = frames->width();
         ci.gyro = gyro;
         ci.configText = configText;
