@@ -243,16 +243,14 @@ MotionEstimate MotionEstimator::estimate(const MotionPyramid& reference,
         const int w = r.width, h = r.height;
         const double cx = w / 2.0, cy = h / 2.0;
         // Levels below the coarsest start within about a pixel of the answer (the level above
-        // converged): a few iterations settle them. On a large picture the two finest levels
-        // are sampled sparsely, the finest one gets fewer iterations, and a level above the
-        // finest, which only has to bring the next one within its basin, stops at a coarser
-        // tolerance.
+        // converged): a few iterations settle them. On a large picture they are sampled
+        // sparsely, the finest one gets fewer iterations, and a level above the finest, which
+        // only has to bring the next one within its basin, stops at a coarser tolerance.
         int step = 1;
         int iterations = lv == top ? options.iterations : std::min(options.iterations, 6);
         double tolerance = options.finestTolerancePx;
         if (large && lv < top) {
-            if (lv <= 1)
-                step = std::max(1, lv == 0 ? options.finestStep : options.nextStep);
+            step = std::max(1, lv <= 1 ? options.finestStep : options.coarserStep);
             if (lv == 0)
                 iterations = std::min(iterations, options.finestIterations);
             else

@@ -34,13 +34,14 @@ struct MotionOptions {
     std::vector<double> scales;
     int iterations = 12;  // Gauss-Newton iterations per level
     int minSize = 40;     // the pyramid stops before a level smaller than this (either side)
-    // Sampling steps, in pixels, on the finest level and the one above it when the picture
-    // holds at least finestStepMinPixels (3: every third row and column). Those levels start
-    // within about a pixel of the answer; at the tool's 640-pixel-wide luma a ninth of the
-    // finest level's pixels settle it within a few hundredths of a pixel of what all of them
-    // give, and they were most of the work. Smaller pictures keep every pixel.
+    // Sampling steps, in pixels, below the coarsest level when the picture holds at least
+    // finestStepMinPixels: the two finest levels every third row and column, the levels
+    // between them and the coarsest every other one. Those levels start within about a pixel
+    // of the answer; at the tool's 640-pixel-wide luma a ninth of the finest level's pixels
+    // settle it within a few hundredths of a pixel of what all of them give, and they were
+    // most of the work. Smaller pictures keep every pixel.
     int finestStep = 3;
-    int nextStep = 2;
+    int coarserStep = 2;
     int finestStepMinPixels = 160000;
     // Sampling step of the coarsest level's translation search (every third row and column).
     int searchStep = 3;
