@@ -167,6 +167,9 @@ void OutputRecorder::finish() {
     outputs_.resize(outputsUsed_);
     video_.close();
     sideBySide_.close();
+}
+
+void OutputRecorder::finishEncoding() {
     videoMp4_.finish();
     sideBySideMp4_.finish();
 }

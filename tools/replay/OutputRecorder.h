@@ -67,9 +67,13 @@ class OutputRecorder : public SessionObserver {
     void onFrameDelivered(int index, int64_t timestampNs, const Nv21Image& frame) override;
     void onFrameOutput(int surface, int64_t timestampNs, const RgbaView& image) override;
 
-    // Closes the video files and waits for the MP4 encoders (throws ReplayError on a write or
-    // encoder error) and trims outputs() to the frames received.
+    // Closes the Y4M files (throws ReplayError on a write error) and trims outputs() to the
+    // frames received. The MP4 encoders may still be working through their last frames.
     void finish();
+    // Waits for the MP4 encoders to write their files; throws ReplayError with ffmpeg's
+    // message when one failed. Called after finish(), once the caller has nothing else to
+    // overlap with the encoding.
+    void finishEncoding();
 
     // Read after the session has returned.
     int lumaFactor() const { return factor_; }

@@ -331,6 +331,8 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         for (const std::string& w : m.calibration.warnings)
             m.warnings.push_back(w);
     }
+    // The MP4 encoders worked through their last queued frames while the measures ran.
+    recorder.finishEncoding();
     log << "writing metrics.json and report.html..." << std::endl;
 
     const std::string json = metricsJson(m);
