@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <memory>
 #include <string>
 
 namespace qlmr::replay {
@@ -28,9 +29,10 @@ TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
               "vstab.gyroTimeOffsetNs=-3000000\nvstab.gyroAxes=x,y,z\n");
 }
 
-// Calibrates a short synthetic walk (true gyro offset 17 ms) whose configuration states
-// `statedAxes` and `statedOffsetMs`.
-CalibrationStats calibrateSynthetic(const std::string& statedAxes, double statedOffsetMs) {
+// A short synthetic walk (true gyro offset 17 ms) whose configuration states `statedAxes`
+// and `statedOffsetMs`, ready to calibrate from its lumas.
+CalibrationInput syntheticInput(const std::string& statedAxes, double statedOffsetMs,
+                                std::unique_ptr<SyntheticRecording>& keep) {
     SyntheticOptions o;
     o.width = 640;
     o.height = 360;
@@ -39,7 +41,8 @@ CalibrationStats calibrateSynthetic(const std::string& statedAxes, double stated
     o.gyro.timeOffsetNs = 17000000;
     o.statedGyroAxes = statedAxes;
     o.statedGyroOffsetMs = statedOffsetMs;
-    SyntheticRecording rec(o);
+    keep = std::make_unique<SyntheticRecording>(o);
+    SyntheticRecording& rec = *keep;
     CalibrationInput in;
     in.lumas = readLumas(rec, 2);
     for (int i = 0; i < rec.count(); ++i) {
@@ -49,7 +52,12 @@ CalibrationStats calibrateSynthetic(const std::string& statedAxes, double stated
     in.frameWidth = rec.width();
     in.gyro = &rec.gyro();
     in.configText = rec.configText();
-    return calibrate(in);
+    return in;
+}
+
+CalibrationStats calibrateSynthetic(const std::string& statedAxes, double statedOffsetMs) {
+    std::unique_ptr<SyntheticRecording> rec;
+    return calibrate(syntheticInput(statedAxes, statedOffsetMs, rec));
 }
 
 TEST(Calibration, FindsAnUnstatedOffsetAndNamesIt) {
@@ -88,6 +96,29 @@ TEST(Calibration, CorrectValuesAgreeWithoutWarnings) {
     EXPECT_GT(c.agreement, 0.95);
     EXPECT_TRUE(c.warnings.empty()) << c.warnings.front();
     EXPECT_TRUE(c.configWarnings.empty());
+}
+
+TEST(Calibration, PairsMeasuredBeforeGiveTheSameFigures) {
+    // The replay hands over the pairs its pixel measure registered, on lumas of its own width:
+    // the same figures as measuring them here, the picture scale taken from measuredWidth.
+    std::unique_ptr<SyntheticRecording> rec;
+    CalibrationInput in = syntheticInput("", 2.0, rec);
+    const CalibrationStats direct = calibrate(in);
+    std::vector<double> times;
+    for (int64_t t : in.timestampsNs)
+        times.push_back(t * 1e-9);
+    in.motion = measureFrameMotion(in.lumas, times, 2);
+    in.measuredWidth = in.lumas.front().width;
+    in.lumas.clear();
+    const CalibrationStats shared = calibrate(in);
+    ASSERT_TRUE(shared.measured);
+    EXPECT_EQ(shared.pairs, direct.pairs);
+    EXPECT_DOUBLE_EQ(shared.agreement, direct.agreement);
+    EXPECT_DOUBLE_EQ(shared.statedRmsPx, direct.statedRmsPx);
+    EXPECT_EQ(shared.bestAxes, direct.bestAxes);
+    EXPECT_DOUBLE_EQ(shared.bestOffsetMs, direct.bestOffsetMs);
+    EXPECT_DOUBLE_EQ(shared.bestRmsPx, direct.bestRmsPx);
+    EXPECT_EQ(shared.warnings, direct.warnings);
 }
 
 TEST(Calibration, RefusedConfigurationIsAnError) {

@@ -241,6 +241,33 @@ TEST(CameraMotion, SimulationScenariosDriveTheCamera) {
     EXPECT_GT(most, 0.005);
 }
 
+TEST(GyroAlignment, PairsAreTimedAtTheRowsOfTheirTexture) {
+    // Texture only in the top quarter of both pictures: the pair is measured at about an
+    // eighth of the height; texture everywhere: near the middle.
+    GrayImage top, even;
+    top.resize(64, 48);
+    even.resize(64, 48);
+    for (int y = 0; y < 48; ++y) {
+        for (int x = 0; x < 64; ++x) {
+            const uint8_t v = static_cast<uint8_t>(((x * 7 + y * 13) % 17) * 15);
+            top.data[static_cast<size_t>(y) * 64 + x] = y < 12 ? v : 128;
+            even.data[static_cast<size_t>(y) * 64 + x] = v;
+        }
+    }
+    MotionEstimate registered;
+    registered.ok = true;
+    registered.motion.tx = 1.5;
+    const std::vector<FrameMotion> m =
+        frameMotionFrom({&top, &top, &even}, {1.0, 1.1, 1.2}, {registered, registered});
+    ASSERT_EQ(m.size(), 2u);
+    EXPECT_NEAR(m[0].rowFraction, 0.125, 0.02);
+    EXPECT_NEAR(2 * m[1].rowFraction - m[0].rowFraction, 0.5, 0.03);  // the even picture
+    EXPECT_DOUBLE_EQ(m[1].startSec, 1.1);
+    EXPECT_DOUBLE_EQ(m[1].endSec, 1.2);
+    EXPECT_DOUBLE_EQ(m[1].tx, 1.5);
+    EXPECT_TRUE(m[1].ok);
+}
+
 TEST(AxisMap, ParsesAndEnumeratesSignedPermutations) {
     const AxisMap m = AxisMap::parse("-y,x,-z");
     EXPECT_EQ(m.apply(V3(1, 2, 3)), V3(-2, 1, -3));
