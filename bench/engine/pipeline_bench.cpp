@@ -3,14 +3,17 @@
 // takes them. Per-stage times come from the engine's own timing probes, which it logs when its
 // debug property is on; a custom logger keeps only those lines.
 //
-// Arguments: width, height, frames, stand-ins. With stand-ins 1 the host camera and window cost
-// what their hardware costs the CPU on a device, nothing: the camera paints each of its buffers
-// once (a sensor's DMA writes them on a device) and the window's consumer counts the frames
+// Arguments: width, height, frames, stand-ins, copied images. With stand-ins 1 the host camera and
+// window cost what their hardware costs the CPU on a device, nothing: the camera paints each of its
+// buffers once (a sensor's DMA writes them on a device) and the window's consumer counts the frames
 // without reading them (a display or encoder reads them on a device). With 0 the camera paints
 // a moving picture into every frame on its capture thread and the window keeps a copy of every
 // frame (host::MemorySink), as the engine tests do: both compete with the engine for the CPU.
+// Copied images 1 makes the host's EGL images hold copies of the buffers (upload on every
+// camera unlock, read-back on every output queue) instead of using their bytes in place.
 #include <android/log.h>
 #include <benchmark/benchmark.h>
+#include <host/Graphics.h>
 #include <host/Properties.h>
 
 #include <algorithm>
@@ -144,6 +147,8 @@ void BM_Pipeline(benchmark::State& state) {
     const int height = static_cast<int>(state.range(1));
     const uint64_t frames = static_cast<uint64_t>(state.range(2));
     const bool deviceLike = state.range(3) != 0;
+    // The host's EGL images on the buffers' own bytes (the default) or on copies.
+    host::setImageMemorySharing(state.range(4) == 0);
     for (auto _ : state) {
         state.PauseTiming();
         {
@@ -199,6 +204,7 @@ void BM_Pipeline(benchmark::State& state) {
         delete h;
         __android_log_set_logger(__android_log_stderr_logger);
         host::clearProperties();
+        host::setImageMemorySharing(true);
         if (!done) {
             state.SkipWithError("the engine did not deliver every frame in time");
             return;
@@ -232,9 +238,10 @@ void BM_Pipeline(benchmark::State& state) {
 }
 
 BENCHMARK(BM_Pipeline)
-    ->Args({1920, 1080, 300, 1})
-    ->Args({1920, 1080, 90, 0})
-    ->Args({3840, 2160, 30, 1})
+    ->Args({1920, 1080, 300, 1, 0})
+    ->Args({1920, 1080, 300, 1, 1})
+    ->Args({1920, 1080, 90, 0, 0})
+    ->Args({3840, 2160, 30, 1, 0})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
