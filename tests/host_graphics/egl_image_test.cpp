@@ -238,6 +238,38 @@ TEST_F(EglImage, SharedStorageNeedsNoUploadOrReadBack) {
     eglDestroyImageKHR(gl_.display(), cameraImage);
 }
 
+// The way of storage is chosen with a buffer's first image and kept while it has images:
+// switching to copies leaves a shared buffer shared; its next first image takes copies.
+TEST_F(EglImage, BufferKeepsItsStorageWayUntilItsLastImageGoes) {
+    sp<GraphicBuffer> output(new GraphicBuffer(16, 8, HAL_PIXEL_FORMAT_RGBA_8888, kWrite));
+    auto drawAndRead = [&](EGLImageKHR image, float red) {
+        const float colour[4] = {red, 0, 1, 1};
+        EXPECT_EQ(gltest::renderInto(image, colour, 0, 0, 0, 0, colour),
+                  static_cast<GLenum>(GL_NO_ERROR));
+        void* address = nullptr;
+        EXPECT_EQ(output->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), android::NO_ERROR);
+        const uint8_t level = static_cast<const uint8_t*>(address)[0];
+        output->unlock();
+        return level;
+    };
+    EGLImageKHR shared = gltest::importBuffer(gl_.display(), output);
+    ASSERT_NE(shared, EGL_NO_IMAGE_KHR);
+    uint64_t readBacks = host::graphicsCounters().readBacks;
+    {
+        ScopedCopiedStorage copied;
+        EXPECT_EQ(drawAndRead(shared, 1.0f), 255);
+        EXPECT_EQ(host::graphicsCounters().readBacks, readBacks);  // still the memory itself
+        EXPECT_EQ(eglDestroyImageKHR(gl_.display(), shared), EGL_TRUE);
+
+        EGLImageKHR copy = gltest::importBuffer(gl_.display(), output);
+        ASSERT_NE(copy, EGL_NO_IMAGE_KHR);
+        readBacks = host::graphicsCounters().readBacks;
+        EXPECT_EQ(drawAndRead(copy, 0.0f), 0);
+        EXPECT_EQ(host::graphicsCounters().readBacks, readBacks + 1);  // a copy, read back
+        EXPECT_EQ(eglDestroyImageKHR(gl_.display(), copy), EGL_TRUE);
+    }
+}
+
 TEST_F(EglImage, RepeatedImportSharesOneImageAndKeepsTheBufferAlive) {
     const host::GraphicsCounters before = host::graphicsCounters();
     sp<GraphicBuffer> buffer(new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, kWrite));
