@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <mutex>
 
 #include "EngineHarness.h"
@@ -35,6 +36,34 @@ struct Produced {
         return timestamps;
     }
 };
+
+// Camera memory holding one whole frame of `width` x `height` (or `bytes` of it), its first four
+// bytes the frame metadata (exposure 5000 us, zoom 150).
+android::sp<android::IMemory> cameraMemory(int width, int height, size_t bytes = 0) {
+    const host::FrameLayout layout = host::FrameLayout::forSize(width, height);
+    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
+    const uint8_t metadata[4] = {0x88, 0x13, 0x96, 0x00};
+    std::memcpy(heap->getBase(), metadata, 4);
+    return new android::MemoryBase(heap, 0, bytes == 0 ? layout.bytes : bytes);
+}
+
+// A source of `frames` frames 100 ms into the recording, one frame period apart, whose
+// timestamps go to `produced`; `meta` (optional) fills the rest of a frame's metadata.
+std::shared_ptr<host::FrameSource> periodicSource(
+    uint64_t frames, const std::shared_ptr<Produced>& produced,
+    std::function<void(uint64_t n, host::FrameInfo&)> meta = nullptr, PaintFrame paint = nullptr) {
+    return scriptedSource(
+        [frames, produced, meta](uint64_t n, int64_t start, host::FrameInfo& info) {
+            if (n >= frames)
+                return false;
+            info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
+            if (meta)
+                meta(n, info);
+            produced->add(info.timestampNs);
+            return true;
+        },
+        std::move(paint));
+}
 
 // Warp timestamps with the repeated calls for a frame that stayed queued folded into one.
 std::vector<int64_t> framesWarped() {
@@ -232,12 +261,6 @@ TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
     EngineHarness h;
     h.makeCamera(idleCamera(640, 480));
     h.start();
-    const host::FrameLayout layout = host::FrameLayout::forSize(640, 480);
-    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
-    auto* bytes = static_cast<uint8_t*>(heap->getBase());
-    const uint8_t metadata[4] = {0x88, 0x13, 0x96, 0x00};  // exposure 5000 us, zoom 150
-    std::memcpy(bytes, metadata, 4);
-
     struct Case {
         size_t size;
         bool reported;
@@ -246,7 +269,7 @@ TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
     int calls = 0;
     int reports = 0;
     for (Case c : {Case{512, true}, Case{999, true}, Case{1000, false}}) {
-        android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, c.size);
+        android::sp<android::IMemory> memory = cameraMemory(640, 480, c.size);
         LogCapture log;
         timestamp += kFramePeriodNs;
         // Through the engine's own listener, as the camera would call it.
@@ -291,12 +314,8 @@ TEST(EngineIntake, DebugModeTracesEveryStepOfAFrame) {
     vstabDouble().hold = true;  // the frame stays in its slot
     h.makeCamera(idleCamera(1088, 720));
     h.start();
-    const host::FrameLayout layout = host::FrameLayout::forSize(1088, 720);
-    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
-    const uint8_t metadata[4] = {0x88, 0x13, 0x96, 0x00};  // exposure 5000 us, zoom 150
-    std::memcpy(heap->getBase(), metadata, 4);
-    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
-    const int size = static_cast<int>(layout.bytes);
+    android::sp<android::IMemory> memory = cameraMemory(1088, 720);
+    const int size = static_cast<int>(memory->size());
     const long long timestamp = clockNs(CLOCK_MONOTONIC);
 
     LogCapture log;
@@ -350,9 +369,7 @@ TEST(EngineIntake, SlotWithoutABufferIsALogicErrorThatKeepsTheFrame) {
     Context::VStabFrame& slot = h.engine->frameQueue->slots[0];  // the next one to be filled
     shared_ptr<GLGraphicBuffer> saved = slot.buffer;
     slot.buffer.release();
-    const host::FrameLayout layout = host::FrameLayout::forSize(640, 480);
-    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
-    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
+    android::sp<android::IMemory> memory = cameraMemory(640, 480);
     LogCapture log;
     EXPECT_EQ(thrownMessage([&] {
                   h.engine->dataCallbackTimestamp(clockNs(CLOCK_MONOTONIC), CAMERA_MSG_VIDEO_FRAME,
@@ -372,14 +389,7 @@ TEST(EngineIntake, SlotWithoutABufferIsALogicErrorThatKeepsTheFrame) {
 TEST(EngineIntake, TimestampsMoveIntoTheFrameClockWithAnOffsetMeasuredOncePerResume) {
     EngineHarness h;
     auto produced = std::make_shared<Produced>();
-    host::CameraSetup setup = sourceCamera(
-        320, 240, scriptedSource([produced](uint64_t n, int64_t start, host::FrameInfo& info) {
-            if (n >= 10)
-                return false;
-            info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
-            produced->add(info.timestampNs);
-            return true;
-        }));
+    host::CameraSetup setup = sourceCamera(320, 240, periodicSource(10, produced));
     paceByWarps(setup);
     h.makeCamera(setup);
     const int64_t bootMinusMonotonic = clockNs(CLOCK_BOOTTIME) - clockNs(CLOCK_MONOTONIC);
@@ -455,9 +465,7 @@ TEST(EngineIntake, FailedOffsetMeasurementKeepsTheStoredOffset) {
     ASSERT_EQ(Boottime_Monotonic_timerDiff_got, 0);
     constexpr int64_t kStored = 123456789;
     Boottime_Monotonic_timerDiff = kStored;
-    const host::FrameLayout layout = host::FrameLayout::forSize(640, 480);
-    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
-    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, layout.bytes);
+    android::sp<android::IMemory> memory = cameraMemory(640, 480);
     const int64_t first = clockNs(CLOCK_BOOTTIME) + 500 * kMs;
 
     LogCapture log;
@@ -505,15 +513,9 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
     EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
     auto produced = std::make_shared<Produced>();
     host::CameraSetup setup = sourceCamera(
-        320, 240,
-        scriptedSource([&frames, produced](uint64_t n, int64_t start, host::FrameInfo& info) {
-            if (n >= kFrames)
-                return false;
-            info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
+        320, 240, periodicSource(kFrames, produced, [&frames](uint64_t n, host::FrameInfo& info) {
             info.exposureUs = frames[n].exposureUs;
             info.zoomX100 = frames[n].zoomX100;
-            produced->add(info.timestampNs);
-            return true;
         }));
     paceByWarps(setup);
     h.makeCamera(setup);
@@ -568,45 +570,6 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
     EXPECT_EQ(log.countContaining("VSTab frame has long exposure"), 0);
 }
 
-TEST(EngineIntake, StridedCopyMatchesABlockCopyAndLeavesTheGapsAlone) {
-    constexpr unsigned kRows = 6;
-    std::vector<unsigned char> tight(kRows * 16);
-    std::vector<unsigned char> padded(kRows * 40, 0xAB);
-    for (unsigned r = 0; r < kRows; ++r) {
-        for (unsigned x = 0; x < 16; ++x) {
-            tight[r * 16 + x] = static_cast<unsigned char>(r * 31 + x * 7 + 1);
-            padded[r * 40 + x] = tight[r * 16 + x];
-        }
-    }
-    // All three equal: one block. Source stride differs: row by row. Same picture either way.
-    std::vector<unsigned char> block(kRows * 16 + 8, 0xEE);
-    std::vector<unsigned char> rows(kRows * 16 + 8, 0xEE);
-    EXPECT_EQ(memcpy_stride(block.data(), tight.data(), 16, kRows, 16, 16), block.data());
-    EXPECT_EQ(memcpy_stride(rows.data(), padded.data(), 16, kRows, 16, 40), rows.data());
-    EXPECT_EQ(block, rows);
-    EXPECT_TRUE(std::equal(tight.begin(), tight.end(), block.begin()));
-    EXPECT_EQ(block[kRows * 16], 0xEE) << "nothing past the last row";
-
-    // A wider destination: the bytes between rows stay as they were.
-    std::vector<unsigned char> wide(kRows * 24, 0xEE);
-    memcpy_stride(wide.data(), padded.data(), 16, kRows, 24, 40);
-    for (unsigned r = 0; r < kRows; ++r) {
-        for (unsigned x = 0; x < 24; ++x) {
-            EXPECT_EQ(wide[r * 24 + x], x < 16 ? tight[r * 16 + x] : 0xEE) << r << "," << x;
-        }
-    }
-    // Only the destination stride differs: still row by row.
-    std::vector<unsigned char> wider(kRows * 24, 0xEE);
-    memcpy_stride(wider.data(), tight.data(), 16, kRows, 24, 16);
-    EXPECT_EQ(wider, wide);
-
-    // No rows, nothing copied, on both paths.
-    std::vector<unsigned char> untouched(64, 0xEE);
-    memcpy_stride(untouched.data(), tight.data(), 16, 0, 16, 16);
-    memcpy_stride(untouched.data(), padded.data(), 16, 0, 24, 40);
-    EXPECT_EQ(untouched, std::vector<unsigned char>(64, 0xEE));
-}
-
 // A byte of a camera frame's memory, by offset from the start of the buffer; every byte of
 // the buffer, padding included, differs from its neighbours and from the other frames'.
 uint8_t cameraByte(size_t offset, uint64_t frame) {
@@ -632,22 +595,17 @@ TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
         vstabDouble().hold = true;  // frames stay in their slots
         const host::FrameLayout layout = host::FrameLayout::forSize(c.width, c.height);
         auto produced = std::make_shared<Produced>();
-        h.makeCamera(sourceCamera(
-            c.width, c.height,
-            scriptedSource(
-                [produced](uint64_t n, int64_t start, host::FrameInfo& info) {
-                    if (n >= 3)
-                        return false;
-                    info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
-                    info.exposureUs = static_cast<uint16_t>(8000 + n);
-                    info.zoomX100 = 120;
-                    produced->add(info.timestampNs);
-                    return true;
-                },
-                [layout](uint64_t n, const host::FrameImage& image) {
-                    for (size_t offset = 0; offset < layout.bytes; ++offset)
-                        image.luma[offset] = cameraByte(offset, n);
-                })));
+        h.makeCamera(sourceCamera(c.width, c.height,
+                                  periodicSource(
+                                      3, produced,
+                                      [](uint64_t n, host::FrameInfo& info) {
+                                          info.exposureUs = static_cast<uint16_t>(8000 + n);
+                                          info.zoomX100 = 120;
+                                      },
+                                      [layout](uint64_t n, const host::FrameImage& image) {
+                                          for (size_t offset = 0; offset < layout.bytes; ++offset)
+                                              image.luma[offset] = cameraByte(offset, n);
+                                      })));
         h.start(c.configuredUvOffset == -1
                     ? engineConfig()
                     : engineConfig("native.cameraUvOffset=" + std::to_string(c.configuredUvOffset) +
