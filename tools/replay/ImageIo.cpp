@@ -47,22 +47,33 @@ void jpegErrorExit(j_common_ptr cinfo) {
 
 void jpegSilent(j_common_ptr, int) {}
 
+// Decoder set-up shared by the decoders below; each sets its own jump point between
+// routeErrors() and readHeader().
+void routeErrors(jpeg_decompress_struct& cinfo, JpegError& err) {
+    cinfo.err = jpeg_std_error(&err.mgr);
+    err.mgr.error_exit = jpegErrorExit;
+    err.mgr.emit_message = jpegSilent;
+    err.message[0] = '\0';
+}
+void readHeader(jpeg_decompress_struct& cinfo, const uint8_t* data, size_t size) {
+    jpeg_create_decompress(&cinfo);
+    jpeg_mem_src(&cinfo, data, static_cast<unsigned long>(size));
+    jpeg_read_header(&cinfo, TRUE);
+}
+std::string failure(jpeg_decompress_struct& cinfo, const JpegError& err) {
+    jpeg_destroy_decompress(&cinfo);
+    return err.message[0] != '\0' ? err.message : "corrupt JPEG data";
+}
+
 // Decodes (or, with `out` null, only measures) a JPEG held in memory. Returns an empty string
 // on success, else libjpeg's message.
 std::string decodeJpeg(const uint8_t* data, size_t size, RgbImage* out, ImageSize* dims) {
     jpeg_decompress_struct cinfo;
     JpegError err;
-    cinfo.err = jpeg_std_error(&err.mgr);
-    err.mgr.error_exit = jpegErrorExit;
-    err.mgr.emit_message = jpegSilent;
-    err.message[0] = '\0';
-    if (setjmp(err.jump) != 0) {
-        jpeg_destroy_decompress(&cinfo);
-        return err.message[0] != '\0' ? err.message : "corrupt JPEG data";
-    }
-    jpeg_create_decompress(&cinfo);
-    jpeg_mem_src(&cinfo, data, static_cast<unsigned long>(size));
-    jpeg_read_header(&cinfo, TRUE);
+    routeErrors(cinfo, err);
+    if (setjmp(err.jump) != 0)  // in this frame: libjpeg's faults jump back here
+        return failure(cinfo, err);
+    readHeader(cinfo, data, size);
     dims->width = static_cast<int>(cinfo.image_width);
     dims->height = static_cast<int>(cinfo.image_height);
     if (out != nullptr) {
@@ -104,17 +115,10 @@ std::string decodeJpeg420(const uint8_t* data, size_t size, Nv21Image& out,
     handled = false;
     jpeg_decompress_struct cinfo;
     JpegError err;
-    cinfo.err = jpeg_std_error(&err.mgr);
-    err.mgr.error_exit = jpegErrorExit;
-    err.mgr.emit_message = jpegSilent;
-    err.message[0] = '\0';
-    if (setjmp(err.jump) != 0) {
-        jpeg_destroy_decompress(&cinfo);
-        return err.message[0] != '\0' ? err.message : "corrupt JPEG data";
-    }
-    jpeg_create_decompress(&cinfo);
-    jpeg_mem_src(&cinfo, data, static_cast<unsigned long>(size));
-    jpeg_read_header(&cinfo, TRUE);
+    routeErrors(cinfo, err);
+    if (setjmp(err.jump) != 0)  // in this frame: libjpeg's faults jump back here
+        return failure(cinfo, err);
+    readHeader(cinfo, data, size);
     const jpeg_component_info* c = cinfo.comp_info;
     if (cinfo.num_components != 3 || cinfo.jpeg_color_space != JCS_YCbCr ||
         c[0].h_samp_factor != 2 || c[0].v_samp_factor != 2 || c[1].h_samp_factor != 1 ||
