@@ -29,6 +29,8 @@ class BufferStore {
     // Allocates `bytes` zeroed bytes, 64-byte aligned; false when memory is short. With
     // `textureBytes` > 0 the memory is a SharedBlock of at least that many bytes, which the
     // driver can use as an RGBA texture's storage (ordinary memory when no block can be made).
+    // Large memory is mapped pages that the kernel zeroes on first touch: allocating costs
+    // nothing per byte, and the first write pays for its own pages.
     bool allocateMemory(size_t bytes, size_t textureBytes = 0);
 
     // Serialises CPU locks, content transfers to and from the GPU, and changes of `imports`.
@@ -37,11 +39,18 @@ class BufferStore {
 
     uint8_t* memory = nullptr;  // the buffer's content, `size` bytes
     size_t size = 0;
+    size_t mappedBytes = 0;  // > 0: `memory` is an anonymous mapping of this many bytes
     // The pages of `memory` when it can be a texture's storage (RGBA_8888 buffers), else empty.
     SharedBlock block;
 
     bool locked = false;     // a CPU lock is outstanding
     uint32_t lockUsage = 0;  // usage of the outstanding lock
+    // The memory has been locked for writing since it was allocated. Before that it holds
+    // zeros that nobody wrote, which gralloc memory does not promise: an NV21 buffer's first
+    // image leaves its picture as it is (zero: transparent black) instead of converting them,
+    // so that priming a queue of 1080p buffers does not clear 8 MB of picture pages apiece on
+    // the allocating thread. Guarded by `mutex`.
+    bool written = false;
 
     // Tightly packed RGBA of width x height, used to convert to and from the GPU's format;
     // allocated when the first image of the buffer is made, kept until reallocation.

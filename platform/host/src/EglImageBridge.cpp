@@ -603,7 +603,8 @@ void chooseStorage(Bridge& b, const android::GraphicBuffer& buffer, BufferStore&
             return;
         }
         // While a CPU writer holds the buffer its memory is in flux; its unlock converts it.
-        if (!writing)
+        // Memory never written has no picture to show yet (see BufferStore::written).
+        if (!writing && store.written)
             convertIntoSharedPicture(buffer, store);
     }
     store.sharedImages = true;
