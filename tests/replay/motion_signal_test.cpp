@@ -74,6 +74,14 @@ TEST(MotionEstimator, RecoversKnownSimilarities) {
             EXPECT_NEAR(e.motion.ty, c.truth.ty, 0.15);
             EXPECT_NEAR(e.motion.angle, c.truth.angle, 0.001);
             EXPECT_NEAR(e.motion.scale, c.truth.scale, 0.002);
+            // The portable sums find the same motion as the vector ones.
+            opt.vectorKernels = false;
+            const MotionEstimate p = est.estimate(ref, warped(ref, c.truth), Similarity{}, opt);
+            ASSERT_TRUE(p.ok);
+            EXPECT_NEAR(p.motion.tx, e.motion.tx, 0.002);
+            EXPECT_NEAR(p.motion.ty, e.motion.ty, 0.002);
+            EXPECT_NEAR(p.motion.angle, e.motion.angle, 1e-5);
+            EXPECT_NEAR(p.motion.scale, e.motion.scale, 1e-5);
         }
     }
 }

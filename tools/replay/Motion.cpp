@@ -8,12 +8,13 @@
 #include <cstdlib>
 #include <limits>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace qlmr::replay {
 
 namespace {
-
-// Four floats that the compiler keeps in one SIMD register where it can.
-typedef float Float4 __attribute__((vector_size(16)));
 
 // Bilinear read of a float picture `w` pixels wide; (x, y) inside [0, w-1) x [0, h-1).
 inline float bilinear(const float* p, int w, float x, float y) {
@@ -25,6 +26,181 @@ inline float bilinear(const float* p, int w, float x, float y) {
     const float top = r[0] + (r[1] - r[0]) * fx;
     const float bottom = r[w] + (r[w + 1] - r[w]) * fx;
     return top + (bottom - top) * fy;
+}
+
+// One row of a Gauss-Newton pass: the samples of a reference row at x = x0, x0 + step, ...
+// (`count` of them, x measured from the picture's centre), read from the moving picture at
+// (rowX + a x, rowY + b x); only positions inside [minX, maxX) x [minY, maxY) count. Robust
+// weight w = min(1, huber / |e|) for the residual e; Jacobian j = (gx x + gy y, gy x - gx y,
+// gx, gy) with y the row's offset from the centre.
+struct RowPass {
+    const float* pixels;  // moving level
+    int width;
+    const float* value;
+    const float* gx;
+    const float* gy;
+    int count;
+    float x0, step, y;
+    float rowX, rowY, a, b;
+    float huber;
+    float minX, minY, maxX, maxY;
+};
+
+// The row's sums: g = sum w e j, the upper triangle of H = sum w j j^T (h[i][j], j >= i),
+// sum e^2 and the number of samples inside.
+struct RowSums {
+    float g[4];
+    float h[4][4];
+    float e2;
+    int n;
+};
+
+// The row's samples one at a time, added to `sums`.
+void accumulateRowPortable(const RowPass& p, RowSums& sums) {
+    for (int k = 0; k < p.count; ++k) {
+        const float dx = p.x0 + p.step * static_cast<float>(k);
+        const float mx = p.rowX + p.a * dx;
+        const float my = p.rowY + p.b * dx;
+        if (!(mx >= p.minX && my >= p.minY && mx < p.maxX && my < p.maxY))
+            continue;
+        const float e = bilinear(p.pixels, p.width, mx, my) - p.value[k];
+        const float j[4] = {p.gx[k] * dx + p.gy[k] * p.y, p.gy[k] * dx - p.gx[k] * p.y, p.gx[k],
+                            p.gy[k]};
+        const float ae = std::fabs(e);
+        const float wgt = ae <= p.huber ? 1.0f : p.huber / ae;
+        for (int r = 0; r < 4; ++r) {
+            const float wj = wgt * j[r];
+            sums.g[r] += wj * e;
+            for (int c = r; c < 4; ++c)
+                sums.h[r][c] += wj * j[c];
+        }
+        sums.e2 += e * e;
+        ++sums.n;
+    }
+}
+
+#if defined(__x86_64__)
+__attribute__((target("avx2,fma"))) float sum8(__m256 v) {
+    const __m128 s = _mm_add_ps(_mm256_castps256_ps128(v), _mm256_extractf128_ps(v, 1));
+    const __m128 t = _mm_add_ps(s, _mm_movehl_ps(s, s));
+    return _mm_cvtss_f32(_mm_add_ss(t, _mm_shuffle_ps(t, t, 1)));
+}
+
+// The same sums eight samples at a time: the moving picture's four bilinear neighbours are
+// gathered, lanes outside the picture (or past the row's end) read its first inside pixel and
+// are weighted 0.
+__attribute__((target("avx2,fma"))) void accumulateRowAvx2(const RowPass& p, RowSums& sums) {
+    const __m256 lane = _mm256_setr_ps(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m256 step = _mm256_set1_ps(p.step);
+    const __m256 a = _mm256_set1_ps(p.a), b = _mm256_set1_ps(p.b);
+    const __m256 rowX = _mm256_set1_ps(p.rowX), rowY = _mm256_set1_ps(p.rowY);
+    const __m256 y = _mm256_set1_ps(p.y);
+    const __m256 minX = _mm256_set1_ps(p.minX), minY = _mm256_set1_ps(p.minY);
+    const __m256 maxX = _mm256_set1_ps(p.maxX), maxY = _mm256_set1_ps(p.maxY);
+    const __m256 huber = _mm256_set1_ps(p.huber);
+    const __m256 one = _mm256_set1_ps(1.0f);
+    const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+    const __m256i width = _mm256_set1_epi32(p.width);
+    const float* row0 = p.pixels;
+    const float* row1 = p.pixels + p.width;
+    __m256 g0 = _mm256_setzero_ps(), g1 = g0, g2 = g0, g3 = g0;
+    __m256 h00 = g0, h01 = g0, h02 = g0, h03 = g0, h11 = g0, h12 = g0, h13 = g0, h22 = g0, h23 = g0,
+           h33 = g0, e2 = g0;
+    int n = 0;
+    for (int k = 0; k < p.count; k += 8) {
+        // The row's last group may be partial: its missing lanes load nothing and count as
+        // outside.
+        const __m256i valid = _mm256_cmpgt_epi32(_mm256_set1_epi32(p.count - k),
+                                                 _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        const __m256 dx = _mm256_fmadd_ps(
+            _mm256_add_ps(lane, _mm256_set1_ps(static_cast<float>(k))), step, _mm256_set1_ps(p.x0));
+        __m256 mx = _mm256_fmadd_ps(a, dx, rowX);
+        __m256 my = _mm256_fmadd_ps(b, dx, rowY);
+        const __m256 inside =
+            _mm256_and_ps(_mm256_and_ps(_mm256_and_ps(_mm256_cmp_ps(mx, minX, _CMP_GE_OQ),
+                                                      _mm256_cmp_ps(my, minY, _CMP_GE_OQ)),
+                                        _mm256_and_ps(_mm256_cmp_ps(mx, maxX, _CMP_LT_OQ),
+                                                      _mm256_cmp_ps(my, maxY, _CMP_LT_OQ))),
+                          _mm256_castsi256_ps(valid));
+        const int mask = _mm256_movemask_ps(inside);
+        if (mask == 0)
+            continue;
+        mx = _mm256_blendv_ps(minX, mx, inside);
+        my = _mm256_blendv_ps(minY, my, inside);
+        const __m256i ix = _mm256_cvttps_epi32(mx);
+        const __m256i iy = _mm256_cvttps_epi32(my);
+        const __m256 fx = _mm256_sub_ps(mx, _mm256_cvtepi32_ps(ix));
+        const __m256 fy = _mm256_sub_ps(my, _mm256_cvtepi32_ps(iy));
+        const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(iy, width), ix);
+        const __m256 p00 = _mm256_i32gather_ps(row0, at, 4);
+        const __m256 p01 = _mm256_i32gather_ps(row0 + 1, at, 4);
+        const __m256 p10 = _mm256_i32gather_ps(row1, at, 4);
+        const __m256 p11 = _mm256_i32gather_ps(row1 + 1, at, 4);
+        const __m256 top = _mm256_fmadd_ps(_mm256_sub_ps(p01, p00), fx, p00);
+        const __m256 bottom = _mm256_fmadd_ps(_mm256_sub_ps(p11, p10), fx, p10);
+        const __m256 read = _mm256_fmadd_ps(_mm256_sub_ps(bottom, top), fy, top);
+        const __m256 e =
+            _mm256_and_ps(_mm256_sub_ps(read, _mm256_maskload_ps(p.value + k, valid)), inside);
+        const __m256 gx = _mm256_maskload_ps(p.gx + k, valid);
+        const __m256 gy = _mm256_maskload_ps(p.gy + k, valid);
+        const __m256 j0 = _mm256_fmadd_ps(gx, dx, _mm256_mul_ps(gy, y));
+        const __m256 j1 = _mm256_fmsub_ps(gy, dx, _mm256_mul_ps(gx, y));
+        const __m256 ae = _mm256_and_ps(e, absMask);
+        const __m256 wgt = _mm256_and_ps(
+            _mm256_blendv_ps(_mm256_div_ps(huber, ae), one, _mm256_cmp_ps(ae, huber, _CMP_LE_OQ)),
+            inside);
+        const __m256 we = _mm256_mul_ps(wgt, e);
+        g0 = _mm256_fmadd_ps(we, j0, g0);
+        g1 = _mm256_fmadd_ps(we, j1, g1);
+        g2 = _mm256_fmadd_ps(we, gx, g2);
+        g3 = _mm256_fmadd_ps(we, gy, g3);
+        const __m256 w0 = _mm256_mul_ps(wgt, j0);
+        const __m256 w1 = _mm256_mul_ps(wgt, j1);
+        const __m256 w2 = _mm256_mul_ps(wgt, gx);
+        h00 = _mm256_fmadd_ps(w0, j0, h00);
+        h01 = _mm256_fmadd_ps(w0, j1, h01);
+        h02 = _mm256_fmadd_ps(w0, gx, h02);
+        h03 = _mm256_fmadd_ps(w0, gy, h03);
+        h11 = _mm256_fmadd_ps(w1, j1, h11);
+        h12 = _mm256_fmadd_ps(w1, gx, h12);
+        h13 = _mm256_fmadd_ps(w1, gy, h13);
+        h22 = _mm256_fmadd_ps(w2, gx, h22);
+        h23 = _mm256_fmadd_ps(w2, gy, h23);
+        h33 = _mm256_fmadd_ps(_mm256_mul_ps(wgt, gy), gy, h33);
+        e2 = _mm256_fmadd_ps(e, e, e2);
+        n += __builtin_popcount(static_cast<unsigned>(mask));
+    }
+    sums.g[0] += sum8(g0);
+    sums.g[1] += sum8(g1);
+    sums.g[2] += sum8(g2);
+    sums.g[3] += sum8(g3);
+    sums.h[0][0] += sum8(h00);
+    sums.h[0][1] += sum8(h01);
+    sums.h[0][2] += sum8(h02);
+    sums.h[0][3] += sum8(h03);
+    sums.h[1][1] += sum8(h11);
+    sums.h[1][2] += sum8(h12);
+    sums.h[1][3] += sum8(h13);
+    sums.h[2][2] += sum8(h22);
+    sums.h[2][3] += sum8(h23);
+    sums.h[3][3] += sum8(h33);
+    sums.e2 += sum8(e2);
+    sums.n += n;
+}
+#endif
+
+using RowKernel = void (*)(const RowPass&, RowSums&);
+
+// The row kernel for this processor, chosen once.
+RowKernel rowKernel() {
+#if defined(__x86_64__)
+    static const RowKernel chosen = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")
+                                        ? accumulateRowAvx2
+                                        : accumulateRowPortable;
+    return chosen;
+#else
+    return accumulateRowPortable;
+#endif
 }
 
 // Parameters in the linear form used by Gauss-Newton: A = [[1+a, -b], [b, 1+a]], t.
@@ -256,67 +432,63 @@ MotionEstimate MotionEstimator::estimate(const MotionPyramid& reference,
             else
                 tolerance = options.coarseTolerancePx;
         }
-        samples_.clear();
+        // x = 2, 2 + step, ... < w - 2 on the rows y = 2, 2 + step, ... < h - 2.
+        const int perRow = std::max(0, (w - 4 + step - 1) / step);
+        const size_t sampleCount =
+            static_cast<size_t>(std::max(0, (h - 4 + step - 1) / step)) * perRow;
+        sampleValue_.resize(sampleCount);
+        sampleGx_.resize(sampleCount);
+        sampleGy_.resize(sampleCount);
+        size_t at = 0;
         for (int y = 2; y < h - 2; y += step) {
             const float* row = r.pixels.data() + static_cast<size_t>(y) * w;
-            for (int x = 2; x < w - 2; x += step) {
-                samples_.push_back(
-                    {row[x], 0.5f * (row[x + 1] - row[x - 1]), 0.5f * (row[x + w] - row[x - w])});
+            for (int x = 2; x < w - 2; x += step, ++at) {
+                sampleValue_[at] = row[x];
+                sampleGx_[at] = 0.5f * (row[x + 1] - row[x - 1]);
+                sampleGy_[at] = 0.5f * (row[x + w] - row[x - w]);
             }
         }
-        const float minX = 1, minY = 1;
-        const float maxX = static_cast<float>(w - 2), maxY = static_cast<float>(h - 2);
+        const RowKernel kernel = options.vectorKernels ? rowKernel() : accumulateRowPortable;
+        RowPass pass{};
+        pass.pixels = m.pixels.data();
+        pass.width = w;
+        pass.count = perRow;
+        pass.x0 = static_cast<float>(2 - cx);
+        pass.step = static_cast<float>(step);
+        pass.minX = 1;
+        pass.minY = 1;
+        pass.maxX = static_cast<float>(w - 2);
+        pass.maxY = static_cast<float>(h - 2);
         for (int it = 0; it < iterations; ++it) {
             double H[4][4] = {};
             double g[4] = {};
             double sse = 0;
             int n = 0;
             // Robust scale: Huber threshold from the previous pass (grey levels).
-            const float huber = static_cast<float>(it == 0 ? 20.0 : std::max(4.0, 1.5 * rms));
-            const float a = static_cast<float>(1 + best.a), b = static_cast<float>(best.b);
-            const Sample* s = samples_.data();
-            for (int y = 2; y < h - 2; y += step) {
+            pass.huber = static_cast<float>(it == 0 ? 20.0 : std::max(4.0, 1.5 * rms));
+            pass.a = static_cast<float>(1 + best.a);
+            pass.b = static_cast<float>(best.b);
+            size_t first = 0;
+            for (int y = 2; y < h - 2; y += step, first += static_cast<size_t>(perRow)) {
+                // One row's sums in float (a few hundred terms), the whole in double.
                 const double dyd = y - cy;
-                const float dy = static_cast<float>(dyd);
-                const float rowX = static_cast<float>(cx + best.tx - best.b * dyd);
-                const float rowY = static_cast<float>(cy + best.ty + (1 + best.a) * dyd);
-                // One row's sums in float (a few hundred terms), the whole in double. The
-                // Jacobian row j is one 4-float vector: g += w e j, H += w j j^T by rows.
-                Float4 g4 = {0, 0, 0, 0};
-                Float4 h0 = g4, h1 = g4, h2 = g4, h3 = g4;
-                float e2 = 0;
-                int rowN = 0;
-                for (int x = 2; x < w - 2; x += step, ++s) {
-                    const float dx = static_cast<float>(x - cx);
-                    const float mx = rowX + a * dx;
-                    const float my = rowY + b * dx;
-                    if (!(mx >= minX && my >= minY && mx < maxX && my < maxY))
-                        continue;
-                    const float e = bilinear(m.pixels.data(), w, mx, my) - s->value;
-                    const Float4 j = {s->gx * dx + s->gy * dy, s->gy * dx - s->gx * dy, s->gx,
-                                      s->gy};
-                    const float ae = std::fabs(e);
-                    const float wgt = ae <= huber ? 1.0f : huber / ae;
-                    const Float4 wj = j * wgt;
-                    g4 += wj * e;
-                    h0 += wj * j[0];
-                    h1 += wj * j[1];
-                    h2 += wj * j[2];
-                    h3 += wj * j[3];
-                    e2 += e * e;
-                    ++rowN;
+                pass.y = static_cast<float>(dyd);
+                pass.rowX = static_cast<float>(cx + best.tx - best.b * dyd);
+                pass.rowY = static_cast<float>(cy + best.ty + (1 + best.a) * dyd);
+                pass.value = sampleValue_.data() + first;
+                pass.gx = sampleGx_.data() + first;
+                pass.gy = sampleGy_.data() + first;
+                RowSums sums{};
+                kernel(pass, sums);
+                for (int i = 0; i < 4; ++i) {
+                    g[i] += sums.g[i];
+                    for (int j = i; j < 4; ++j)
+                        H[i][j] += sums.h[i][j];
                 }
-                for (int k = 0; k < 4; ++k) {
-                    g[k] += g4[k];
-                    H[0][k] += h0[k];
-                    H[1][k] += h1[k];
-                    H[2][k] += h2[k];
-                    H[3][k] += h3[k];
-                }
-                sse += e2;
-                n += rowN;
+                sse += sums.e2;
+                n += sums.n;
             }
-            const int total = static_cast<int>(samples_.size());
+            const int total = static_cast<int>(sampleValue_.size());
             if (n < 50 || n * 4 < total)
                 return result;
             rms = std::sqrt(sse / n);

@@ -53,6 +53,9 @@ struct MotionOptions {
     // coarseTolerancePx (they only bring the next level within its basin).
     int finestIterations = 4;
     double coarseTolerancePx = 0.05;
+    // Gauss-Newton sums with the processor's vector unit where it has one (AVX2 and FMA);
+    // false: the portable code. The two differ by float rounding only.
+    bool vectorKernels = true;
 };
 
 // A picture prepared for registration: float levels, each half the size of the one below
@@ -85,15 +88,13 @@ class MotionEstimator {
                             const Similarity& initial, const MotionOptions& options);
 
   private:
-    // A sampled reference pixel of one level: its value and its central-difference gradient.
-    struct Sample {
-        float value;
-        float gx;
-        float gy;
-    };
     MotionPyramid ref_;
     MotionPyramid mov_;
-    std::vector<Sample> samples_;
+    // The sampled reference pixels of one level, row by row: value and central-difference
+    // gradient, as three arrays so that the Gauss-Newton sums take eight samples at a time.
+    std::vector<float> sampleValue_;
+    std::vector<float> sampleGx_;
+    std::vector<float> sampleGy_;
     // The coarsest level's sparse grid mapped into the moving picture for the offset search:
     // the integer part of each position and its bilinear weights, and the reference pixel.
     struct SearchSample {
