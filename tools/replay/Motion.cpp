@@ -189,18 +189,26 @@ __attribute__((target("avx2,fma"))) void accumulateRowAvx2(const RowPass& p, Row
 }
 #endif
 
+// Whether this processor has the vector unit of the kernels above (AVX2 and FMA).
+bool vectorUnit() {
+#if defined(__x86_64__)
+    static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+    return has;
+#else
+    return false;
+#endif
+}
+
 using RowKernel = void (*)(const RowPass&, RowSums&);
 
-// The row kernel for this processor, chosen once.
-RowKernel rowKernel() {
+RowKernel rowKernel(bool vector) {
 #if defined(__x86_64__)
-    static const RowKernel chosen = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")
-                                        ? accumulateRowAvx2
-                                        : accumulateRowPortable;
-    return chosen;
+    if (vector && vectorUnit())
+        return accumulateRowAvx2;
 #else
-    return accumulateRowPortable;
+    (void)vector;
 #endif
+    return accumulateRowPortable;
 }
 
 // Parameters in the linear form used by Gauss-Newton: A = [[1+a, -b], [b, 1+a]], t.
@@ -222,15 +230,19 @@ Similarity fromLinear(const Linear& l) {
 // The translation search of one scale and angle at the coarsest level maps the reference's
 // sparse grid (every `step` pixels) into the moving picture once: trying an integer offset
 // then only moves where each sample reads, its bilinear weights stay the same.
-template <typename Sample>
-int mapSearchGrid(const std::vector<float>& ref, int w, int h, double a, double b, double tx,
-                  double ty, int step, std::vector<Sample>& out) {
-    out.clear();
-    int total = 0;
+template <typename Grid>
+void mapSearchGrid(const std::vector<float>& ref, int w, int h, double a, double b, double tx,
+                   double ty, int step, Grid& out) {
+    out.ix.clear();
+    out.iy.clear();
+    out.fx.clear();
+    out.fy.clear();
+    out.value.clear();
+    out.total = 0;
     const double cx = w / 2.0, cy = h / 2.0;
     for (int y = 1; y < h - 1; y += step) {
         for (int x = 1; x < w - 1; x += step) {
-            ++total;
+            ++out.total;
             const double dx = x - cx, dy = y - cy;
             const double mx = (1 + a) * dx - b * dy + cx + tx;
             const double my = b * dx + (1 + a) * dy + cy + ty;
@@ -238,35 +250,115 @@ int mapSearchGrid(const std::vector<float>& ref, int w, int h, double a, double 
             if (mx < -1e6 || my < -1e6 || mx > 1e6 || my > 1e6)
                 continue;
             const double fx = std::floor(mx), fy = std::floor(my);
-            out.push_back({static_cast<int>(fx), static_cast<int>(fy), static_cast<float>(mx - fx),
-                           static_cast<float>(my - fy), ref[static_cast<size_t>(y) * w + x]});
+            out.ix.push_back(static_cast<int>(fx));
+            out.iy.push_back(static_cast<int>(fy));
+            out.fx.push_back(static_cast<float>(mx - fx));
+            out.fy.push_back(static_cast<float>(my - fy));
+            out.value.push_back(ref[static_cast<size_t>(y) * w + x]);
         }
     }
-    return total;
 }
 
-// Mean squared difference (each capped at 40 grey levels) of the mapped grid moved by
-// (dx, dy) moving pixels; infinity when fewer than a third of `total` map inside.
-template <typename Sample>
-double searchCost(const std::vector<Sample>& samples, int total, const std::vector<float>& mov,
-                  int w, int h, int dx, int dy) {
+// Sum of squared differences (each capped at 40 grey levels) of the mapped grid moved by
+// (dx, dy) moving pixels, over the `count` samples that land inside [0, w-1) x [0, h-1),
+// where the bilinear read has its four pixels.
+struct SearchSums {
     double sum = 0;
-    int n = 0;
-    for (const Sample& s : samples) {
-        const int ix = s.ix + dx, iy = s.iy + dy;
-        // Inside [0, w-1) x [0, h-1), where the bilinear read has its four pixels.
+    int count = 0;
+};
+constexpr float kSearchCap = 40.0f * 40.0f;
+
+template <typename Grid>
+SearchSums searchSumsPortable(const Grid& grid, const float* mov, int w, int h, int dx, int dy) {
+    SearchSums sums;
+    for (size_t k = 0; k < grid.ix.size(); ++k) {
+        const int ix = grid.ix[k] + dx, iy = grid.iy[k] + dy;
         if (ix < 0 || iy < 0 || ix >= w - 1 || iy >= h - 1)
             continue;
-        const float* r = mov.data() + static_cast<size_t>(iy) * w + ix;
-        const float top = r[0] + (r[1] - r[0]) * s.fx;
-        const float bottom = r[w] + (r[w + 1] - r[w]) * s.fx;
-        const float d = top + (bottom - top) * s.fy - s.value;
-        sum += std::min(d * d, 40.0f * 40.0f);
-        ++n;
+        const float* r = mov + static_cast<size_t>(iy) * w + ix;
+        const float top = r[0] + (r[1] - r[0]) * grid.fx[k];
+        const float bottom = r[w] + (r[w + 1] - r[w]) * grid.fx[k];
+        const float d = top + (bottom - top) * grid.fy[k] - grid.value[k];
+        sums.sum += std::min(d * d, kSearchCap);
+        ++sums.count;
     }
-    if (n * 3 < total)
+    return sums;
+}
+
+#if defined(__x86_64__)
+// The same eight samples at a time (lanes outside read pixel 0 and add nothing); the sum is
+// kept in double lanes as the portable loop keeps it.
+template <typename Grid>
+__attribute__((target("avx2,fma"))) SearchSums searchSumsAvx2(const Grid& grid, const float* mov,
+                                                              int w, int h, int dx, int dy) {
+    const int total = static_cast<int>(grid.ix.size());
+    const __m256i offX = _mm256_set1_epi32(dx), offY = _mm256_set1_epi32(dy);
+    const __m256i lastX = _mm256_set1_epi32(w - 1), lastY = _mm256_set1_epi32(h - 1);
+    const __m256i width = _mm256_set1_epi32(w);
+    const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    const __m256 cap = _mm256_set1_ps(kSearchCap);
+    const float* row1 = mov + w;
+    __m256d sumLo = _mm256_setzero_pd(), sumHi = sumLo;
+    int count = 0;
+    for (int k = 0; k < total; k += 8) {
+        const __m256i valid = _mm256_cmpgt_epi32(_mm256_set1_epi32(total - k), lanes);
+        const __m256i ix = _mm256_add_epi32(_mm256_maskload_epi32(grid.ix.data() + k, valid), offX);
+        const __m256i iy = _mm256_add_epi32(_mm256_maskload_epi32(grid.iy.data() + k, valid), offY);
+        // Inside: 0 <= ix < w - 1 and 0 <= iy < h - 1.
+        const __m256i inside = _mm256_and_si256(
+            _mm256_and_si256(valid,
+                             _mm256_andnot_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), ix),
+                                                 _mm256_cmpgt_epi32(lastX, ix))),
+            _mm256_andnot_si256(_mm256_cmpgt_epi32(_mm256_setzero_si256(), iy),
+                                _mm256_cmpgt_epi32(lastY, iy)));
+        const int mask = _mm256_movemask_ps(_mm256_castsi256_ps(inside));
+        if (mask == 0)
+            continue;
+        const __m256i at =
+            _mm256_and_si256(_mm256_add_epi32(_mm256_mullo_epi32(iy, width), ix), inside);
+        const __m256 fx = _mm256_maskload_ps(grid.fx.data() + k, inside);
+        const __m256 fy = _mm256_maskload_ps(grid.fy.data() + k, inside);
+        const __m256 value = _mm256_maskload_ps(grid.value.data() + k, inside);
+        const __m256 p00 = _mm256_i32gather_ps(mov, at, 4);
+        const __m256 p01 = _mm256_i32gather_ps(mov + 1, at, 4);
+        const __m256 p10 = _mm256_i32gather_ps(row1, at, 4);
+        const __m256 p11 = _mm256_i32gather_ps(row1 + 1, at, 4);
+        const __m256 top = _mm256_fmadd_ps(_mm256_sub_ps(p01, p00), fx, p00);
+        const __m256 bottom = _mm256_fmadd_ps(_mm256_sub_ps(p11, p10), fx, p10);
+        const __m256 d = _mm256_sub_ps(_mm256_fmadd_ps(_mm256_sub_ps(bottom, top), fy, top), value);
+        const __m256 d2 =
+            _mm256_and_ps(_mm256_min_ps(_mm256_mul_ps(d, d), cap), _mm256_castsi256_ps(inside));
+        sumLo = _mm256_add_pd(sumLo, _mm256_cvtps_pd(_mm256_castps256_ps128(d2)));
+        sumHi = _mm256_add_pd(sumHi, _mm256_cvtps_pd(_mm256_extractf128_ps(d2, 1)));
+        count += __builtin_popcount(static_cast<unsigned>(mask));
+    }
+    alignas(32) double lanesOut[4];
+    _mm256_store_pd(lanesOut, _mm256_add_pd(sumLo, sumHi));
+    SearchSums sums;
+    sums.sum = (lanesOut[0] + lanesOut[1]) + (lanesOut[2] + lanesOut[3]);
+    sums.count = count;
+    return sums;
+}
+#endif
+
+// Mean of the capped squared differences; infinity when fewer than a third of the grid's
+// pixels map inside.
+template <typename Grid>
+double searchCost(const Grid& grid, const std::vector<float>& mov, int w, int h, int dx, int dy,
+                  bool vector) {
+    SearchSums sums;
+#if defined(__x86_64__)
+    if (vector && vectorUnit())
+        sums = searchSumsAvx2(grid, mov.data(), w, h, dx, dy);
+    else
+        sums = searchSumsPortable(grid, mov.data(), w, h, dx, dy);
+#else
+    (void)vector;
+    sums = searchSumsPortable(grid, mov.data(), w, h, dx, dy);
+#endif
+    if (sums.count * 3 < grid.total)
         return std::numeric_limits<double>::infinity();
-    return sum / n;
+    return sums.sum / sums.count;
 }
 
 // Solves the 4x4 system H d = g (H symmetric, upper triangle filled) by Gaussian elimination
@@ -369,15 +461,15 @@ MotionEstimate MotionEstimator::estimate(const MotionPyramid& reference,
             Linear l = toLinear(s);
             l.tx = initial.tx * topScale;
             l.ty = initial.ty * topScale;
-            searchTotal_ = mapSearchGrid(r.pixels, r.width, r.height, l.a, l.b, l.tx, l.ty,
-                                         std::max(1, options.searchStep), search_);
+            mapSearchGrid(r.pixels, r.width, r.height, l.a, l.b, l.tx, l.ty,
+                          std::max(1, options.searchStep), search_);
             // Every other offset first (the coarsest level is blurred by the pyramid: its cost
             // basin is wider than one pixel), then the 8 neighbours of the best of them.
             double scaleCost = std::numeric_limits<double>::infinity();
             int bestDx = 0, bestDy = 0;
             auto tryOffset = [&](int dx, int dy) {
                 const double c =
-                    searchCost(search_, searchTotal_, m.pixels, m.width, m.height, dx, dy);
+                    searchCost(search_, m.pixels, m.width, m.height, dx, dy, options.vectorKernels);
                 if (c < scaleCost) {
                     scaleCost = c;
                     bestDx = dx;
@@ -448,7 +540,7 @@ MotionEstimate MotionEstimator::estimate(const MotionPyramid& reference,
                 sampleGy_[at] = 0.5f * (row[x + w] - row[x - w]);
             }
         }
-        const RowKernel kernel = options.vectorKernels ? rowKernel() : accumulateRowPortable;
+        const RowKernel kernel = rowKernel(options.vectorKernels);
         RowPass pass{};
         pass.pixels = m.pixels.data();
         pass.width = w;

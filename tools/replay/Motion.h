@@ -97,13 +97,12 @@ class MotionEstimator {
     std::vector<float> sampleGy_;
     // The coarsest level's sparse grid mapped into the moving picture for the offset search:
     // the integer part of each position and its bilinear weights, and the reference pixel.
-    struct SearchSample {
-        int ix, iy;
-        float fx, fy;
-        float value;
+    struct SearchGrid {
+        std::vector<int> ix, iy;
+        std::vector<float> fx, fy, value;
+        int total = 0;  // grid pixels, mapped inside or not
     };
-    std::vector<SearchSample> search_;
-    int searchTotal_ = 0;  // grid pixels, mapped inside or not
+    SearchGrid search_;
 };
 
 // One registration to run: `moving` against `reference`; registerPairs fills in the result.
