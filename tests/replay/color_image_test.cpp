@@ -179,6 +179,41 @@ TEST(ColorConvert, DownsampleLumaAveragesBlocks) {
     EXPECT_NEAR(out.at(1, 0), 123, 1);  // columns 3..5 (90, 120, 150) + 3
 }
 
+TEST(ColorConvert, JfifPlanesToLimitedRangeNv21) {
+    // 72x16 luma (every level, rows padded to 80 bytes), 36x8 chroma (every level in both
+    // planes, rows of 40): whole vector blocks and remainders on every row.
+    constexpr int kWidth = 72, kHeight = 16, kYStride = 80, kCStride = 40;
+    std::vector<uint8_t> y(kYStride * kHeight), cb(kCStride * kHeight / 2), cr(cb.size());
+    for (size_t i = 0; i < y.size(); ++i)
+        y[i] = static_cast<uint8_t>(i * 7);
+    for (size_t i = 0; i < cb.size(); ++i) {
+        cb[i] = static_cast<uint8_t>(i);
+        cr[i] = static_cast<uint8_t>(255 - i * 3);
+    }
+    Nv21Image portable, vector;
+    portable.resize(kWidth, kHeight);
+    vector.resize(kWidth, kHeight);
+    jfifToNv21(y.data(), kYStride, cb.data(), cr.data(), kCStride, portable, false);
+    jfifToNv21(y.data(), kYStride, cb.data(), cr.data(), kCStride, vector, true);
+    EXPECT_EQ(vector.data, portable.data);
+    // Exact levels: 16 + round(219 v / 255); 128 +- round(224 |v - 128| / 255), V before U.
+    for (int x = 0; x < kWidth; ++x) {
+        const int v = (x * 7) & 0xFF;
+        ASSERT_EQ(portable.y()[x], 16 + (v * 219 + 127) / 255) << x;
+    }
+    EXPECT_EQ(portable.y()[kWidth + 1], 16 + ((kYStride + 1) * 7 % 256 * 219 + 127) / 255);
+    auto chroma = [](int v) {
+        return v >= 128 ? 128 + ((v - 128) * 224 + 127) / 255 : 128 - ((128 - v) * 224 + 127) / 255;
+    };
+    for (int x = 0; x < kWidth / 2; ++x) {
+        ASSERT_EQ(portable.vu()[2 * x], chroma(cr[x])) << x;
+        ASSERT_EQ(portable.vu()[2 * x + 1], chroma(cb[x])) << x;
+    }
+    EXPECT_EQ(chroma(0), 16);
+    EXPECT_EQ(chroma(255), 240);
+    EXPECT_EQ(portable.vu()[kWidth + 1], chroma(cb[kCStride]));  // second chroma row
+}
+
 TEST(ImageIo, PngIsLosslessAndJpegClose) {
     TempDir dir;
     const RgbImage src = replay_test::gradient(48, 30);

@@ -52,6 +52,14 @@ void rgbaToI420(const RgbaView& src, I420Image& dst);
 // I420 -> RGB.
 void i420ToRgb(const I420Image& src, RgbImage& dst);
 
+// Full-range (JFIF) 4:2:0 planes -> limited-range NV21, as a JPEG frame's YCbCr becomes a
+// camera frame: luma 0..255 -> 16..235, chroma 0..255 -> 16..240 about 128, each rounded to
+// nearest (chroma symmetrically about 128); the matrix is BT.601 in both. Strides in bytes;
+// dst must be sized by the caller. `vector` false: the portable code only (the processor's
+// vector unit otherwise, where it has AVX2); both give the same bytes.
+void jfifToNv21(const uint8_t* y, int yStride, const uint8_t* cb, const uint8_t* cr,
+                int chromaStride, Nv21Image& dst, bool vector = true);
+
 // Box-filtered luma reduction by an integer factor: dst is (width/factor) x (height/factor).
 // `stride` is the source's bytes per row. dst must be sized by the caller.
 void downsampleLuma(const uint8_t* y, int width, int height, int stride, int factor,

@@ -90,22 +90,6 @@ std::string decodeJpeg(const uint8_t* data, size_t size, RgbImage* out, ImageSiz
     return {};
 }
 
-// Full-range (JFIF) to limited-range (BT.601 video) levels: luma 0..255 -> 16..235, chroma
-// 0..255 around 128 -> 16..240. The matrix is the same BT.601 one in both.
-struct RangeTables {
-    uint8_t luma[256];
-    uint8_t chroma[256];
-    RangeTables() {
-        for (int v = 0; v < 256; ++v) {
-            luma[v] = static_cast<uint8_t>(16 + (v * 219 + 127) / 255);
-            const int c = (v - 128) * 224;
-            chroma[v] =
-                static_cast<uint8_t>(128 + (c >= 0 ? (c + 127) / 255 : -((-c + 127) / 255)));
-        }
-    }
-};
-const RangeTables kRange;
-
 // Decodes a 4:2:0 YCbCr JPEG (2x2 luma sampling, even size) straight into NV21 planes, without
 // the RGB round trip. Returns "" on success, libjpeg's message on a fault, and sets `handled`
 // false (with nothing written) when the file is of another kind. `planes` is scratch kept
@@ -159,21 +143,8 @@ std::string decodeJpeg420(const uint8_t* data, size_t size, Nv21Image& out,
     jpeg_destroy_decompress(&cinfo);
 
     out.resize(width, height);
-    for (int y = 0; y < height; ++y) {
-        const uint8_t* src = yPlane + static_cast<size_t>(y) * lumaStride;
-        uint8_t* dst = out.y() + static_cast<size_t>(y) * width;
-        for (int x = 0; x < width; ++x)
-            dst[x] = kRange.luma[src[x]];
-    }
-    for (int y = 0; y < height / 2; ++y) {
-        const uint8_t* cb = cbPlane + static_cast<size_t>(y) * chromaStride;
-        const uint8_t* cr = crPlane + static_cast<size_t>(y) * chromaStride;
-        uint8_t* dst = out.vu() + static_cast<size_t>(y) * width;
-        for (int x = 0; x < width / 2; ++x) {
-            dst[2 * x] = kRange.chroma[cr[x]];
-            dst[2 * x + 1] = kRange.chroma[cb[x]];
-        }
-    }
+    jfifToNv21(yPlane, static_cast<int>(lumaStride), cbPlane, crPlane,
+               static_cast<int>(chromaStride), out);
     return {};
 }
 
