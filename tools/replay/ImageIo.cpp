@@ -1,6 +1,7 @@
 #include "ImageIo.h"
 
 #include "ColorConvert.h"
+#include "PngDecode.h"
 #include "ReplayError.h"
 
 #include <jpeglib.h>
@@ -283,8 +284,23 @@ ImageSize readImageSize(const std::string& path) {
     return dims;
 }
 
+ImageReader::ImageReader() = default;
+ImageReader::~ImageReader() = default;
+ImageReader::ImageReader(ImageReader&&) noexcept = default;
+ImageReader& ImageReader::operator=(ImageReader&&) noexcept = default;
+
+bool ImageReader::decodePngFast(RgbImage& out) {
+    if (file_.size() < 8 || std::memcmp(file_.data(), "\x89PNG", 4) != 0)
+        return false;
+    if (png_ == nullptr)
+        png_ = std::make_unique<PngFastDecoder>();
+    return png_->decode(file_.data(), file_.size(), out);
+}
+
 void ImageReader::read(const std::string& path, RgbImage& out) {
     readFile(path, file_);
+    if (decodePngFast(out))
+        return;
     ImageSize dims;
     const std::string err = decodeAny(path, file_, &out, &dims);
     if (!err.empty())
@@ -301,10 +317,12 @@ void ImageReader::readNv21(const std::string& path, Nv21Image& out) {
         if (handled)
             return;
     }
-    ImageSize dims;
-    const std::string err = decodeAny(path, file_, &rgb_, &dims);
-    if (!err.empty())
-        throw ReplayError(path, 0, err);
+    if (!decodePngFast(rgb_)) {
+        ImageSize dims;
+        const std::string err = decodeAny(path, file_, &rgb_, &dims);
+        if (!err.empty())
+            throw ReplayError(path, 0, err);
+    }
     out.resize(rgb_.width, rgb_.height);
     rgbToNv21(rgb_, out);
 }

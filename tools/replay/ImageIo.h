@@ -5,10 +5,13 @@
 #include "Image.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace qlmr::replay {
+
+class PngFastDecoder;
 
 struct ImageSize {
     int width = 0;
@@ -23,6 +26,11 @@ ImageSize readImageSize(const std::string& path);
 // sequence of same-sized frames reuses memory (the codec libraries allocate internally).
 class ImageReader {
   public:
+    ImageReader();
+    ~ImageReader();
+    ImageReader(ImageReader&&) noexcept;
+    ImageReader& operator=(ImageReader&&) noexcept;
+
     // Decodes `path` into `out`, resizing it to the picture's size.
     void read(const std::string& path, RgbImage& out);
     // Decodes `path` into NV21 (BT.601, limited range, like the camera's frames), resizing
@@ -31,9 +39,13 @@ class ImageReader {
     void readNv21(const std::string& path, Nv21Image& out);
 
   private:
+    // Decodes a PNG file held in file_ by the fast path; false: use libpng.
+    bool decodePngFast(RgbImage& out);
+
     std::vector<uint8_t> file_;
     std::vector<uint8_t> planes_;  // JPEG planes, whole MCUs
     RgbImage rgb_;
+    std::unique_ptr<PngFastDecoder> png_;  // made with the first PNG file
 };
 
 // Convenience: one-off decode.

@@ -1,0 +1,113 @@
+// The PNG fast path (libdeflate and our own unfiltering) against the pictures it was given:
+// PNG is lossless, so every decoded byte must be the original one, whatever filter the writer
+// chose; files of other kinds go to libpng and must decode as before.
+#include "ImageIo.h"
+#include "PngDecode.h"
+#include "ReplayError.h"
+#include "TestUtil.h"
+
+#include <gtest/gtest.h>
+#include <png.h>
+
+#include <string>
+#include <vector>
+
+using namespace qlmr::replay;
+
+namespace {
+
+// An RGB picture with noise, so that each filter leaves non-trivial residuals.
+RgbImage noisy(int w, int h) {
+    RgbImage img = replay_test::gradient(w, h);
+    uint32_t state = 12345;
+    for (uint8_t& v : img.data) {
+        state = state * 1664525u + 1013904223u;
+        v = static_cast<uint8_t>(v + (state >> 28));
+    }
+    return img;
+}
+
+void appendBytes(png_structp png, png_bytep data, png_size_t n) {
+    auto* out = static_cast<std::vector<uint8_t>*>(png_get_io_ptr(png));
+    out->insert(out->end(), data, data + n);
+}
+void noFlush(png_structp) {}
+
+// `image` as a PNG of colour type `colour` (RGB, RGBA with alpha 200, or grey from the red
+// channel) with every row written through `filters` (PNG_FILTER_* bits), optionally interlaced.
+std::vector<uint8_t> encode(const RgbImage& image, int colour, int filters, bool interlaced) {
+    std::vector<uint8_t> out;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_set_write_fn(png, &out, appendBytes, noFlush);
+    png_set_IHDR(png, info, image.width, image.height, 8, colour,
+                 interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_set_filter(png, PNG_FILTER_TYPE_BASE, filters);
+    png_write_info(png, info);
+    const int channels = colour == PNG_COLOR_TYPE_RGB_ALPHA ? 4
+                         : colour == PNG_COLOR_TYPE_GRAY    ? 1
+                                                            : 3;
+    std::vector<uint8_t> rows(static_cast<size_t>(image.width) * channels * image.height);
+    std::vector<png_bytep> pointers;
+    for (int y = 0; y < image.height; ++y) {
+        uint8_t* row = rows.data() + static_cast<size_t>(y) * image.width * channels;
+        for (int x = 0; x < image.width; ++x) {
+            const uint8_t* p = image.row(y) + 3 * x;
+            for (int c = 0; c < channels; ++c)
+                row[x * channels + c] = c < 3 ? p[c] : 200;
+        }
+        pointers.push_back(row);
+    }
+    png_write_image(png, pointers.data());
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+    return out;
+}
+
+}  // namespace
+
+TEST(PngFastDecoder, EveryFilterDecodesToTheOriginalBytes) {
+    const RgbImage src = noisy(37, 11);  // odd width: no row is a whole number of vectors
+    PngFastDecoder decoder;
+    for (const int colour : {PNG_COLOR_TYPE_RGB, PNG_COLOR_TYPE_RGB_ALPHA}) {
+        for (const int filters : {PNG_FILTER_NONE, PNG_FILTER_SUB, PNG_FILTER_UP, PNG_FILTER_AVG,
+                                  PNG_FILTER_PAETH, PNG_ALL_FILTERS}) {
+            const std::vector<uint8_t> file = encode(src, colour, filters, false);
+            RgbImage out;
+            ASSERT_TRUE(decoder.decode(file.data(), file.size(), out))
+                << "colour " << colour << " filters " << filters;
+            EXPECT_EQ(out.width, src.width);
+            EXPECT_EQ(out.height, src.height);
+            EXPECT_EQ(out.data, src.data) << "colour " << colour << " filters " << filters;
+        }
+    }
+}
+
+TEST(PngFastDecoder, OtherKindsAndDamageAreLeftToLibpng) {
+    const RgbImage src = noisy(24, 10);
+    PngFastDecoder decoder;
+    RgbImage out;
+    // Interlaced and grey files are not taken; ImageReader still decodes them through libpng.
+    const std::vector<uint8_t> interlaced = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, true);
+    const std::vector<uint8_t> grey = encode(src, PNG_COLOR_TYPE_GRAY, PNG_ALL_FILTERS, false);
+    EXPECT_FALSE(decoder.decode(interlaced.data(), interlaced.size(), out));
+    EXPECT_FALSE(decoder.decode(grey.data(), grey.size(), out));
+    replay_test::TempDir dir;
+    writeFile(dir.file("i.png"), interlaced.data(), interlaced.size());
+    EXPECT_EQ(readImage(dir.file("i.png")).data, src.data);
+
+    // One flipped byte inside the image data: the chunk's CRC no longer matches, the fast
+    // path declines, and libpng names the fault.
+    std::vector<uint8_t> damaged = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, false);
+    damaged[damaged.size() - 20] ^= 0x40;
+    EXPECT_FALSE(decoder.decode(damaged.data(), damaged.size(), out));
+    writeFile(dir.file("d.png"), damaged.data(), damaged.size());
+    EXPECT_THROW(readImage(dir.file("d.png")), ReplayError);
+    // Cut short: no IEND.
+    const std::vector<uint8_t> whole = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, false);
+    EXPECT_FALSE(decoder.decode(whole.data(), whole.size() - 12, out));
+    // The decoder is still good for the next frame.
+    ASSERT_TRUE(decoder.decode(whole.data(), whole.size(), out));
+    EXPECT_EQ(out.data, src.data);
+}
