@@ -86,6 +86,20 @@ __attribute__((target("avx2,fma"))) float sum8(__m256 v) {
     return _mm_cvtss_f32(_mm_add_ss(t, _mm_shuffle_ps(t, t, 1)));
 }
 
+// Bilinear reads of eight pixels of a float picture `width` floats wide: `at` indexes each
+// one's top-left neighbour, (fx, fy) are its weights.
+__attribute__((target("avx2,fma"))) __m256 bilinear8(const float* pixels, int width, __m256i at,
+                                                     __m256 fx, __m256 fy) {
+    const float* below = pixels + width;
+    const __m256 p00 = _mm256_i32gather_ps(pixels, at, 4);
+    const __m256 p01 = _mm256_i32gather_ps(pixels + 1, at, 4);
+    const __m256 p10 = _mm256_i32gather_ps(below, at, 4);
+    const __m256 p11 = _mm256_i32gather_ps(below + 1, at, 4);
+    const __m256 top = _mm256_fmadd_ps(_mm256_sub_ps(p01, p00), fx, p00);
+    const __m256 bottom = _mm256_fmadd_ps(_mm256_sub_ps(p11, p10), fx, p10);
+    return _mm256_fmadd_ps(_mm256_sub_ps(bottom, top), fy, top);
+}
+
 // The same sums eight samples at a time: the moving picture's four bilinear neighbours are
 // gathered, lanes outside the picture (or past the row's end) read its first inside pixel and
 // are weighted 0.
@@ -101,8 +115,6 @@ __attribute__((target("avx2,fma"))) void accumulateRowAvx2(const RowPass& p, Row
     const __m256 one = _mm256_set1_ps(1.0f);
     const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
     const __m256i width = _mm256_set1_epi32(p.width);
-    const float* row0 = p.pixels;
-    const float* row1 = p.pixels + p.width;
     __m256 g0 = _mm256_setzero_ps(), g1 = g0, g2 = g0, g3 = g0;
     __m256 h00 = g0, h01 = g0, h02 = g0, h03 = g0, h11 = g0, h12 = g0, h13 = g0, h22 = g0, h23 = g0,
            h33 = g0, e2 = g0;
@@ -132,13 +144,7 @@ __attribute__((target("avx2,fma"))) void accumulateRowAvx2(const RowPass& p, Row
         const __m256 fx = _mm256_sub_ps(mx, _mm256_cvtepi32_ps(ix));
         const __m256 fy = _mm256_sub_ps(my, _mm256_cvtepi32_ps(iy));
         const __m256i at = _mm256_add_epi32(_mm256_mullo_epi32(iy, width), ix);
-        const __m256 p00 = _mm256_i32gather_ps(row0, at, 4);
-        const __m256 p01 = _mm256_i32gather_ps(row0 + 1, at, 4);
-        const __m256 p10 = _mm256_i32gather_ps(row1, at, 4);
-        const __m256 p11 = _mm256_i32gather_ps(row1 + 1, at, 4);
-        const __m256 top = _mm256_fmadd_ps(_mm256_sub_ps(p01, p00), fx, p00);
-        const __m256 bottom = _mm256_fmadd_ps(_mm256_sub_ps(p11, p10), fx, p10);
-        const __m256 read = _mm256_fmadd_ps(_mm256_sub_ps(bottom, top), fy, top);
+        const __m256 read = bilinear8(p.pixels, p.width, at, fx, fy);
         const __m256 e =
             _mm256_and_ps(_mm256_sub_ps(read, _mm256_maskload_ps(p.value + k, valid)), inside);
         const __m256 gx = _mm256_maskload_ps(p.gx + k, valid);
@@ -297,7 +303,6 @@ __attribute__((target("avx2,fma"))) SearchSums searchSumsAvx2(const Grid& grid, 
     const __m256i width = _mm256_set1_epi32(w);
     const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
     const __m256 cap = _mm256_set1_ps(kSearchCap);
-    const float* row1 = mov + w;
     __m256d sumLo = _mm256_setzero_pd(), sumHi = sumLo;
     int count = 0;
     for (int k = 0; k < total; k += 8) {
@@ -319,13 +324,7 @@ __attribute__((target("avx2,fma"))) SearchSums searchSumsAvx2(const Grid& grid, 
         const __m256 fx = _mm256_maskload_ps(grid.fx.data() + k, inside);
         const __m256 fy = _mm256_maskload_ps(grid.fy.data() + k, inside);
         const __m256 value = _mm256_maskload_ps(grid.value.data() + k, inside);
-        const __m256 p00 = _mm256_i32gather_ps(mov, at, 4);
-        const __m256 p01 = _mm256_i32gather_ps(mov + 1, at, 4);
-        const __m256 p10 = _mm256_i32gather_ps(row1, at, 4);
-        const __m256 p11 = _mm256_i32gather_ps(row1 + 1, at, 4);
-        const __m256 top = _mm256_fmadd_ps(_mm256_sub_ps(p01, p00), fx, p00);
-        const __m256 bottom = _mm256_fmadd_ps(_mm256_sub_ps(p11, p10), fx, p10);
-        const __m256 d = _mm256_sub_ps(_mm256_fmadd_ps(_mm256_sub_ps(bottom, top), fy, top), value);
+        const __m256 d = _mm256_sub_ps(bilinear8(mov, w, at, fx, fy), value);
         const __m256 d2 =
             _mm256_and_ps(_mm256_min_ps(_mm256_mul_ps(d, d), cap), _mm256_castsi256_ps(inside));
         sumLo = _mm256_add_pd(sumLo, _mm256_cvtps_pd(_mm256_castps256_ps128(d2)));
