@@ -290,7 +290,7 @@ ImageReader::ImageReader(ImageReader&&) noexcept = default;
 ImageReader& ImageReader::operator=(ImageReader&&) noexcept = default;
 
 bool ImageReader::decodePngFast(RgbImage& out) {
-    if (file_.size() < 8 || std::memcmp(file_.data(), "\x89PNG", 4) != 0)
+    if (!isPng(file_.data(), file_.size()))
         return false;
     if (png_ == nullptr)
         png_ = std::make_unique<PngFastDecoder>();

@@ -30,6 +30,9 @@ uint8_t paeth(int a, int b, int c) {
 // for an unknown filter type.
 template <int bpp>
 bool unfilterRow(uint8_t filter, uint8_t* row, const uint8_t* prev, size_t bytes) {
+    // With zeros above (the first row), Paeth always picks the left pixel: it is Sub there.
+    if (filter == 4 && prev == nullptr)
+        filter = 1;
     switch (filter) {
         case 0:
             return true;
@@ -51,11 +54,6 @@ bool unfilterRow(uint8_t filter, uint8_t* row, const uint8_t* prev, size_t bytes
             }
             return true;
         case 4:
-            if (prev == nullptr) {  // with zeros above, Paeth picks the left pixel: Sub
-                for (size_t i = bpp; i < bytes; ++i)
-                    row[i] = static_cast<uint8_t>(row[i] + row[i - bpp]);
-                return true;
-            }
             for (size_t i = 0; i < bpp; ++i)
                 row[i] = static_cast<uint8_t>(row[i] + prev[i]);
             for (size_t i = bpp; i < bytes; ++i)
