@@ -37,6 +37,13 @@ void nv21ToRgba(const Nv21Image& src, uint8_t* dst, int stride) {
                        src.height);
 }
 
+void scaleNv21(const Nv21Image& src, Nv21Image& dst) {
+    // NV12 and NV21 differ only in the order within each chroma pair, which scaling keeps.
+    libyuv::NV12Scale(src.y(), src.width, src.vu(), src.width, src.width, src.height, dst.y(),
+                      dst.width, dst.vu(), dst.width, dst.width, dst.height,
+                      libyuv::kFilterBilinear);
+}
+
 void nv21ToI420(const Nv21Image& src, I420Image& dst) {
     const int cw = src.width / 2;
     libyuv::NV21ToI420(src.y(), src.width, src.vu(), src.width, dst.y(), dst.width, dst.u(), cw,

@@ -44,6 +44,8 @@ void nv21ToRgb(const Nv21Image& src, RgbImage& dst);
 // NV21 -> RGBA (alpha 255) into a buffer of `stride` pixels a row: what the engine's output
 // window receives when a frame is drawn without warping. `dst` holds stride*height*4 bytes.
 void nv21ToRgba(const Nv21Image& src, uint8_t* dst, int stride);
+// NV21 -> NV21 of another size (both sized by the caller), bilinear on both planes.
+void scaleNv21(const Nv21Image& src, Nv21Image& dst);
 // NV21 -> I420 (luma copied, chroma de-interleaved).
 void nv21ToI420(const Nv21Image& src, I420Image& dst);
 // RGBA window buffer -> I420; chroma from the mean of each 2x2 block. The view's width and

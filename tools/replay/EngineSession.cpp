@@ -20,7 +20,9 @@
 #include <mutex>
 #include <thread>
 
+#include "ColorConvert.h"
 #include "Context.h"
+#include "Interrupt.h"
 #include "ReplayError.h"
 #include "ReplaySession.h"
 
@@ -46,8 +48,55 @@ constexpr int kSurfaceUsage = 0x30;
 // How far the gyroscope may run ahead of the newest frame handed to the engine: more than the
 // library's look-ahead, less than the history it keeps.
 constexpr int64_t kGyroLeadNs = 1500000000;
-// The engine's queue must keep this many free slots before the camera hands it another frame.
+// The engine's queue must keep this many free slots before the camera hands it another frame,
+// while the gyroscope can still deliver samples the queued frames wait for.
 constexpr int kQueueHeadroom = 2;
+// Once the gyro has nothing more to deliver, frames still waiting for it are pushed out by the
+// engine's almost-full rule, which needs the queue one frame short of full: the camera then
+// keeps one slot free, as a device's camera would fill the queue.
+constexpr int kGyroEndedHeadroom = 1;
+// The camera holds frames back only this long while the engine outputs nothing; then it hands
+// the next frame over anyway (the engine renders or drops it, as on a device).
+constexpr auto kCameraHoldLimit = std::chrono::seconds(5);
+// The replay fails when the engine outputs no frame for this long although frames wait.
+constexpr auto kEngineStallLimit = std::chrono::seconds(60);
+// The engine's frame buffers: widths are a multiple of this.
+constexpr int kEngineWidthAlign = 16;
+
+// Host CLOCK_BOOTTIME of the newest gyro sample that any replay of this process may have handed
+// to the engine. The engine ignores gyro events older than the newest it has seen, for the life
+// of the process, and replays run ahead of the host clock: a later replay's recording is placed
+// after this mark.
+std::atomic<int64_t> gyroHighWaterBootNs{0};
+
+int64_t nowNs(clockid_t id) {
+    timespec ts{};
+    clock_gettime(id, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
+// The first exception raised on one of the session's callback threads (camera capture, window
+// consumers), kept to be raised again on the thread that runs the session.
+class FirstError {
+  public:
+    void keep(std::exception_ptr e) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!error_)
+            error_ = std::move(e);
+        raised_.store(true);
+    }
+    bool raised() const { return raised_.load(); }
+    void rethrow() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (error_)
+            std::rethrow_exception(error_);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::exception_ptr error_;
+    std::atomic<bool> raised_{false};
+};
 
 // Translates output timestamps (the engine's frame clock) back to the recording's clock.
 // Filled on the camera's capture thread, read on the windows' consumer threads.
@@ -74,17 +123,27 @@ class TimestampMap {
 };
 
 // Hands every frame an output window receives to the observer.
+// Called on the window's consumer thread; an observer's exception is kept in `errors` (the
+// frame still counts as received, so that the camera is not held back by it).
 class ObserverSink : public host::FrameSink {
   public:
-    ObserverSink(int surface, SessionObserver& observer, const TimestampMap& timestamps)
-        : surface_(surface), observer_(observer), timestamps_(timestamps) {}
+    ObserverSink(int surface, SessionObserver& observer, const TimestampMap& timestamps,
+                 FirstError& errors)
+        : surface_(surface), observer_(observer), timestamps_(timestamps), errors_(errors) {}
     void onFrame(const host::Frame& frame) override {
         RgbaView view;
         view.width = static_cast<int>(frame.width);
         view.height = static_cast<int>(frame.height);
         view.stride = static_cast<int>(frame.stride);
         view.data = frame.pixels;
-        observer_.onFrameOutput(surface_, timestamps_.toRecording(frame.timestampNs), view);
+        if (!errors_.raised()) {
+            try {
+                observer_.onFrameOutput(surface_, timestamps_.toRecording(frame.timestampNs),
+                                        view);
+            } catch (...) {
+                errors_.keep(std::current_exception());
+            }
+        }
         received.fetch_add(1);
     }
     std::atomic<int> received{0};
@@ -93,6 +152,7 @@ class ObserverSink : public host::FrameSink {
     const int surface_;
     SessionObserver& observer_;
     const TimestampMap& timestamps_;
+    FirstError& errors_;
 };
 
 // Frame rate the camera reports: the recording's median frame interval, rounded.
@@ -121,7 +181,13 @@ class EngineSession : public ReplaySession {
         const auto begin = std::chrono::steady_clock::now();
         host::setProperty("debug.camera.qlmr.EIS.log", config.engineDebugLog ? "1" : "0");
 
-        auto clock = std::make_shared<host::ReplayClock>(frames.timestampNs(0));
+        // The recording's first instant (frame or gyro sample) appears as "now" on the host, or
+        // just after the gyro samples an earlier replay handed over.
+        int64_t firstNs = frames.timestampNs(0);
+        if (!gyro.empty())
+            firstNs = std::min(firstNs, gyro.front().timestampNs);
+        const int64_t behindNs = gyroHighWaterBootNs.load() - nowNs(CLOCK_BOOTTIME) + 1000000;
+        auto clock = std::make_shared<host::ReplayClock>(firstNs - std::max<int64_t>(0, behindNs));
         TimestampMap timestamps;
         std::atomic<int64_t> newestFrameNs{frames.timestampNs(0)};
         std::vector<std::shared_ptr<ObserverSink>> sinks;
@@ -140,20 +206,35 @@ class EngineSession : public ReplaySession {
         // start time (frames stamped before it are skipped): the gyro service and the camera
         // first ask from inside start().
         const int64_t originNs = frames.timestampNs(0);
-        gyroSetup.gate = [&newestFrameNs, clock, originNs](int64_t hostBootNs) {
+        // Opened for good when the run ends: the engine's sensor thread notices a stop only when
+        // an event arrives (or after its long poll time-out).
+        std::atomic<bool> gyroReleased{false};
+        gyroSetup.gate = [&newestFrameNs, &gyroReleased, clock, originNs](int64_t hostBootNs) {
+            if (gyroReleased.load())
+                return true;
             int64_t recordingNs = hostBootNs - clock->toHost(originNs, CLOCK_BOOTTIME) + originNs;
             return recordingNs <= newestFrameNs.load() + kGyroLeadNs;
         };
         if (!host::installGyro(gyroSetup))
             throw std::runtime_error("the host gyroscope is busy");
 
-        // Camera: the recording's frames, held back while the engine's queue is nearly full.
+        // Camera: the recording's frames, held back while the engine's queue is nearly full. The
+        // engine's buffers need a width that is a multiple of 16: other widths are scaled to the
+        // next one for the camera (the same field of view over a few more columns); the
+        // observer and the outputs keep the recording's size.
+        const int cameraWidth =
+            (frames.width() + kEngineWidthAlign - 1) / kEngineWidthAlign * kEngineWidthAlign;
         Nv21Image picture;
         picture.resize(frames.width(), frames.height());
+        Nv21Image scaled;
+        if (cameraWidth != frames.width())
+            scaled.resize(cameraWidth, frames.height());
+        FirstError errors;
         std::vector<int64_t> hostTimestamps(static_cast<size_t>(frames.count()));
         auto source = std::make_shared<host::CallbackFrameSource>(
             [&](uint64_t index, host::FrameInfo& info) {
-                if (index >= static_cast<uint64_t>(frames.count()))
+                if (index >= static_cast<uint64_t>(frames.count()) || errors.raised() ||
+                    interruptRequested())
                     return false;
                 const int i = static_cast<int>(index);
                 info.timestampNs = clock->toHost(frames.timestampNs(i), CLOCK_MONOTONIC);
@@ -164,15 +245,27 @@ class EngineSession : public ReplaySession {
                 return true;
             },
             [&](uint64_t index, const host::FrameInfo&, const host::FrameImage& image) {
-                const int i = static_cast<int>(index);
-                frames.read(i, picture);
-                host::copyPackedNv21(picture.data.data(), image);
-                newestFrameNs.store(frames.timestampNs(i));
-                observer.onFrameDelivered(i, frames.timestampNs(i), picture);
-                return true;
+                // A decoding fault or an observer's exception ends the stream; the session
+                // raises it once the engine is stopped.
+                try {
+                    const int i = static_cast<int>(index);
+                    frames.read(i, picture);
+                    if (scaled.width != 0) {
+                        scaleNv21(picture, scaled);
+                        host::copyPackedNv21(scaled.data.data(), image);
+                    } else {
+                        host::copyPackedNv21(picture.data.data(), image);
+                    }
+                    newestFrameNs.store(frames.timestampNs(i));
+                    observer.onFrameDelivered(i, frames.timestampNs(i), picture);
+                    return true;
+                } catch (...) {
+                    errors.keep(std::current_exception());
+                    return false;
+                }
             });
         host::CameraSetup cameraSetup;
-        const android::Size size{frames.width(), frames.height()};
+        const android::Size size{cameraWidth, frames.height()};
         cameraSetup.videoSizes = {size};
         cameraSetup.previewSizes = {size};
         cameraSetup.pictureSizes = {size};
@@ -184,15 +277,36 @@ class EngineSession : public ReplaySession {
         cameraSetup.pacing =
             config.realtime ? host::Pacing::RealTime : host::Pacing::AsFastAsConsumed;
         cameraSetup.source = source;
+        // The recording time after which the gyroscope has nothing left to deliver.
+        const int64_t gyroEndNs = gyro.empty() ? INT64_MIN : gyro.back().timestampNs - kGyroLeadNs;
+        int heldBackFrames = 0;  // capture thread only
         if (!config.realtime) {
             // Frame `index` may go once the engine has output all but a queue's worth of the
             // frames before it (outputs of surface 0 count the frames that left the queue).
-            cameraSetup.gate = [&sinks](uint64_t index, int64_t) {
-                if (ctx.frameQueue.data == nullptr)
+            // Capture thread.
+            int lastReceived = -1;
+            auto lastProgress = std::chrono::steady_clock::now();
+            cameraSetup.gate = [&sinks, &newestFrameNs, &heldBackFrames, gyroEndNs, lastReceived,
+                                lastProgress](uint64_t index, int64_t) mutable {
+                if (ctx.frameQueue.data == nullptr || sinks.empty())
                     return false;
+                const auto now = std::chrono::steady_clock::now();
+                const int received = sinks[0]->received.load();
+                if (received != lastReceived) {
+                    lastReceived = received;
+                    lastProgress = now;
+                }
                 const int capacity = ctx.frameQueue->capacity;
-                return static_cast<int64_t>(index) <
-                       static_cast<int64_t>(sinks[0]->received.load()) + capacity - kQueueHeadroom;
+                const int headroom =
+                    newestFrameNs.load() >= gyroEndNs ? kGyroEndedHeadroom : kQueueHeadroom;
+                if (static_cast<int64_t>(index) <
+                    static_cast<int64_t>(received) + capacity - headroom)
+                    return true;
+                if (now - lastProgress < kCameraHoldLimit)
+                    return false;
+                ++heldBackFrames;
+                lastProgress = now;
+                return true;
             };
         }
         std::shared_ptr<host::CameraDevice> device = host::CameraDevice::create(cameraSetup);
@@ -203,7 +317,8 @@ class EngineSession : public ReplaySession {
         std::vector<android::sp<ANativeWindow>> windows;
         for (size_t s = 0; s < config.surfaces.size(); ++s) {
             const OutputSurfaceSpec& layout = config.surfaces[s];
-            auto sink = std::make_shared<ObserverSink>(static_cast<int>(s), observer, timestamps);
+            auto sink = std::make_shared<ObserverSink>(static_cast<int>(s), observer, timestamps,
+                                                       errors);
             host::WindowConfig windowConfig;
             windowConfig.defaultWidth = static_cast<uint32_t>(layout.width);
             windowConfig.defaultHeight = static_cast<uint32_t>(layout.height);
@@ -224,25 +339,67 @@ class EngineSession : public ReplaySession {
             sinks.push_back(sink);
         }
         android::sp<android::Camera> camera = device->connect();
-        ctx.start(camera, frames.width(), frames.height(), config.configText.c_str());
-
-        // A generous bound: the slowest engine here renders a 4K frame in well under 2 s.
-        const auto limit = std::chrono::seconds(60) + frames.count() * 2s;
-        bool drained =
-            device->waitUntilDrained(std::chrono::duration_cast<std::chrono::milliseconds>(limit));
-        ctx.stop();
-        for (size_t s = 0; s < windows.size(); ++s) {
-            host::waitForIdle(windows[s].get(), 10s);
-            android::sp<ANativeWindow> removed = ctx.jsm.remSurface(static_cast<int>(s) + 1);
-            if (removed != nullptr)
-                native_window_api_disconnect(removed.get(), NATIVE_WINDOW_API_CPU);
+        // The Java side's order of calls at the end, also when the run fails (stop only after a
+        // start that succeeded).
+        auto tearDown = [&](bool started) {
+            gyroReleased.store(true);
+            if (started)
+                ctx.stop();
+            for (size_t s = 0; s < windows.size(); ++s) {
+                host::waitForIdle(windows[s].get(), 10s);
+                android::sp<ANativeWindow> removed = ctx.jsm.remSurface(static_cast<int>(s) + 1);
+                if (removed != nullptr)
+                    native_window_api_disconnect(removed.get(), NATIVE_WINDOW_API_CPU);
+            }
+            camera.clear();
+            ctx.onPause();
+            host::removeCamera(device->setup().cameraId);
+            host::removeGyro();
+            if (!gyro.empty()) {
+                const int64_t lastNs = clock->toHost(gyro.back().timestampNs, CLOCK_BOOTTIME);
+                if (lastNs > gyroHighWaterBootNs.load())
+                    gyroHighWaterBootNs.store(lastNs);
+            }
+        };
+        try {
+            ctx.start(camera, cameraWidth, frames.height(), config.configText.c_str());
+        } catch (...) {
+            tearDown(false);
+            throw;
         }
-        camera.clear();
-        ctx.onPause();
-        host::removeCamera(device->setup().cameraId);
-        host::removeGyro();
-        if (!drained)
-            throw std::runtime_error("the engine stopped taking frames");
+
+        // Until every frame has been handed over and delivered: the engine must keep taking
+        // them (an output at least every kEngineStallLimit while frames wait), and the run ends
+        // early on an interruption or a fault on a callback thread.
+        bool stalled = false;
+        {
+            int lastOutput = -1;
+            auto lastProgress = std::chrono::steady_clock::now();
+            while (!device->waitUntilDrained(std::chrono::milliseconds(50))) {
+                if (interruptRequested() || errors.raised())
+                    break;
+                const int out = sinks[0]->received.load();
+                const auto now = std::chrono::steady_clock::now();
+                if (out != lastOutput) {
+                    lastOutput = out;
+                    lastProgress = now;
+                } else if (now - lastProgress > kEngineStallLimit) {
+                    stalled = true;
+                    break;
+                }
+            }
+        }
+        tearDown(true);
+        errors.rethrow();
+        throwIfInterrupted();
+        if (stalled) {
+            throw std::runtime_error(
+                "the engine stopped taking frames: no output for " +
+                std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kEngineStallLimit)
+                                   .count()) +
+                " s after " + std::to_string(sinks[0]->received.load()) + " of " +
+                std::to_string(frames.count()) + " frames (see engine.log)");
+        }
 
         SessionResult result;
         host::CameraCounters counters = device->counters();
@@ -253,6 +410,21 @@ class EngineSession : public ReplaySession {
         result.notes.push_back("engine session: " + std::to_string(counters.delivered) +
                                " frames delivered, " + std::to_string(counters.dropped) +
                                " dropped by the camera");
+        if (cameraWidth != frames.width()) {
+            result.notes.push_back(
+                "the frames are " + std::to_string(frames.width()) + "x" +
+                std::to_string(frames.height()) + "; the engine's buffers need a width that is " +
+                "a multiple of 16, so the camera scaled them to " + std::to_string(cameraWidth) +
+                "x" + std::to_string(frames.height()) + " (the outputs keep the input's size)");
+        }
+        if (heldBackFrames > 0) {
+            result.notes.push_back(
+                std::to_string(heldBackFrames) + " frames were handed to the engine although it " +
+                "had output nothing for " +
+                std::to_string(
+                    std::chrono::duration_cast<std::chrono::seconds>(kCameraHoldLimit).count()) +
+                " s (its queue full of frames it could not stabilize)");
+        }
         return result;
     }
 };
