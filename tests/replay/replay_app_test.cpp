@@ -239,10 +239,26 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     }
 
-    EXPECT_NE(runCommand("--dry-run --size 100 --out " + out.path(), err), 0);
-    EXPECT_NE(err.find("size '100'"), std::string::npos) << err;
-    EXPECT_NE(runCommand("--trajectory run", err), 0);
-    EXPECT_NE(runCommand("--input /nonexistent", err), 0);
+    // A refused configuration value names where it came from: the file's line, or the option.
+    replay_test::writeText(rec.file("gyro.csv"), "timestamp_ns,x,y,z\n1,0,0,0\n");
+    replay_test::writeText(rec.file("config.txt"), "# camera\nvstab.fovHorizontalDeg=-69.75\n");
+    const std::string input = "--dry-run --quiet --input " + rec.path() + " --out " + out.path();
+    EXPECT_EQ(runCommand(input, err), 1);
+    EXPECT_EQ(err, "qlmr_replay: error: the stabilization library refuses the configuration: " +
+                       rec.file("config.txt") +
+                       ":2: vstab.fovHorizontalDeg=-69.75 is outside 10..170.\n");
+    EXPECT_EQ(runCommand(input + " --set vstab.fovHorizontalDeg=60 --set vstab.readoutNs=-4", err), 1);
+    EXPECT_NE(err.find(": --set vstab.readoutNs=-4: "), std::string::npos) << err;
+
+    // Faults in the command line itself: CLI11's sentence, exit status 2, never an abort.
+    for (const char* usage :
+         {"--size 100", "--size 1000x563", "--gyro-offset-ms abc", "--gyro-offset-ms",
+          "--gyro-offset-ms 1e999", "--trajectory run", "--input /nonexistent", "--set novalue",
+          "--seed x"}) {
+        EXPECT_EQ(runCommand(std::string("--dry-run --out ") + out.path() + " " + usage, err), 2)
+            << usage << ": " << err;
+        EXPECT_FALSE(err.empty()) << usage;
+    }
 }
 
 TEST(ReplayApp, ParsesSizes) {

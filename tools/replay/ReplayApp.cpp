@@ -6,12 +6,14 @@
 #include "PrefetchFrames.h"
 #include "Progress.h"
 #include "Calibration.h"
+#include "Configuration.h"
 #include "Report.h"
 #include "ReplayError.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <numeric>
@@ -142,6 +144,25 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         frames = recordingFrames.get();
         gyro = &recording.gyro;
         configText = recording.configText;
+    }
+    {
+        // The configuration in force: checked by the library's parser before anything runs, its
+        // warnings shown with the rest.
+        std::string origin = options.input.empty() ? "the synthetic recording's configuration"
+                                                   : recording.dir + "/config.txt";
+        if (!options.configFile.empty()) {
+            std::vector<uint8_t> bytes;
+            readFile(options.configFile, bytes);
+            configText.assign(bytes.begin(), bytes.end());
+            origin = options.configFile;
+        }
+        const ConfigurationText effective =
+            applyOverrides(configText, origin, options.configSets);
+        configText = effective.text;
+        for (const std::string& w : checkConfiguration(effective)) {
+            log << "configuration: " << w << std::endl;
+            m.warnings.push_back("configuration: " + w);
+        }
     }
     std::unique_ptr<LimitedFrames> limited;
     if (options.maxFrames > 0 && options.maxFrames < frames->count()) {
@@ -288,6 +309,21 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     m.framesDelivered = result.framesDelivered;
     m.framesLate = result.framesLate;
     m.engine.renderedUnstabilized += result.renderedUnstabilized;
+    if (m.engine.renderedUnstabilized > 0) {
+        std::string why = "the stabilization library had no warp for them; see engine.log";
+        const int64_t lastFrameNs = frames->timestampNs(frames->count() - 1);
+        if (gyro->empty()) {
+            why = "there are no gyro samples";
+        } else if (gyro->back().timestampNs < lastFrameNs) {
+            char text[96];
+            std::snprintf(text, sizeof text, "the gyro samples end %.2f s before the last frame",
+                          (lastFrameNs - gyro->back().timestampNs) * 1e-9);
+            why = text;
+        }
+        m.warnings.push_back(std::to_string(m.engine.renderedUnstabilized) + " of " +
+                             std::to_string(m.framesIn) + " frames were rendered unstabilized (" +
+                             why + ")");
+    }
     m.wallSec = result.wallSec;
     for (const std::string& n : result.notes)
         m.warnings.push_back(n);
@@ -326,8 +362,6 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         ci.configText = configText;
         ci.threads = options.threads;
         m.calibration = calibrate(ci);
-        for (const std::string& w : m.calibration.configWarnings)
-            m.warnings.push_back("configuration: " + w);
         for (const std::string& w : m.calibration.warnings)
             m.warnings.push_back(w);
     }

@@ -3,6 +3,7 @@
 // videos, metrics.json and report.html into the output folder.
 #pragma once
 
+#include "Configuration.h"
 #include "Metrics.h"
 #include "ReplaySession.h"
 #include "Synthetic.h"
@@ -33,6 +34,10 @@ struct ReplayOptions {
     // Measure the gyro axes and time offset on the input frames first and replay with them
     // (the gyro/image agreement is measured on every replay either way).
     bool calibrate = false;
+    // Configuration: a file to use instead of the recording's (or the synthetic one's), and
+    // KEY=VALUE overrides applied over it in order.
+    std::string configFile;
+    std::vector<ConfigOverride> configSets;
     std::string commandLine;
 };
 

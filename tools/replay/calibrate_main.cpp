@@ -7,6 +7,7 @@
 // best ones, then replaces (or adds) vstab.gyroAxes and vstab.gyroTimeOffsetNs in
 // DIR/config.txt, keeping the previous text as DIR/config.txt.orig.
 #include "Calibration.h"
+#include "CommandLine.h"
 #include "Recording.h"
 #include "ReplayError.h"
 
@@ -47,7 +48,8 @@ int main(int argc, char** argv) {
     app.add_option("--reduce", factor, "measure on pictures reduced by this factor")
         ->capture_default_str()
         ->check(CLI::Range(1, 16));
-    CLI11_PARSE(app, argc, argv);
+    if (const int rc = parseCommandLine(app, argc, argv); rc >= 0)
+        return rc;
     try {
         const Recording rec = loadRecording(dir);
         std::unique_ptr<FrameSource> frames = openRecordingFrames(rec);

@@ -1,11 +1,15 @@
 // qlmr_replay: replays a recording (the built-in synthetic one, or a recording folder) through
 // the stabilization engine and writes the stabilized video, metrics.json and report.html.
+#include "CommandLine.h"
+#include "Configuration.h"
 #include "Ffmpeg.h"
+#include "Interrupt.h"
 #include "ReplayApp.h"
 #include "ReplayError.h"
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <unistd.h>
@@ -34,7 +38,9 @@ int main(int argc, char** argv) {
     app.add_option("--seconds", o.synthetic.seconds, "synthetic: length in seconds")
         ->capture_default_str()
         ->check(CLI::Range(0.2, 600.0));
-    app.add_option("--size", size, "synthetic: frame size WIDTHxHEIGHT")->capture_default_str();
+    app.add_option("--size", size, "synthetic: frame size WIDTHxHEIGHT")
+        ->capture_default_str()
+        ->check(kSizeValidator);
     app.add_option("--fps", o.synthetic.fps, "synthetic: frames per second")
         ->capture_default_str()
         ->check(CLI::Range(1.0, 240.0));
@@ -58,16 +64,16 @@ int main(int argc, char** argv) {
     app.add_option("--readout-ms", o.synthetic.readoutMs, "synthetic: rolling-shutter readout time")
         ->capture_default_str()
         ->check(CLI::Range(0.0, 100.0));
-    app.add_option(
-        "--gyro-offset-ms",
-        [&o](const std::vector<std::string>& v) {
-            o.synthetic.gyro.timeOffsetNs = static_cast<int64_t>(std::stod(v[0]) * 1e6);
-            return true;
-        },
-        "synthetic: gyro timestamps minus true time (default 2)");
+    double gyroOffsetMs = o.synthetic.gyro.timeOffsetNs * 1e-6;
+    CLI::Option* gyroOffset =
+        app.add_option("--gyro-offset-ms", gyroOffsetMs,
+                       "synthetic: gyro timestamps minus true time")
+            ->capture_default_str()
+            ->check(CLI::Range(-1000.0, 1000.0));
     app.add_option("--stated-gyro-offset-ms", o.synthetic.statedGyroOffsetMs,
                    "synthetic: the gyro offset the configuration states (default: the true one), "
-                   "to test --calibrate");
+                   "to test --calibrate")
+        ->check(CLI::Range(-1000.0, 1000.0));
     app.add_option("--stated-gyro-axes", o.synthetic.statedGyroAxes,
                    "synthetic: the gyro axes the configuration states (default: the true "
                    "-y,-x,-z), to test --calibrate");
@@ -91,7 +97,17 @@ int main(int argc, char** argv) {
     app.add_option("--max-frames", o.maxFrames, "replay only the first N frames")
         ->check(CLI::PositiveNumber);
     app.add_option("--output-size", outputSize,
-                   "output surface size WIDTHxHEIGHT (default: the input's)");
+                   "output surface size WIDTHxHEIGHT (default: the input's)")
+        ->check(kSizeValidator);
+    app.add_option("--config", o.configFile,
+                   "configuration text to use instead of the recording's config.txt (or the "
+                   "synthetic recording's)")
+        ->check(CLI::ExistingFile);
+    std::vector<std::string> sets;
+    app.add_option("--set", sets,
+                   "KEY=VALUE applied over the configuration (repeatable; checked like the file)")
+        ->allow_extra_args(false)
+        ->check(kOverrideValidator);
     app.add_option("--pairs", o.pairs, "before/after frame pairs in the report")
         ->capture_default_str()
         ->check(CLI::Range(0, 20));
@@ -104,10 +120,16 @@ int main(int argc, char** argv) {
                  "show the progress bar even when stderr is not a terminal");
     app.add_flag("-q,--quiet", quiet, "no progress bar and no summary");
 
-    CLI11_PARSE(app, argc, argv);
+    if (const int rc = parseCommandLine(app, argc, argv); rc >= 0)
+        return rc;
+    installInterruptHandlers();
 
     for (int i = 0; i < argc; ++i)
         o.commandLine += (i ? " " : "") + std::string(argv[i]);
+    if (gyroOffset->count() > 0)
+        o.synthetic.gyro.timeOffsetNs = static_cast<int64_t>(std::llround(gyroOffsetMs * 1e6));
+    for (const std::string& set : sets)
+        o.configSets.push_back(parseOverride(set));
     o.mp4 = !noMp4;
     o.progress = !quiet && (forceProgress || isatty(2));
     o.synthetic.threads = o.threads;
@@ -159,9 +181,12 @@ int main(int argc, char** argv) {
                 std::printf(" %s", f.c_str());
             std::printf("\n");
         }
+    } catch (const Interrupted&) {
+        std::fprintf(stderr, "qlmr_replay: interrupted\n");
+        return kExitInterrupted;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "qlmr_replay: error: %s\n", e.what());
-        return 1;
+        return kExitInputError;
     }
     return 0;
 }

@@ -1,0 +1,58 @@
+// What the tool's three commands share on their command lines: exit codes, parsing that never
+// throws past main, and validators for the option values that CLI11 does not check itself.
+// Header-only: only the programs' main files include CLI11.
+#pragma once
+
+#include "Configuration.h"
+#include "ReplayApp.h"
+#include "ReplayError.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <string>
+
+namespace qlmr::replay {
+
+constexpr int kExitInputError = 1;  // an input, configuration or output fault
+constexpr int kExitUsage = 2;       // the command line itself is wrong
+constexpr int kExitInterrupted = 128 + SIGINT;
+
+// Parses the command line. Returns -1 to go on, else the exit code: 0 after --help, kExitUsage
+// (with CLI11's sentence on stderr) for any fault in the options or their values.
+inline int parseCommandLine(CLI::App& app, int argc, char** argv) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int rc = app.exit(e);
+        return rc == 0 ? 0 : kExitUsage;
+    }
+    return -1;
+}
+
+// "WIDTHxHEIGHT", even sides from 16 to 8192.
+inline const CLI::Validator kSizeValidator(
+    [](std::string& text) -> std::string {
+        int w = 0, h = 0;
+        try {
+            parseSize(text, w, h);
+        } catch (const ReplayError& e) {
+            return e.what();
+        }
+        return "";
+    },
+    "WIDTHxHEIGHT");
+
+// "KEY=VALUE".
+inline const CLI::Validator kOverrideValidator(
+    [](std::string& text) -> std::string {
+        try {
+            parseOverride(text);
+        } catch (const ReplayError& e) {
+            return e.what();
+        }
+        return "";
+    },
+    "KEY=VALUE");
+
+}  // namespace qlmr::replay
