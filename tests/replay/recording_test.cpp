@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <utility>
 
 using namespace qlmr::replay;
 using replay_test::TempDir;
@@ -134,6 +135,47 @@ TEST(RecordingFolder, MissingFilesAndWrongSizesAreErrors) {
         EXPECT_NE(loadError(dir).find("frames.csv:4: image"), std::string::npos);
     }
     EXPECT_THROW(loadRecording("/nonexistent/recording"), ReplayError);
+}
+
+TEST(RecordingFolder, CutShortImagesAreRefused) {
+    const std::vector<uint8_t> jpeg = encodeJpeg(replay_test::gradient(32, 16), 95);
+    const std::vector<uint8_t> png = encodePng(replay_test::gradient(32, 16));
+    const std::vector<uint8_t> cutJpeg(jpeg.begin(), jpeg.end() - 16);  // inside the scan
+    // Before the replay: a JPEG without its end-of-image marker, a PNG without IEND.
+    const std::pair<std::vector<uint8_t>, std::string> cutFiles[] = {
+        {{png.begin(), png.end() - 12}, "the file does not end with the PNG IEND chunk"},
+        {cutJpeg, "the file does not end with the JPEG end-of-image marker (FF D9)"}};
+    for (const auto& [bytes, reason] : cutFiles) {
+        TempDir dir;
+        makeRecording(dir);
+        writeFile(dir.file("frames/1.png"), bytes.data(), bytes.size());
+        const std::string err = loadError(dir);
+        EXPECT_NE(err.find("frames.csv:4: image " + dir.file("frames/1.png") + ": " + reason),
+                  std::string::npos)
+            << err;
+    }
+    // While replaying, whatever the file's end says: the decoder's own reason at the frame's
+    // line, on both JPEG paths (4:2:0 straight to NV21, and through RGB).
+    TempDir dir;
+    makeRecording(dir);
+    std::vector<uint8_t> patched = cutJpeg;
+    patched.push_back(0xFF);
+    patched.push_back(0xD9);
+    writeFile(dir.file("frames/1.png"), patched.data(), patched.size());
+    const Recording rec = loadRecording(dir.path());
+    auto frames = openRecordingFrames(rec);
+    Nv21Image nv;
+    nv.resize(32, 16);
+    try {
+        frames->read(1, nv);
+        FAIL() << "a cut-short JPEG decoded";
+    } catch (const ReplayError& e) {
+        EXPECT_NE(std::string(e.what()).find("frames.csv:4: image " + dir.file("frames/1.png") +
+                                             ": Corrupt JPEG data"),
+                  std::string::npos)
+            << e.what();
+    }
+    EXPECT_THROW(readImage(dir.file("frames/1.png")), ReplayError);
 }
 
 TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {

@@ -228,7 +228,13 @@ class ImageFrames : public RecordingFrames {
     explicit ImageFrames(const Recording& rec) : RecordingFrames(rec) {}
     void read(int i, Nv21Image& out) override {
         const FrameEntry& e = rec_.frames[static_cast<size_t>(i)];
-        reader_.readNv21(e.file, out);
+        try {
+            reader_.readNv21(e.file, out);
+        } catch (const ReplayError& err) {
+            // "<image>: <the decoder's reason>", placed at the frame's line.
+            throw ReplayError(joinPath(rec_.dir, "frames.csv"), e.line,
+                              "image " + std::string(err.what()));
+        }
         if (out.width != rec_.width || out.height != rec_.height) {
             const std::string found = sizeText(out.width, out.height);
             out.resize(rec_.width, rec_.height);
