@@ -1,5 +1,6 @@
 // Recording folders: loading, and one clear error (file and line) for each kind of fault.
 #include "ColorConvert.h"
+#include "Ffmpeg.h"
 #include "ImageIo.h"
 #include "Recording.h"
 #include "ReplayError.h"
@@ -183,16 +184,27 @@ TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
     makeRecording(dir);
     I420Image f;
     f.resize(32, 16);
-    {
+    const auto writeY4m = [&](int frames) {
         Y4mWriter w;
         w.open(dir.file("video.y4m"), 32, 16, 30, 1);
-        w.write(f);
-        w.write(f);
-    }
+        for (int i = 0; i < frames; ++i)
+            w.write(f);
+    };
     writeText(dir.file("frames.csv"), "timestamp_ns\n1000\n2000\n3000\n");
+    // Counted before the replay.
+    for (const int frames : {2, 4}) {
+        writeY4m(frames);
+        EXPECT_NE(loadError(dir).find("video.y4m: the video has " + std::to_string(frames) +
+                                      " frames, frames.csv lists 3"),
+                  std::string::npos)
+            << loadError(dir);
+    }
+    writeY4m(3);
     const Recording rec = loadRecording(dir.path());
     EXPECT_EQ(rec.videoPath, dir.file("video.y4m"));
     EXPECT_EQ(rec.width, 32);
+    // And checked again while reading (the file changed since).
+    writeY4m(2);
     auto frames = openRecordingFrames(rec);
     Nv21Image nv;
     nv.resize(32, 16);
@@ -206,6 +218,19 @@ TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
                   std::string::npos)
             << e.what();
     }
+    // Other videos are counted by ffprobe.
+    std::remove(dir.file("video.y4m").c_str());
+    const std::string ffmpeg = ffmpegProgram();
+    if (ffmpeg.empty() || ffprobeBeside(ffmpeg).empty())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian package ffmpeg)";
+    VideoEncoder mp4;
+    mp4.open(ffmpeg, dir.file("video.mp4"), 32, 16, 30, 1);
+    mp4.write(f);
+    mp4.write(f);
+    mp4.finish();
+    EXPECT_NE(loadError(dir).find("video.mp4: the video has 2 frames, frames.csv lists 3"),
+              std::string::npos)
+        << loadError(dir);
 }
 
 TEST(RecordingFolder, SavedRecordingLoadsBack) {

@@ -134,13 +134,20 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
     if (rec.frames.empty())
         throw ReplayError(path, 0, "no frames listed");
     if (!rec.videoPath.empty()) {
-        // The size comes from the stream header.
+        // The size comes from the stream header. The frames are counted now, so that a video
+        // that does not match frames.csv stops the run before the replay starts: a Y4M file by
+        // its frame headers, anything else by ffprobe when it is installed beside ffmpeg
+        // (without it, reading the video finds the difference).
+        long frames = -1;
         if (rec.videoPath.size() > 4 &&
             rec.videoPath.compare(rec.videoPath.size() - 4, 4, ".y4m") == 0) {
             Y4mReader reader;
             reader.open(rec.videoPath);
             rec.width = reader.width();
             rec.height = reader.height();
+            frames = 0;
+            while (reader.skip())
+                ++frames;
         } else {
             const std::string ffmpeg = ffmpegProgram();
             if (ffmpeg.empty()) {
@@ -152,6 +159,14 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
             decoder.open(ffmpeg, rec.videoPath);
             rec.width = decoder.width();
             rec.height = decoder.height();
+            const std::string ffprobe = ffprobeBeside(ffmpeg);
+            if (!ffprobe.empty())
+                frames = countVideoFrames(ffprobe, rec.videoPath);
+        }
+        if (frames >= 0 && frames != static_cast<long>(rec.frames.size())) {
+            throw ReplayError(rec.videoPath, 0,
+                              "the video has " + std::to_string(frames) +
+                                  " frames, frames.csv lists " + std::to_string(rec.frames.size()));
         }
     }
 }
