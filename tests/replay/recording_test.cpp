@@ -95,6 +95,9 @@ TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
          "gyro.csv:3: timestamp 4 goes back before 5 (line 2)"},
         {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0\n", "gyro.csv:2: expected 4 fields"},
         {"gyro.csv", "timestamp_ns,x,y,z\n5,nan,0,0\n", "gyro.csv:2: x 'nan' is not finite"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,0\n6,0,-50,0\n",
+         "gyro.csv:3: y -50 rad/s is beyond the gyroscope's range of ±35 rad/s"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,1e300\n", "gyro.csv:2: z 1e+300 rad/s is beyond"},
         {"config.txt", "", "config.txt: empty configuration text"},
     };
     for (const Fault& f : faults) {

@@ -86,9 +86,9 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
             if (f.size() != 4)
                 csv.fail("expected 4 fields x,y,z,t, got " + std::to_string(f.size()));
             GyroSample s;
-            s.x = static_cast<float>(csv.toDouble(f[0], "x"));
-            s.y = static_cast<float>(csv.toDouble(f[1], "y"));
-            s.z = static_cast<float>(csv.toDouble(f[2], "z"));
+            s.x = readGyroRate(csv, f[0], "x");
+            s.y = readGyroRate(csv, f[1], "y");
+            s.z = readGyroRate(csv, f[2], "z");
             s.timestampNs = std::llround(csv.toDouble(f[3], "t") * 1e9);
             if (!p.gyro.empty() && s.timestampNs < p.gyro.back().timestampNs)
                 csv.fail("time goes backwards");

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <dirent.h>
 #include <sys/stat.h>
@@ -171,6 +172,23 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
     }
 }
 
+}  // namespace
+
+float readGyroRate(const CsvReader& csv, const std::string& field, const char* axis) {
+    const double v = csv.toDouble(field, axis);
+    if (std::fabs(v) > kMaxGyroRate) {
+        char text[160];
+        std::snprintf(text, sizeof text,
+                      "%s %g rad/s is beyond the gyroscope's range of ±%g rad/s (about 2000 "
+                      "°/s): a damaged sample",
+                      axis, v, kMaxGyroRate);
+        csv.fail(text);
+    }
+    return static_cast<float>(v);
+}
+
+namespace {
+
 void loadGyro(const std::string& dir, Recording& rec) {
     const std::string path = joinPath(dir, "gyro.csv");
     CsvReader csv(path);
@@ -189,9 +207,9 @@ void loadGyro(const std::string& dir, Recording& rec) {
         s.timestampNs = csv.toInt64(f[0], "timestamp_ns");
         if (s.timestampNs <= 0)
             csv.fail("timestamp_ns must be positive");
-        s.x = static_cast<float>(csv.toDouble(f[1], "x"));
-        s.y = static_cast<float>(csv.toDouble(f[2], "y"));
-        s.z = static_cast<float>(csv.toDouble(f[3], "z"));
+        s.x = readGyroRate(csv, f[1], "x");
+        s.y = readGyroRate(csv, f[2], "y");
+        s.z = readGyroRate(csv, f[3], "z");
         if (!rec.gyro.empty() && s.timestampNs < rec.gyro.back().timestampNs) {
             csv.fail("timestamp " + std::to_string(s.timestampNs) + " goes back before " +
                      std::to_string(rec.gyro.back().timestampNs) + " (line " +
@@ -253,7 +271,7 @@ class ImageFrames : public RecordingFrames {
         if (out.width != rec_.width || out.height != rec_.height) {
             const std::string found = sizeText(out.width, out.height);
             out.resize(rec_.width, rec_.height);
-            throw ReplayError(rec_.dir + "/frames.csv", e.line,
+            throw ReplayError(joinPath(rec_.dir, "frames.csv"), e.line,
                               "image " + e.file + " is " + found + ", the recording's frames are " +
                                   sizeText(rec_.width, rec_.height));
         }
