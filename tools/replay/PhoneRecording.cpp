@@ -17,6 +17,19 @@
 
 namespace qlmr::replay {
 
+AxisMap parseCameraAxes(const std::string& text) {
+    const AxisMap map = AxisMap::parse(text);
+    if (!map.isRotation()) {
+        AxisMap flipped = map;
+        flipped.sign[2] = -flipped.sign[2];
+        throw ReplayError("--camera-axes " + text +
+                          " is a mirror image, not a rotation: flip the sign of one axis (for "
+                          "example " +
+                          flipped.text() + ")");
+    }
+    return map;
+}
+
 PhoneRecording loadPhoneRecording(const std::string& dir) {
     PhoneRecording p;
     p.dir = dir;
@@ -122,6 +135,10 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
 
 void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera, const AxisMap& map,
                          double offsetMs, const std::string& outDir) {
+    if (!map.isRotation()) {
+        throw ReplayError("camera axes " + map.text() +
+                          " are a mirror image, not a rotation: no recording is written");
+    }
     if (mkdir(outDir.c_str(), 0755) != 0 && errno != EEXIST) {
         throw ReplayError(outDir, 0, std::string("cannot create folder: ") + std::strerror(errno));
     }
