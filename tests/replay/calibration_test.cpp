@@ -9,6 +9,7 @@
 #include <cmath>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qlmr::replay {
 namespace {
@@ -119,6 +120,54 @@ TEST(Calibration, PairsMeasuredBeforeGiveTheSameFigures) {
     EXPECT_DOUBLE_EQ(shared.bestOffsetMs, direct.bestOffsetMs);
     EXPECT_DOUBLE_EQ(shared.bestRmsPx, direct.bestRmsPx);
     EXPECT_EQ(shared.warnings, direct.warnings);
+}
+
+TEST(Calibration, OneWildGyroSampleOrFramePairIsLeftOut) {
+    std::unique_ptr<SyntheticRecording> rec;
+    CalibrationInput in = syntheticInput("", 17.0, rec);
+    std::vector<double> times;
+    for (int64_t t : in.timestampsNs)
+        times.push_back(t * 1e-9);
+    in.motion = measureFrameMotion(in.lumas, times, 2);
+    in.measuredWidth = in.lumas.front().width;
+    const CalibrationStats clean = calibrate(in);
+    ASSERT_EQ(clean.outlierPairs, 0);
+    // A spike within the sensor's range, and one pair whose registration went astray.
+    std::vector<GyroSample> gyro = rec->gyro();
+    const size_t mid = gyro.size() / 2;
+    gyro[mid].x = 30;
+    in.gyro = &gyro;
+    in.motion[10].tx += 40;
+    const CalibrationStats c = calibrate(in);
+    EXPECT_GE(c.outlierPairs, 2);
+    EXPECT_LE(c.outlierPairs, 4);
+    EXPECT_NEAR(c.agreement, clean.agreement, 0.01);
+    EXPECT_LT(c.statedRmsPx, 1.2 * clean.statedRmsPx);
+    EXPECT_EQ(c.bestAxes, "-y,-x,-z");
+    EXPECT_NEAR(c.bestOffsetMs, 17.0, 1.5);
+    EXPECT_TRUE(c.warnings.empty()) << c.warnings.front();
+}
+
+TEST(Calibration, OutliersAreFarBeyondTheMedianSpread) {
+    const double nan = std::nan("");
+    const struct {
+        std::vector<double> errors;
+        std::vector<bool> kept;
+        double rms;  // each outlier counted at the limit
+    } cases[] = {
+        {{1.0, 1.2, 0.9, 1.1, 1.0, 9.0}, {1, 1, 1, 1, 1, 0}, 1.3346},
+        {{1.0, 1.0, 1.0, 1.0, 1.9}, {1, 1, 1, 1, 1}, 1.2337},  // no spread: kOutlierMinPx
+        {{0.5, 0.7, nan, 0.6}, {1, 1, 0, 1}, 1.6231},
+        {{5.0, 80.0}, {1, 1}, 56.6789},  // too few to judge
+    };
+    for (const auto& c : cases) {
+        const double limit = outlierLimit(c.errors);
+        std::vector<bool> kept;
+        for (const double e : c.errors)
+            kept.push_back(e <= limit);
+        EXPECT_EQ(kept, c.kept) << c.errors.size();
+        EXPECT_NEAR(robustRms(c.errors, limit), c.rms, 1e-4) << c.errors.size();
+    }
 }
 
 TEST(Calibration, RefusedConfigurationIsAnError) {

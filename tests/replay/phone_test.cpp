@@ -4,6 +4,7 @@
 #include "ImageIo.h"
 #include "PhoneRecording.h"
 #include "Recording.h"
+#include "ReplayError.h"
 #include "TestUtil.h"
 
 #include <gtest/gtest.h>
@@ -87,4 +88,24 @@ TEST(PhoneRecording, ConvertsIntoALoadableRecording) {
         << rec.configText;
     EXPECT_NE(rec.configText.find("\nvstab.gyroAxes=-y,-x,-z\n"), std::string::npos);
     EXPECT_NE(rec.configText.find("\nvstab.fovHorizontalDeg=69.7"), std::string::npos);
+}
+
+TEST(PhoneRecording, MirrorImageCameraAxesAreRefused) {
+    EXPECT_EQ(parseCameraAxes("-y,-x,-z").text(), "-y,-x,-z");
+    try {
+        parseCameraAxes("x,y,-z");
+        FAIL() << "a mirror image was taken for camera axes";
+    } catch (const ReplayError& e) {
+        EXPECT_STREQ(e.what(),
+                     "--camera-axes x,y,-z is a mirror image, not a rotation: flip the sign of "
+                     "one axis (for example x,y,z)");
+    }
+    // Nor is a mirror written by a caller that did not parse the text.
+    replay_test::TempDir dir;
+    PhoneRecording phone;
+    EXPECT_THROW(
+        writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,z"), 0, dir.file("out")),
+        ReplayError);
+    struct stat st;
+    EXPECT_NE(stat(dir.file("out").c_str(), &st), 0);
 }

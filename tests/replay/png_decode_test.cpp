@@ -9,7 +9,9 @@
 #include <gtest/gtest.h>
 #include <png.h>
 
+#include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace qlmr::replay;
@@ -110,4 +112,68 @@ TEST(PngFastDecoder, OtherKindsAndDamageAreLeftToLibpng) {
     // The decoder is still good for the next frame.
     ASSERT_TRUE(decoder.decode(whole.data(), whole.size(), out));
     EXPECT_EQ(out.data, src.data);
+}
+
+namespace {
+
+// CRC-32 of PNG chunks (ISO 3309), bit by bit: the tests' damaged files keep valid CRCs where
+// the damage must reach the check behind them.
+uint32_t crc32(const uint8_t* p, size_t n) {
+    uint32_t c = 0xFFFFFFFFu;
+    for (size_t i = 0; i < n; ++i) {
+        c ^= p[i];
+        for (int k = 0; k < 8; ++k)
+            c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+    }
+    return ~c;
+}
+
+void putBigEndian(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+}
+
+// Offset of the first chunk of `type` in a PNG file.
+size_t chunkAt(const std::vector<uint8_t>& png, const char* type) {
+    for (size_t at = 8; at + 12 <= png.size();) {
+        if (std::memcmp(png.data() + at + 4, type, 4) == 0)
+            return at;
+        at += 12 + ((size_t(png[at]) << 24) | (size_t(png[at + 1]) << 16) |
+                    (size_t(png[at + 2]) << 8) | png[at + 3]);
+    }
+    return std::string::npos;
+}
+
+}  // namespace
+
+TEST(PngFastDecoder, DamagedFilesFailOnBothPaths) {
+    // Each damage for a file the fast path takes (RGB) and one it leaves to libpng (interlaced).
+    const RgbImage src = noisy(24, 10);
+    replay_test::TempDir dir;
+    for (const bool interlaced : {false, true}) {
+        const std::vector<uint8_t> good =
+            encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, interlaced);
+        // An ancillary chunk whose CRC is wrong (libpng's default drops it with a warning).
+        std::vector<uint8_t> ancillary = good;
+        const uint8_t text[] = {0, 0, 0, 4, 't', 'E', 'X', 't', 'a', 0, 'b', 'c', 1, 2, 3, 4};
+        ancillary.insert(ancillary.begin() + static_cast<long>(chunkAt(good, "IDAT")), text,
+                         text + sizeof text);
+        // The image data's zlib checksum (its last 4 bytes) wrong, the chunk's CRC made right.
+        std::vector<uint8_t> adler = good;
+        const size_t idat = chunkAt(adler, "IDAT");
+        const size_t length = chunkAt(adler, "IEND") - idat - 12;
+        adler[idat + 8 + length - 1] ^= 0x01;
+        putBigEndian(&adler[idat + 8 + length], crc32(&adler[idat + 4], length + 4));
+        // Cut short inside the image data.
+        const std::vector<uint8_t> cut(good.begin(), good.begin() + static_cast<long>(idat + 30));
+        const std::pair<const char*, const std::vector<uint8_t>*> cases[] = {
+            {"ancillary chunk CRC", &ancillary}, {"zlib checksum", &adler}, {"cut short", &cut}};
+        for (const auto& [what, damaged] : cases) {
+            writeFile(dir.file("d.png"), damaged->data(), damaged->size());
+            EXPECT_THROW(readImage(dir.file("d.png")), ReplayError)
+                << what << (interlaced ? ", interlaced" : "");
+        }
+    }
 }

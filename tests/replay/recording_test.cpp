@@ -1,5 +1,6 @@
 // Recording folders: loading, and one clear error (file and line) for each kind of fault.
 #include "ColorConvert.h"
+#include "Ffmpeg.h"
 #include "ImageIo.h"
 #include "Recording.h"
 #include "ReplayError.h"
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <utility>
 
 using namespace qlmr::replay;
 using replay_test::TempDir;
@@ -93,6 +95,9 @@ TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
          "gyro.csv:3: timestamp 4 goes back before 5 (line 2)"},
         {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0\n", "gyro.csv:2: expected 4 fields"},
         {"gyro.csv", "timestamp_ns,x,y,z\n5,nan,0,0\n", "gyro.csv:2: x 'nan' is not finite"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,0\n6,0,-50,0\n",
+         "gyro.csv:3: y -50 rad/s is beyond the gyroscope's range of ±35 rad/s"},
+        {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,1e300\n", "gyro.csv:2: z 1e+300 rad/s is beyond"},
         {"config.txt", "", "config.txt: empty configuration text"},
     };
     for (const Fault& f : faults) {
@@ -136,21 +141,73 @@ TEST(RecordingFolder, MissingFilesAndWrongSizesAreErrors) {
     EXPECT_THROW(loadRecording("/nonexistent/recording"), ReplayError);
 }
 
+TEST(RecordingFolder, CutShortImagesAreRefused) {
+    const std::vector<uint8_t> jpeg = encodeJpeg(replay_test::gradient(32, 16), 95);
+    const std::vector<uint8_t> png = encodePng(replay_test::gradient(32, 16));
+    const std::vector<uint8_t> cutJpeg(jpeg.begin(), jpeg.end() - 16);  // inside the scan
+    // Before the replay: a JPEG without its end-of-image marker, a PNG without IEND.
+    const std::pair<std::vector<uint8_t>, std::string> cutFiles[] = {
+        {{png.begin(), png.end() - 12}, "the file does not end with the PNG IEND chunk"},
+        {cutJpeg, "the file does not end with the JPEG end-of-image marker (FF D9)"}};
+    for (const auto& [bytes, reason] : cutFiles) {
+        TempDir dir;
+        makeRecording(dir);
+        writeFile(dir.file("frames/1.png"), bytes.data(), bytes.size());
+        const std::string err = loadError(dir);
+        EXPECT_NE(err.find("frames.csv:4: image " + dir.file("frames/1.png") + ": " + reason),
+                  std::string::npos)
+            << err;
+    }
+    // While replaying, whatever the file's end says: the decoder's own reason at the frame's
+    // line, on both JPEG paths (4:2:0 straight to NV21, and through RGB).
+    TempDir dir;
+    makeRecording(dir);
+    std::vector<uint8_t> patched = cutJpeg;
+    patched.push_back(0xFF);
+    patched.push_back(0xD9);
+    writeFile(dir.file("frames/1.png"), patched.data(), patched.size());
+    const Recording rec = loadRecording(dir.path());
+    auto frames = openRecordingFrames(rec);
+    Nv21Image nv;
+    nv.resize(32, 16);
+    try {
+        frames->read(1, nv);
+        FAIL() << "a cut-short JPEG decoded";
+    } catch (const ReplayError& e) {
+        EXPECT_NE(std::string(e.what()).find("frames.csv:4: image " + dir.file("frames/1.png") +
+                                             ": Corrupt JPEG data"),
+                  std::string::npos)
+            << e.what();
+    }
+    EXPECT_THROW(readImage(dir.file("frames/1.png")), ReplayError);
+}
+
 TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
     TempDir dir;
     makeRecording(dir);
     I420Image f;
     f.resize(32, 16);
-    {
+    const auto writeY4m = [&](int frames) {
         Y4mWriter w;
         w.open(dir.file("video.y4m"), 32, 16, 30, 1);
-        w.write(f);
-        w.write(f);
-    }
+        for (int i = 0; i < frames; ++i)
+            w.write(f);
+    };
     writeText(dir.file("frames.csv"), "timestamp_ns\n1000\n2000\n3000\n");
+    // Counted before the replay.
+    for (const int frames : {2, 4}) {
+        writeY4m(frames);
+        EXPECT_NE(loadError(dir).find("video.y4m: the video has " + std::to_string(frames) +
+                                      " frames, frames.csv lists 3"),
+                  std::string::npos)
+            << loadError(dir);
+    }
+    writeY4m(3);
     const Recording rec = loadRecording(dir.path());
     EXPECT_EQ(rec.videoPath, dir.file("video.y4m"));
     EXPECT_EQ(rec.width, 32);
+    // And checked again while reading (the file changed since).
+    writeY4m(2);
     auto frames = openRecordingFrames(rec);
     Nv21Image nv;
     nv.resize(32, 16);
@@ -164,6 +221,19 @@ TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
                   std::string::npos)
             << e.what();
     }
+    // Other videos are counted by ffprobe.
+    std::remove(dir.file("video.y4m").c_str());
+    const std::string ffmpeg = ffmpegProgram();
+    if (ffmpeg.empty() || ffprobeBeside(ffmpeg).empty())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian package ffmpeg)";
+    VideoEncoder mp4;
+    mp4.open(ffmpeg, dir.file("video.mp4"), 32, 16, 30, 1);
+    mp4.write(f);
+    mp4.write(f);
+    mp4.finish();
+    EXPECT_NE(loadError(dir).find("video.mp4: the video has 2 frames, frames.csv lists 3"),
+              std::string::npos)
+        << loadError(dir);
 }
 
 TEST(RecordingFolder, SavedRecordingLoadsBack) {

@@ -33,11 +33,14 @@ std::string axesText(const vstab::AxisMap& m) {
     return s;
 }
 
-// Pearson correlation of the stacked components (rotation scaled to pixels at `radiusPx`).
+// Pearson correlation of the stacked components (rotation scaled to pixels at `radiusPx`),
+// outliers left out.
 double stackedCorrelation(const std::vector<CalibrationPoint>& series, double radiusPx) {
     double sp = 0, sm = 0, spp = 0, smm = 0, spm = 0;
     int n = 0;
     for (const CalibrationPoint& c : series) {
+        if (c.outlier)
+            continue;
         for (int k = 0; k < 3; ++k) {
             const double w = k == 2 ? radiusPx : 1.0;
             const double p = c.predicted[k] * w, m = c.measured[k] * w;
@@ -63,6 +66,7 @@ std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& m
                                                const AlignmentSearch& s, double t0Sec,
                                                double toFramePx) {
     std::vector<CalibrationPoint> out;
+    std::vector<double> errors;  // pixels of the measured pictures, as the search's scores
     for (const FrameMotion& f : motion) {
         if (!f.ok)
             continue;
@@ -71,6 +75,9 @@ std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& m
         CalibrationPoint c;
         c.timeSec = f.startSec - t0Sec;
         predictedMotion(r, s.focalPx, c.predicted[0], c.predicted[1], c.predicted[2]);
+        const double ea = (c.predicted[2] - f.angle) * s.radiusPx;
+        errors.push_back(std::sqrt((c.predicted[0] - f.tx) * (c.predicted[0] - f.tx) +
+                                   (c.predicted[1] - f.ty) * (c.predicted[1] - f.ty) + ea * ea));
         c.predicted[0] *= toFramePx;
         c.predicted[1] *= toFramePx;
         c.measured[0] = f.tx * toFramePx;
@@ -78,6 +85,9 @@ std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& m
         c.measured[2] = f.angle;
         out.push_back(c);
     }
+    const double limit = outlierLimit(errors);
+    for (size_t i = 0; i < out.size(); ++i)
+        out[i].outlier = !(errors[i] <= limit);
     return out;
 }
 
@@ -111,21 +121,26 @@ std::vector<AlignmentScore> rankQuickly(const std::vector<FrameMotion>& motion,
         AlignmentScore b;
         b.map = map;
         b.rmsPx = INFINITY;
+        std::vector<double> errors(pairs.size());
         for (size_t k = 0; k < offsets.size(); ++k) {
-            double sum = 0;
             for (size_t p = 0; p < pairs.size(); ++p) {
                 const FrameMotion& f = *pairs[p];
                 double tx, ty, angle;
                 predictedMotion(map.apply(rotation[k * pairs.size() + p]), s.focalPx, tx, ty,
                                 angle);
                 const double ea = (angle - f.angle) * s.radiusPx;
-                sum += (tx - f.tx) * (tx - f.tx) + (ty - f.ty) * (ty - f.ty) + ea * ea;
+                errors[p] =
+                    std::sqrt((tx - f.tx) * (tx - f.tx) + (ty - f.ty) * (ty - f.ty) + ea * ea);
             }
-            const double rms = pairs.empty() ? INFINITY : std::sqrt(sum / pairs.size());
+            // Scored as score() does: outliers counted at the limit.
+            const double limit = outlierLimit(errors);
+            const double rms = robustRms(errors, limit);
             if (rms < b.rmsPx) {
                 b.rmsPx = rms;
                 b.offsetMs = offsets[k];
                 b.pairs = static_cast<int>(pairs.size());
+                b.outliers = static_cast<int>(std::count_if(
+                    errors.begin(), errors.end(), [limit](double e) { return !(e <= limit); }));
             }
         }
         best.push_back(b);
@@ -214,6 +229,8 @@ CalibrationStats calibrate(const CalibrationInput& in) {
     const double t0 = times.front();
     st.series = predictionSeries(motion, *in.gyro, stated, searchStatedMs, search, t0, 1.0 / scale);
     st.agreement = stackedCorrelation(st.series, 300);
+    for (const CalibrationPoint& c : st.series)
+        st.outlierPairs += c.outlier;
     const ComponentFit fit = fitComponents(motion, *in.gyro, stated, searchStatedMs, search);
     for (int k = 0; k < 3; ++k)
         st.componentCorrelation[k] = fit.correlation[k];

@@ -21,6 +21,7 @@ struct CalibrationPoint {
     double timeSec = 0;  // pair start, seconds from the first frame
     double measured[3] = {0, 0, 0};
     double predicted[3] = {0, 0, 0};
+    bool outlier = false;  // left out of the agreement (outlierLimit)
 };
 
 struct CalibrationStats {
@@ -33,6 +34,10 @@ struct CalibrationStats {
     // the two over every pair and component (translation in pixels, rotation at 300 px radius).
     double agreement = 0;
     double statedRmsPx = 0;  // prediction error with the stated values
+    // Pairs left out of the stated values' agreement (and counted at the outlier limit in their
+    // error): their prediction misses the image motion far more than the others' (a damaged
+    // gyro sample, a mis-registered pair).
+    int outlierPairs = 0;
     double componentCorrelation[3] = {0, 0, 0};
     // The best mapping (a rotation) and offset, found by search (0.1 ms steps).
     std::string bestAxes;

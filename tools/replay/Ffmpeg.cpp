@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -84,16 +85,33 @@ std::string ffmpegProgram() {
     return findProgram("ffmpeg");
 }
 
-int runProgram(const std::vector<std::string>& argv, std::string* errorText) {
+int runProgram(const std::vector<std::string>& argv, std::string* errorText,
+               std::string* outputText) {
     int errPipe[2] = {-1, -1};
     if (errorText != nullptr && pipe2(errPipe, O_CLOEXEC) != 0) {
         throw ReplayError(argv[0], 0, std::string("pipe: ") + std::strerror(errno));
+    }
+    // The standard output goes to an unlinked temporary file, read once the program has
+    // ended: no second pipe to drain while the first is read.
+    std::unique_ptr<FILE, int (*)(FILE*)> output(
+        outputText != nullptr ? std::tmpfile() : nullptr,
+        [](FILE* f) { return f != nullptr ? std::fclose(f) : 0; });
+    if (output != nullptr)
+        fcntl(fileno(output.get()), F_SETFD, FD_CLOEXEC);  // only the child's stdout keeps it
+    if (outputText != nullptr && output == nullptr) {
+        if (errorText != nullptr) {
+            close(errPipe[0]);
+            close(errPipe[1]);
+        }
+        throw ReplayError(argv[0], 0, std::string("temporary file: ") + std::strerror(errno));
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     if (errorText != nullptr)
         posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    if (output != nullptr)
+        posix_spawn_file_actions_adddup2(&actions, fileno(output.get()), 1);
     pid_t pid = -1;
     std::vector<char*> args = cArgs(argv);
     const int rc = posix_spawn(&pid, argv[0].c_str(), &actions, nullptr, args.data(), environ);
@@ -120,7 +138,49 @@ int runProgram(const std::vector<std::string>& argv, std::string* errorText) {
         }
         close(errPipe[0]);
     }
-    return waitStatus(pid);
+    const int status = waitStatus(pid);
+    if (output != nullptr) {
+        outputText->clear();
+        std::rewind(output.get());
+        char buf[4096];
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, output.get())) > 0;)
+            outputText->append(buf, n);
+    }
+    return status;
+}
+
+std::string ffprobeBeside(const std::string& ffmpeg) {
+    const size_t slash = ffmpeg.rfind('/');
+    if (ffmpeg.empty() || slash == std::string::npos)
+        return "";
+    return findProgram(ffmpeg.substr(0, slash + 1) + "ffprobe");
+}
+
+long countVideoFrames(const std::string& ffprobe, const std::string& path) {
+    std::string errors, output;
+    const int status =
+        runProgram({ffprobe, "-v", "error", "-count_packets", "-select_streams", "v:0",
+                    "-show_entries", "stream=nb_read_packets", "-of", "csv=p=0", path},
+                   &errors, &output);
+    if (status != 0) {
+        // ffprobe's last line says why.
+        std::string reason = errors.substr(0, errors.find_last_not_of(" \r\n") + 1);
+        const size_t newline = reason.rfind('\n');
+        if (newline != std::string::npos)
+            reason.erase(0, newline + 1);
+        throw ReplayError(path, 0,
+                          "ffprobe cannot count the video frames" +
+                              (reason.empty() ? std::string() : ": " + reason));
+    }
+    const size_t first = output.find_first_not_of(" \r\n");
+    const size_t last = output.find_last_not_of(" \r\n");
+    const std::string number =
+        first == std::string::npos ? "" : output.substr(first, last - first + 1);
+    if (number.empty() || number.size() > 9 ||
+        number.find_first_not_of("0123456789") != std::string::npos) {
+        throw ReplayError(path, 0, "ffprobe finds no video stream in this file");
+    }
+    return std::stol(number);
 }
 
 const std::vector<std::string> kH264Presets = {
@@ -452,14 +512,17 @@ bool VideoDecoder::read(I420Image& out) {
 }
 
 void VideoDecoder::close() {
+    // ffmpeg is stopped before its pipe is closed: otherwise it writes into the closed pipe
+    // and prints "Broken pipe" on the terminal (loadRecording opens a decoder only to read the
+    // video's size). Nothing it would still write is wanted.
+    if (child_ >= 0) {
+        kill(child_, SIGKILL);
+        waitStatus(child_);
+        child_ = -1;
+    }
     if (pipe_ != nullptr) {
         std::fclose(pipe_);
         pipe_ = nullptr;
-    }
-    if (child_ >= 0) {
-        kill(child_, SIGTERM);
-        waitStatus(child_);
-        child_ = -1;
     }
 }
 

@@ -25,8 +25,17 @@ std::string ffmpegProgram();
 
 // Runs `argv` (argv[0] a full path) and waits. Returns the exit status (128+signal when
 // killed); throws ReplayError when the program cannot be started. The child's stderr is kept
-// in `errorText` (last 4 KiB) when given.
-int runProgram(const std::vector<std::string>& argv, std::string* errorText = nullptr);
+// in `errorText` (last 4 KiB) and its stdout in `outputText` (all of it) when given.
+int runProgram(const std::vector<std::string>& argv, std::string* errorText = nullptr,
+               std::string* outputText = nullptr);
+
+// The ffprobe program in the folder of `ffmpeg` (a full path), or "" when there is none.
+std::string ffprobeBeside(const std::string& ffmpeg);
+
+// Number of frames of the first video stream of `path`, counted by `ffprobe` packet by packet
+// (not the container's estimate). Throws ReplayError naming the file when ffprobe fails or
+// finds no video stream.
+long countVideoFrames(const std::string& ffprobe, const std::string& path);
 
 // x264's speed presets, fastest first; the tool's MP4 files use kDefaultH264Preset unless told.
 extern const std::vector<std::string> kH264Presets;

@@ -183,21 +183,65 @@ void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double
     angle = -r.z();
 }
 
+double outlierLimit(const std::vector<double>& errorsPx) {
+    if (errorsPx.size() < 3)
+        return INFINITY;
+    // NaN (from an unusable sample) sorts as infinity: nth_element needs an ordering.
+    std::vector<double> v = errorsPx;
+    for (double& e : v)
+        e = std::isnan(e) ? INFINITY : e;
+    const auto middle = [&v]() {
+        std::nth_element(v.begin(), v.begin() + static_cast<long>(v.size() / 2), v.end());
+        return v[v.size() / 2];
+    };
+    const double median = middle();
+    if (!std::isfinite(median))
+        return INFINITY;  // most pairs unusable: nothing to judge them against
+    for (double& e : v)
+        e = std::fabs(e - median);
+    const double spread = 1.4826 * middle();
+    return median + std::max(kOutlierSpread * spread, kOutlierMinPx);
+}
+
+double robustRms(const std::vector<double>& errorsPx, double limit) {
+    if (errorsPx.empty())
+        return INFINITY;
+    double sum = 0;
+    for (const double e : errorsPx) {
+        const double counted = e <= limit ? e : limit;  // NaN counts as the limit
+        sum += counted * counted;
+    }
+    return std::sqrt(sum / static_cast<double>(errorsPx.size()));
+}
+
 namespace {
-// Calls use(f, p) for every measured frame pair f with the motion p = (tx, ty, angle) the gyro
-// predicts for it at the time its textured rows were read out.
-template <typename Use>
-void forEachPrediction(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
-                       const AxisMap& map, double offsetMs, const AlignmentSearch& s, Use use) {
+// A measured frame pair with the motion p = (tx, ty, angle) the gyro predicts for it at the
+// time its textured rows were read out.
+struct Prediction {
+    const FrameMotion* f;
+    double p[3];
+};
+
+// The predictions for every registered pair with their errors (pixels).
+std::vector<Prediction> predict(const std::vector<FrameMotion>& motion,
+                                const std::vector<GyroSample>& gyro, const AxisMap& map,
+                                double offsetMs, const AlignmentSearch& s,
+                                std::vector<double>& errors) {
+    std::vector<Prediction> out;
+    errors.clear();
     for (const FrameMotion& f : motion) {
         if (!f.ok)
             continue;
         const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
         const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
-        double p[3];
-        predictedMotion(r, s.focalPx, p[0], p[1], p[2]);
-        use(f, p);
+        Prediction q{&f, {0, 0, 0}};
+        predictedMotion(r, s.focalPx, q.p[0], q.p[1], q.p[2]);
+        const double ea = (q.p[2] - f.angle) * s.radiusPx;
+        errors.push_back(std::sqrt((q.p[0] - f.tx) * (q.p[0] - f.tx) +
+                                   (q.p[1] - f.ty) * (q.p[1] - f.ty) + ea * ea));
+        out.push_back(q);
     }
+    return out;
 }
 
 AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
@@ -205,13 +249,13 @@ AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<G
     AlignmentScore out;
     out.map = map;
     out.offsetMs = offsetMs;
-    double sum = 0;
-    forEachPrediction(motion, gyro, map, offsetMs, s, [&](const FrameMotion& f, const double* p) {
-        const double ea = (p[2] - f.angle) * s.radiusPx;
-        sum += (p[0] - f.tx) * (p[0] - f.tx) + (p[1] - f.ty) * (p[1] - f.ty) + ea * ea;
-        ++out.pairs;
-    });
-    out.rmsPx = out.pairs > 0 ? std::sqrt(sum / out.pairs) : INFINITY;
+    std::vector<double> errors;
+    predict(motion, gyro, map, offsetMs, s, errors);
+    const double limit = outlierLimit(errors);
+    out.pairs = static_cast<int>(errors.size());
+    for (const double e : errors)
+        out.outliers += !(e <= limit);
+    out.rmsPx = robustRms(errors, limit);
     return out;
 }
 }  // namespace
@@ -221,18 +265,24 @@ ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
                            const AlignmentSearch& search) {
     double spp[3] = {}, smm[3] = {}, spm[3] = {}, sp[3] = {}, sm[3] = {};
     int n = 0;
-    forEachPrediction(motion, gyro, map, offsetMs, search,
-                      [&](const FrameMotion& f, const double* p) {
-                          const double m[3] = {f.tx, f.ty, f.angle};
-                          for (int k = 0; k < 3; ++k) {
-                              spp[k] += p[k] * p[k];
-                              smm[k] += m[k] * m[k];
-                              spm[k] += p[k] * m[k];
-                              sp[k] += p[k];
-                              sm[k] += m[k];
-                          }
-                          ++n;
-                      });
+    std::vector<double> errors;
+    const std::vector<Prediction> all = predict(motion, gyro, map, offsetMs, search, errors);
+    const double limit = outlierLimit(errors);
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (!(errors[i] <= limit))
+            continue;
+        const FrameMotion& f = *all[i].f;
+        const double* p = all[i].p;
+        const double m[3] = {f.tx, f.ty, f.angle};
+        for (int k = 0; k < 3; ++k) {
+            spp[k] += p[k] * p[k];
+            smm[k] += m[k] * m[k];
+            spm[k] += p[k] * m[k];
+            sp[k] += p[k];
+            sm[k] += m[k];
+        }
+        ++n;
+    }
     ComponentFit fit;
     if (n < 2)
         return fit;

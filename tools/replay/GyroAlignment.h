@@ -64,11 +64,30 @@ V3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, do
 // focal length f: (-f r.y, f r.x) and content rotation -r.z (small-angle form).
 void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double& angle);
 
+// Frame pairs whose prediction error lies far beyond the others' must not decide a score, a
+// fit or an agreement: one damaged gyro sample or one mis-registered frame pair would. A pair
+// is an outlier when its error (translation, and rotation at the search's radius) exceeds the
+// median error by more than kOutlierSpread robust standard deviations (1.4826 x the median
+// absolute deviation from the median), and by kOutlierMinPx at least. Outliers are left out of
+// correlations and fits; in an error (rmsPx) each counts as the limit itself, so that a wrong
+// mapping cannot score better by having more of its pairs declared outliers.
+constexpr double kOutlierSpread = 8;
+constexpr double kOutlierMinPx = 1;
+
+// The error above which a pair with one of these prediction errors (pixels) is an outlier;
+// infinity when there are too few pairs, or too few usable ones, to judge. NaN errors are
+// outliers.
+double outlierLimit(const std::vector<double>& errorsPx);
+
+// Root mean square of the errors, each outlier counted as `limit`.
+double robustRms(const std::vector<double>& errorsPx, double limit);
+
 struct AlignmentScore {
     AxisMap map;
     double offsetMs = 0;  // gyro time minus frame time of the same instant
     double rmsPx = 0;     // prediction error: translation, and rotation at `radiusPx`
-    int pairs = 0;
+    int pairs = 0;        // pairs scored
+    int outliers = 0;     // of them, counted at the outlier limit
 };
 
 struct AlignmentSearch {
@@ -86,8 +105,8 @@ std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motio
                                            const AlignmentSearch& search);
 
 // Per-component agreement of prediction and measurement for one map and offset: correlation
-// and least-squares gain (measured = gain * predicted) of tx, ty and the rotation. A wrong
-// sign shows as a negative correlation of that component.
+// and least-squares gain (measured = gain * predicted) of tx, ty and the rotation, outliers
+// left out. A wrong sign shows as a negative correlation of that component.
 struct ComponentFit {
     double correlation[3] = {0, 0, 0};
     double gain[3] = {0, 0, 0};

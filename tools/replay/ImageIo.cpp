@@ -46,14 +46,21 @@ void jpegErrorExit(j_common_ptr cinfo) {
     longjmp(err->jump, 1);
 }
 
-void jpegSilent(j_common_ptr, int) {}
+// libjpeg goes on after a warning (level -1) with the damaged part of the picture grey:
+// "Premature end of JPEG file", "Corrupt JPEG data: premature end of data segment". A frame
+// must decode completely, so a warning ends the decode like an error. Trace messages (levels
+// 0 and up) are dropped.
+void jpegWarningIsError(j_common_ptr cinfo, int level) {
+    if (level < 0)
+        jpegErrorExit(cinfo);
+}
 
 // Decoder set-up shared by the decoders below; each sets its own jump point between
 // routeErrors() and readHeader().
 void routeErrors(jpeg_decompress_struct& cinfo, JpegError& err) {
     cinfo.err = jpeg_std_error(&err.mgr);
     err.mgr.error_exit = jpegErrorExit;
-    err.mgr.emit_message = jpegSilent;
+    err.mgr.emit_message = jpegWarningIsError;
     err.message[0] = '\0';
 }
 void readHeader(jpeg_decompress_struct& cinfo, const uint8_t* data, size_t size) {
@@ -83,7 +90,11 @@ std::string decodeJpeg(const uint8_t* data, size_t size, RgbImage* out, ImageSiz
         out->resize(static_cast<int>(cinfo.output_width), static_cast<int>(cinfo.output_height));
         while (cinfo.output_scanline < cinfo.output_height) {
             JSAMPROW row = out->row(static_cast<int>(cinfo.output_scanline));
-            jpeg_read_scanlines(&cinfo, &row, 1);
+            if (jpeg_read_scanlines(&cinfo, &row, 1) == 0) {
+                std::snprintf(err.message, sizeof err.message, "the picture ends at row %u of %u",
+                              cinfo.output_scanline, cinfo.output_height);
+                return failure(cinfo, err);
+            }
         }
         jpeg_finish_decompress(&cinfo);
     }
@@ -137,8 +148,12 @@ std::string decodeJpeg420(const uint8_t* data, size_t size, Nv21Image& out,
             cbRows[k] = cbPlane + (row / 2 + k) * chromaStride;
             crRows[k] = crPlane + (row / 2 + k) * chromaStride;
         }
-        if (jpeg_read_raw_data(&cinfo, planesOut, 16) == 0)
-            break;  // a truncated file: libjpeg warned and the rest is grey
+        // The source holds the whole file, so the decoder never suspends: no rows is a fault.
+        if (jpeg_read_raw_data(&cinfo, planesOut, 16) == 0) {
+            std::snprintf(err.message, sizeof err.message, "the picture ends at row %u of %u",
+                          cinfo.output_scanline, cinfo.output_height);
+            return failure(cinfo, err);
+        }
     }
     jpeg_finish_decompress(&cinfo);
     jpeg_destroy_decompress(&cinfo);
@@ -189,6 +204,13 @@ std::string decodePngInto(const uint8_t* data, size_t size, RgbImage* out, Image
         return message.empty() ? "corrupt PNG data" : message;
     }
     png_set_read_fn(png, &src, pngRead);
+    // A damaged chunk is a damaged frame: a CRC error in an ancillary chunk stops the decode
+    // too (libpng's default drops that chunk with a warning), and so do libpng's "benign"
+    // errors (a zlib checksum found wrong only after the last row is one). The zlib checksum
+    // is checked by default; png_set_option(PNG_IGNORE_ADLER32, ...) must stay unused: libpng
+    // 1.6.39 stops checking with PNG_OPTION_OFF as well.
+    png_set_crc_action(png, PNG_CRC_ERROR_QUIT, PNG_CRC_ERROR_QUIT);
+    png_set_benign_errors(png, 0);
     png_read_info(png, info);
     dims->width = static_cast<int>(png_get_image_width(png, info));
     dims->height = static_cast<int>(png_get_image_height(png, info));
@@ -262,16 +284,47 @@ void writeFile(const std::string& path, const void* data, size_t size) {
         throw ReplayError(path, 0, "write error on close");
 }
 
+namespace {
+
+// What is wrong with the end of a JPEG or PNG file whose last bytes are `tail` ("" when it ends
+// as a whole file does): a JPEG ends with its end-of-image marker FF D9 (zero bytes after it
+// are padding some writers add), a PNG with its empty IEND chunk. A file cut short fails here.
+std::string endFault(const std::vector<uint8_t>& head, const std::vector<uint8_t>& tail) {
+    if (isJpeg(head.data(), head.size())) {
+        size_t n = tail.size();
+        while (n > 0 && tail[n - 1] == 0)
+            --n;
+        if (n >= 2 && tail[n - 2] == 0xFF && tail[n - 1] == 0xD9)
+            return {};
+        return "the file does not end with the JPEG end-of-image marker (FF D9): it is cut "
+               "short or damaged";
+    }
+    static const uint8_t kIend[12] = {0, 0, 0, 0, 'I', 'E', 'N', 'D', 0xAE, 0x42, 0x60, 0x82};
+    if (tail.size() >= 12 && std::memcmp(tail.data() + tail.size() - 12, kIend, 12) == 0)
+        return {};
+    return "the file does not end with the PNG IEND chunk: it is cut short or damaged";
+}
+
+}  // namespace
+
 ImageSize readImageSize(const std::string& path) {
     // The header is near the start of the file; 64 KiB covers JPEG files with big EXIF blocks
-    // in practice, and the whole file is read when that is not enough.
-    std::vector<uint8_t> head;
+    // in practice, and the whole file is read when that is not enough. The last bytes tell
+    // whether the file is complete.
+    std::vector<uint8_t> head, tail(256);
     {
         FilePtr f(std::fopen(path.c_str(), "rb"));
         if (!f)
             throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
         head.resize(65536);
         head.resize(std::fread(head.data(), 1, head.size(), f.get()));
+        if (head.size() < 65536) {
+            tail = head;  // the whole file
+        } else if (std::fseek(f.get(), -static_cast<long>(tail.size()), SEEK_END) == 0) {
+            tail.resize(std::fread(tail.data(), 1, tail.size(), f.get()));
+        } else {
+            tail.clear();
+        }
     }
     ImageSize dims;
     std::string err = decodeAny(path, head, nullptr, &dims);
@@ -279,6 +332,8 @@ ImageSize readImageSize(const std::string& path) {
         readFile(path, head);
         err = decodeAny(path, head, nullptr, &dims);
     }
+    if (err.empty())
+        err = endFault(head, tail);
     if (!err.empty())
         throw ReplayError(path, 0, err);
     return dims;

@@ -20,6 +20,9 @@ struct ImageSize {
 
 // Width and height from the file's header only (cheap: used to validate a whole recording
 // before replaying it). JPEG and PNG are recognised by their first bytes, not by the name.
+// Also refuses a file that does not end as a whole one does (a JPEG without its end-of-image
+// marker, a PNG without IEND): a frame cut short is caught before the replay starts. Decoding
+// checks every frame completely (a libjpeg warning, a chunk CRC or the zlib checksum fails it).
 ImageSize readImageSize(const std::string& path);
 
 // Decodes JPEG/PNG files into RGB. Keeps its file buffer between calls so that decoding a

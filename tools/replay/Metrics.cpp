@@ -373,6 +373,7 @@ Json calibrationJson(const ReplayMetrics& m) {
             {"agreement_x_y_roll",
              {c.componentCorrelation[0], c.componentCorrelation[1], c.componentCorrelation[2]}},
             {"stated_error_px", c.statedRmsPx},
+            {"outlier_pairs", c.outlierPairs},
             {"best_axes", c.bestAxes},
             {"best_offset_ms", c.bestOffsetMs},
             {"best_agreement", c.bestAgreement},

@@ -17,6 +17,19 @@
 
 namespace qlmr::replay {
 
+AxisMap parseCameraAxes(const std::string& text) {
+    const AxisMap map = AxisMap::parse(text);
+    if (!map.isRotation()) {
+        AxisMap flipped = map;
+        flipped.sign[2] = -flipped.sign[2];
+        throw ReplayError("--camera-axes " + text +
+                          " is a mirror image, not a rotation: flip the sign of one axis (for "
+                          "example " +
+                          flipped.text() + ")");
+    }
+    return map;
+}
+
 PhoneRecording loadPhoneRecording(const std::string& dir) {
     PhoneRecording p;
     p.dir = dir;
@@ -86,9 +99,9 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
             if (f.size() != 4)
                 csv.fail("expected 4 fields x,y,z,t, got " + std::to_string(f.size()));
             GyroSample s;
-            s.x = static_cast<float>(csv.toDouble(f[0], "x"));
-            s.y = static_cast<float>(csv.toDouble(f[1], "y"));
-            s.z = static_cast<float>(csv.toDouble(f[2], "z"));
+            s.x = readGyroRate(csv, f[0], "x");
+            s.y = readGyroRate(csv, f[1], "y");
+            s.z = readGyroRate(csv, f[2], "z");
             s.timestampNs = std::llround(csv.toDouble(f[3], "t") * 1e9);
             if (!p.gyro.empty() && s.timestampNs < p.gyro.back().timestampNs)
                 csv.fail("time goes backwards");
@@ -122,6 +135,10 @@ PhoneRecording loadPhoneRecording(const std::string& dir) {
 
 void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera, const AxisMap& map,
                          double offsetMs, const std::string& outDir) {
+    if (!map.isRotation()) {
+        throw ReplayError("camera axes " + map.text() +
+                          " are a mirror image, not a rotation: no recording is written");
+    }
     if (mkdir(outDir.c_str(), 0755) != 0 && errno != EEXIST) {
         throw ReplayError(outDir, 0, std::string("cannot create folder: ") + std::strerror(errno));
     }

@@ -31,6 +31,11 @@ struct PhoneCamera {
     int exposureUs = 5250;
 };
 
+// The --camera-axes text as an axis map. Throws ReplayError with a sentence to show the user
+// when it is not a signed permutation or when it is a mirror image (determinant -1), which no
+// camera's gyroscope can be.
+AxisMap parseCameraAxes(const std::string& text);
+
 // Reads and checks the folder (file:line errors).
 PhoneRecording loadPhoneRecording(const std::string& dir);
 
@@ -40,7 +45,8 @@ PhoneRecording loadPhoneRecording(const std::string& dir);
 // gyro axes `map` (camera-axis rates as signed raw axes) and the time offset. `offsetMs` is
 // what the alignment search measures: gyro time minus frame time of the same instant, frame
 // time of row r being timestamp + r/height * readout; the configuration's offset (gyro time of
-// the first row's exposure start minus the timestamp) is that minus half the exposure.
+// the first row's exposure start minus the timestamp) is that minus half the exposure. A map
+// that is not a rotation is refused (ReplayError) before anything is written.
 void writePhoneRecording(const PhoneRecording& phone, const PhoneCamera& camera, const AxisMap& map,
                          double offsetMs, const std::string& outDir);
 

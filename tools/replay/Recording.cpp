@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <dirent.h>
 #include <sys/stat.h>
@@ -134,13 +135,20 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
     if (rec.frames.empty())
         throw ReplayError(path, 0, "no frames listed");
     if (!rec.videoPath.empty()) {
-        // The size comes from the stream header.
+        // The size comes from the stream header. The frames are counted now, so that a video
+        // that does not match frames.csv stops the run before the replay starts: a Y4M file by
+        // its frame headers, anything else by ffprobe when it is installed beside ffmpeg
+        // (without it, reading the video finds the difference).
+        long frames = -1;
         if (rec.videoPath.size() > 4 &&
             rec.videoPath.compare(rec.videoPath.size() - 4, 4, ".y4m") == 0) {
             Y4mReader reader;
             reader.open(rec.videoPath);
             rec.width = reader.width();
             rec.height = reader.height();
+            frames = 0;
+            while (reader.skip())
+                ++frames;
         } else {
             const std::string ffmpeg = ffmpegProgram();
             if (ffmpeg.empty()) {
@@ -152,9 +160,34 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
             decoder.open(ffmpeg, rec.videoPath);
             rec.width = decoder.width();
             rec.height = decoder.height();
+            const std::string ffprobe = ffprobeBeside(ffmpeg);
+            if (!ffprobe.empty())
+                frames = countVideoFrames(ffprobe, rec.videoPath);
+        }
+        if (frames >= 0 && frames != static_cast<long>(rec.frames.size())) {
+            throw ReplayError(rec.videoPath, 0,
+                              "the video has " + std::to_string(frames) +
+                                  " frames, frames.csv lists " + std::to_string(rec.frames.size()));
         }
     }
 }
+
+}  // namespace
+
+float readGyroRate(const CsvReader& csv, const std::string& field, const char* axis) {
+    const double v = csv.toDouble(field, axis);
+    if (std::fabs(v) > kMaxGyroRate) {
+        char text[160];
+        std::snprintf(text, sizeof text,
+                      "%s %g rad/s is beyond the gyroscope's range of ±%g rad/s (about 2000 "
+                      "°/s): a damaged sample",
+                      axis, v, kMaxGyroRate);
+        csv.fail(text);
+    }
+    return static_cast<float>(v);
+}
+
+namespace {
 
 void loadGyro(const std::string& dir, Recording& rec) {
     const std::string path = joinPath(dir, "gyro.csv");
@@ -174,9 +207,9 @@ void loadGyro(const std::string& dir, Recording& rec) {
         s.timestampNs = csv.toInt64(f[0], "timestamp_ns");
         if (s.timestampNs <= 0)
             csv.fail("timestamp_ns must be positive");
-        s.x = static_cast<float>(csv.toDouble(f[1], "x"));
-        s.y = static_cast<float>(csv.toDouble(f[2], "y"));
-        s.z = static_cast<float>(csv.toDouble(f[3], "z"));
+        s.x = readGyroRate(csv, f[1], "x");
+        s.y = readGyroRate(csv, f[2], "y");
+        s.z = readGyroRate(csv, f[3], "z");
         if (!rec.gyro.empty() && s.timestampNs < rec.gyro.back().timestampNs) {
             csv.fail("timestamp " + std::to_string(s.timestampNs) + " goes back before " +
                      std::to_string(rec.gyro.back().timestampNs) + " (line " +
@@ -228,11 +261,17 @@ class ImageFrames : public RecordingFrames {
     explicit ImageFrames(const Recording& rec) : RecordingFrames(rec) {}
     void read(int i, Nv21Image& out) override {
         const FrameEntry& e = rec_.frames[static_cast<size_t>(i)];
-        reader_.readNv21(e.file, out);
+        try {
+            reader_.readNv21(e.file, out);
+        } catch (const ReplayError& err) {
+            // "<image>: <the decoder's reason>", placed at the frame's line.
+            throw ReplayError(joinPath(rec_.dir, "frames.csv"), e.line,
+                              "image " + std::string(err.what()));
+        }
         if (out.width != rec_.width || out.height != rec_.height) {
             const std::string found = sizeText(out.width, out.height);
             out.resize(rec_.width, rec_.height);
-            throw ReplayError(rec_.dir + "/frames.csv", e.line,
+            throw ReplayError(joinPath(rec_.dir, "frames.csv"), e.line,
                               "image " + e.file + " is " + found + ", the recording's frames are " +
                                   sizeText(rec_.width, rec_.height));
         }

@@ -22,6 +22,16 @@ struct GyroSample {
     float z = 0;
 };
 
+// The largest angular velocity a sample may hold, rad/s on any axis: about 2000 deg/s, the
+// top of a phone gyroscope's range. A sample beyond it is a damaged one, not motion.
+constexpr double kMaxGyroRate = 35.0;
+
+class CsvReader;
+
+// Reads one angular-velocity field of `csv`'s current line, rad/s about `axis`: a finite
+// number within ±kMaxGyroRate, else a ReplayError at that line naming the value and the limit.
+float readGyroRate(const CsvReader& csv, const std::string& field, const char* axis);
+
 // Exposure written into frames whose recording does not give one (microseconds).
 constexpr int kDefaultExposureUs = 10000;
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
+#include <sys/stat.h>
 
 namespace qlmr::replay {
 
@@ -136,25 +137,51 @@ void Y4mReader::readHeader() {
     }
 }
 
-bool Y4mReader::read(I420Image& out) {
+bool Y4mReader::readFrameHeader() {
     if (file_ == nullptr)
         throw ReplayError("Y4M reader used before open");
     char marker[5];
     const size_t got = std::fread(marker, 1, 5, file_);
     if (got == 0)
         return false;
-    const std::string where = "frame " + std::to_string(frames_ + 1);
     if (got != 5 || std::memcmp(marker, "FRAME", 5) != 0) {
-        throw ReplayError(name_, 0, where + ": missing FRAME marker (truncated or corrupt stream)");
+        throw ReplayError(name_, 0,
+                          frameName() + ": missing FRAME marker (truncated or corrupt stream)");
     }
     for (int c; (c = std::fgetc(file_)) != '\n';) {
         if (c == EOF)
-            throw ReplayError(name_, 0, where + ": stream ends in the frame header");
+            throw ReplayError(name_, 0, frameName() + ": stream ends in the frame header");
     }
+    return true;
+}
+
+std::string Y4mReader::frameName() const {
+    return "frame " + std::to_string(frames_ + 1);
+}
+
+bool Y4mReader::read(I420Image& out) {
+    if (!readFrameHeader())
+        return false;
     out.resize(width_, height_);
     if (std::fread(out.data.data(), 1, out.data.size(), file_) != out.data.size()) {
-        throw ReplayError(name_, 0, where + ": stream ends inside the frame (truncated)");
+        throw ReplayError(name_, 0, frameName() + ": stream ends inside the frame (truncated)");
     }
+    ++frames_;
+    return true;
+}
+
+bool Y4mReader::skip() {
+    if (!readFrameHeader())
+        return false;
+    const long bytes = static_cast<long>(width_) * height_ * 3 / 2;
+    struct stat st;
+    const long at = std::ftell(file_);
+    if (at < 0 || fstat(fileno(file_), &st) != 0)
+        throw ReplayError(name_, 0, "cannot seek in the stream");
+    if (st.st_size - at < bytes)
+        throw ReplayError(name_, 0, frameName() + ": stream ends inside the frame (truncated)");
+    if (std::fseek(file_, bytes, SEEK_CUR) != 0)
+        throw ReplayError(name_, 0, "cannot seek in the stream");
     ++frames_;
     return true;
 }

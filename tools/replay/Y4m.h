@@ -56,6 +56,9 @@ class Y4mReader {
     // Next frame into `out` (resized to the stream's size). False at the clean end of the
     // stream; throws ReplayError on a truncated frame or a bad frame marker.
     bool read(I420Image& out);
+    // Passes over the next frame without reading its pixels (a file opened with open(): it
+    // seeks). Returns and throws as read() does, a frame cut short included.
+    bool skip();
 
     int width() const { return width_; }
     int height() const { return height_; }
@@ -66,6 +69,9 @@ class Y4mReader {
     // Reads from `stream` from now on (closed by this reader when `owned`).
     void use(FILE* stream, bool owned, const std::string& name);
     void readHeader();
+    // Reads the next "FRAME...\n" line; false at the clean end of the stream.
+    bool readFrameHeader();
+    std::string frameName() const;  // "frame N" of the frame being read, for errors
 
     FILE* file_ = nullptr;
     bool owned_ = false;

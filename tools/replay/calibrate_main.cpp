@@ -13,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -66,11 +67,25 @@ int main(int argc, char** argv) {
         const CalibrationStats c = calibrate(in);
         for (const std::string& w : c.configWarnings)
             std::printf("configuration: %s\n", w.c_str());
-        std::printf("%d frame pairs measured\n", c.pairs);
+        std::printf("%d frame pairs measured", c.pairs);
+        if (c.outlierPairs > 0) {
+            std::printf(
+                " (%d left out: the gyro's prediction misses their image motion far more "
+                "than the others')",
+                c.outlierPairs);
+        }
+        std::printf("\n");
         if (!c.measured || c.bestAxes.empty()) {
             std::fprintf(stderr,
                          "qlmr_calibrate: error: too few frame pairs could be registered to "
                          "calibrate\n");
+            return 1;
+        }
+        if (!std::isfinite(c.agreement) || !std::isfinite(c.statedRmsPx) ||
+            !std::isfinite(c.bestAgreement) || !std::isfinite(c.bestRmsPx)) {
+            std::fprintf(stderr,
+                         "qlmr_calibrate: error: the gyro samples give no usable prediction of "
+                         "the image motion; config.txt is left as it is\n");
             return 1;
         }
         std::printf("configured: axes %-9s offset %7.2f ms  agreement %.3f  error %.2f px\n",

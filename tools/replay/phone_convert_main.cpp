@@ -45,8 +45,14 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "qlmr_phone_convert: error: give --out DIR and/or --analyze\n");
         return 2;
     }
+    AxisMap map;
     try {
-        const AxisMap map = AxisMap::parse(axes);
+        map = parseCameraAxes(axes);
+    } catch (const ReplayError& e) {
+        std::fprintf(stderr, "qlmr_phone_convert: error: %s\n", e.what());
+        return 2;  // a usage error, like CLI11's own
+    }
+    try {
         const PhoneRecording phone = loadPhoneRecording(data);
         const PhoneCamera camera;
         std::printf("%zu frames %dx%d, %zu gyro samples\n", phone.framePaths.size(), phone.width,
