@@ -28,6 +28,14 @@ std::string sizeText(int w, int h) {
     return std::to_string(w) + "x" + std::to_string(h);
 }
 
+// "" when a frame size can be replayed, else what is wrong with it ("WxH; ..."). Any even size
+// from 16 to 8192 pixels: the engine session scales widths its buffers cannot take.
+std::string frameSizeFault(int w, int h) {
+    if (w % 2 == 0 && h % 2 == 0 && w >= 16 && h >= 16 && w <= 8192 && h <= 8192)
+        return "";
+    return sizeText(w, h) + "; frames need an even width and height from 16 to 8192 pixels";
+}
+
 // Finds the folder's single "video.*" file, or "".
 std::string findVideo(const std::string& dir) {
     std::string found;
@@ -116,10 +124,9 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
                     csv.fail("image " + std::string(err.what()));
                 }
                 if (rec.frames.empty()) {
-                    if (size.width % 2 != 0 || size.height % 2 != 0) {
-                        csv.fail("image " + e.file + " is " + sizeText(size.width, size.height) +
-                                 "; frames need an even width and height");
-                    }
+                    if (const std::string fault = frameSizeFault(size.width, size.height);
+                        !fault.empty())
+                        csv.fail("image " + e.file + " is " + fault);
                     rec.width = size.width;
                     rec.height = size.height;
                 } else if (size.width != rec.width || size.height != rec.height) {
@@ -164,6 +171,8 @@ void loadFrames(const std::string& dir, bool checkImages, Recording& rec) {
             if (!ffprobe.empty())
                 frames = countVideoFrames(ffprobe, rec.videoPath);
         }
+        if (const std::string fault = frameSizeFault(rec.width, rec.height); !fault.empty())
+            throw ReplayError(rec.videoPath, 0, "the video is " + fault);
         if (frames >= 0 && frames != static_cast<long>(rec.frames.size())) {
             throw ReplayError(rec.videoPath, 0,
                               "the video has " + std::to_string(frames) +
