@@ -3,6 +3,7 @@
 #include "ColorConvert.h"
 #include "Ffmpeg.h"
 #include "ImageIo.h"
+#include "Interrupt.h"
 #include "ReplayApp.h"
 #include "ReplayError.h"
 #include "TestUtil.h"
@@ -12,7 +13,10 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <dirent.h>
+#include <map>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -78,6 +82,62 @@ class OracleSession : public ReplaySession {
     SyntheticOptions options_;
 };
 
+// The pass-through session, failing as told once `after` frames have been delivered.
+class FailingSession : public ReplaySession {
+  public:
+    FailingSession(int after, bool interrupt) : after_(after), interrupt_(interrupt) {}
+    const char* name() const override { return "failing"; }
+    SessionResult run(FrameSource& frames, const std::vector<GyroSample>& gyro,
+                      const SessionConfig& config, SessionObserver& observer) override {
+        struct Tripwire : SessionObserver {
+            SessionObserver* inner;
+            int after;
+            bool interrupt;
+            void onFrameDelivered(int i, int64_t t, const Nv21Image& f) override {
+                inner->onFrameDelivered(i, t, f);
+                if (i + 1 < after)
+                    return;
+                if (!interrupt)
+                    throw ReplayError("the engine stopped taking frames");
+                requestInterrupt();
+            }
+            void onFrameOutput(int s, int64_t t, const RgbaView& v) override {
+                inner->onFrameOutput(s, t, v);
+            }
+        } tripwire;
+        tripwire.inner = &observer;
+        tripwire.after = after_;
+        tripwire.interrupt = interrupt_;
+        return makePassThroughSession()->run(frames, gyro, config, tripwire);
+    }
+
+  private:
+    int after_;
+    bool interrupt_;
+};
+
+// Every file under a folder (hidden ones too) with its content; a folder is "name/".
+std::map<std::string, std::string> folderContents(const std::string& path,
+                                                  const std::string& prefix = "") {
+    std::map<std::string, std::string> files;
+    DIR* d = opendir(path.c_str());
+    if (d == nullptr)
+        return files;
+    while (const dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        if (name == "." || name == "..")
+            continue;
+        if (e->d_type == DT_DIR) {
+            files[prefix + name + "/"] = "";
+            files.merge(folderContents(path + "/" + name, prefix + name + "/"));
+        } else {
+            files[prefix + name] = replay_test::readText(path + "/" + name);
+        }
+    }
+    closedir(d);
+    return files;
+}
+
 int runCommand(const std::string& args, std::string& stderrText) {
     TempDir dir;
     const std::string cmd =
@@ -101,6 +161,10 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     EXPECT_EQ(m.framesDelivered, 90);
     EXPECT_EQ(m.framesOut, 90);
     EXPECT_EQ(m.framesDropped, 0);
+    // The session's note is information, not a warning.
+    EXPECT_EQ(m.notes, std::vector<std::string>{
+                           "dry run: frames passed through unchanged, no engine involved"});
+    EXPECT_TRUE(m.warnings.empty());
     // Nothing stabilized: output shakes exactly like the input, uncropped.
     ASSERT_TRUE(m.hasTruth);
     EXPECT_GT(m.truth.inputJitterPx, 3.0);
@@ -173,6 +237,99 @@ TEST(ReplayApp, EncodesMp4WhileReplayingAndWritesY4mOnlyWhenAsked) {
     const ReplayOutcome both = runReplay(o, *session, log);
     EXPECT_NE(std::find(both.files.begin(), both.files.end(), "stabilized.y4m"), both.files.end());
     EXPECT_NE(std::find(both.files.begin(), both.files.end(), "stabilized.mp4"), both.files.end());
+}
+
+TEST(ReplayApp, FailedOrInterruptedRunLeavesTheEarlierOutputsAsTheyWere) {
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    o.synthetic.seconds = 1;
+    o.mp4 = !ffmpegProgram().empty();
+    o.saveRecording = dir.file("saved");
+    std::ostringstream log;
+    runReplay(o, *makePassThroughSession(), log);
+    const auto outputs = folderContents(o.outDir);
+    const auto saved = folderContents(o.saveRecording);
+    ASSERT_EQ(outputs.size(), 4u);
+    ASSERT_EQ(saved.count("frames.csv"), 1u);
+
+    // Half-way through, with more outputs than the first run: nothing changes, nothing is left.
+    o.sideBySide = true;
+    o.y4m = true;
+    for (const bool interrupt : {true, false}) {
+        FailingSession failing(10, interrupt);
+        if (interrupt)
+            EXPECT_THROW(runReplay(o, failing, log), Interrupted);
+        else
+            EXPECT_THROW(runReplay(o, failing, log), ReplayError);
+        clearInterrupt();
+        EXPECT_EQ(folderContents(o.outDir), outputs) << "interrupted: " << interrupt;
+        EXPECT_EQ(folderContents(o.saveRecording), saved);
+        // Beside out/ and saved/, no temporary.
+        const auto all = folderContents(dir.path());
+        EXPECT_EQ(all.size(), outputs.size() + saved.size() + 2) << all.rbegin()->first;
+    }
+
+    // A run that succeeds replaces the whole set: no video of the earlier run stays.
+    o.sideBySide = false;
+    o.y4m = false;
+    o.mp4 = false;
+    const ReplayOutcome out = runReplay(o, *makePassThroughSession(), log);
+    auto names = [](const std::map<std::string, std::string>& files) {
+        std::vector<std::string> v;
+        for (const auto& [name, content] : files)
+            v.push_back(name);
+        return v;
+    };
+    std::vector<std::string> written = out.files;
+    std::sort(written.begin(), written.end());
+    EXPECT_EQ(names(folderContents(o.outDir)), written);
+}
+
+TEST(ReplayApp, DescribesAFailureForTheCommand) {
+    const ReplayFailure error = describeFailure(ReplayError("a.csv", 2, "bad"), "out");
+    EXPECT_EQ(error.message, "error: a.csv:2: bad; the outputs in out/ are unchanged");
+    EXPECT_EQ(error.exitStatus, 1);
+    const ReplayFailure stopped = describeFailure(Interrupted(), "replay-out/");
+    EXPECT_EQ(stopped.message, "interrupted; the outputs in replay-out/ are unchanged");
+    EXPECT_EQ(stopped.exitStatus, 130);
+    // SIGTERM's handler raises the flag; any error that follows counts as the interruption.
+    installInterruptHandlers();
+    std::raise(SIGTERM);
+    const ReplayFailure terminated = describeFailure(ReplayError("read: EINTR"), "o");
+    clearInterrupt();
+    EXPECT_EQ(terminated.message, "interrupted; the outputs in o/ are unchanged");
+    EXPECT_EQ(terminated.exitStatus, 143);
+}
+
+TEST(ReplayCommand, VideoRecordingReadInPartIsQuiet) {
+    const std::string ffmpeg = ffmpegProgram();
+    if (ffmpeg.empty())
+        GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
+    TempDir rec;
+    {
+        VideoEncoder enc;
+        enc.open(ffmpeg, rec.file("video.mp4"), 320, 240, 30, 1);
+        I420Image f;
+        f.resize(320, 240);
+        for (int k = 0; k < 60; ++k) {
+            std::fill(f.data.begin(), f.data.end(), static_cast<uint8_t>(k * 4));
+            enc.write(f);
+        }
+        enc.finish();
+    }
+    std::string csv = "timestamp_ns\n";
+    for (int k = 0; k < 60; ++k)
+        csv += std::to_string(1000000000LL + k * 33333333LL) + "\n";
+    replay_test::writeText(rec.file("frames.csv"), csv);
+    replay_test::writeText(rec.file("gyro.csv"), "timestamp_ns,x,y,z\n1,0,0,0\n");
+    replay_test::writeText(rec.file("config.txt"), "a=b\n");
+    TempDir out;
+    std::string err;
+    EXPECT_EQ(runCommand("--dry-run --quiet --no-mp4 --max-frames 3 --input " + rec.path() +
+                             " --out " + out.path(),
+                         err),
+              0);
+    EXPECT_EQ(err, "");
 }
 
 TEST(ReplayApp, MetricsRecogniseAPerfectStabilizer) {
