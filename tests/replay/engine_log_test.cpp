@@ -65,6 +65,43 @@ TEST(EngineLog, CountsFrameFatesAndCollectsStageTimes) {
     EXPECT_DOUBLE_EQ(p.at("Render()/Render").max, 4.0);
 }
 
+TEST(EngineLog, CountsExpectedLinesApartFromWarningsAndErrors) {
+    // (priority, line, counted as): w warning, e error, x expected, - neither (diagnostics).
+    const struct {
+        int priority;
+        const char* text;
+        char counted;
+    } lines[] = {
+        {ANDROID_LOG_WARN, "[Warning] Gyro and system clock deviate with more than 200ms, ", 'x'},
+        {ANDROID_LOG_ERROR, "GBM creating new GLGB for 0x7feb9c0017e0", 'x'},
+        {ANDROID_LOG_WARN, "[Warning] Received invalid gyro sample timestamp (ignoring sample)",
+         'w'},
+        {ANDROID_LOG_WARN, "[Error] Could not query clockIdGyro timer", 'w'},
+        {ANDROID_LOG_WARN, "[Exception] VStab returned error in main loop", 'w'},
+        {ANDROID_LOG_ERROR, "[Warning] Gyro and system clock deviate with more than 200ms", 'e'},
+        {ANDROID_LOG_ERROR, " void Context::Render() 12 (1282)", 'e'},
+        {ANDROID_LOG_WARN, "GBM creating new GLGB for 0x1", '-'},
+        {ANDROID_LOG_WARN, "[VStab] Gyro: 1000 ( 0.1 0.2 0.3 )", '-'},
+        {ANDROID_LOG_WARN, "[cTTiming][Render()] Render(1.5) ", '-'},
+        {ANDROID_LOG_INFO, "[Warning] at info level", '-'},
+    };
+    for (const auto& l : lines) {
+        EngineLogStats s;
+        s.add(l.priority, l.text);
+        int expected = 0;
+        for (const auto& [kind, n] : s.expectedLines)
+            expected += n;
+        EXPECT_EQ(s.warnings, l.counted == 'w' ? 1 : 0) << l.text;
+        EXPECT_EQ(s.errors, l.counted == 'e' ? 1 : 0) << l.text;
+        EXPECT_EQ(expected, l.counted == 'x' ? 1 : 0) << l.text;
+    }
+    EngineLogStats s;
+    for (const auto& l : lines)
+        s.add(l.priority, l.text);
+    EXPECT_EQ(s.expectedLines,
+              (std::map<std::string, int>{{"gl_buffer_setup", 1}, {"gyro_clock_ahead", 1}}));
+}
+
 TEST(EngineLogTap, CapturesLinesFromEveryThreadAndWritesTheLog) {
     replay_test::TempDir dir;
     auto run = [&] {

@@ -1,8 +1,10 @@
 // The replay command end to end without an engine: the dry run's outputs, metrics that tell a
 // perfect stabilizer from none, and the command's error handling.
 #include "ColorConvert.h"
+#include "Configuration.h"
 #include "Ffmpeg.h"
 #include "ImageIo.h"
+#include "Interrupt.h"
 #include "ReplayApp.h"
 #include "ReplayError.h"
 #include "TestUtil.h"
@@ -12,7 +14,10 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
+#include <dirent.h>
+#include <map>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -78,6 +83,62 @@ class OracleSession : public ReplaySession {
     SyntheticOptions options_;
 };
 
+// The pass-through session, failing as told once `after` frames have been delivered.
+class FailingSession : public ReplaySession {
+  public:
+    FailingSession(int after, bool interrupt) : after_(after), interrupt_(interrupt) {}
+    const char* name() const override { return "failing"; }
+    SessionResult run(FrameSource& frames, const std::vector<GyroSample>& gyro,
+                      const SessionConfig& config, SessionObserver& observer) override {
+        struct Tripwire : SessionObserver {
+            SessionObserver* inner;
+            int after;
+            bool interrupt;
+            void onFrameDelivered(int i, int64_t t, const Nv21Image& f) override {
+                inner->onFrameDelivered(i, t, f);
+                if (i + 1 < after)
+                    return;
+                if (!interrupt)
+                    throw ReplayError("the engine stopped taking frames");
+                requestInterrupt();
+            }
+            void onFrameOutput(int s, int64_t t, const RgbaView& v) override {
+                inner->onFrameOutput(s, t, v);
+            }
+        } tripwire;
+        tripwire.inner = &observer;
+        tripwire.after = after_;
+        tripwire.interrupt = interrupt_;
+        return makePassThroughSession()->run(frames, gyro, config, tripwire);
+    }
+
+  private:
+    int after_;
+    bool interrupt_;
+};
+
+// Every file under a folder (hidden ones too) with its content; a folder is "name/".
+std::map<std::string, std::string> folderContents(const std::string& path,
+                                                  const std::string& prefix = "") {
+    std::map<std::string, std::string> files;
+    DIR* d = opendir(path.c_str());
+    if (d == nullptr)
+        return files;
+    while (const dirent* e = readdir(d)) {
+        const std::string name = e->d_name;
+        if (name == "." || name == "..")
+            continue;
+        if (e->d_type == DT_DIR) {
+            files[prefix + name + "/"] = "";
+            files.merge(folderContents(path + "/" + name, prefix + name + "/"));
+        } else {
+            files[prefix + name] = replay_test::readText(path + "/" + name);
+        }
+    }
+    closedir(d);
+    return files;
+}
+
 int runCommand(const std::string& args, std::string& stderrText) {
     TempDir dir;
     const std::string cmd =
@@ -101,6 +162,10 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     EXPECT_EQ(m.framesDelivered, 90);
     EXPECT_EQ(m.framesOut, 90);
     EXPECT_EQ(m.framesDropped, 0);
+    // The session's note is information, not a warning.
+    EXPECT_EQ(m.notes, std::vector<std::string>{
+                           "dry run: frames passed through unchanged, no engine involved"});
+    EXPECT_TRUE(m.warnings.empty());
     // Nothing stabilized: output shakes exactly like the input, uncropped.
     ASSERT_TRUE(m.hasTruth);
     EXPECT_GT(m.truth.inputJitterPx, 3.0);
@@ -175,6 +240,99 @@ TEST(ReplayApp, EncodesMp4WhileReplayingAndWritesY4mOnlyWhenAsked) {
     EXPECT_NE(std::find(both.files.begin(), both.files.end(), "stabilized.mp4"), both.files.end());
 }
 
+TEST(ReplayApp, FailedOrInterruptedRunLeavesTheEarlierOutputsAsTheyWere) {
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    o.synthetic.seconds = 1;
+    o.mp4 = !ffmpegProgram().empty();
+    o.saveRecording = dir.file("saved");
+    std::ostringstream log;
+    runReplay(o, *makePassThroughSession(), log);
+    const auto outputs = folderContents(o.outDir);
+    const auto saved = folderContents(o.saveRecording);
+    ASSERT_EQ(outputs.size(), 5u);  // a video, engine.log, metrics, configuration, report
+    ASSERT_EQ(saved.count("frames.csv"), 1u);
+
+    // Half-way through, with more outputs than the first run: nothing changes, nothing is left.
+    o.sideBySide = true;
+    o.y4m = true;
+    for (const bool interrupt : {true, false}) {
+        FailingSession failing(10, interrupt);
+        if (interrupt)
+            EXPECT_THROW(runReplay(o, failing, log), Interrupted);
+        else
+            EXPECT_THROW(runReplay(o, failing, log), ReplayError);
+        clearInterrupt();
+        EXPECT_EQ(folderContents(o.outDir), outputs) << "interrupted: " << interrupt;
+        EXPECT_EQ(folderContents(o.saveRecording), saved);
+        // Beside out/ and saved/, no temporary.
+        const auto all = folderContents(dir.path());
+        EXPECT_EQ(all.size(), outputs.size() + saved.size() + 2) << all.rbegin()->first;
+    }
+
+    // A run that succeeds replaces the whole set: no video of the earlier run stays.
+    o.sideBySide = false;
+    o.y4m = false;
+    o.mp4 = false;
+    const ReplayOutcome out = runReplay(o, *makePassThroughSession(), log);
+    auto names = [](const std::map<std::string, std::string>& files) {
+        std::vector<std::string> v;
+        for (const auto& [name, content] : files)
+            v.push_back(name);
+        return v;
+    };
+    std::vector<std::string> written = out.files;
+    std::sort(written.begin(), written.end());
+    EXPECT_EQ(names(folderContents(o.outDir)), written);
+}
+
+TEST(ReplayApp, DescribesAFailureForTheCommand) {
+    const ReplayFailure error = describeFailure(ReplayError("a.csv", 2, "bad"), "out");
+    EXPECT_EQ(error.message, "error: a.csv:2: bad; the outputs in out/ are unchanged");
+    EXPECT_EQ(error.exitStatus, 1);
+    const ReplayFailure stopped = describeFailure(Interrupted(), "replay-out/");
+    EXPECT_EQ(stopped.message, "interrupted; the outputs in replay-out/ are unchanged");
+    EXPECT_EQ(stopped.exitStatus, 130);
+    // SIGTERM's handler raises the flag; any error that follows counts as the interruption.
+    installInterruptHandlers();
+    std::raise(SIGTERM);
+    const ReplayFailure terminated = describeFailure(ReplayError("read: EINTR"), "o");
+    clearInterrupt();
+    EXPECT_EQ(terminated.message, "interrupted; the outputs in o/ are unchanged");
+    EXPECT_EQ(terminated.exitStatus, 143);
+}
+
+TEST(ReplayCommand, VideoRecordingReadInPartIsQuiet) {
+    const std::string ffmpeg = ffmpegProgram();
+    if (ffmpeg.empty())
+        GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
+    TempDir rec;
+    {
+        VideoEncoder enc;
+        enc.open(ffmpeg, rec.file("video.mp4"), 320, 240, 30, 1);
+        I420Image f;
+        f.resize(320, 240);
+        for (int k = 0; k < 60; ++k) {
+            std::fill(f.data.begin(), f.data.end(), static_cast<uint8_t>(k * 4));
+            enc.write(f);
+        }
+        enc.finish();
+    }
+    std::string csv = "timestamp_ns\n";
+    for (int k = 0; k < 60; ++k)
+        csv += std::to_string(1000000000LL + k * 33333333LL) + "\n";
+    replay_test::writeText(rec.file("frames.csv"), csv);
+    replay_test::writeText(rec.file("gyro.csv"), "timestamp_ns,x,y,z\n1,0,0,0\n");
+    replay_test::writeText(rec.file("config.txt"), "a=b\n");
+    TempDir out;
+    std::string err;
+    EXPECT_EQ(runCommand("--dry-run --quiet --no-mp4 --max-frames 3 --input " + rec.path() +
+                             " --out " + out.path(),
+                         err),
+              0);
+    EXPECT_EQ(err, "");
+}
+
 TEST(ReplayApp, MetricsRecogniseAPerfectStabilizer) {
     TempDir dir;
     ReplayOptions o = smallSynthetic(dir);
@@ -201,14 +359,15 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
     std::string err;
     EXPECT_EQ(runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err),
               1);
+    const std::string unchanged = "; the outputs in " + out.path() + "/ are unchanged\n";
     EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("frames.csv") + ":2: image " +
-                       rec.file("frames/missing.png") +
-                       ": cannot open: No such file or directory\n");
+                       rec.file("frames/missing.png") + ": cannot open: No such file or directory" +
+                       unchanged);
 
     replay_test::writeText(rec.file("frames.csv"), "timestamp_ns,file\n");
     EXPECT_EQ(runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err),
               1);
-    EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("frames.csv") + ": no frames listed\n");
+    EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("frames.csv") + ": no frames listed" + unchanged);
 
     // Each kind of fault: one line naming file and line, exit status 1.
     writePng(rec.file("frames/a.png"), replay_test::gradient(32, 16));
@@ -244,9 +403,10 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
     replay_test::writeText(rec.file("config.txt"), "# camera\nvstab.fovHorizontalDeg=-69.75\n");
     const std::string input = "--dry-run --quiet --input " + rec.path() + " --out " + out.path();
     EXPECT_EQ(runCommand(input, err), 1);
-    EXPECT_EQ(err, "qlmr_replay: error: the stabilization library refuses the configuration: " +
-                       rec.file("config.txt") +
-                       ":2: vstab.fovHorizontalDeg=-69.75 is outside 10..170.\n");
+    EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("config.txt") +
+                       ":2: vstab.fovHorizontalDeg=-69.75 is outside 10..170 (the stabilization "
+                       "library refuses this configuration)" +
+                       unchanged);
     EXPECT_EQ(runCommand(input + " --set vstab.fovHorizontalDeg=60 --set vstab.readoutNs=-4", err), 1);
     EXPECT_NE(err.find(": --set vstab.readoutNs=-4: "), std::string::npos) << err;
 
@@ -259,6 +419,25 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
             << usage << ": " << err;
         EXPECT_FALSE(err.empty()) << usage;
     }
+}
+
+// --set replaces the value of the line that sets the key (never a comment that names it) or
+// appends a line, and each line remembers where it came from for the library's sentences.
+TEST(ReplayApp, OverridesReplaceOrAppendConfigurationLines) {
+    const ConfigurationText c = applyOverrides(
+        "# vstab.windowNs=1 is the window\n vstab.windowNs = 800000000\nvstab.gridRows=9\n",
+        "rec/config.txt",
+        {parseOverride("vstab.windowNs=1000000000"), parseOverride(" vstab.lensK1 = 0.02")});
+    EXPECT_EQ(c.text,
+              "# vstab.windowNs=1 is the window\nvstab.windowNs=1000000000\nvstab.gridRows=9\n"
+              "vstab.lensK1=0.02\n");
+    EXPECT_EQ(c.lineOrigins,
+              (std::vector<std::string>{"rec/config.txt:1", "--set vstab.windowNs=1000000000",
+                                        "rec/config.txt:3", "--set vstab.lensK1=0.02"}));
+    EXPECT_EQ(checkConfiguration(applyOverrides("vstab.gridRow=9\n", "c.txt", {})),
+              (std::vector<std::string>{
+                  "c.txt:1: unknown key vstab.gridRow is ignored; did you mean vstab.gridRows?"}));
+    EXPECT_THROW(parseOverride("novalue"), ReplayError);
 }
 
 TEST(ReplayApp, ParsesSizes) {

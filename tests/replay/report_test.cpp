@@ -43,9 +43,12 @@ TEST(Report, IsSelfContained) {
     FramePair pair;
     pair.before = replay_test::gradient(32, 16);
     pair.after = replay_test::gradient(32, 16);
-    const std::string html = reportHtml(
-        m, {pair}, ReportContext{"qlmr_replay --dry-run", {{"metrics.json", "figures"}}});
+    const std::string html =
+        reportHtml(m, {pair},
+                   ReportContext{"qlmr_replay --dry-run", {{"metrics.json", "figures"}},
+                                 "vstab.lensK1=0.1 # <b>\n"});
     EXPECT_NE(html.find("test &lt;input&gt;"), std::string::npos);
+    EXPECT_NE(html.find("vstab.lensK1=0.1 # &lt;b&gt;"), std::string::npos);  // the configuration
     EXPECT_NE(html.find("data:image/jpeg;base64,/9j/"), std::string::npos);  // JPEG magic in base64
     // Everything is inline: no element loads a file or an address.
     EXPECT_EQ(html.find("src=\"http"), std::string::npos);
@@ -65,6 +68,50 @@ TEST(Report, IsSelfContained) {
     EXPECT_EQ(plots[0]["title"], "Camera path: horizontal (x)");
     EXPECT_EQ(plots[0]["series"][0]["y"], nlohmann::json({0, 1}));
     EXPECT_EQ(plots[0]["series"][2]["dashed"], true);  // the intended path
+}
+
+TEST(Report, ListsWarningsNotesAndEngineLinesApart) {
+    ReplayMetrics m;
+    m.warnings = {"12 input frame pairs could not be registered"};
+    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
+    m.engine.warnings = 2;
+    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}, {"gl_buffer_setup", 3}};
+    const std::string html = reportHtml(m, {}, ReportContext{});
+    const size_t warnings = html.find("<h2>Warnings</h2>");
+    const size_t notes = html.find("<h2>Notes</h2>");
+    ASSERT_NE(warnings, std::string::npos);
+    ASSERT_NE(notes, std::string::npos);
+    // Each list holds its own lines only.
+    const size_t warning = html.find(m.warnings[0]), note = html.find(m.notes[0]);
+    EXPECT_TRUE(warning > warnings && (warning < notes || notes < warnings));
+    EXPECT_TRUE(note > notes && (note < warnings || warnings < notes));
+    EXPECT_EQ(html.find(m.notes[0], note + 1), std::string::npos);
+    EXPECT_NE(html.find("<td>2 / 0</td><td class=\"note\">expected lines, not counted: 3 "
+                        "gl_buffer_setup, 1712 gyro_clock_ahead</td>"),
+              std::string::npos);
+    const auto j = nlohmann::json::parse(metricsJson(m));
+    EXPECT_EQ(j["notes"], nlohmann::json(m.notes));
+    EXPECT_EQ(j["warnings"], nlohmann::json(m.warnings));
+    EXPECT_EQ(j["engine_log"]["warnings"], 2);
+    EXPECT_EQ(j["engine_log"]["expected_lines"]["gyro_clock_ahead"], 1712);
+}
+
+TEST(Report, QuotesTheCommandLineForTheShell) {
+    const struct {
+        std::vector<std::string> args;
+        const char* quoted;
+    } cases[] = {
+        {{"qlmr_replay", "--out", "/tmp/a-b_c/x.y", "--size=320x240"},
+         "qlmr_replay --out /tmp/a-b_c/x.y --size=320x240"},
+        {{"qlmr_replay", "--input", "my recording"}, "qlmr_replay --input 'my recording'"},
+        {{"a", ""}, "a ''"},
+        {{"it's"}, "'it'\\''s'"},
+        {{"$HOME", "*.png", "a;b", "x\"y"}, "'$HOME' '*.png' 'a;b' 'x\"y'"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(shellQuote(c.args), c.quoted);
+    const char* argv[] = {"qlmr_replay", "--scene", "a b.png"};
+    EXPECT_EQ(shellQuote(3, argv), "qlmr_replay --scene 'a b.png'");
 }
 
 // Requests the browser made for the page (not its own background traffic) in a NetLog file:

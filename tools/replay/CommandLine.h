@@ -9,14 +9,13 @@
 
 #include <CLI/CLI.hpp>
 
-#include <csignal>
 #include <string>
 
 namespace qlmr::replay {
 
-constexpr int kExitInputError = 1;  // an input, configuration or output fault
-constexpr int kExitUsage = 2;       // the command line itself is wrong
-constexpr int kExitInterrupted = 128 + SIGINT;
+// Exit codes besides these: 1 for an input, configuration or output fault, 128 + the signal for
+// an interrupted run (describeFailure in ReplayApp.h).
+constexpr int kExitUsage = 2;  // the command line itself is wrong
 
 // Parses the command line. Returns -1 to go on, else the exit code: 0 after --help, kExitUsage
 // (with CLI11's sentence on stderr) for any fault in the options or their values.

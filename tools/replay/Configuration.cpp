@@ -93,8 +93,11 @@ std::vector<std::string> checkConfiguration(const ConfigurationText& config) {
     vstab::ConfigWarnings warnings;
     if (!vstab::parseConfig(config.text.data(), config.text.size(), parsed, error, sizeof error,
                             &warnings)) {
-        throw ReplayError("the stabilization library refuses the configuration: " +
-                          locate(config, error));
+        std::string sentence = error;
+        if (!sentence.empty() && sentence.back() == '.')
+            sentence.pop_back();
+        throw ReplayError(locate(config, sentence) +
+                          " (the stabilization library refuses this configuration)");
     }
     std::vector<std::string> out;
     std::istringstream lines(warnings.text);

@@ -4,6 +4,7 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -47,11 +48,32 @@ bool parseTimingLine(const std::string& text, TimingLine& out) {
     return true;
 }
 
+const std::vector<ExpectedLine> kExpectedEngineLines = {
+    {ANDROID_LOG_WARN, "[Warning] Gyro and system clock deviate with more than 200ms",
+     "gyro_clock_ahead"},
+    {ANDROID_LOG_ERROR, "GBM creating new GLGB for ", "gl_buffer_setup"},
+};
+
+namespace {
+bool startsWith(const std::string& text, const char* prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
+}  // namespace
+
 void EngineLogStats::add(int priority, const std::string& text) {
-    if (priority == ANDROID_LOG_WARN)
-        ++warnings;
-    if (priority >= ANDROID_LOG_ERROR)
+    const auto expected = std::find_if(
+        kExpectedEngineLines.begin(), kExpectedEngineLines.end(), [&](const ExpectedLine& e) {
+            return e.priority == priority && startsWith(text, e.prefix);
+        });
+    if (expected != kExpectedEngineLines.end()) {
+        ++expectedLines[expected->kind];
+    } else if (priority >= ANDROID_LOG_ERROR) {
         ++errors;
+    } else if (priority == ANDROID_LOG_WARN &&
+               (startsWith(text, "[Warning]") || startsWith(text, "[Error]") ||
+                startsWith(text, "[Exception]"))) {
+        ++warnings;
+    }
     TimingLine timing;
     if (parseTimingLine(text, timing)) {
         for (const auto& [label, ms] : timing.stages)

@@ -25,6 +25,19 @@ struct TimingLine {
 // Parses a "[cTTiming]" line. False when the text is not one (or is malformed).
 bool parseTimingLine(const std::string& text, TimingLine& out);
 
+// A line the engine writes at warning or error level on every normal replay: counted apart
+// from the warnings and errors, by kind.
+struct ExpectedLine {
+    int priority;        // liblog's
+    const char* prefix;  // the line starts with this text
+    const char* kind;    // key in EngineLogStats::expectedLines
+};
+// The list: "[Warning] Gyro and system clock deviate with more than 200ms" (the replay clock
+// runs ahead of the system clock: the gyro is fed up to 1.5 s ahead of the frames) and
+// "GBM creating new GLGB for " (error level, once per camera buffer the engine maps to a
+// texture while it starts).
+extern const std::vector<ExpectedLine> kExpectedEngineLines;
+
 // Counters and timings gathered from the log lines of one replay.
 struct EngineLogStats {
     int droppedQueueFull = 0;      // "[Warning] Dropping new frame, internal buffer queue is full"
@@ -32,8 +45,12 @@ struct EngineLogStats {
     int duplicateFrames = 0;       // "[VStab] error, duplicate frame timestamp, ignore this frame"
     int skippedBeforeStart = 0;    // frames within the start offset
     int exceptions = 0;            // "[Exception] ..." lines
-    int warnings = 0;              // all priority-5 lines
-    int errors = 0;                // all priority-6 lines
+    // The engine writes its diagnostics at warning level too: a warning is a warning-level line
+    // marked "[Warning]", "[Error]" or "[Exception]"; an error any error-level line. Neither
+    // counts an expected line.
+    int warnings = 0;
+    int errors = 0;
+    std::map<std::string, int> expectedLines;  // kind -> count, see kExpectedEngineLines
     std::vector<std::string> exceptionTexts;
     // "<probe>/<label>" -> every duration seen, milliseconds.
     std::map<std::string, std::vector<double>> stageMs;

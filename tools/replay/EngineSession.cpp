@@ -418,7 +418,7 @@ class EngineSession : public ReplaySession {
                 "x" + std::to_string(frames.height()) + " (the outputs keep the input's size)");
         }
         if (heldBackFrames > 0) {
-            result.notes.push_back(
+            result.warnings.push_back(
                 std::to_string(heldBackFrames) + " frames were handed to the engine although it " +
                 "had output nothing for " +
                 std::to_string(

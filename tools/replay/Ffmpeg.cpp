@@ -32,6 +32,32 @@ std::vector<char*> cArgs(const std::vector<std::string>& argv) {
     return out;
 }
 
+// Starts `argv` (argv[0] a full path) with `actions`, in a process group of its own: a Ctrl-C
+// at the terminal reaches only this program, which stops its children itself (an ffmpeg that
+// took the signal too would end its file early and complain on the terminal). Returns
+// posix_spawn's error number.
+int spawnChild(pid_t& pid, const std::vector<std::string>& argv,
+               const posix_spawn_file_actions_t& actions) {
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attr, 0);
+    std::vector<char*> args = cArgs(argv);
+    const int rc = posix_spawn(&pid, argv[0].c_str(), &actions, &attr, args.data(), environ);
+    posix_spawnattr_destroy(&attr);
+    return rc;
+}
+
+// An unlinked temporary file for a child's stderr: read after the child has exited, it can
+// never fill up while this side blocks on the child's other pipe. -1 with errno set on failure.
+int errorFile() {
+    char name[] = "/tmp/qlmr-ffmpeg-XXXXXX";
+    const int fd = mkostemp(name, O_CLOEXEC);
+    if (fd >= 0)
+        unlink(name);
+    return fd;
+}
+
 int waitStatus(pid_t pid) {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0) {
@@ -245,13 +271,10 @@ void VideoEncoder::open(const std::string& ffmpeg, const std::string& mp4Path, i
                           "H.264 frames need an even, positive size, got " + std::to_string(width) +
                               "x" + std::to_string(height));
     }
-    // ffmpeg's stderr goes to an unlinked temporary file: read after it exits, it can never
-    // fill a pipe nobody reads while this side blocks on the frames.
-    char errName[] = "/tmp/qlmr-ffmpeg-XXXXXX";
-    errors_ = mkostemp(errName, O_CLOEXEC);
+    // ffmpeg's stderr goes to an unlinked temporary file, read when it failed.
+    errors_ = errorFile();
     if (errors_ < 0)
         throw ReplayError(mp4Path, 0, std::string("temporary file: ") + std::strerror(errno));
-    unlink(errName);
     int in[2];
     if (pipe2(in, O_CLOEXEC) != 0) {
         const int e = errno;
@@ -265,14 +288,14 @@ void VideoEncoder::open(const std::string& ffmpeg, const std::string& mp4Path, i
                                      "-f",   "yuv4mpegpipe", "-i", "pipe:0"};
     for (const std::string& o : h264Options(preset))
         argv.push_back(o);
-    argv.insert(argv.end(), {"-movflags", "+faststart", mp4Path});
+    // The format is named: the file may be written under a temporary name (".x.mp4.part").
+    argv.insert(argv.end(), {"-movflags", "+faststart", "-f", "mp4", mp4Path});
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, errors_, 2);
-    std::vector<char*> args = cArgs(argv);
-    const int rc = posix_spawn(&child_, ffmpeg.c_str(), &actions, nullptr, args.data(), environ);
+    const int rc = spawnChild(child_, argv, actions);
     posix_spawn_file_actions_destroy(&actions);
     ::close(in[0]);
     if (rc != 0) {
@@ -453,10 +476,7 @@ void VideoEncoder::stop() {
 }
 
 VideoDecoder::~VideoDecoder() {
-    try {
-        close();
-    } catch (...) {
-    }
+    close();
 }
 
 void VideoDecoder::open(const std::string& ffmpeg, const std::string& path) {
@@ -464,23 +484,32 @@ void VideoDecoder::open(const std::string& ffmpeg, const std::string& path) {
     if (access(path.c_str(), R_OK) != 0) {
         throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
     }
+    // ffmpeg's stderr is kept aside and shown only when the decode fails: closing the pipe
+    // before the end of the video (all the frames needed were read) makes it complain.
+    errors_ = errorFile();
+    if (errors_ < 0)
+        throw ReplayError(path, 0, std::string("temporary file: ") + std::strerror(errno));
     int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0)
-        throw ReplayError(path, 0, std::string("pipe: ") + std::strerror(errno));
+    if (pipe2(out, O_CLOEXEC) != 0) {
+        const int e = errno;
+        close();
+        throw ReplayError(path, 0, std::string("pipe: ") + std::strerror(e));
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, errors_, 2);
     const std::vector<std::string> argv = {ffmpeg,     "-nostdin", "-v", "error",
                                            "-i",       path,       "-f", "yuv4mpegpipe",
                                            "-pix_fmt", "yuv420p",  "-"};
-    std::vector<char*> args = cArgs(argv);
-    const int rc = posix_spawn(&child_, ffmpeg.c_str(), &actions, nullptr, args.data(), environ);
+    const int rc = spawnChild(child_, argv, actions);
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     if (rc != 0) {
         ::close(out[0]);
         child_ = -1;
+        close();
         throw ReplayError(ffmpeg, 0, std::string("cannot run: ") + std::strerror(rc));
     }
     pipe_ = fdopen(out[0], "rb");
@@ -488,8 +517,10 @@ void VideoDecoder::open(const std::string& ffmpeg, const std::string& path) {
     try {
         reader_.attach(pipe_, path);
     } catch (const ReplayError&) {
-        close();
-        throw ReplayError(path, 0, "ffmpeg could not decode this file as video");
+        const std::string why = finish();
+        throw ReplayError(
+            path, 0,
+            "ffmpeg could not decode this file as video" + (why.empty() ? "" : " (" + why + ")"));
     }
 }
 
@@ -499,22 +530,37 @@ bool VideoDecoder::read(I420Image& out) {
     if (reader_.read(out))
         return true;
     // End of stream: ffmpeg must have exited cleanly for the video to be complete.
-    FILE* p = pipe_;
-    pipe_ = nullptr;
-    std::fclose(p);
-    const int status = child_ >= 0 ? waitStatus(child_) : 0;
-    child_ = -1;
-    if (status != 0) {
-        throw ReplayError(path_, 0,
-                          "ffmpeg failed while decoding (exit " + std::to_string(status) + ")");
-    }
+    const std::string why = finish();
+    if (!why.empty())
+        throw ReplayError(path_, 0, "ffmpeg failed while decoding: " + why);
     return false;
 }
 
+std::string VideoDecoder::finish() {
+    if (pipe_ != nullptr) {
+        std::fclose(pipe_);
+        pipe_ = nullptr;
+    }
+    int status = 0;
+    if (child_ >= 0) {
+        status = waitStatus(child_);
+        child_ = -1;
+    }
+    std::string why;
+    if (status != 0) {
+        const std::string msg = lastLine(errors_);
+        why = "exit " + std::to_string(status) + (msg.empty() ? "" : ": " + msg);
+    }
+    if (errors_ >= 0) {
+        ::close(errors_);
+        errors_ = -1;
+    }
+    return why;
+}
+
 void VideoDecoder::close() {
-    // ffmpeg is stopped before its pipe is closed: otherwise it writes into the closed pipe
-    // and prints "Broken pipe" on the terminal (loadRecording opens a decoder only to read the
-    // video's size). Nothing it would still write is wanted.
+    // Frames left unread: ffmpeg is stopped before its pipe is closed (otherwise it writes into
+    // the closed pipe and complains; its stderr is discarded anyway) and reaped.
     if (child_ >= 0) {
         kill(child_, SIGKILL);
         waitStatus(child_);
@@ -523,6 +569,10 @@ void VideoDecoder::close() {
     if (pipe_ != nullptr) {
         std::fclose(pipe_);
         pipe_ = nullptr;
+    }
+    if (errors_ >= 0) {
+        ::close(errors_);
+        errors_ = -1;
     }
 }
 

@@ -108,16 +108,21 @@ class VideoDecoder {
     void open(const std::string& ffmpeg, const std::string& path);
     // Next frame; false at the end of the video. Throws when ffmpeg fails mid-way.
     bool read(I420Image& out);
-    // Stops ffmpeg (if still running) and reaps it.
+    // Stops ffmpeg (if still running) quietly and reaps it: frames may be left unread.
     void close();
 
     int width() const { return reader_.width(); }
     int height() const { return reader_.height(); }
 
   private:
+    // Closes the pipe and waits for ffmpeg to exit; "" when it succeeded, else its exit
+    // status and last message.
+    std::string finish();
+
     Y4mReader reader_;
     FILE* pipe_ = nullptr;
     pid_t child_ = -1;
+    int errors_ = -1;  // ffmpeg's stderr (an unlinked temporary file)
     std::string path_;
 };
 

@@ -5,6 +5,7 @@
 // replay tool's recordings before the engine is wired in, and is a reference for the engine's
 // GL output.
 #include "ColorConvert.h"
+#include "Interrupt.h"
 #include "ReplayError.h"
 #include "ReplaySession.h"
 
@@ -163,6 +164,8 @@ class LibrarySession : public ReplaySession {
         };
         const auto start = std::chrono::steady_clock::now();
         for (int i = 0; i < frames.count(); ++i) {
+            // Nothing to tear down here but what the stack unwinds (the library handle).
+            throwIfInterrupted();
             frames.read(i, frame);
             const int64_t ts = frames.timestampNs(i);
             observer.onFrameDelivered(i, ts, frame);

@@ -440,6 +440,7 @@ std::string metricsJson(const ReplayMetrics& m) {
                     {"engine_log",
                      {{"warnings", m.engine.warnings},
                       {"errors", m.engine.errors},
+                      {"expected_lines", m.engine.expectedLines},
                       {"exceptions", m.engine.exceptions},
                       {"duplicate_frames", m.engine.duplicateFrames},
                       {"skipped_before_start", m.engine.skippedBeforeStart}}},
@@ -457,7 +458,8 @@ std::string metricsJson(const ReplayMetrics& m) {
                       {"retained", m.crop.retained}}},
                     {"calibration", calibrationJson(m)},
                     {"ground_truth", truth},
-                    {"warnings", m.warnings}};
+                    {"warnings", m.warnings},
+                    {"notes", m.notes}};
     return j.dump(2) + "\n";
 }
 

@@ -118,8 +118,9 @@ struct ReplayMetrics {
     // lumas, lumaWidth wide): the gyro calibration measures the same pairs and reuses them.
     std::vector<FrameMotion> inputPairMotion;
     int lumaWidth = 0;
-    std::string calibratedFrom;  // with --calibrate: what the configuration stated before
-    std::vector<std::string> warnings;
+    std::string calibratedFrom;         // with --calibrate: what the configuration stated before
+    std::vector<std::string> warnings;  // something the reader should check
+    std::vector<std::string> notes;     // informational: how the run was made
 };
 
 struct MetricsContext {

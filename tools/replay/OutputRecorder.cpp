@@ -5,6 +5,11 @@
 #include "ReplayError.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <unistd.h>
 
 namespace qlmr::replay {
 
@@ -172,6 +177,79 @@ void OutputRecorder::finish() {
 void OutputRecorder::finishEncoding() {
     videoMp4_.finish();
     sideBySideMp4_.finish();
+}
+
+namespace {
+
+// "dir/.name<suffix>" for "dir/name" (or "dir/name/").
+std::string hiddenBeside(std::string path, const char* suffix) {
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    const size_t slash = path.rfind('/');
+    const size_t start = slash == std::string::npos ? 0 : slash + 1;
+    return path.substr(0, start) + "." + path.substr(start) + suffix;
+}
+
+bool isFolder(const std::string& path) {
+    std::error_code ec;
+    return std::filesystem::is_directory(path, ec);
+}
+
+void removeAll(const std::string& path) {
+    std::error_code ec;
+    std::filesystem::remove_all(path, ec);
+}
+
+}  // namespace
+
+StagedOutputs::~StagedOutputs() {
+    if (committed_)
+        return;
+    for (const auto& [temporary, final] : staged_) {
+        if (!temporary.empty())
+            removeAll(temporary);
+    }
+}
+
+std::string StagedOutputs::stage(const std::string& finalPath) {
+    const std::string temporary = hiddenBeside(finalPath, ".part");
+    removeAll(temporary);
+    std::string target = finalPath;
+    while (target.size() > 1 && target.back() == '/')
+        target.pop_back();
+    staged_.emplace_back(temporary, target);
+    return temporary;
+}
+
+void StagedOutputs::retire(const std::string& finalPath) {
+    removeAll(hiddenBeside(finalPath, ".part"));
+    retired_.push_back(finalPath);
+}
+
+void StagedOutputs::commit() {
+    for (auto& [temporary, final] : staged_) {
+        // rename(2) cannot replace a folder that holds files: the earlier one goes aside first.
+        std::string aside;
+        if (isFolder(temporary) && isFolder(final)) {
+            aside = hiddenBeside(final, ".old");
+            removeAll(aside);
+            if (::rename(final.c_str(), aside.c_str()) != 0)
+                throw ReplayError(final, 0, std::string("cannot replace: ") + std::strerror(errno));
+        }
+        if (::rename(temporary.c_str(), final.c_str()) != 0) {
+            const int e = errno;
+            if (!aside.empty())
+                ::rename(aside.c_str(), final.c_str());
+            throw ReplayError(final, 0,
+                              std::string("cannot rename into place: ") + std::strerror(e));
+        }
+        temporary.clear();  // nothing left to remove for this one
+        if (!aside.empty())
+            removeAll(aside);
+    }
+    committed_ = true;
+    for (const std::string& path : retired_)
+        ::unlink(path.c_str());
 }
 
 }  // namespace qlmr::replay

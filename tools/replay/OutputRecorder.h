@@ -129,4 +129,33 @@ class OutputRecorder : public SessionObserver {
     std::atomic<int> outputCount_{0};
 };
 
+// The output files (or folders) of one run, written under hidden temporary names beside their
+// final ones (".stabilized.mp4.part": the same folder, so that rename(2) is atomic) and renamed
+// into place together by commit() once everything has been written. Without commit() (an
+// error, an interruption) the destructor removes the temporaries: the previous outputs stay as
+// they were. Used by the replay's main thread only.
+class StagedOutputs {
+  public:
+    StagedOutputs() = default;
+    ~StagedOutputs();
+    StagedOutputs(const StagedOutputs&) = delete;
+    StagedOutputs& operator=(const StagedOutputs&) = delete;
+
+    // The temporary path to write `finalPath` to; an old temporary of that name (from a run
+    // killed outright) is removed first.
+    std::string stage(const std::string& finalPath);
+    // An earlier run's output that this run does not write: removed on commit(), so that the
+    // folder never mixes two runs' outputs.
+    void retire(const std::string& finalPath);
+    // Renames every staged path into place, in the order staged (a folder replaces the earlier
+    // folder of that name), then removes the retired ones. Throws ReplayError when a rename
+    // fails; the temporaries not yet renamed are then removed.
+    void commit();
+
+  private:
+    std::vector<std::pair<std::string, std::string>> staged_;  // temporary, final
+    std::vector<std::string> retired_;
+    bool committed_ = false;
+};
+
 }  // namespace qlmr::replay

@@ -1,4 +1,5 @@
 #include "ColorConvert.h"
+#include "Interrupt.h"
 #include "ReplayError.h"
 #include "ReplaySession.h"
 
@@ -34,6 +35,8 @@ class PassThroughSession : public ReplaySession {
         using Clock = std::chrono::steady_clock;
         const auto start = Clock::now();
         for (int i = 0; i < frames.count(); ++i) {
+            // Nothing to tear down here but what the stack unwinds.
+            throwIfInterrupted();
             frames.read(i, frame);
             if (config.realtime) {
                 const auto due =

@@ -7,19 +7,24 @@
 #include "Progress.h"
 #include "Calibration.h"
 #include "Configuration.h"
+#include "Interrupt.h"
 #include "Report.h"
 #include "ReplayError.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <numeric>
 #include <ostream>
 #include <sys/stat.h>
+#include <system_error>
 #include <thread>
+#include <unistd.h>
 
 namespace qlmr::replay {
 
@@ -79,6 +84,41 @@ class LimitedFrames : public FrameSource {
     std::unique_ptr<FrameSource> owned_;  // inner_ when this is a clone
 };
 
+// Another source read frame by frame on the calling thread, stopping at a requested
+// interruption (the calibration pre-pass and --save-recording read every frame).
+class InterruptibleFrames : public FrameSource {
+  public:
+    explicit InterruptibleFrames(FrameSource& inner) : inner_(inner) {}
+    int width() const override { return inner_.width(); }
+    int height() const override { return inner_.height(); }
+    int count() const override { return inner_.count(); }
+    int64_t timestampNs(int i) const override { return inner_.timestampNs(i); }
+    int exposureUs(int i) const override { return inner_.exposureUs(i); }
+    void read(int i, Nv21Image& out) override {
+        throwIfInterrupted();
+        inner_.read(i, out);
+    }
+    std::string describe() const override { return inner_.describe(); }
+    std::unique_ptr<FrameSource> clone() const override { return nullptr; }
+
+  private:
+    FrameSource& inner_;
+};
+
+// Refuses a --save-recording folder that replacing would lose something in: an existing file,
+// or a folder that holds files but no recording.
+void checkReplaceable(const std::string& path) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0)
+        return;
+    if (!S_ISDIR(st.st_mode))
+        throw ReplayError(path, 0, "exists and is not a folder");
+    std::error_code ec;
+    if (access((path + "/frames.csv").c_str(), F_OK) == 0 || std::filesystem::is_empty(path, ec))
+        return;
+    throw ReplayError(path, 0, "exists and holds no recording (no frames.csv): not replaced");
+}
+
 // Frame rate from the median frame interval, as a rational for the Y4M header.
 void frameRate(const FrameSource& frames, double& fps, int& num, int& den) {
     std::vector<int64_t> d;
@@ -121,9 +161,29 @@ void parseSize(const std::string& text, int& width, int& height) {
     height = static_cast<int>(h);
 }
 
+ReplayFailure describeFailure(const std::exception& error, const std::string& outDir) {
+    std::string dir = outDir;
+    if (dir.empty() || dir.back() != '/')
+        dir += '/';
+    const std::string unchanged = "; the outputs in " + dir + " are unchanged";
+    ReplayFailure f;
+    // An error raised by the interruption itself (a read cut short) counts as the interruption.
+    if (dynamic_cast<const Interrupted*>(&error) != nullptr || interruptRequested()) {
+        f.message = "interrupted" + unchanged;
+        f.exitStatus = 128 + (interruptSignal() != 0 ? interruptSignal() : SIGINT);
+    } else {
+        f.message = std::string("error: ") + error.what() + unchanged;
+        f.exitStatus = 1;
+    }
+    return f;
+}
+
 ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, std::ostream& log) {
     ReplayOutcome outcome;
     ReplayMetrics& m = outcome.metrics;
+    // Every output goes through here; destroyed last, after the encoders and files are closed,
+    // it removes the temporaries of a run that did not reach the end.
+    StagedOutputs staged;
 
     // Input.
     std::unique_ptr<SyntheticRecording> synthetic;
@@ -199,7 +259,8 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
             source = limitedSecond.get();
         }
         CalibrationInput ci;
-        ci.lumas = readLumas(*source, kCalibrationFactor);
+        InterruptibleFrames polled(*source);
+        ci.lumas = readLumas(polled, kCalibrationFactor);
         for (int i = 0; i < source->count(); ++i) {
             ci.timestampsNs.push_back(source->timestampNs(i));
             ci.exposureUs.push_back(source->exposureUs(i));
@@ -209,6 +270,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         ci.configText = configText;
         ci.threads = options.threads;
         const CalibrationStats c = calibrate(ci);
+        throwIfInterrupted();
         if (!c.measured || c.bestAxes.empty()) {
             throw ReplayError("--calibrate: the image motion could not be measured on " +
                               std::to_string(c.pairs) + " frame pairs");
@@ -224,12 +286,16 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         configText = withCalibration(configText, c.bestAxes, c.bestOffsetMs);
     }
 
+    throwIfInterrupted();
     makeDirs(options.outDir);
     const std::string dir = options.outDir + "/";
     if (!options.saveRecording.empty()) {
         log << "saving the input recording to " << options.saveRecording << "..." << std::endl;
-        makeDirs(options.saveRecording);
-        saveRecording(options.saveRecording, *frames, *gyro, configText, 95);
+        checkReplaceable(options.saveRecording);
+        const std::string temporary = staged.stage(options.saveRecording);
+        makeDirs(temporary);
+        InterruptibleFrames polled(*frames);
+        saveRecording(temporary, polled, *gyro, configText, 95);
     }
 
     // Frames are decoded (or rendered) ahead of the camera on threads of their own (image
@@ -256,22 +322,20 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     RecorderOptions ro;
     ro.ffmpeg = ffmpeg;
     ro.h264Preset = options.h264Preset;
-    if (y4m) {
-        ro.videoPath = dir + "stabilized.y4m";
-        videoFiles.push_back("stabilized.y4m");
-    }
-    if (!ffmpeg.empty()) {
-        ro.videoMp4Path = dir + "stabilized.mp4";
-        videoFiles.push_back("stabilized.mp4");
-    }
-    if (options.sideBySide && y4m) {
-        ro.sideBySidePath = dir + "side_by_side.y4m";
-        videoFiles.push_back("side_by_side.y4m");
-    }
-    if (options.sideBySide && !ffmpeg.empty()) {
-        ro.sideBySideMp4Path = dir + "side_by_side.mp4";
-        videoFiles.push_back("side_by_side.mp4");
-    }
+    // Each video is written under its temporary name; an earlier run's video of a kind this
+    // run does not write goes when this one's are renamed into place.
+    auto video = [&](bool wanted, const char* name, std::string& path) {
+        if (!wanted) {
+            staged.retire(dir + name);
+            return;
+        }
+        path = staged.stage(dir + name);
+        videoFiles.push_back(name);
+    };
+    video(y4m, "stabilized.y4m", ro.videoPath);
+    video(!ffmpeg.empty(), "stabilized.mp4", ro.videoMp4Path);
+    video(options.sideBySide && y4m, "side_by_side.y4m", ro.sideBySidePath);
+    video(options.sideBySide && !ffmpeg.empty(), "side_by_side.mp4", ro.sideBySideMp4Path);
     ro.expectedFrames = frames->count();
     ro.inputWidth = frames->width();
     ro.inputHeight = frames->height();
@@ -293,7 +357,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     log << "replaying " << m.inputDescription << " through " << m.sessionName << std::endl;
     SessionResult result;
     {
-        EngineLogTap tap(dir + "engine.log");
+        EngineLogTap tap(staged.stage(dir + "engine.log"));
         {
             ProgressBar bar(options.progress, frames->count(), [&recorder](int& done, int& out) {
                 done = recorder.delivered();
@@ -303,6 +367,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         }
         m.engine = tap.stats();
     }
+    throwIfInterrupted();
     recorder.finish();
     outcome.files = videoFiles;
     outcome.files.push_back("engine.log");
@@ -326,7 +391,9 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     }
     m.wallSec = result.wallSec;
     for (const std::string& n : result.notes)
-        m.warnings.push_back(n);
+        m.notes.push_back(n);
+    for (const std::string& w : result.warnings)
+        m.warnings.push_back(w);
     if (recorder.sizeMismatches() > 0) {
         m.warnings.push_back(std::to_string(recorder.sizeMismatches()) +
                              " output frames had the wrong size and were not recorded");
@@ -343,6 +410,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
     mc.fps = fps;
     mc.threads = options.threads;
     computeMetrics(mc, m);
+    throwIfInterrupted();
 
     // Gyro against image motion, on every replay: the inputs the recorder kept.
     log << "measuring the gyro against the image motion..." << std::endl;
@@ -365,16 +433,21 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         for (const std::string& w : m.calibration.warnings)
             m.warnings.push_back(w);
     }
+    throwIfInterrupted();
     // The MP4 encoders worked through their last queued frames while the measures ran.
     recorder.finishEncoding();
     log << "writing metrics.json and report.html..." << std::endl;
 
     const std::string json = metricsJson(m);
-    writeFile(dir + "metrics.json", json.data(), json.size());
+    writeFile(staged.stage(dir + "metrics.json"), json.data(), json.size());
     outcome.files.push_back("metrics.json");
+    // Not named config.txt: an output folder may be a recording folder.
+    writeFile(staged.stage(dir + "configuration.txt"), configText.data(), configText.size());
+    outcome.files.push_back("configuration.txt");
 
     ReportContext rc;
     rc.commandLine = options.commandLine;
+    rc.configText = configText;
     for (const std::string& f : outcome.files) {
         std::string what = "file";
         if (f == "stabilized.y4m")
@@ -387,11 +460,16 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
             what = "every engine log line of the run";
         if (f == "metrics.json")
             what = "the figures of this report";
+        if (f == "configuration.txt")
+            what = "the configuration the engine ran with (after --config, --set, --calibrate)";
         rc.files.push_back({f, what});
     }
     const std::string html = reportHtml(m, recorder.pairs(), rc);
-    writeFile(dir + "report.html", html.data(), html.size());
+    writeFile(staged.stage(dir + "report.html"), html.data(), html.size());
     outcome.files.push_back("report.html");
+    // Everything is written: the outputs replace the earlier ones together.
+    throwIfInterrupted();
+    staged.commit();
     return outcome;
 }
 

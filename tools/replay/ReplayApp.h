@@ -8,6 +8,7 @@
 #include "ReplaySession.h"
 #include "Synthetic.h"
 
+#include <exception>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -50,8 +51,21 @@ struct ReplayOutcome {
 void parseSize(const std::string& text, int& width, int& height);
 
 // Runs everything; progress and a summary go to `log`. Throws ReplayError (bad input, files
-// that cannot be written) or whatever the session throws.
+// that cannot be written), Interrupted (SIGINT/SIGTERM, see Interrupt.h) or whatever the
+// session throws. The outputs are all or nothing: they are written under temporary names and
+// renamed into place at the very end; a run that throws leaves the earlier outputs of
+// options.outDir (and options.saveRecording) as they were and removes its own.
 ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, std::ostream& log);
+
+// What the command says when a run ended with `error` (thrown by runReplay or before it):
+// `message` goes after "qlmr_replay: " on stderr, e.g. "interrupted; the outputs in
+// replay-out/ are unchanged"; `exitStatus` is 128 + the signal when the run was interrupted
+// (130 for SIGINT, 143 for SIGTERM), else 1.
+struct ReplayFailure {
+    std::string message;
+    int exitStatus = 1;
+};
+ReplayFailure describeFailure(const std::exception& error, const std::string& outDir);
 
 // The session the command uses when --dry-run is not given.
 std::unique_ptr<ReplaySession> makeDefaultSession();

@@ -54,7 +54,8 @@ struct SessionResult {
     int framesLate = 0;            // realtime: frames that could not be produced by their due time
     int renderedUnstabilized = 0;  // counted by the session itself (the engine's are in its log)
     double wallSec = 0;
-    std::vector<std::string> notes;  // anything the session wants in the report
+    std::vector<std::string> notes;     // facts about the run for the report (not faults)
+    std::vector<std::string> warnings;  // what went wrong without ending the run
 };
 
 class ReplaySession {

@@ -36,6 +36,35 @@ std::string base64(const std::vector<uint8_t>& data) {
     return out;
 }
 
+std::string shellQuote(const std::vector<std::string>& args) {
+    std::string out;
+    for (const std::string& a : args) {
+        if (!out.empty())
+            out += ' ';
+        const bool plain = !a.empty() && a.find_first_not_of(
+                                             "abcdefghijklmnopqrstuvwxyz"
+                                             "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                             "0123456789_@%+=:,./-") == std::string::npos;
+        if (plain) {
+            out += a;
+            continue;
+        }
+        out += '\'';
+        for (char c : a) {
+            if (c == '\'')
+                out += "'\\''";
+            else
+                out += c;
+        }
+        out += '\'';
+    }
+    return out;
+}
+
+std::string shellQuote(int argc, const char* const* argv) {
+    return shellQuote(std::vector<std::string>(argv, argv + argc));
+}
+
 // The vendored plotting library and the report's script (ReportAssets.cpp, generated).
 extern const char* const kUplotJs;
 extern const char* const kUplotCss;
@@ -220,6 +249,10 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
          "</p>\n";
     if (!context.commandLine.empty())
         h += "<p><code>" + htmlEscape(context.commandLine) + "</code></p>\n";
+    if (!context.configText.empty()) {
+        h += "<details><summary>Configuration in force (configuration.txt)</summary><pre>" +
+             htmlEscape(context.configText) + "</pre></details>\n";
+    }
 
     h += "<h2>Summary</h2>\n<table>\n";
     h += row("Frames in / delivered / out", std::to_string(m.framesIn) + " / " +
@@ -228,6 +261,15 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
     h += row("Frames dropped", std::to_string(m.framesDropped),
              std::to_string(m.engine.droppedQueueFull) + " reported by the engine as queue full");
     h += row("Rendered unstabilized", std::to_string(m.engine.renderedUnstabilized));
+    {
+        // Lines the engine writes on every replay are not warnings; shown apart.
+        std::string expected;
+        for (const auto& [kind, count] : m.engine.expectedLines)
+            expected += (expected.empty() ? "" : ", ") + std::to_string(count) + " " + kind;
+        h += row("Engine log warnings / errors",
+                 std::to_string(m.engine.warnings) + " / " + std::to_string(m.engine.errors),
+                 expected.empty() ? "" : "expected lines, not counted: " + expected);
+    }
     if (m.framesLate > 0)
         h += row("Late deliveries", std::to_string(m.framesLate), "real-time pacing missed");
     h += row("Throughput", fmt(m.throughputFps, "%.1f") + " frames/s",
@@ -323,6 +365,12 @@ std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pai
         h += "<h2>Warnings</h2>\n<ul>\n";
         for (const std::string& w : m.warnings)
             h += "<li class=\"warn\">" + htmlEscape(w) + "</li>\n";
+        h += "</ul>\n";
+    }
+    if (!m.notes.empty()) {
+        h += "<h2>Notes</h2>\n<ul>\n";
+        for (const std::string& n : m.notes)
+            h += "<li>" + htmlEscape(n) + "</li>\n";
         h += "</ul>\n";
     }
     if (!context.files.empty()) {

@@ -19,9 +19,16 @@ struct ReportFile {
 struct ReportContext {
     std::string commandLine;
     std::vector<ReportFile> files;
+    std::string configText;  // the configuration the replay ran with
 };
 
 std::string base64(const std::vector<uint8_t>& data);
+
+// The arguments as one POSIX shell command line that runs them again: an argument with
+// anything beyond letters, digits and _@%+=:,./- (or an empty one) in single quotes, a single
+// quote inside written '\''.
+std::string shellQuote(const std::vector<std::string>& args);
+std::string shellQuote(int argc, const char* const* argv);
 
 std::string reportHtml(const ReplayMetrics& m, const std::vector<FramePair>& pairs,
                        const ReportContext& context);

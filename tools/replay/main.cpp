@@ -6,6 +6,7 @@
 #include "Interrupt.h"
 #include "ReplayApp.h"
 #include "ReplayError.h"
+#include "Report.h"
 
 #include <CLI/CLI.hpp>
 
@@ -124,8 +125,7 @@ int main(int argc, char** argv) {
         return rc;
     installInterruptHandlers();
 
-    for (int i = 0; i < argc; ++i)
-        o.commandLine += (i ? " " : "") + std::string(argv[i]);
+    o.commandLine = shellQuote(argc, argv);
     if (gyroOffset->count() > 0)
         o.synthetic.gyro.timeOffsetNs = static_cast<int64_t>(std::llround(gyroOffsetMs * 1e6));
     for (const std::string& set : sets)
@@ -174,19 +174,19 @@ int main(int argc, char** argv) {
             }
             if (!m.calibratedFrom.empty())
                 std::printf("%s\n", m.calibratedFrom.c_str());
+            for (const std::string& n : m.notes)
+                std::printf("note: %s\n", n.c_str());
             for (const std::string& w : m.warnings)
-                std::printf("note: %s\n", w.c_str());
+                std::printf("warning: %s\n", w.c_str());
             std::printf("written to %s/:", o.outDir.c_str());
             for (const std::string& f : outcome.files)
                 std::printf(" %s", f.c_str());
             std::printf("\n");
         }
-    } catch (const Interrupted&) {
-        std::fprintf(stderr, "qlmr_replay: interrupted\n");
-        return kExitInterrupted;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "qlmr_replay: error: %s\n", e.what());
-        return kExitInputError;
+        const ReplayFailure f = describeFailure(e, o.outDir);
+        std::fprintf(stderr, "qlmr_replay: %s\n", f.message.c_str());
+        return f.exitStatus;
     }
     return 0;
 }
