@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "ColorConvert.h"
-#include "ImageIo.h"
 #include "host/PixelConversion.h"
+#include "media/ColorConvert.h"
+#include "media/ImageIo.h"
 
 namespace {
 

@@ -13,10 +13,10 @@
 #include <cstdlib>
 
 #include "../FuzzFiles.h"
-#include "GyroAlignment.h"
-#include "PhoneRecording.h"
-#include "Recording.h"
-#include "ReplayError.h"
+#include "common/ReplayError.h"
+#include "input/PhoneRecording.h"
+#include "input/Recording.h"
+#include "measure/GyroAlignment.h"
 
 using namespace qlmr::replay;
 

@@ -9,8 +9,8 @@
 #include <cstdlib>
 
 #include "../FuzzFiles.h"
-#include "Recording.h"
-#include "ReplayError.h"
+#include "common/ReplayError.h"
+#include "input/Recording.h"
 
 using namespace qlmr::replay;
 

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "ReplayError.h"
-#include "Y4m.h"
+#include "common/ReplayError.h"
+#include "media/Y4m.h"
 
 using namespace qlmr::replay;
 

@@ -1,7 +1,7 @@
 // Helpers shared by the replay tool's tests: scratch folders and small pictures.
 #pragma once
 
-#include "Image.h"
+#include "media/Image.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // Gyro calibration from the pictures: the configuration rewrite, and the search finding an
 // offset and an axis swap that a synthetic recording's configuration does not state.
-#include "Calibration.h"
-#include "ReplayError.h"
-#include "Synthetic.h"
+#include "common/ReplayError.h"
+#include "measure/Calibration.h"
+#include "synthetic/Synthetic.h"
 
 #include <gtest/gtest.h>
 

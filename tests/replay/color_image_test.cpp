@@ -1,10 +1,10 @@
 // Colour conversion, picture files, Y4M streams and composition.
-#include "ColorConvert.h"
-#include "Compose.h"
-#include "ImageIo.h"
-#include "ReplayError.h"
 #include "TestUtil.h"
-#include "Y4m.h"
+#include "common/ReplayError.h"
+#include "media/ColorConvert.h"
+#include "media/ImageIo.h"
+#include "media/Y4m.h"
+#include "output/Compose.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 // Reading the engine's log: timing probe lines and the frame-fate lines, through liblog's
 // logger hook from several threads.
-#include "EngineLog.h"
-#include "ReplayError.h"
 #include "TestUtil.h"
+#include "common/ReplayError.h"
+#include "measure/EngineLog.h"
 
 #include <android/log.h>
 #include <gtest/gtest.h>

@@ -1,13 +1,13 @@
 // The replay tool through the real engine (host camera, gyroscope, windows, llvmpipe) and our
 // stabilization library: the figures the tool promises, measured on its output pixels and on
 // the synthetic recording's ground truth.
-#include "GyroAlignment.h"
-#include "Interrupt.h"
-#include "PhoneRecording.h"
-#include "ReplayApp.h"
-#include "ReplayError.h"
-#include "Synthetic.h"
 #include "TestUtil.h"
+#include "app/ReplayApp.h"
+#include "common/Interrupt.h"
+#include "common/ReplayError.h"
+#include "input/PhoneRecording.h"
+#include "measure/GyroAlignment.h"
+#include "synthetic/Synthetic.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,8 +1,8 @@
 // Global motion estimation, path statistics and the worker pool.
-#include "Motion.h"
-#include "Scene.h"
-#include "Signal.h"
-#include "WorkerPool.h"
+#include "common/WorkerPool.h"
+#include "measure/Motion.h"
+#include "measure/Signal.h"
+#include "synthetic/Scene.h"
 
 #include <gtest/gtest.h>
 

@@ -1,15 +1,15 @@
 // The recorder of a session's outputs, the pass-through session, text tables, the ffmpeg
 // program (when installed) and the progress line.
-#include "ColorConvert.h"
-#include "Csv.h"
-#include "Ffmpeg.h"
-#include "OutputRecorder.h"
-#include "Progress.h"
-#include "Recording.h"
-#include "ReplayError.h"
-#include "ReplaySession.h"
 #include "TestUtil.h"
-#include "Y4m.h"
+#include "common/ReplayError.h"
+#include "input/Csv.h"
+#include "input/Recording.h"
+#include "media/ColorConvert.h"
+#include "media/Ffmpeg.h"
+#include "media/Y4m.h"
+#include "output/OutputRecorder.h"
+#include "output/Progress.h"
+#include "session/ReplaySession.h"
 
 #include <gtest/gtest.h>
 

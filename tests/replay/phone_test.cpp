@@ -1,11 +1,11 @@
 // The real phone recording (read from the shared data folder when it is present).
-#include "ColorConvert.h"
-#include "GyroAlignment.h"
-#include "ImageIo.h"
-#include "PhoneRecording.h"
-#include "Recording.h"
-#include "ReplayError.h"
 #include "TestUtil.h"
+#include "common/ReplayError.h"
+#include "input/PhoneRecording.h"
+#include "input/Recording.h"
+#include "measure/GyroAlignment.h"
+#include "media/ColorConvert.h"
+#include "media/ImageIo.h"
 
 #include <gtest/gtest.h>
 

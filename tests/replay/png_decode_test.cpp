@@ -1,10 +1,10 @@
 // The PNG fast path (libdeflate and our own unfiltering) against the pictures it was given:
 // PNG is lossless, so every decoded byte must be the original one, whatever filter the writer
 // chose; files of other kinds go to libpng and must decode as before.
-#include "ImageIo.h"
-#include "PngDecode.h"
-#include "ReplayError.h"
 #include "TestUtil.h"
+#include "common/ReplayError.h"
+#include "media/ImageIo.h"
+#include "media/PngDecode.h"
 
 #include <gtest/gtest.h>
 #include <png.h>

@@ -1,8 +1,8 @@
 // Decoding ahead of the camera: PrefetchFrames over a source that marks every picture with its
 // index and records who read what.
 #include "FinishesWithin.h"
-#include "PrefetchFrames.h"
-#include "ReplayError.h"
+#include "common/ReplayError.h"
+#include "input/PrefetchFrames.h"
 
 #include <gtest/gtest.h>
 

@@ -1,11 +1,11 @@
 // Recording folders: loading, and one clear error (file and line) for each kind of fault.
-#include "ColorConvert.h"
-#include "Ffmpeg.h"
-#include "ImageIo.h"
-#include "Recording.h"
-#include "ReplayError.h"
 #include "TestUtil.h"
-#include "Y4m.h"
+#include "common/ReplayError.h"
+#include "input/Recording.h"
+#include "media/ColorConvert.h"
+#include "media/Ffmpeg.h"
+#include "media/ImageIo.h"
+#include "media/Y4m.h"
 
 #include <gtest/gtest.h>
 

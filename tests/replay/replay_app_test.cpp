@@ -1,14 +1,14 @@
 // The replay command end to end without an engine: the dry run's outputs, metrics that tell a
 // perfect stabilizer from none, and the command's error handling.
-#include "ColorConvert.h"
-#include "Configuration.h"
-#include "Ffmpeg.h"
-#include "ImageIo.h"
-#include "Interrupt.h"
-#include "ReplayApp.h"
-#include "ReplayError.h"
 #include "TestUtil.h"
-#include "Y4m.h"
+#include "app/ReplayApp.h"
+#include "common/Interrupt.h"
+#include "common/ReplayError.h"
+#include "input/Configuration.h"
+#include "media/ColorConvert.h"
+#include "media/Ffmpeg.h"
+#include "media/ImageIo.h"
+#include "media/Y4m.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,9 +1,9 @@
 // metrics.json and report.html, and a report rendered by a headless browser.
-#include "Ffmpeg.h"
-#include "Metrics.h"
-#include "ImageIo.h"
-#include "Report.h"
 #include "TestUtil.h"
+#include "measure/Metrics.h"
+#include "media/Ffmpeg.h"
+#include "media/ImageIo.h"
+#include "report/Report.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -1,11 +1,11 @@
 // The synthetic recording: motion, gyro, rendering geometry, and the axis/offset search that
 // must find the synthetic gyro's known mapping from its pictures.
-#include "CameraMotion.h"
-#include "ColorConvert.h"
-#include "GyroAlignment.h"
-#include "Motion.h"
-#include "ReplayError.h"
-#include "Synthetic.h"
+#include "common/ReplayError.h"
+#include "measure/GyroAlignment.h"
+#include "measure/Motion.h"
+#include "media/ColorConvert.h"
+#include "synthetic/CameraMotion.h"
+#include "synthetic/Synthetic.h"
 
 #include <gtest/gtest.h>
 

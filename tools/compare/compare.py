@@ -30,7 +30,7 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import measure  # noqa: E402
 
-# Same encoder settings as qlmr_replay's own MP4 (tools/replay/Ffmpeg.cpp h264Options with its
+# Same encoder settings as qlmr_replay's own MP4 (tools/replay/media/Ffmpeg.cpp h264Options with its
 # default preset), so that every command ends with the same H.264 encode.
 X264 = ["-c:v", "libx264", "-preset", "ultrafast", "-crf", "18", "-pix_fmt", "yuv420p"]
 

@@ -15,7 +15,7 @@
   features, RANSAC similarity from output to input); s = output pixel size in input pixels;
   the score is the mean s^2, the share of the input's area that stays in view (1 = none lost).
 
-The definitions match qlmr_replay's own metrics (tools/replay/Metrics.cpp, Signal.cpp), so the
+The definitions match qlmr_replay's own metrics (tools/replay/measure/Metrics.cpp, Signal.cpp), so the
 figures of our output can be checked against its metrics.json.
 """
 

@@ -1,0 +1,338 @@
+#include "measure/GyroAlignment.h"
+
+#include "common/ReplayError.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+namespace qlmr::replay {
+
+V3 AxisMap::apply(const V3& raw) const {
+    return {sign[0] * raw[source[0]], sign[1] * raw[source[1]], sign[2] * raw[source[2]]};
+}
+
+std::string AxisMap::text() const {
+    std::string out;
+    for (int i = 0; i < 3; ++i) {
+        if (i)
+            out += ",";
+        if (sign[i] < 0)
+            out += "-";
+        out += static_cast<char>('x' + source[i]);
+    }
+    return out;
+}
+
+AxisMap AxisMap::parse(const std::string& text) {
+    AxisMap m;
+    size_t pos = 0;
+    bool used[3] = {false, false, false};
+    for (int i = 0; i < 3; ++i) {
+        const size_t end = text.find(',', pos);
+        std::string part =
+            text.substr(pos, end == std::string::npos ? std::string::npos : end - pos);
+        int sign = 1;
+        if (!part.empty() && (part[0] == '-' || part[0] == '+')) {
+            sign = part[0] == '-' ? -1 : 1;
+            part = part.substr(1);
+        }
+        if (part.size() != 1 || part[0] < 'x' || part[0] > 'z' || used[part[0] - 'x'] ||
+            (i < 2 && end == std::string::npos) || (i == 2 && end != std::string::npos)) {
+            throw ReplayError("axis map '" + text +
+                              "' must name x, y and z once each, e.g. y,x,-z");
+        }
+        used[part[0] - 'x'] = true;
+        m.source[i] = part[0] - 'x';
+        m.sign[i] = sign;
+        pos = end + 1;
+    }
+    return m;
+}
+
+std::vector<AxisMap> AxisMap::all() {
+    std::vector<AxisMap> out;
+    int p[3] = {0, 1, 2};
+    do {
+        for (int s = 0; s < 8; ++s) {
+            AxisMap m;
+            for (int i = 0; i < 3; ++i) {
+                m.source[i] = p[i];
+                m.sign[i] = (s >> i) & 1 ? -1 : 1;
+            }
+            out.push_back(m);
+        }
+    } while (std::next_permutation(p, p + 3));
+    return out;
+}
+
+bool AxisMap::isRotation() const {
+    // Parity of the permutation times the product of the signs.
+    int inversions = 0;
+    for (int i = 0; i < 3; ++i) {
+        for (int j = i + 1; j < 3; ++j)
+            inversions += source[i] > source[j];
+    }
+    const int parity = inversions % 2 == 0 ? 1 : -1;
+    return parity * sign[0] * sign[1] * sign[2] == 1;
+}
+
+MotionOptions frameMotionOptions() {
+    MotionOptions options;
+    options.searchRadius = 10;
+    return options;
+}
+
+namespace {
+
+// Where the texture of a picture sits, as a fraction of its height: the rows weighted by their
+// squared central-difference gradients (integer sums: exact, and quick).
+double texturedRowFraction(const GrayImage& g) {
+    double sum = 0, weighted = 0;
+    for (int y = 1; y + 1 < g.height; ++y) {
+        const uint8_t* above = g.data.data() + static_cast<size_t>(y - 1) * g.width;
+        const uint8_t* row = above + g.width;
+        const uint8_t* below = row + g.width;
+        int64_t e = 0;
+        for (int x = 1; x + 1 < g.width; ++x) {
+            const int gx = row[x + 1] - row[x - 1];
+            const int gy = below[x] - above[x];
+            e += gx * gx + gy * gy;
+        }
+        sum += static_cast<double>(e);
+        weighted += static_cast<double>(e) * (y + 0.5);
+    }
+    return sum > 0 ? weighted / sum / g.height : 0.5;
+}
+
+}  // namespace
+
+std::vector<FrameMotion> frameMotionFrom(const std::vector<const GrayImage*>& lumas,
+                                         const std::vector<double>& timesSec,
+                                         const std::vector<MotionEstimate>& pairs) {
+    std::vector<FrameMotion> out;
+    double previous = lumas.empty() ? 0.5 : texturedRowFraction(*lumas[0]);
+    for (size_t i = 0; i < pairs.size() && i + 1 < lumas.size(); ++i) {
+        const double next = texturedRowFraction(*lumas[i + 1]);
+        FrameMotion f;
+        f.rowFraction = 0.5 * (previous + next);
+        f.startSec = timesSec[i];
+        f.endSec = timesSec[i + 1];
+        f.ok = pairs[i].ok;
+        f.tx = pairs[i].motion.tx;
+        f.ty = pairs[i].motion.ty;
+        f.angle = pairs[i].motion.angle;
+        out.push_back(f);
+        previous = next;
+    }
+    return out;
+}
+
+std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
+                                            const std::vector<double>& timesSec, int threads) {
+    if (lumas.size() < 2)
+        return {};
+    const MotionOptions options = frameMotionOptions();
+    std::vector<PairRegistration> jobs;
+    std::vector<const GrayImage*> pictures;
+    for (size_t i = 0; i < lumas.size(); ++i) {
+        pictures.push_back(&lumas[i]);
+        if (i + 1 < lumas.size())
+            jobs.push_back({&lumas[i], &lumas[i + 1], Similarity{}, &options, {}});
+    }
+    registerPairs(jobs, threads);
+    std::vector<MotionEstimate> results;
+    for (const PairRegistration& j : jobs)
+        results.push_back(j.result);
+    return frameMotionFrom(pictures, timesSec, results);
+}
+
+V3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0,
+                     double t1) {
+    // Rates interpolated linearly between samples; small steps composed as rotations.
+    sim::Q r = sim::Q::Identity();
+    if (gyro.size() < 2 || t1 <= t0)
+        return V3::Zero();
+    auto rateAt = [&](size_t i) { return map.apply(V3(gyro[i].x, gyro[i].y, gyro[i].z)); };
+    const auto timeOf = [&](size_t i) { return gyro[i].timestampNs * 1e-9; };
+    size_t i = static_cast<size_t>(
+        std::lower_bound(gyro.begin(), gyro.end(), static_cast<int64_t>(t0 * 1e9),
+                         [](const GyroSample& s, int64_t t) { return s.timestampNs < t; }) -
+        gyro.begin());
+    if (i > 0)
+        --i;
+    double t = t0;
+    while (t < t1 && i + 1 < gyro.size()) {
+        const double a = timeOf(i), b = timeOf(i + 1);
+        const double segEnd = std::min(t1, b);
+        if (segEnd > t && b > a) {
+            const double mid = 0.5 * (t + segEnd);
+            const double u = std::clamp((mid - a) / (b - a), 0.0, 1.0);
+            const V3 w = (1 - u) * rateAt(i) + u * rateAt(i + 1);
+            r = r * sim::fromRotationVector((segEnd - t) * w);
+            t = segEnd;
+        }
+        ++i;
+    }
+    return sim::toRotationVector(r);
+}
+
+void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double& angle) {
+    tx = -focalPx * r.y();
+    ty = focalPx * r.x();
+    angle = -r.z();
+}
+
+double outlierLimit(const std::vector<double>& errorsPx) {
+    if (errorsPx.size() < 3)
+        return INFINITY;
+    // NaN (from an unusable sample) sorts as infinity: nth_element needs an ordering.
+    std::vector<double> v = errorsPx;
+    for (double& e : v)
+        e = std::isnan(e) ? INFINITY : e;
+    const auto middle = [&v]() {
+        std::nth_element(v.begin(), v.begin() + static_cast<long>(v.size() / 2), v.end());
+        return v[v.size() / 2];
+    };
+    const double median = middle();
+    if (!std::isfinite(median))
+        return INFINITY;  // most pairs unusable: nothing to judge them against
+    for (double& e : v)
+        e = std::fabs(e - median);
+    const double spread = 1.4826 * middle();
+    return median + std::max(kOutlierSpread * spread, kOutlierMinPx);
+}
+
+double robustRms(const std::vector<double>& errorsPx, double limit) {
+    if (errorsPx.empty())
+        return INFINITY;
+    double sum = 0;
+    for (const double e : errorsPx) {
+        const double counted = e <= limit ? e : limit;  // NaN counts as the limit
+        sum += counted * counted;
+    }
+    return std::sqrt(sum / static_cast<double>(errorsPx.size()));
+}
+
+namespace {
+// A measured frame pair with the motion p = (tx, ty, angle) the gyro predicts for it at the
+// time its textured rows were read out.
+struct Prediction {
+    const FrameMotion* f;
+    double p[3];
+};
+
+// The predictions for every registered pair with their errors (pixels).
+std::vector<Prediction> predict(const std::vector<FrameMotion>& motion,
+                                const std::vector<GyroSample>& gyro, const AxisMap& map,
+                                double offsetMs, const AlignmentSearch& s,
+                                std::vector<double>& errors) {
+    std::vector<Prediction> out;
+    errors.clear();
+    for (const FrameMotion& f : motion) {
+        if (!f.ok)
+            continue;
+        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
+        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+        Prediction q{&f, {0, 0, 0}};
+        predictedMotion(r, s.focalPx, q.p[0], q.p[1], q.p[2]);
+        const double ea = (q.p[2] - f.angle) * s.radiusPx;
+        errors.push_back(std::sqrt((q.p[0] - f.tx) * (q.p[0] - f.tx) +
+                                   (q.p[1] - f.ty) * (q.p[1] - f.ty) + ea * ea));
+        out.push_back(q);
+    }
+    return out;
+}
+
+AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
+                     const AxisMap& map, double offsetMs, const AlignmentSearch& s) {
+    AlignmentScore out;
+    out.map = map;
+    out.offsetMs = offsetMs;
+    std::vector<double> errors;
+    predict(motion, gyro, map, offsetMs, s, errors);
+    const double limit = outlierLimit(errors);
+    out.pairs = static_cast<int>(errors.size());
+    for (const double e : errors)
+        out.outliers += !(e <= limit);
+    out.rmsPx = robustRms(errors, limit);
+    return out;
+}
+}  // namespace
+
+ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
+                           const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
+                           const AlignmentSearch& search) {
+    double spp[3] = {}, smm[3] = {}, spm[3] = {}, sp[3] = {}, sm[3] = {};
+    int n = 0;
+    std::vector<double> errors;
+    const std::vector<Prediction> all = predict(motion, gyro, map, offsetMs, search, errors);
+    const double limit = outlierLimit(errors);
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (!(errors[i] <= limit))
+            continue;
+        const FrameMotion& f = *all[i].f;
+        const double* p = all[i].p;
+        const double m[3] = {f.tx, f.ty, f.angle};
+        for (int k = 0; k < 3; ++k) {
+            spp[k] += p[k] * p[k];
+            smm[k] += m[k] * m[k];
+            spm[k] += p[k] * m[k];
+            sp[k] += p[k];
+            sm[k] += m[k];
+        }
+        ++n;
+    }
+    ComponentFit fit;
+    if (n < 2)
+        return fit;
+    for (int k = 0; k < 3; ++k) {
+        const double cov = spm[k] / n - sp[k] / n * sm[k] / n;
+        const double vp = spp[k] / n - sp[k] / n * sp[k] / n;
+        const double vm = smm[k] / n - sm[k] / n * sm[k] / n;
+        fit.correlation[k] = vp > 0 && vm > 0 ? cov / std::sqrt(vp * vm) : 0;
+        fit.gain[k] = spp[k] > 0 ? spm[k] / spp[k] : 0;
+        fit.predictedRms[k] = std::sqrt(spp[k] / n);
+        fit.measuredRms[k] = std::sqrt(smm[k] / n);
+    }
+    return fit;
+}
+
+std::vector<AlignmentScore> offsetCurve(const std::vector<FrameMotion>& motion,
+                                        const std::vector<GyroSample>& gyro, const AxisMap& map,
+                                        const AlignmentSearch& search) {
+    std::vector<AlignmentScore> out;
+    for (double o = search.offsetMinMs; o <= search.offsetMaxMs + 1e-9; o += search.offsetStepMs) {
+        out.push_back(score(motion, gyro, map, o, search));
+    }
+    return out;
+}
+
+std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motion,
+                                           const std::vector<GyroSample>& gyro,
+                                           const AlignmentSearch& search) {
+    std::vector<AlignmentScore> best;
+    for (const AxisMap& map : AxisMap::all()) {
+        AlignmentScore b;
+        b.rmsPx = INFINITY;
+        for (const AlignmentScore& s : offsetCurve(motion, gyro, map, search)) {
+            if (s.rmsPx < b.rmsPx)
+                b = s;
+        }
+        // Refine around the best step to a tenth of it.
+        AlignmentSearch fine = search;
+        fine.offsetMinMs = b.offsetMs - search.offsetStepMs;
+        fine.offsetMaxMs = b.offsetMs + search.offsetStepMs;
+        fine.offsetStepMs = search.offsetStepMs / 10;
+        for (const AlignmentScore& s : offsetCurve(motion, gyro, map, fine)) {
+            if (s.rmsPx < b.rmsPx)
+                b = s;
+        }
+        best.push_back(b);
+    }
+    std::sort(best.begin(), best.end(),
+              [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
+    return best;
+}
+
+}  // namespace qlmr::replay

@@ -1,0 +1,125 @@
+// Finding how a gyroscope's axes and clock relate to a camera's, from the pictures alone:
+// the rotation the gyro predicts between two frames is compared with the global motion
+// measured between their pictures, for every signed permutation of the axes and a range of
+// time offsets. Used to prepare real recordings whose axis signs and offset are unknown.
+#pragma once
+
+#include "input/Recording.h"
+#include "measure/Motion.h"
+#include "media/Image.h"
+#include "sim/Rotation.h"
+
+#include <string>
+#include <vector>
+
+namespace qlmr::replay {
+
+using sim::V3;
+
+// Camera-axis rate = signed permutation of the raw gyro rate:
+// cam[i] = sign[i] * raw[source[i]]. Written like "y,x,-z" (camera x from raw y, ...).
+struct AxisMap {
+    int source[3] = {0, 1, 2};
+    int sign[3] = {1, 1, 1};
+
+    V3 apply(const V3& raw) const;
+    std::string text() const;
+    static AxisMap parse(const std::string& text);  // throws ReplayError
+    static std::vector<AxisMap> all();              // the 48 signed permutations
+    bool isRotation() const;                        // determinant +1
+};
+
+// Global motion between consecutive frames, measured on their pictures.
+struct FrameMotion {
+    double startSec = 0;  // frame timestamps (s), first row
+    double endSec = 0;
+    double tx = 0;  // content displacement (pixels of the measured pictures' size)
+    double ty = 0;
+    double angle = 0;  // content rotation, radians
+    // Where the measurement "is" in a rolling-shutter picture: the rows weighted by their
+    // texture (squared vertical and horizontal gradients), as a fraction of the height. A
+    // picture whose detail sits in its upper part is measured at an earlier time.
+    double rowFraction = 0.5;
+    bool ok = false;
+};
+
+// The registration options of the frame-to-frame measurement.
+MotionOptions frameMotionOptions();
+
+// Measures consecutive pairs of `lumas` (all the same size), taken at `timesSec`.
+std::vector<FrameMotion> measureFrameMotion(const std::vector<GrayImage>& lumas,
+                                            const std::vector<double>& timesSec, int threads);
+
+// The same from registrations already made: pairs[i] registered lumas[i + 1] on lumas[i] with
+// frameMotionOptions() (the replay's pixel-motion measure shares its input pairs this way).
+std::vector<FrameMotion> frameMotionFrom(const std::vector<const GrayImage*>& lumas,
+                                         const std::vector<double>& timesSec,
+                                         const std::vector<MotionEstimate>& pairs);
+
+// Rotation vector of the camera between gyro times t0 and t1 (seconds, gyro clock), from raw
+// samples mapped by `map`, integrated with the samples' rates held piecewise linear.
+V3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0, double t1);
+
+// Content motion a camera rotation r (camera axes, radians) causes in a pinhole picture of
+// focal length f: (-f r.y, f r.x) and content rotation -r.z (small-angle form).
+void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double& angle);
+
+// Frame pairs whose prediction error lies far beyond the others' must not decide a score, a
+// fit or an agreement: one damaged gyro sample or one mis-registered frame pair would. A pair
+// is an outlier when its error (translation, and rotation at the search's radius) exceeds the
+// median error by more than kOutlierSpread robust standard deviations (1.4826 x the median
+// absolute deviation from the median), and by kOutlierMinPx at least. Outliers are left out of
+// correlations and fits; in an error (rmsPx) each counts as the limit itself, so that a wrong
+// mapping cannot score better by having more of its pairs declared outliers.
+constexpr double kOutlierSpread = 8;
+constexpr double kOutlierMinPx = 1;
+
+// The error above which a pair with one of these prediction errors (pixels) is an outlier;
+// infinity when there are too few pairs, or too few usable ones, to judge. NaN errors are
+// outliers.
+double outlierLimit(const std::vector<double>& errorsPx);
+
+// Root mean square of the errors, each outlier counted as `limit`.
+double robustRms(const std::vector<double>& errorsPx, double limit);
+
+struct AlignmentScore {
+    AxisMap map;
+    double offsetMs = 0;  // gyro time minus frame time of the same instant
+    double rmsPx = 0;     // prediction error: translation, and rotation at `radiusPx`
+    int pairs = 0;        // pairs scored
+    int outliers = 0;     // of them, counted at the outlier limit
+};
+
+struct AlignmentSearch {
+    double focalPx = 0;    // of the measured pictures
+    double readoutMs = 0;  // rolling shutter: frames are compared at their textured rows' time
+    double offsetMinMs = -60;
+    double offsetMaxMs = 60;
+    double offsetStepMs = 1;
+    double radiusPx = 300;  // weight of rotation errors
+};
+
+// Best offset for every axis map, best first.
+std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motion,
+                                           const std::vector<GyroSample>& gyro,
+                                           const AlignmentSearch& search);
+
+// Per-component agreement of prediction and measurement for one map and offset: correlation
+// and least-squares gain (measured = gain * predicted) of tx, ty and the rotation, outliers
+// left out. A wrong sign shows as a negative correlation of that component.
+struct ComponentFit {
+    double correlation[3] = {0, 0, 0};
+    double gain[3] = {0, 0, 0};
+    double predictedRms[3] = {0, 0, 0};
+    double measuredRms[3] = {0, 0, 0};
+};
+ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
+                           const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
+                           const AlignmentSearch& search);
+
+// The prediction error of one map over the whole offset range (for plotting the curve).
+std::vector<AlignmentScore> offsetCurve(const std::vector<FrameMotion>& motion,
+                                        const std::vector<GyroSample>& gyro, const AxisMap& map,
+                                        const AlignmentSearch& search);
+
+}  // namespace qlmr::replay
