@@ -29,11 +29,11 @@ std::string sizeText(int w, int h) {
 }
 
 // "" when a frame size can be replayed, else what is wrong with it ("WxH; ..."). Any even size
-// from 16 to 8192 pixels: the engine session scales widths its buffers cannot take.
+// up to 8192 pixels: the engine session scales widths its buffers cannot take.
 std::string frameSizeFault(int w, int h) {
-    if (w % 2 == 0 && h % 2 == 0 && w >= 16 && h >= 16 && w <= 8192 && h <= 8192)
+    if (w % 2 == 0 && h % 2 == 0 && w > 0 && h > 0 && w <= 8192 && h <= 8192)
         return "";
-    return sizeText(w, h) + "; frames need an even width and height from 16 to 8192 pixels";
+    return sizeText(w, h) + "; frames need an even width and height of at most 8192 pixels";
 }
 
 // Finds the folder's single "video.*" file, or "".
