@@ -42,8 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         phone.gyro.empty())
         std::abort();
     try {
-        writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,-z"), 0.2,
-                            dir.file("out"));
+        writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,-z"), 0.2, dir.file("out"));
     } catch (const ReplayError&) {
         return 0;
     }

@@ -84,8 +84,8 @@ TEST(EngineSession, RealPhoneRecordingComesOutSteadier) {
 template <typename Body>
 void finishesWithin(std::chrono::seconds limit, Body body) {
     auto done = std::async(std::launch::async, body);
-    ASSERT_EQ(done.wait_for(limit), std::future_status::ready) << "no end after " << limit.count()
-                                                               << " s";
+    ASSERT_EQ(done.wait_for(limit), std::future_status::ready)
+        << "no end after " << limit.count() << " s";
     done.get();
 }
 

@@ -367,7 +367,8 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
     replay_test::writeText(rec.file("frames.csv"), "timestamp_ns,file\n");
     EXPECT_EQ(runCommand("--dry-run --quiet --input " + rec.path() + " --out " + out.path(), err),
               1);
-    EXPECT_EQ(err, "qlmr_replay: error: " + rec.file("frames.csv") + ": no frames listed" + unchanged);
+    EXPECT_EQ(err,
+              "qlmr_replay: error: " + rec.file("frames.csv") + ": no frames listed" + unchanged);
 
     // Each kind of fault: one line naming file and line, exit status 1.
     writePng(rec.file("frames/a.png"), replay_test::gradient(32, 16));
@@ -407,14 +408,21 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
                        ":2: vstab.fovHorizontalDeg=-69.75 is outside 10..170 (the stabilization "
                        "library refuses this configuration)" +
                        unchanged);
-    EXPECT_EQ(runCommand(input + " --set vstab.fovHorizontalDeg=60 --set vstab.readoutNs=-4", err), 1);
+    EXPECT_EQ(runCommand(input + " --set vstab.fovHorizontalDeg=60 --set vstab.readoutNs=-4", err),
+              1);
     EXPECT_NE(err.find(": --set vstab.readoutNs=-4: "), std::string::npos) << err;
+    // The library's warnings reach the console even when the command is quiet.
+    EXPECT_EQ(runCommand(input + " --set vstab.fovHorizontalDeg=60 --set vstab.windowNz=1", err),
+              0);
+    EXPECT_NE(err.find("configuration: --set vstab.windowNz=1: unknown key vstab.windowNz is "
+                       "ignored; did you mean vstab.windowNs?"),
+              std::string::npos)
+        << err;
 
     // Faults in the command line itself: CLI11's sentence, exit status 2, never an abort.
-    for (const char* usage :
-         {"--size 100", "--size 1000x563", "--gyro-offset-ms abc", "--gyro-offset-ms",
-          "--gyro-offset-ms 1e999", "--trajectory run", "--input /nonexistent", "--set novalue",
-          "--seed x"}) {
+    for (const char* usage : {"--size 100", "--size 1000x563", "--gyro-offset-ms abc",
+                              "--gyro-offset-ms", "--gyro-offset-ms 1e999", "--trajectory run",
+                              "--input /nonexistent", "--set novalue", "--seed x"}) {
         EXPECT_EQ(runCommand(std::string("--dry-run --out ") + out.path() + " " + usage, err), 2)
             << usage << ": " << err;
         EXPECT_FALSE(err.empty()) << usage;

@@ -43,10 +43,10 @@ TEST(Report, IsSelfContained) {
     FramePair pair;
     pair.before = replay_test::gradient(32, 16);
     pair.after = replay_test::gradient(32, 16);
-    const std::string html =
-        reportHtml(m, {pair},
-                   ReportContext{"qlmr_replay --dry-run", {{"metrics.json", "figures"}},
-                                 "vstab.lensK1=0.1 # <b>\n"});
+    const std::string html = reportHtml(
+        m, {pair},
+        ReportContext{
+            "qlmr_replay --dry-run", {{"metrics.json", "figures"}}, "vstab.lensK1=0.1 # <b>\n"});
     EXPECT_NE(html.find("test &lt;input&gt;"), std::string::npos);
     EXPECT_NE(html.find("vstab.lensK1=0.1 # &lt;b&gt;"), std::string::npos);  // the configuration
     EXPECT_NE(html.find("data:image/jpeg;base64,/9j/"), std::string::npos);  // JPEG magic in base64

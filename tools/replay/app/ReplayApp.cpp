@@ -216,11 +216,11 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
             configText.assign(bytes.begin(), bytes.end());
             origin = options.configFile;
         }
-        const ConfigurationText effective =
-            applyOverrides(configText, origin, options.configSets);
+        const ConfigurationText effective = applyOverrides(configText, origin, options.configSets);
         configText = effective.text;
         for (const std::string& w : checkConfiguration(effective)) {
-            log << "configuration: " << w << std::endl;
+            (options.warnings != nullptr ? *options.warnings : log)
+                << "configuration: " << w << std::endl;
             m.warnings.push_back("configuration: " + w);
         }
     }

@@ -39,6 +39,9 @@ struct ReplayOptions {
     // KEY=VALUE overrides applied over it in order.
     std::string configFile;
     std::vector<ConfigOverride> configSets;
+    // Where the configuration's warnings go as soon as it is read (null: with the progress
+    // messages); the command shows them even when it is quiet.
+    std::ostream* warnings = nullptr;
     std::string commandLine;
 };
 

@@ -27,15 +27,21 @@ void installInterruptHandlers() {
     sigaction(SIGTERM, &sa, nullptr);
 }
 
-bool interruptRequested() { return requested.load() >= 0; }
+bool interruptRequested() {
+    return requested.load() >= 0;
+}
 
 int interruptSignal() {
     const int s = requested.load();
     return s > 0 ? s : 0;
 }
 
-void requestInterrupt() { requested.store(0); }
+void requestInterrupt() {
+    requested.store(0);
+}
 
-void clearInterrupt() { requested.store(-1); }
+void clearInterrupt() {
+    requested.store(-1);
+}
 
 }  // namespace qlmr::replay

@@ -12,8 +12,7 @@ namespace qlmr::replay {
 // Thrown by the phase that noticed the request, after it has torn down what it started.
 class Interrupted : public std::runtime_error {
   public:
-    explicit Interrupted(const std::string& what = "interrupted")
-        : std::runtime_error(what) {}
+    explicit Interrupted(const std::string& what = "interrupted") : std::runtime_error(what) {}
 };
 
 // Installs the SIGINT and SIGTERM handlers (idempotent). Called once by each command's main.

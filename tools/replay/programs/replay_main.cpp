@@ -66,11 +66,10 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(0.0, 100.0));
     double gyroOffsetMs = o.synthetic.gyro.timeOffsetNs * 1e-6;
-    CLI::Option* gyroOffset =
-        app.add_option("--gyro-offset-ms", gyroOffsetMs,
-                       "synthetic: gyro timestamps minus true time")
-            ->capture_default_str()
-            ->check(CLI::Range(-1000.0, 1000.0));
+    CLI::Option* gyroOffset = app.add_option("--gyro-offset-ms", gyroOffsetMs,
+                                             "synthetic: gyro timestamps minus true time")
+                                  ->capture_default_str()
+                                  ->check(CLI::Range(-1000.0, 1000.0));
     app.add_option("--stated-gyro-offset-ms", o.synthetic.statedGyroOffsetMs,
                    "synthetic: the gyro offset the configuration states (default: the true one), "
                    "to test --calibrate")
@@ -144,6 +143,7 @@ int main(int argc, char** argv) {
         std::unique_ptr<ReplaySession> session = dryRun        ? makePassThroughSession()
                                                  : libraryOnly ? makeLibrarySession()
                                                                : makeDefaultSession();
+        o.warnings = &std::cerr;
         std::ostream nullStream(nullptr);
         std::ostream& log = quiet ? nullStream : std::cerr;
         const ReplayOutcome outcome = runReplay(o, *session, log);

@@ -138,8 +138,7 @@ class ObserverSink : public host::FrameSink {
         view.data = frame.pixels;
         if (!errors_.raised()) {
             try {
-                observer_.onFrameOutput(surface_, timestamps_.toRecording(frame.timestampNs),
-                                        view);
+                observer_.onFrameOutput(surface_, timestamps_.toRecording(frame.timestampNs), view);
             } catch (...) {
                 errors_.keep(std::current_exception());
             }
@@ -317,8 +316,8 @@ class EngineSession : public ReplaySession {
         std::vector<android::sp<ANativeWindow>> windows;
         for (size_t s = 0; s < config.surfaces.size(); ++s) {
             const OutputSurfaceSpec& layout = config.surfaces[s];
-            auto sink = std::make_shared<ObserverSink>(static_cast<int>(s), observer, timestamps,
-                                                       errors);
+            auto sink =
+                std::make_shared<ObserverSink>(static_cast<int>(s), observer, timestamps, errors);
             host::WindowConfig windowConfig;
             windowConfig.defaultWidth = static_cast<uint32_t>(layout.width);
             windowConfig.defaultHeight = static_cast<uint32_t>(layout.height);
@@ -395,8 +394,8 @@ class EngineSession : public ReplaySession {
         if (stalled) {
             throw std::runtime_error(
                 "the engine stopped taking frames: no output for " +
-                std::to_string(std::chrono::duration_cast<std::chrono::seconds>(kEngineStallLimit)
-                                   .count()) +
+                std::to_string(
+                    std::chrono::duration_cast<std::chrono::seconds>(kEngineStallLimit).count()) +
                 " s after " + std::to_string(sinks[0]->received.load()) + " of " +
                 std::to_string(frames.count()) + " frames (see engine.log)");
         }
