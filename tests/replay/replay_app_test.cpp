@@ -349,6 +349,32 @@ TEST(ReplayApp, MetricsRecogniseAPerfectStabilizer) {
     EXPECT_NEAR(m.crop.cropping, 0.64, 0.02);
 }
 
+// A gyroscope that stalled while frames came is named: the library bridges the gap as no
+// rotation, which no other figure shows.
+TEST(ReplayApp, WarnsOfAGyroThatStalls) {
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    o.saveRecording = dir.file("rec");
+    std::ostringstream log;
+    EXPECT_EQ(runReplay(o, *makePassThroughSession(), log).metrics.warnings.size(), 0u);
+    std::istringstream in(replay_test::readText(dir.file("rec/gyro.csv")));
+    std::string kept;
+    for (std::string line; std::getline(in, line);) {
+        if (line[0] == 't' || std::stoll(line) < 2000000000 || std::stoll(line) > 2300000000)
+            kept += line + "\n";
+    }
+    replay_test::writeText(dir.file("rec/gyro.csv"), kept);
+    o.input = dir.file("rec");
+    o.saveRecording.clear();
+    const ReplayMetrics m = runReplay(o, *makePassThroughSession(), log).metrics;
+    ASSERT_EQ(m.warnings.size(), 1u);
+    EXPECT_EQ(m.warnings[0].rfind("the gyro samples stop once for more than 100 ms while frames "
+                                  "come (the longest 0.30 s, 1.00 s after the first frame)",
+                                  0),
+              0u)
+        << m.warnings[0];
+}
+
 TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
     TempDir rec;
     std::system(("mkdir -p '" + rec.file("frames") + "'").c_str());

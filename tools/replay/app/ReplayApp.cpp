@@ -30,6 +30,9 @@ namespace qlmr::replay {
 
 namespace {
 
+// Gyro gaps longer than this get a warning (the stabilization library's default bridge).
+constexpr int64_t kGyroGapNs = 100000000;
+
 // Reduction of the frames the --calibrate pre-pass measures (1920x1080 -> 480x270).
 constexpr int kCalibrationFactor = 4;
 
@@ -237,6 +240,30 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
                                  std::to_string(gyro->front().timestampNs) + ".." +
                                  std::to_string(gyro->back().timestampNs) + " ns, frames " +
                                  std::to_string(first) + ".." + std::to_string(last) + " ns)");
+        }
+        // A gyroscope that stalled: the stabilization library bridges a gap as no rotation, so
+        // the frames in it come out as if the camera had been still.
+        int gaps = 0;
+        int64_t longestNs = 0, longestAtNs = 0;
+        for (size_t i = 1; i < gyro->size(); ++i) {
+            const int64_t a = (*gyro)[i - 1].timestampNs, b = (*gyro)[i].timestampNs;
+            if (b - a > kGyroGapNs && b > first && a < last) {
+                ++gaps;
+                if (b - a > longestNs) {
+                    longestNs = b - a;
+                    longestAtNs = a;
+                }
+            }
+        }
+        if (gaps > 0) {
+            char text[200];
+            std::snprintf(text, sizeof text,
+                          "the gyro samples stop %s for more than %.0f ms while frames come (the "
+                          "longest %.2f s, %.2f s after the first frame); frames there are "
+                          "stabilized as if the camera had not turned",
+                          gaps == 1 ? "once" : (std::to_string(gaps) + " times").c_str(),
+                          kGyroGapNs * 1e-6, longestNs * 1e-9, (longestAtNs - first) * 1e-9);
+            m.warnings.push_back(text);
         }
     }
     double fps = 30;
