@@ -323,7 +323,7 @@ TEST(ReplayCommand, VideoRecordingReadInPartIsQuiet) {
         csv += std::to_string(1000000000LL + k * 33333333LL) + "\n";
     replay_test::writeText(rec.file("frames.csv"), csv);
     replay_test::writeText(rec.file("gyro.csv"), "timestamp_ns,x,y,z\n1,0,0,0\n");
-    replay_test::writeText(rec.file("config.txt"), "a=b\n");
+    replay_test::writeText(rec.file("config.txt"), "vstab.gridRows=9\n");
     TempDir out;
     std::string err;
     EXPECT_EQ(runCommand("--dry-run --quiet --no-mp4 --max-frames 3 --input " + rec.path() +
