@@ -168,6 +168,16 @@ TEST(RecordingFolder, CutShortImagesAreRefused) {
                   std::string::npos)
             << err;
     }
+    {
+        // A whole JPEG with data after its end-of-image marker (a camera maker's trailer) loads.
+        TempDir dir;
+        makeRecording(dir);
+        std::vector<uint8_t> trailed = jpeg;
+        for (const char c : std::string("SEFH trailer \xff\xd8 SEFT"))
+            trailed.push_back(static_cast<uint8_t>(c));
+        writeFile(dir.file("frames/1.png"), trailed.data(), trailed.size());
+        EXPECT_EQ(loadError(dir), "");
+    }
     // While replaying, whatever the file's end says: the decoder's own reason at the frame's
     // line, on both JPEG paths (4:2:0 straight to NV21, and through RGB).
     TempDir dir;

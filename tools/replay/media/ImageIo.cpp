@@ -286,15 +286,38 @@ void writeFile(const std::string& path, const void* data, size_t size) {
 
 namespace {
 
+// True when the JPEG `file` holds its end-of-image marker FF D9 after the start of its first
+// scan: some cameras append data after the image (a second picture, a maker's trailer). The
+// segments before the scan are walked by their lengths, so an embedded thumbnail's marker does
+// not count; inside the scan FF is always followed by 00 or a restart marker.
+bool jpegEndsAfterItsScan(const std::vector<uint8_t>& file) {
+    size_t i = 2;
+    while (i + 4 <= file.size() && file[i] == 0xFF && file[i + 1] != 0xDA)
+        i += 2 + (static_cast<size_t>(file[i + 2]) << 8 | file[i + 3]);
+    if (i + 2 > file.size() || file[i] != 0xFF)
+        return false;
+    for (size_t j = i + 2; j + 1 < file.size(); ++j) {
+        if (file[j] == 0xFF && file[j + 1] == 0xD9)
+            return true;
+    }
+    return false;
+}
+
 // What is wrong with the end of a JPEG or PNG file whose last bytes are `tail` ("" when it ends
 // as a whole file does): a JPEG ends with its end-of-image marker FF D9 (zero bytes after it
-// are padding some writers add), a PNG with its empty IEND chunk. A file cut short fails here.
-std::string endFault(const std::vector<uint8_t>& head, const std::vector<uint8_t>& tail) {
+// are padding some writers add; a JPEG with more after it is read whole to find the marker),
+// a PNG with its empty IEND chunk. A file cut short fails here.
+std::string endFault(const std::string& path, const std::vector<uint8_t>& head,
+                     const std::vector<uint8_t>& tail) {
     if (isJpeg(head.data(), head.size())) {
         size_t n = tail.size();
         while (n > 0 && tail[n - 1] == 0)
             --n;
         if (n >= 2 && tail[n - 2] == 0xFF && tail[n - 1] == 0xD9)
+            return {};
+        std::vector<uint8_t> whole;
+        readFile(path, whole);
+        if (jpegEndsAfterItsScan(whole))
             return {};
         return "the file does not end with the JPEG end-of-image marker (FF D9): it is cut "
                "short or damaged";
@@ -333,7 +356,7 @@ ImageSize readImageSize(const std::string& path) {
         err = decodeAny(path, head, nullptr, &dims);
     }
     if (err.empty())
-        err = endFault(head, tail);
+        err = endFault(path, head, tail);
     if (!err.empty())
         throw ReplayError(path, 0, err);
     return dims;
