@@ -1,6 +1,7 @@
 // qlmr_phone_convert: turns the real phone recording (frames/frame-N.jpg, framestamp.txt,
 // gyro.txt) into a replay recording folder, and finds the gyro's axis signs and time offset
 // from the image motion (--analyze).
+#include "app/CommandLine.h"
 #include "common/ReplayError.h"
 #include "input/PhoneRecording.h"
 #include "measure/GyroAlignment.h"
@@ -34,13 +35,17 @@ int main(int argc, char** argv) {
     app.add_option("--offset-ms", offsetMs,
                    "gyro time minus frame time of the same instant (found by --analyze); removed "
                    "from the gyro timestamps")
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(CLI::Range(-1000.0, 1000.0));
     app.add_flag("--analyze", analyze,
                  "rank every axis sign/permutation and offset against the image motion");
     app.add_flag("--curve", curve,
                  "with --analyze: print the error against offset for the chosen axes");
-    app.add_option("--threads", threads, "threads for the image motion")->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
+    app.add_option("--threads", threads, "threads for the image motion")
+        ->capture_default_str()
+        ->check(CLI::Range(1, 64));
+    if (const int rc = parseCommandLine(app, argc, argv); rc >= 0)
+        return rc;
     if (out.empty() && !analyze) {
         std::fprintf(stderr, "qlmr_phone_convert: error: give --out DIR and/or --analyze\n");
         return 2;
