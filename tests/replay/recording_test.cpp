@@ -124,6 +124,23 @@ TEST(RecordingFolder, MissingFilesAndWrongSizesAreErrors) {
         std::remove(dir.file("config.txt").c_str());
         EXPECT_NE(loadError(dir).find("config.txt: cannot open"), std::string::npos);
     }
+    for (const char* name : {"config.txt", "gyro.csv"}) {
+        TempDir dir;
+        makeRecording(dir);
+        std::remove(dir.file(name).c_str());
+        std::system(("mkdir '" + dir.file(name) + "'").c_str());
+        EXPECT_NE(loadError(dir).find(std::string(name) + ": not a regular file"),
+                  std::string::npos)
+            << loadError(dir);
+    }
+    {
+        // A spreadsheet's byte-order mark before the header is not part of the table.
+        TempDir dir;
+        makeRecording(dir);
+        writeText(dir.file("gyro.csv"),
+                  "\xef\xbb\xbftimestamp_ns,x,y,z\n999000000,0,0,0\n1080000000,0,0,0\n");
+        EXPECT_EQ(loadError(dir), "");
+    }
     {
         TempDir dir;
         makeRecording(dir);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace qlmr::replay {
 
@@ -13,6 +14,16 @@ CsvReader::CsvReader(const std::string& path) : path_(path) {
     file_ = std::fopen(path.c_str(), "rb");
     if (file_ == nullptr)
         throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
+    struct stat st {};
+    if (fstat(fileno(file_), &st) != 0 || !S_ISREG(st.st_mode)) {
+        std::fclose(file_);
+        file_ = nullptr;
+        throw ReplayError(path, 0, "not a regular file");
+    }
+    // A UTF-8 byte-order mark, which some spreadsheet programs write, is not part of the table.
+    const int b0 = std::fgetc(file_), b1 = std::fgetc(file_), b2 = std::fgetc(file_);
+    if (!(b0 == 0xEF && b1 == 0xBB && b2 == 0xBF))
+        std::rewind(file_);
 }
 
 CsvReader::~CsvReader() {

@@ -11,6 +11,7 @@
 #include <csetjmp>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 #include <memory>
 
 namespace qlmr::replay {
@@ -261,6 +262,9 @@ void readFile(const std::string& path, std::vector<uint8_t>& out) {
     FilePtr f(std::fopen(path.c_str(), "rb"));
     if (!f)
         throw ReplayError(path, 0, std::string("cannot open: ") + std::strerror(errno));
+    struct stat st {};
+    if (fstat(fileno(f.get()), &st) != 0 || !S_ISREG(st.st_mode))
+        throw ReplayError(path, 0, "not a regular file");
     if (std::fseek(f.get(), 0, SEEK_END) != 0)
         throw ReplayError(path, 0, "cannot seek");
     const long size = std::ftell(f.get());
