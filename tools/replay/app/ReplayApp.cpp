@@ -406,11 +406,23 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         const int64_t lastFrameNs = frames->timestampNs(frames->count() - 1);
         if (gyro->empty()) {
             why = "there are no gyro samples";
-        } else if (gyro->back().timestampNs < lastFrameNs) {
-            char text[96];
-            std::snprintf(text, sizeof text, "the gyro samples end %.2f s before the last frame",
-                          (lastFrameNs - gyro->back().timestampNs) * 1e-9);
-            why = text;
+        } else {
+            const int64_t firstFrameNs = frames->timestampNs(0);
+            char text[160] = "";
+            if (gyro->front().timestampNs > firstFrameNs) {
+                std::snprintf(text, sizeof text,
+                              "the gyro samples start %.2f s after the first frame",
+                              (gyro->front().timestampNs - firstFrameNs) * 1e-9);
+            }
+            if (gyro->back().timestampNs < lastFrameNs) {
+                const size_t used = std::strlen(text);
+                std::snprintf(text + used, sizeof text - used,
+                              "%sthe gyro samples end %.2f s before the last frame",
+                              used > 0 ? "; " : "",
+                              (lastFrameNs - gyro->back().timestampNs) * 1e-9);
+            }
+            if (text[0] != '\0')
+                why = text;
         }
         m.warnings.push_back(std::to_string(m.engine.renderedUnstabilized) + " of " +
                              std::to_string(m.framesIn) + " frames were rendered unstabilized (" +
