@@ -51,10 +51,13 @@ constexpr int64_t kGyroLeadNs = 1500000000;
 // The engine's queue must keep this many free slots before the camera hands it another frame,
 // while the gyroscope can still deliver samples the queued frames wait for.
 constexpr int kQueueHeadroom = 2;
-// Once the gyro has nothing more to deliver, frames still waiting for it are pushed out by the
-// engine's almost-full rule, which needs the queue one frame short of full: the camera then
-// keeps one slot free, as a device's camera would fill the queue.
+// Once the gyro has handed over its last sample and the engine has still output nothing for
+// kGyroEndedStall, the frames waiting for gyro are pushed out by the engine's almost-full rule,
+// which needs the queue one frame short of full: from then on the camera keeps one slot free,
+// as a device's camera would fill the queue. (Switching earlier would race the sensor thread,
+// which may still be delivering the last samples.)
 constexpr int kGyroEndedHeadroom = 1;
+constexpr auto kGyroEndedStall = std::chrono::milliseconds(200);
 // The camera holds frames back only this long while the engine outputs nothing; then it hands
 // the next frame over anyway (the engine renders or drops it, as on a device).
 constexpr auto kCameraHoldLimit = std::chrono::seconds(5);
@@ -208,11 +211,18 @@ class EngineSession : public ReplaySession {
         // Opened for good when the run ends: the engine's sensor thread notices a stop only when
         // an event arrives (or after its long poll time-out).
         std::atomic<bool> gyroReleased{false};
-        gyroSetup.gate = [&newestFrameNs, &gyroReleased, clock, originNs](int64_t hostBootNs) {
-            if (gyroReleased.load())
-                return true;
-            int64_t recordingNs = hostBootNs - clock->toHost(originNs, CLOCK_BOOTTIME) + originNs;
-            return recordingNs <= newestFrameNs.load() + kGyroLeadNs;
+        // Set once the last sample has been let through (sensor service thread).
+        std::atomic<bool> gyroAllDelivered{gyro.empty()};
+        const int64_t lastGyroNs = gyro.empty() ? 0 : gyro.back().timestampNs;
+        gyroSetup.gate = [&newestFrameNs, &gyroReleased, &gyroAllDelivered, clock, originNs,
+                          lastGyroNs](int64_t hostBootNs) {
+            const int64_t recordingNs =
+                hostBootNs - clock->toHost(originNs, CLOCK_BOOTTIME) + originNs;
+            const bool open =
+                gyroReleased.load() || recordingNs <= newestFrameNs.load() + kGyroLeadNs;
+            if (open && recordingNs >= lastGyroNs)
+                gyroAllDelivered.store(true);
+            return open;
         };
         if (!host::installGyro(gyroSetup))
             throw std::runtime_error("the host gyroscope is busy");
@@ -276,8 +286,6 @@ class EngineSession : public ReplaySession {
         cameraSetup.pacing =
             config.realtime ? host::Pacing::RealTime : host::Pacing::AsFastAsConsumed;
         cameraSetup.source = source;
-        // The recording time after which the gyroscope has nothing left to deliver.
-        const int64_t gyroEndNs = gyro.empty() ? INT64_MIN : gyro.back().timestampNs - kGyroLeadNs;
         int heldBackFrames = 0;  // capture thread only
         if (!config.realtime) {
             // Frame `index` may go once the engine has output all but a queue's worth of the
@@ -285,8 +293,9 @@ class EngineSession : public ReplaySession {
             // Capture thread.
             int lastReceived = -1;
             auto lastProgress = std::chrono::steady_clock::now();
-            cameraSetup.gate = [&sinks, &newestFrameNs, &heldBackFrames, gyroEndNs, lastReceived,
-                                lastProgress](uint64_t index, int64_t) mutable {
+            bool gyroEnded = false;
+            cameraSetup.gate = [&sinks, &gyroAllDelivered, &heldBackFrames, lastReceived,
+                                lastProgress, gyroEnded](uint64_t index, int64_t) mutable {
                 if (ctx.frameQueue.data == nullptr || sinks.empty())
                     return false;
                 const auto now = std::chrono::steady_clock::now();
@@ -296,8 +305,9 @@ class EngineSession : public ReplaySession {
                     lastProgress = now;
                 }
                 const int capacity = ctx.frameQueue->capacity;
-                const int headroom =
-                    newestFrameNs.load() >= gyroEndNs ? kGyroEndedHeadroom : kQueueHeadroom;
+                gyroEnded =
+                    gyroEnded || (gyroAllDelivered.load() && now - lastProgress >= kGyroEndedStall);
+                const int headroom = gyroEnded ? kGyroEndedHeadroom : kQueueHeadroom;
                 if (static_cast<int64_t>(index) <
                     static_cast<int64_t>(received) + capacity - headroom)
                     return true;
