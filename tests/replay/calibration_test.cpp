@@ -70,6 +70,9 @@ TEST(Calibration, FindsAnUnstatedOffsetAndNamesIt) {
     EXPECT_NEAR(c.bestOffsetMs, 17.0, 1.5);
     EXPECT_GT(c.bestAgreement, c.agreement);
     EXPECT_LT(c.bestRmsPx, 0.5 * c.statedRmsPx);
+    EXPECT_TRUE(c.changed);
+    EXPECT_EQ(c.useAxes, "-y,-x,-z");
+    EXPECT_DOUBLE_EQ(c.useOffsetMs, c.bestOffsetMs);
     ASSERT_EQ(c.warnings.size(), 1u);
     EXPECT_NE(c.warnings[0].find("gyro time offset of 1"), std::string::npos) << c.warnings[0];
     EXPECT_EQ(c.series.size(), static_cast<size_t>(c.pairs));
@@ -85,8 +88,10 @@ TEST(Calibration, NamesTheAxesWhenTheConfigurationSwapsThem) {
     for (const std::string& w : c.warnings)
         all += w + "\n";
     EXPECT_NE(all.find("agree poorly"), std::string::npos) << all;
-    EXPECT_NE(all.find("the gyro axes -y,-x,-z fit the image motion better than the configured "
-                       "-x,-y,z"),
+    EXPECT_TRUE(c.changed);
+    EXPECT_EQ(c.useAxes, "-y,-x,-z");
+    EXPECT_NE(all.find("the gyro axes -y,-x,-z fit the image motion clearly better than the "
+                       "configured -x,-y,z"),
               std::string::npos)
         << all;
 }
@@ -97,6 +102,63 @@ TEST(Calibration, CorrectValuesAgreeWithoutWarnings) {
     EXPECT_GT(c.agreement, 0.95);
     EXPECT_TRUE(c.warnings.empty()) << c.warnings.front();
     EXPECT_TRUE(c.configWarnings.empty());
+    // The best fit lies a fraction of a millisecond away, within the noise: nothing changes.
+    EXPECT_FALSE(c.changed);
+    EXPECT_EQ(c.useAxes, "-y,-x,-z");
+    EXPECT_DOUBLE_EQ(c.useOffsetMs, 17.0);
+    EXPECT_EQ(c.verdict.find("the configured axes -y,-x,-z and offset 17.00 ms are kept"), 0u)
+        << c.verdict;
+}
+
+TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndTwoPercent) {
+    const struct {
+        double configured, candidate, noise;
+        bool better;
+    } cases[] = {
+        {1.00, 0.90, 0.02, true},    // 0.10 px drop, 5 noise
+        {1.00, 0.95, 0.02, false},   // 2.5 noise
+        {1.44, 1.32, 0.165, false},  // the phone's other mapping at a quarter size
+        {1.00, 0.99, 0.001, false},  // significant, but 1 %
+        {1.00, 1.10, 0.001, false},  // worse
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(clearlyBetter(c.configured, c.candidate, c.noise), c.better) << c.candidate;
+}
+
+TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
+    // Motion measured exactly as predicted at 7.37 ms: the 1 ms grid, the 0.1 ms steps and
+    // the parabola through the squared errors find it to a hundredth of a millisecond.
+    constexpr double kTwoPi = 6.283185307179586;
+    std::vector<GyroSample> gyro;
+    for (int i = 0; i < 1600; ++i) {
+        const double t = i / 400.0;
+        gyro.push_back({static_cast<int64_t>(std::llround(t * 1e9)),
+                        static_cast<float>(0.3 * std::sin(kTwoPi * 3.1 * t)),
+                        static_cast<float>(0.2 * std::sin(kTwoPi * 5.3 * t + 1)),
+                        static_cast<float>(0.1 * std::sin(kTwoPi * 2.2 * t + 2))});
+    }
+    AlignmentSearch search;
+    search.focalPx = 500;
+    search.readoutMs = 20;
+    search.offsetMinMs = -20;
+    search.offsetMaxMs = 20;
+    const AxisMap truth = AxisMap::parse("-y,-x,-z");
+    std::vector<FrameMotion> motion;
+    for (int i = 30; i < 100; ++i) {
+        FrameMotion f;
+        f.startSec = i / 30.0;
+        f.endSec = (i + 1) / 30.0;
+        double p[3];
+        predictPairMotion(f, gyro, truth, 7.37, search.readoutMs, search.focalPx, p);
+        f.tx = p[0];
+        f.ty = p[1];
+        f.angle = p[2];
+        f.ok = true;
+        motion.push_back(f);
+    }
+    const std::vector<AlignmentScore> ranked = rankAlignments(motion, gyro, search);
+    EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
+    EXPECT_NEAR(ranked[0].offsetMs, 7.37, 0.01);
 }
 
 TEST(Calibration, PairsMeasuredBeforeGiveTheSameFigures) {

@@ -150,6 +150,34 @@ int runCommand(const std::string& args, std::string& stderrText) {
 
 }  // namespace
 
+TEST(ReplayApp, CalibrationAndTheReplaysOwnCheckAreOneMeasurement) {
+    // --calibrate measures the pictures the check after the replay measures (the same
+    // reduction, registration and search): the check finds the calibrated values its best fit
+    // and confirms the agreement the calibration announced.
+    TempDir dir;
+    ReplayOptions o = smallSynthetic(dir);
+    o.synthetic.gyro.timeOffsetNs = 17000000;
+    o.synthetic.statedGyroOffsetMs = 2;
+    o.calibrate = true;
+    auto session = makePassThroughSession();
+    std::ostringstream log;
+    const ReplayMetrics m = runReplay(o, *session, log).metrics;
+    double offset = 0, before = 0, after = 0;
+    ASSERT_EQ(std::sscanf(m.calibratedFrom.c_str(),
+                          "calibrated: gyro axes -y,-x,-z, offset %lf ms (the configuration "
+                          "stated -y,-x,-z, 2.00 ms; agreement %lf -> %lf)",
+                          &offset, &before, &after),
+              3)
+        << m.calibratedFrom;
+    EXPECT_NEAR(offset, 17.0, 2.0);  // a small picture: the rolling shutter's 1.6 ms
+    const CalibrationStats& c = m.calibration;
+    EXPECT_NEAR(c.statedOffsetMs, offset, 0.005);
+    EXPECT_EQ(c.bestAxes, "-y,-x,-z");
+    EXPECT_NEAR(c.bestOffsetMs, c.statedOffsetMs, 0.1);
+    EXPECT_NEAR(c.agreement, after, 0.0005);
+    EXPECT_FALSE(c.changed) << c.verdict;
+}
+
 TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     TempDir dir;
     ReplayOptions o = smallSynthetic(dir);

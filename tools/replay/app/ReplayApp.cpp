@@ -33,9 +33,6 @@ namespace {
 // Gyro gaps longer than this get a warning (the stabilization library's default bridge).
 constexpr int64_t kGyroGapNs = 100000000;
 
-// Reduction of the frames the --calibrate pre-pass measures (1920x1080 -> 480x270).
-constexpr int kCalibrationFactor = 4;
-
 void makeDirs(const std::string& path) {
     std::string partial;
     size_t pos = 0;
@@ -272,7 +269,9 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
 
     if (options.calibrate) {
         // A second reading of the same frames (a fresh source: sources are read once, in
-        // order), reduced fourfold, to measure the image motion the gyro must explain.
+        // order), reduced as the replay's own check reduces them (calibrationReduction), to
+        // measure the image motion the gyro must explain: the check after the replay then
+        // repeats this measurement exactly.
         log << "calibrating the gyro axes and time offset on the input frames..." << std::endl;
         std::unique_ptr<FrameSource> second;
         if (options.input.empty())
@@ -287,7 +286,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         }
         CalibrationInput ci;
         InterruptibleFrames polled(*source);
-        ci.lumas = readLumas(polled, kCalibrationFactor);
+        ci.lumas = readLumas(polled, calibrationReduction(source->width()));
         for (int i = 0; i < source->count(); ++i) {
             ci.timestampsNs.push_back(source->timestampNs(i));
             ci.exposureUs.push_back(source->exposureUs(i));
@@ -302,15 +301,22 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
             throw ReplayError("--calibrate: the image motion could not be measured on " +
                               std::to_string(c.pairs) + " frame pairs");
         }
-        char note[256];
-        std::snprintf(note, sizeof note,
-                      "calibrated: gyro axes %s, offset %.1f ms (the configuration stated %s, "
-                      "%.1f ms; agreement %.3f -> %.3f)",
-                      c.bestAxes.c_str(), c.bestOffsetMs, c.statedAxes.c_str(), c.statedOffsetMs,
-                      c.agreement, c.bestAgreement);
+        char note[1024];
+        if (c.changed) {
+            std::snprintf(note, sizeof note,
+                          "calibrated: gyro axes %s, offset %.2f ms (the configuration stated %s, "
+                          "%.2f ms; agreement %.3f -> %.3f)",
+                          c.useAxes.c_str(), c.useOffsetMs, c.statedAxes.c_str(), c.statedOffsetMs,
+                          c.agreement, c.useAgreement);
+        } else {
+            std::snprintf(note, sizeof note,
+                          "calibration: replayed with the configured values (%s)",
+                          c.verdict.c_str());
+        }
         log << note << std::endl;
         m.calibratedFrom = note;
-        configText = withCalibration(configText, c.bestAxes, c.bestOffsetMs);
+        if (c.changed)
+            configText = withCalibration(configText, c.useAxes, c.useOffsetMs);
     }
 
     throwIfInterrupted();

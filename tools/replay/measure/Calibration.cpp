@@ -16,10 +16,10 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 // Fewer registered pairs than this say nothing about the gyro.
 constexpr int kMinPairs = 8;
-// A mapping or offset is reported as better when it lowers the prediction error by this share.
-constexpr double kClearlyBetter = 0.15;
-// An offset this far from the stated one is worth a word even when the error barely changes.
-constexpr double kOffsetToleranceMs = 2.0;
+// Consecutive frame pairs share their motion (and a gyro sample or two), so their errors are
+// not independent: the noise of an error drop is estimated from blocks of this many pairs
+// (half a second at 30 fps).
+constexpr int kNoiseBlock = 15;
 
 std::string axesText(const vstab::AxisMap& m) {
     std::string s;
@@ -60,6 +60,37 @@ double stackedCorrelation(const std::vector<CalibrationPoint>& series, double ra
     return vp > 0 && vm > 0 ? cov / std::sqrt(vp * vm) : 0;
 }
 
+// The standard error (pixels) of the drop in RMS error from `aSq` to `bSq` (the same pairs'
+// squared errors under two candidates): the per-pair differences averaged in blocks of
+// consecutive pairs, the spread of the block means over the root of their count, carried
+// from the mean square to the RMS (d rms = d ms / (rms_a + rms_b)).
+double errorDropNoise(const std::vector<double>& aSq, const std::vector<double>& bSq) {
+    const size_t n = std::min(aSq.size(), bSq.size());
+    // At least 8 blocks, of kNoiseBlock pairs at most.
+    const size_t block = std::max<size_t>(1, std::min<size_t>(kNoiseBlock, n / 8));
+    std::vector<double> means;
+    double sumA = 0, sumB = 0;
+    for (size_t i = 0; i + block <= n; i += block) {
+        double d = 0;
+        for (size_t j = i; j < i + block; ++j)
+            d += aSq[j] - bSq[j];
+        means.push_back(d / block);
+    }
+    for (size_t i = 0; i < n; ++i) {
+        sumA += aSq[i];
+        sumB += bSq[i];
+    }
+    if (means.size() < 2)
+        return INFINITY;
+    double mean = 0, var = 0;
+    for (const double m : means)
+        mean += m / means.size();
+    for (const double m : means)
+        var += (m - mean) * (m - mean) / (means.size() - 1);
+    const double rmsSum = std::sqrt(sumA / n) + std::sqrt(sumB / n);
+    return rmsSum > 0 ? std::sqrt(var / means.size()) / rmsSum : INFINITY;
+}
+
 std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& motion,
                                                const std::vector<GyroSample>& gyro,
                                                const AxisMap& map, double offsetMs,
@@ -70,11 +101,9 @@ std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& m
     for (const FrameMotion& f : motion) {
         if (!f.ok)
             continue;
-        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
-        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
         CalibrationPoint c;
         c.timeSec = f.startSec - t0Sec;
-        predictedMotion(r, s.focalPx, c.predicted[0], c.predicted[1], c.predicted[2]);
+        predictPairMotion(f, gyro, map, offsetMs, s.readoutMs, s.focalPx, c.predicted);
         const double ea = (c.predicted[2] - f.angle) * s.radiusPx;
         errors.push_back(std::sqrt((c.predicted[0] - f.tx) * (c.predicted[0] - f.tx) +
                                    (c.predicted[1] - f.ty) * (c.predicted[1] - f.ty) + ea * ea));
@@ -94,7 +123,7 @@ std::vector<CalibrationPoint> predictionSeries(const std::vector<FrameMotion>& m
 // The search of rankAlignments at a 48th of its cost: the gyro is integrated once per offset
 // in its own axes, and each mapping is applied to the integrated rotation (exact for the
 // proper rotations, as exp(P w) = P exp(w) P^T; to second order in the frame-to-frame angle
-// for the mirror images). The best few mappings are then refined exactly to 0.1 ms.
+// for the mirror images). The best few mappings are then refined exactly (refineOffset).
 std::vector<AlignmentScore> rankQuickly(const std::vector<FrameMotion>& motion,
                                         const std::vector<GyroSample>& gyro,
                                         const AlignmentSearch& s) {
@@ -107,13 +136,16 @@ std::vector<AlignmentScore> rankQuickly(const std::vector<FrameMotion>& motion,
         if (f.ok)
             pairs.push_back(&f);
     }
-    std::vector<V3> rotation(offsets.size() * pairs.size());
+    using Bands = V3[kRowBands];
+    std::vector<Bands> rotation(offsets.size() * pairs.size());
     for (size_t k = 0; k < offsets.size(); ++k) {
         for (size_t p = 0; p < pairs.size(); ++p) {
             const FrameMotion& f = *pairs[p];
-            const double shift = (s.readoutMs * f.rowFraction + offsets[k]) * 1e-3;
-            rotation[k * pairs.size() + p] =
-                integrateRotation(gyro, raw, f.startSec + shift, f.endSec + shift);
+            for (int b = 0; b < kRowBands; ++b) {
+                const double shift = (bandTimeMs(b, s.readoutMs) + offsets[k]) * 1e-3;
+                rotation[k * pairs.size() + p][b] =
+                    integrateRotation(gyro, raw, f.startSec + shift, f.endSec + shift);
+            }
         }
     }
     std::vector<AlignmentScore> best;
@@ -125,14 +157,16 @@ std::vector<AlignmentScore> rankQuickly(const std::vector<FrameMotion>& motion,
         for (size_t k = 0; k < offsets.size(); ++k) {
             for (size_t p = 0; p < pairs.size(); ++p) {
                 const FrameMotion& f = *pairs[p];
-                double tx, ty, angle;
-                predictedMotion(map.apply(rotation[k * pairs.size() + p]), s.focalPx, tx, ty,
-                                angle);
-                const double ea = (angle - f.angle) * s.radiusPx;
-                errors[p] =
-                    std::sqrt((tx - f.tx) * (tx - f.tx) + (ty - f.ty) * (ty - f.ty) + ea * ea);
+                V3 mapped[kRowBands];
+                for (int b = 0; b < kRowBands; ++b)
+                    mapped[b] = map.apply(rotation[k * pairs.size() + p][b]);
+                double m[3];
+                mixBandRotations(f, mapped, s.focalPx, m);
+                const double ea = (m[2] - f.angle) * s.radiusPx;
+                errors[p] = std::sqrt((m[0] - f.tx) * (m[0] - f.tx) +
+                                      (m[1] - f.ty) * (m[1] - f.ty) + ea * ea);
             }
-            // Scored as score() does: outliers counted at the limit.
+            // Scored as scoreAlignment does: outliers counted at the limit.
             const double limit = outlierLimit(errors);
             const double rms = robustRms(errors, limit);
             if (rms < b.rmsPx) {
@@ -154,14 +188,7 @@ std::vector<AlignmentScore> rankQuickly(const std::vector<FrameMotion>& motion,
         if (!b.map.isRotation() || refined >= kRefined)
             continue;
         ++refined;
-        AlignmentSearch fine = s;
-        fine.offsetMinMs = b.offsetMs - s.offsetStepMs;
-        fine.offsetMaxMs = b.offsetMs + s.offsetStepMs;
-        fine.offsetStepMs = s.offsetStepMs / 10;
-        for (const AlignmentScore& c : offsetCurve(motion, gyro, b.map, fine)) {
-            if (c.rmsPx < b.rmsPx)
-                b = c;
-        }
+        b = refineOffset(motion, gyro, b, s);
     }
     std::sort(best.begin(), best.end(),
               [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
@@ -169,6 +196,11 @@ std::vector<AlignmentScore> rankQuickly(const std::vector<FrameMotion>& motion,
 }
 
 }  // namespace
+
+bool clearlyBetter(double configuredRmsPx, double candidateRmsPx, double noisePx) {
+    const double drop = configuredRmsPx - candidateRmsPx;
+    return drop > kNoiseMargin * noisePx && drop > kMinDrop * configuredRmsPx;
+}
 
 CalibrationStats calibrate(const CalibrationInput& in) {
     CalibrationStats st;
@@ -245,39 +277,108 @@ CalibrationStats calibrate(const CalibrationInput& in) {
                                    [](const AlignmentScore& a) { return a.map.isRotation(); });
     if (best == ranked.end())
         return st;
+    const auto agreementOf = [&](const AxisMap& map, double offsetMs) {
+        return stackedCorrelation(
+            predictionSeries(motion, *in.gyro, map, offsetMs, search, t0, 1.0 / scale), 300);
+    };
     st.bestAxes = best->map.text();
     st.bestOffsetMs = best->offsetMs - exposureUs * 0.5e-3;
     st.bestRmsPx = best->rmsPx / scale;
-    st.bestAgreement = stackedCorrelation(
-        predictionSeries(motion, *in.gyro, best->map, best->offsetMs, search, t0, 1.0 / scale),
-        300);
+    st.bestAgreement = agreementOf(best->map, best->offsetMs);
 
-    char buf[400];
+    // The configured mapping at its own best offset: the alternative that changes the offset
+    // only.
+    AlignmentScore statedBest = *best;
+    if (st.bestAxes != st.statedAxes) {
+        const auto it = std::find_if(ranked.begin(), ranked.end(), [&](const AlignmentScore& a) {
+            return a.map.text() == st.statedAxes;
+        });
+        statedBest = refineOffset(motion, *in.gyro, *it, search);
+    }
+    st.statedMapOffsetMs = statedBest.offsetMs - exposureUs * 0.5e-3;
+    st.statedMapRmsPx = statedBest.rmsPx / scale;
+    st.statedMapAgreement = st.bestAxes == st.statedAxes
+                                ? st.bestAgreement
+                                : agreementOf(statedBest.map, statedBest.offsetMs);
+
+    // Is a candidate clearly better than the values it would replace? Compared pair by pair
+    // on the squared prediction errors (outliers at their limit).
+    std::vector<double> statedSq;
+    scoreAlignment(motion, *in.gyro, stated, searchStatedMs, search, &statedSq);
+    const auto compare = [&](const AlignmentScore& a, const AlignmentScore& b, double& noisePx) {
+        std::vector<double> aSq, bSq;
+        scoreAlignment(motion, *in.gyro, a.map, a.offsetMs, search, &aSq);
+        scoreAlignment(motion, *in.gyro, b.map, b.offsetMs, search, &bSq);
+        noisePx = errorDropNoise(aSq, bSq) / scale;
+        return clearlyBetter(a.rmsPx / scale, b.rmsPx / scale, noisePx);
+    };
+    AlignmentScore statedScore;
+    statedScore.map = stated;
+    statedScore.offsetMs = searchStatedMs;
+    statedScore.rmsPx = st.statedRmsPx * scale;
+
+    char buf[600];
+    st.useAxes = st.statedAxes;
+    st.useOffsetMs = st.statedOffsetMs;
+    st.useAgreement = st.agreement;
+    double mapNoise = 0, offsetNoise = 0;
+    const bool otherMapping = st.bestAxes != st.statedAxes;
+    // A mapping change must beat the configured mapping at its best offset, clearly, and
+    // agree better with the pictures.
+    const bool mappingBetter = otherMapping && compare(statedBest, *best, mapNoise) &&
+                               st.bestAgreement > st.statedMapAgreement;
+    const bool offsetBetter = compare(statedScore, statedBest, offsetNoise);
+    if (mappingBetter) {
+        st.changed = true;
+        st.useAxes = st.bestAxes;
+        st.useOffsetMs = st.bestOffsetMs;
+        st.useAgreement = st.bestAgreement;
+        st.noisePx = mapNoise;
+        std::snprintf(buf, sizeof buf,
+                      "the gyro axes %s fit the image motion clearly better than the configured "
+                      "%s (prediction error %.2f px instead of %.2f px at its best offset, noise "
+                      "%.3f px; correlation %.3f instead of %.3f): set vstab.gyroAxes=%s and "
+                      "vstab.gyroTimeOffsetNs=%lld",
+                      st.bestAxes.c_str(), st.statedAxes.c_str(), st.bestRmsPx, st.statedMapRmsPx,
+                      mapNoise, st.bestAgreement, st.statedMapAgreement, st.bestAxes.c_str(),
+                      static_cast<long long>(std::llround(st.bestOffsetMs * 1e6)));
+        st.verdict = buf;
+        st.warnings.push_back(buf);
+    } else if (offsetBetter) {
+        st.changed = true;
+        st.useOffsetMs = st.statedMapOffsetMs;
+        st.useAgreement = st.statedMapAgreement;
+        st.noisePx = offsetNoise;
+        std::snprintf(buf, sizeof buf,
+                      "a gyro time offset of %.2f ms fits the image motion clearly better than "
+                      "the configured %.2f ms (prediction error %.2f px instead of %.2f px, "
+                      "noise %.3f px): set vstab.gyroTimeOffsetNs=%lld",
+                      st.statedMapOffsetMs, st.statedOffsetMs, st.statedMapRmsPx, st.statedRmsPx,
+                      offsetNoise,
+                      static_cast<long long>(std::llround(st.statedMapOffsetMs * 1e6)));
+        st.verdict = buf;
+        st.warnings.push_back(buf);
+    } else {
+        st.noisePx = otherMapping ? mapNoise : offsetNoise;
+        const double theirRms = otherMapping ? st.statedMapRmsPx : st.statedRmsPx;
+        const double theirAgreement = otherMapping ? st.statedMapAgreement : st.agreement;
+        std::snprintf(buf, sizeof buf,
+                      "the configured axes %s and offset %.2f ms are kept: the best fit (%s, "
+                      "%.2f ms, error %.2f px against %.2f px, correlation %.3f against %.3f) is "
+                      "not clearly better (the error must drop by more than %.0f times its noise "
+                      "of %.3f px and by %.0f %%%s)",
+                      st.statedAxes.c_str(), st.statedOffsetMs, st.bestAxes.c_str(),
+                      st.bestOffsetMs, st.bestRmsPx, theirRms, st.bestAgreement, theirAgreement,
+                      kNoiseMargin, st.noisePx, kMinDrop * 100,
+                      otherMapping ? ", and the correlation rise, for another mapping" : "");
+        st.verdict = buf;
+    }
     if (st.agreement < kPoorAgreement) {
         std::snprintf(buf, sizeof buf,
                       "gyro and image motion agree poorly (correlation %.2f with the configured "
                       "axes %s and offset %.1f ms); the stabilization cannot be trusted",
                       st.agreement, st.statedAxes.c_str(), st.statedOffsetMs);
-        st.warnings.push_back(buf);
-    }
-    const bool clearlyBetter = st.bestRmsPx < (1.0 - kClearlyBetter) * st.statedRmsPx;
-    if (st.bestAxes != st.statedAxes && clearlyBetter) {
-        std::snprintf(buf, sizeof buf,
-                      "the gyro axes %s fit the image motion better than the configured %s "
-                      "(prediction error %.2f px instead of %.2f px, correlation %.2f instead of "
-                      "%.2f): set vstab.gyroAxes=%s",
-                      st.bestAxes.c_str(), st.statedAxes.c_str(), st.bestRmsPx, st.statedRmsPx,
-                      st.bestAgreement, st.agreement, st.bestAxes.c_str());
-        st.warnings.push_back(buf);
-    } else if (std::fabs(st.bestOffsetMs - st.statedOffsetMs) > kOffsetToleranceMs &&
-               (clearlyBetter || st.bestAxes == st.statedAxes)) {
-        std::snprintf(buf, sizeof buf,
-                      "a gyro time offset of %.1f ms fits the image motion better than the "
-                      "configured %.1f ms (prediction error %.2f px instead of %.2f px): set "
-                      "vstab.gyroTimeOffsetNs=%lld",
-                      st.bestOffsetMs, st.statedOffsetMs, st.bestRmsPx, st.statedRmsPx,
-                      static_cast<long long>(std::llround(st.bestOffsetMs * 1e6)));
-        st.warnings.push_back(buf);
+        st.warnings.insert(st.warnings.begin(), buf);
     }
     return st;
 }
@@ -314,6 +415,10 @@ std::string withCalibration(const std::string& configText, const std::string& ax
     if (!haveOffset)
         out += offsetLine + "\n";
     return out;
+}
+
+int calibrationReduction(int frameWidth) {
+    return std::max(1, (frameWidth + 639) / 640);
 }
 
 std::vector<GrayImage> readLumas(FrameSource& frames, int factor) {

@@ -39,13 +39,29 @@ struct CalibrationStats {
     // gyro sample, a mis-registered pair).
     int outlierPairs = 0;
     double componentCorrelation[3] = {0, 0, 0};
-    // The best mapping (a rotation) and offset, found by search (0.1 ms steps).
+    // The best mapping (a rotation) and offset, found by search (1 ms steps, then 0.1 ms, then
+    // the vertex of a parabola through the errors).
     std::string bestAxes;
     double bestOffsetMs = 0;
     double bestAgreement = 0;
     double bestRmsPx = 0;
+    // The configured mapping at its own best offset (the best fit when that is the mapping).
+    double statedMapOffsetMs = 0;
+    double statedMapRmsPx = 0;
+    double statedMapAgreement = 0;
+    // What to use (qlmr_calibrate writes it, --calibrate replays with it): a mapping or an
+    // offset that fits clearly better (clearlyBetter) than the values it replaces, else the
+    // configured values. A mapping change also needs a higher agreement, and is weighed
+    // against the configured mapping at its best offset; the offset alone, against the
+    // configured values.
+    bool changed = false;
+    std::string useAxes;
+    double useOffsetMs = 0;
+    double useAgreement = 0;
+    double noisePx = 0;   // standard error of the error drop that was weighed
+    std::string verdict;  // one sentence: what changes and why, or why nothing does
     std::vector<CalibrationPoint> series;     // stated values, for the plot
-    std::vector<std::string> warnings;        // poor agreement, a better mapping or offset
+    std::vector<std::string> warnings;        // poor agreement, a clearly better mapping or offset
     std::vector<std::string> configWarnings;  // the library's own words about the text
 };
 
@@ -68,6 +84,14 @@ struct CalibrationInput {
 // Agreement below this is reported as poor.
 constexpr double kPoorAgreement = 0.8;
 
+// A candidate fits clearly better when its RMS prediction error lies below the configured
+// values' by more than kNoiseMargin standard errors of that drop (the measurement noise,
+// estimated from the pairs' own errors) and by kMinDrop of the configured error: a gain
+// within the noise, or too small to matter, is not worth rewriting a configuration for.
+constexpr double kNoiseMargin = 3;
+constexpr double kMinDrop = 0.02;
+bool clearlyBetter(double configuredRmsPx, double candidateRmsPx, double noisePx);
+
 // Measures and judges. Throws ReplayError when the configuration text is refused by the
 // library (the message names the fault).
 CalibrationStats calibrate(const CalibrationInput& input);
@@ -76,6 +100,12 @@ CalibrationStats calibrate(const CalibrationInput& input);
 // existing lines replaced in place, missing ones appended.
 std::string withCalibration(const std::string& configText, const std::string& axes,
                             double offsetMs);
+
+// The reduction the gyro calibration measures frames `frameWidth` pixels wide at: the replay's
+// own luma reduction (OutputRecorder, about 640 pixels wide, as long as the recording fits
+// its luma budget), so that qlmr_calibrate, --calibrate and the check of every replay register
+// the same pictures and find the same figures.
+int calibrationReduction(int frameWidth);
 
 // Reduced lumas (factor `factor`) of every frame of `frames`, read once in order.
 std::vector<GrayImage> readLumas(FrameSource& frames, int factor);

@@ -83,39 +83,98 @@ MotionOptions frameMotionOptions() {
     return options;
 }
 
-namespace {
+FrameMotion::FrameMotion() {
+    for (int b = 0; b < kRowBands; ++b) {
+        for (int k = 0; k < 3; ++k)
+            mix[b][k][k] = 1.0 / kRowBands;
+    }
+}
 
-// Where the texture of a picture sits, as a fraction of its height: the rows weighted by their
-// squared central-difference gradients (integer sums: exact, and quick).
-double texturedRowFraction(const GrayImage& g) {
-    double sum = 0, weighted = 0;
-    for (int y = 1; y + 1 < g.height; ++y) {
+void rowBandMix(const GrayImage& g, const Similarity& registered, double mix[kRowBands][3][3]) {
+    // Parameters p = (tx, ty, angle, scale - 1) of x' = x + t + [[s, -a], [a, s]] (x - c).
+    // A pixel with gradient (gx, gy) at (x, y) from the centre constrains
+    // j.p = gx dx + gy dy with j = (gx, gy, gx (-y) + gy x, gx x + gy y); the fit to a motion
+    // (dx, dy) that depends on the pixel's band is p = A^-1 sum j (gx dx + gy dy),
+    // A = sum j j^T. Only the pixels that `registered` maps inside the other picture count,
+    // as in the registration (with a vertical motion, the rows at one edge drop out: the
+    // pair is then measured earlier or later). Every other row and column: the sums barely
+    // change, at a quarter of the work.
+    double A[4][4] = {};
+    double rhs[4][3 * kRowBands] = {};
+    const double cx = g.width / 2.0, cy = g.height / 2.0;
+    const double ca = registered.scale * std::cos(registered.angle);
+    const double sa = registered.scale * std::sin(registered.angle);
+    const double maxX = g.width - 2.0, maxY = g.height - 2.0;
+    for (int y = 1; y + 1 < g.height; y += 2) {
         const uint8_t* above = g.data.data() + static_cast<size_t>(y - 1) * g.width;
         const uint8_t* row = above + g.width;
         const uint8_t* below = row + g.width;
-        int64_t e = 0;
-        for (int x = 1; x + 1 < g.width; ++x) {
-            const int gx = row[x + 1] - row[x - 1];
-            const int gy = below[x] - above[x];
-            e += gx * gx + gy * gy;
+        const double yc = y - cy;
+        const int band = std::min(kRowBands - 1, (y * kRowBands) / g.height);
+        for (int x = 1; x + 1 < g.width; x += 2) {
+            const double gx = 0.5 * (row[x + 1] - row[x - 1]);
+            const double gy = 0.5 * (below[x] - above[x]);
+            if (gx == 0 && gy == 0)
+                continue;
+            const double xc = x - cx;
+            const double mx = cx + ca * xc - sa * yc + registered.tx;
+            const double my = cy + sa * xc + ca * yc + registered.ty;
+            if (!(mx >= 1 && mx < maxX && my >= 1 && my < maxY))
+                continue;
+            const double j[4] = {gx, gy, -gx * yc + gy * xc, gx * xc + gy * yc};
+            // The brightness change a band motion (tx, ty, angle) causes at this pixel.
+            const double effect[3] = {gx, gy, j[2]};
+            for (int r = 0; r < 4; ++r) {
+                for (int c = 0; c < 4; ++c)
+                    A[r][c] += j[r] * j[c];
+                for (int m = 0; m < 3; ++m)
+                    rhs[r][band * 3 + m] += j[r] * effect[m];
+            }
         }
-        sum += static_cast<double>(e);
-        weighted += static_cast<double>(e) * (y + 0.5);
     }
-    return sum > 0 ? weighted / sum / g.height : 0.5;
+    // Gauss-Jordan elimination with partial pivoting.
+    const double scale = A[0][0] + A[1][1] + A[2][2] + A[3][3];
+    for (int col = 0; col < 4; ++col) {
+        int pivot = col;
+        for (int r = col + 1; r < 4; ++r) {
+            if (std::fabs(A[r][col]) > std::fabs(A[pivot][col]))
+                pivot = r;
+        }
+        if (!(std::fabs(A[pivot][col]) > 1e-12 * scale)) {
+            const FrameMotion even;  // too little texture: the bands' mean
+            std::copy(&even.mix[0][0][0], &even.mix[0][0][0] + kRowBands * 9, &mix[0][0][0]);
+            return;
+        }
+        std::swap(A[col], A[pivot]);
+        std::swap(rhs[col], rhs[pivot]);
+        for (int r = 0; r < 4; ++r) {
+            if (r == col)
+                continue;
+            const double f = A[r][col] / A[col][col];
+            for (int c = 0; c < 4; ++c)
+                A[r][c] -= f * A[col][c];
+            for (int c = 0; c < 3 * kRowBands; ++c)
+                rhs[r][c] -= f * rhs[col][c];
+        }
+    }
+    for (int b = 0; b < kRowBands; ++b) {
+        for (int k = 0; k < 3; ++k) {
+            for (int m = 0; m < 3; ++m)
+                mix[b][k][m] = rhs[k][b * 3 + m] / A[k][k];
+        }
+    }
 }
-
-}  // namespace
 
 std::vector<FrameMotion> frameMotionFrom(const std::vector<const GrayImage*>& lumas,
                                          const std::vector<double>& timesSec,
                                          const std::vector<MotionEstimate>& pairs) {
     std::vector<FrameMotion> out;
-    double previous = lumas.empty() ? 0.5 : texturedRowFraction(*lumas[0]);
     for (size_t i = 0; i < pairs.size() && i + 1 < lumas.size(); ++i) {
-        const double next = texturedRowFraction(*lumas[i + 1]);
         FrameMotion f;
-        f.rowFraction = 0.5 * (previous + next);
+        // The registration's gradients are the reference's: lumas[i + 1] is registered on
+        // lumas[i].
+        if (pairs[i].ok)
+            rowBandMix(*lumas[i], pairs[i].motion, f.mix);
         f.startSec = timesSec[i];
         f.endSec = timesSec[i + 1];
         f.ok = pairs[i].ok;
@@ -123,7 +182,6 @@ std::vector<FrameMotion> frameMotionFrom(const std::vector<const GrayImage*>& lu
         f.ty = pairs[i].motion.ty;
         f.angle = pairs[i].motion.angle;
         out.push_back(f);
-        previous = next;
     }
     return out;
 }
@@ -183,6 +241,32 @@ void predictedMotion(const V3& r, double focalPx, double& tx, double& ty, double
     angle = -r.z();
 }
 
+double bandTimeMs(int band, double readoutMs) {
+    return readoutMs * (band + 0.5) / kRowBands;
+}
+
+void mixBandRotations(const FrameMotion& f, const V3 (&bandRotation)[kRowBands], double focalPx,
+                      double out[3]) {
+    out[0] = out[1] = out[2] = 0;
+    for (int b = 0; b < kRowBands; ++b) {
+        double m[3];
+        predictedMotion(bandRotation[b], focalPx, m[0], m[1], m[2]);
+        for (int k = 0; k < 3; ++k)
+            out[k] += f.mix[b][k][0] * m[0] + f.mix[b][k][1] * m[1] + f.mix[b][k][2] * m[2];
+    }
+}
+
+void predictPairMotion(const FrameMotion& f, const std::vector<GyroSample>& gyro,
+                       const AxisMap& map, double offsetMs, double readoutMs, double focalPx,
+                       double out[3]) {
+    V3 r[kRowBands];
+    for (int b = 0; b < kRowBands; ++b) {
+        const double shift = (bandTimeMs(b, readoutMs) + offsetMs) * 1e-3;
+        r[b] = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
+    }
+    mixBandRotations(f, r, focalPx, out);
+}
+
 double outlierLimit(const std::vector<double>& errorsPx) {
     if (errorsPx.size() < 3)
         return INFINITY;
@@ -215,8 +299,7 @@ double robustRms(const std::vector<double>& errorsPx, double limit) {
 }
 
 namespace {
-// A measured frame pair with the motion p = (tx, ty, angle) the gyro predicts for it at the
-// time its textured rows were read out.
+// A measured frame pair with the motion p = (tx, ty, angle) the gyro predicts for it.
 struct Prediction {
     const FrameMotion* f;
     double p[3];
@@ -232,10 +315,8 @@ std::vector<Prediction> predict(const std::vector<FrameMotion>& motion,
     for (const FrameMotion& f : motion) {
         if (!f.ok)
             continue;
-        const double shift = (s.readoutMs * f.rowFraction + offsetMs) * 1e-3;
-        const V3 r = integrateRotation(gyro, map, f.startSec + shift, f.endSec + shift);
         Prediction q{&f, {0, 0, 0}};
-        predictedMotion(r, s.focalPx, q.p[0], q.p[1], q.p[2]);
+        predictPairMotion(f, gyro, map, offsetMs, s.readoutMs, s.focalPx, q.p);
         const double ea = (q.p[2] - f.angle) * s.radiusPx;
         errors.push_back(std::sqrt((q.p[0] - f.tx) * (q.p[0] - f.tx) +
                                    (q.p[1] - f.ty) * (q.p[1] - f.ty) + ea * ea));
@@ -243,9 +324,12 @@ std::vector<Prediction> predict(const std::vector<FrameMotion>& motion,
     }
     return out;
 }
+}  // namespace
 
-AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<GyroSample>& gyro,
-                     const AxisMap& map, double offsetMs, const AlignmentSearch& s) {
+AlignmentScore scoreAlignment(const std::vector<FrameMotion>& motion,
+                              const std::vector<GyroSample>& gyro, const AxisMap& map,
+                              double offsetMs, const AlignmentSearch& s,
+                              std::vector<double>* squaredErrors) {
     AlignmentScore out;
     out.map = map;
     out.offsetMs = offsetMs;
@@ -256,9 +340,15 @@ AlignmentScore score(const std::vector<FrameMotion>& motion, const std::vector<G
     for (const double e : errors)
         out.outliers += !(e <= limit);
     out.rmsPx = robustRms(errors, limit);
+    if (squaredErrors != nullptr) {
+        squaredErrors->clear();
+        for (const double e : errors) {
+            const double counted = e <= limit ? e : limit;
+            squaredErrors->push_back(counted * counted);
+        }
+    }
     return out;
 }
-}  // namespace
 
 ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
                            const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
@@ -303,9 +393,40 @@ std::vector<AlignmentScore> offsetCurve(const std::vector<FrameMotion>& motion,
                                         const AlignmentSearch& search) {
     std::vector<AlignmentScore> out;
     for (double o = search.offsetMinMs; o <= search.offsetMaxMs + 1e-9; o += search.offsetStepMs) {
-        out.push_back(score(motion, gyro, map, o, search));
+        out.push_back(scoreAlignment(motion, gyro, map, o, search));
     }
     return out;
+}
+
+AlignmentScore refineOffset(const std::vector<FrameMotion>& motion,
+                            const std::vector<GyroSample>& gyro, const AlignmentScore& start,
+                            const AlignmentSearch& search) {
+    AlignmentSearch fine = search;
+    fine.offsetStepMs = search.offsetStepMs / 10;
+    fine.offsetMinMs = start.offsetMs - search.offsetStepMs;
+    fine.offsetMaxMs = start.offsetMs + search.offsetStepMs;
+    const std::vector<AlignmentScore> curve = offsetCurve(motion, gyro, start.map, fine);
+    size_t at = 0;
+    for (size_t i = 1; i < curve.size(); ++i) {
+        if (curve[i].rmsPx < curve[at].rmsPx)
+            at = i;
+    }
+    if (curve.empty() || !(curve[at].rmsPx <= start.rmsPx))
+        return start;
+    const AlignmentScore best = curve[at];
+    if (at == 0 || at + 1 == curve.size())
+        return best;
+    // Squared errors: a quadratic in the offset where the prediction is linear in it.
+    const double e0 = curve[at - 1].rmsPx * curve[at - 1].rmsPx;
+    const double e1 = best.rmsPx * best.rmsPx;
+    const double e2 = curve[at + 1].rmsPx * curve[at + 1].rmsPx;
+    const double curvature = e0 - 2 * e1 + e2;
+    if (!(curvature > 0))
+        return best;
+    const double shift = std::clamp(0.5 * (e0 - e2) / curvature, -1.0, 1.0);
+    const AlignmentScore vertex =
+        scoreAlignment(motion, gyro, start.map, best.offsetMs + shift * fine.offsetStepMs, search);
+    return vertex.rmsPx < best.rmsPx ? vertex : best;
 }
 
 std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motion,
@@ -314,20 +435,13 @@ std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motio
     std::vector<AlignmentScore> best;
     for (const AxisMap& map : AxisMap::all()) {
         AlignmentScore b;
+        b.map = map;
         b.rmsPx = INFINITY;
         for (const AlignmentScore& s : offsetCurve(motion, gyro, map, search)) {
             if (s.rmsPx < b.rmsPx)
                 b = s;
         }
-        // Refine around the best step to a tenth of it.
-        AlignmentSearch fine = search;
-        fine.offsetMinMs = b.offsetMs - search.offsetStepMs;
-        fine.offsetMaxMs = b.offsetMs + search.offsetStepMs;
-        fine.offsetStepMs = search.offsetStepMs / 10;
-        for (const AlignmentScore& s : offsetCurve(motion, gyro, map, fine)) {
-            if (s.rmsPx < b.rmsPx)
-                b = s;
-        }
+        b = refineOffset(motion, gyro, b, search);
         best.push_back(b);
     }
     std::sort(best.begin(), best.end(),

@@ -29,6 +29,14 @@ struct AxisMap {
     bool isRotation() const;                        // determinant +1
 };
 
+// A rolling-shutter picture's rows are read at different times, so the motion between two
+// frames differs from row to row, while the registration fits one similarity to all of them:
+// it averages the rows' motions by their texture, and a yaw during the readout (the rows
+// shifted sideways by different amounts, a shear) partly shows as roll. The gyro's
+// prediction is therefore made for kRowBands horizontal bands of rows, each at the time its
+// middle row is read, and mixed as the registration mixes them.
+constexpr int kRowBands = 4;
+
 // Global motion between consecutive frames, measured on their pictures.
 struct FrameMotion {
     double startSec = 0;  // frame timestamps (s), first row
@@ -36,12 +44,22 @@ struct FrameMotion {
     double tx = 0;  // content displacement (pixels of the measured pictures' size)
     double ty = 0;
     double angle = 0;  // content rotation, radians
-    // Where the measurement "is" in a rolling-shutter picture: the rows weighted by their
-    // texture (squared vertical and horizontal gradients), as a fraction of the height. A
-    // picture whose detail sits in its upper part is measured at an earlier time.
-    double rowFraction = 0.5;
+    // mix[b][k][j]: the share of row band b's motion component j (tx, ty, angle; band 0 at
+    // the top) in the registered component k. Solved from the registration's normal equations
+    // on the first picture's gradients (rowBandMix); every band moving alike gives that
+    // motion. Default: the mean of the bands.
+    double mix[kRowBands][3][3] = {};
     bool ok = false;
+
+    FrameMotion();
 };
+
+// The band mix of a registration whose reference picture is `g` and whose result is
+// `registered`: the similarity (tx, ty, angle, scale) least-squares fit that the
+// registration's Gauss-Newton steps make to a motion differing by band, on g's
+// central-difference gradients where `registered` maps them inside the picture. The bands'
+// mean when g has too little texture to solve.
+void rowBandMix(const GrayImage& g, const Similarity& registered, double mix[kRowBands][3][3]);
 
 // The registration options of the frame-to-frame measurement.
 MotionOptions frameMotionOptions();
@@ -59,6 +77,22 @@ std::vector<FrameMotion> frameMotionFrom(const std::vector<const GrayImage*>& lu
 // Rotation vector of the camera between gyro times t0 and t1 (seconds, gyro clock), from raw
 // samples mapped by `map`, integrated with the samples' rates held piecewise linear.
 V3 integrateRotation(const std::vector<GyroSample>& gyro, const AxisMap& map, double t0, double t1);
+
+// The motion the registration of pair `f` measures when the camera turns as the gyro says:
+// each row band's rotation (gyro samples mapped by `map`, from the band's middle-row time in
+// the first frame to that in the second, `offsetMs` after the frame time, rows read out over
+// `readoutMs`), as content motion of a `focalPx` picture, mixed by f.mix. Out: tx, ty in
+// pixels, angle in radians.
+void predictPairMotion(const FrameMotion& f, const std::vector<GyroSample>& gyro,
+                       const AxisMap& map, double offsetMs, double readoutMs, double focalPx,
+                       double out[3]);
+
+// The same from the bands' camera rotations (camera axes), already integrated.
+void mixBandRotations(const FrameMotion& f, const V3 (&bandRotation)[kRowBands], double focalPx,
+                      double out[3]);
+
+// Gyro time of row band b's middle row relative to the frame time, ms (offset excluded).
+double bandTimeMs(int band, double readoutMs);
 
 // Content motion a camera rotation r (camera axes, radians) causes in a pinhole picture of
 // focal length f: (-f r.y, f r.x) and content rotation -r.z (small-angle form).
@@ -92,12 +126,27 @@ struct AlignmentScore {
 
 struct AlignmentSearch {
     double focalPx = 0;    // of the measured pictures
-    double readoutMs = 0;  // rolling shutter: frames are compared at their textured rows' time
+    double readoutMs = 0;  // rolling shutter: first row to last (the row bands' times)
     double offsetMinMs = -60;
     double offsetMaxMs = 60;
     double offsetStepMs = 1;
     double radiusPx = 300;  // weight of rotation errors
 };
+
+// The best offset of one map near `start` (a search-grid minimum, `search.offsetStepMs`
+// apart from its neighbours): ten steps of a tenth around it, then the vertex of the parabola
+// through the squared errors at the best of them and its two neighbours, kept when it scores
+// better. Resolves the offset far below the fine step (about 0.01 ms on a clean recording).
+AlignmentScore refineOffset(const std::vector<FrameMotion>& motion,
+                            const std::vector<GyroSample>& gyro, const AlignmentScore& start,
+                            const AlignmentSearch& search);
+
+// Prediction error (rmsPx) of one map and offset, with the pairs' own errors: each pair's
+// squared error, outliers counted at the limit (so that their mean is rmsPx squared).
+AlignmentScore scoreAlignment(const std::vector<FrameMotion>& motion,
+                              const std::vector<GyroSample>& gyro, const AxisMap& map,
+                              double offsetMs, const AlignmentSearch& search,
+                              std::vector<double>* squaredErrors = nullptr);
 
 // Best offset for every axis map, best first.
 std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motion,

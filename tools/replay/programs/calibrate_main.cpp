@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
     std::string dir;
     bool dryRun = false;
     int threads = 2;
-    int factor = 4;
+    int factor = 0;
     app.add_option("dir", dir, "recording folder (see docs/recording-format.md)")
         ->required()
         ->check(CLI::ExistingDirectory);
@@ -46,8 +46,9 @@ int main(int argc, char** argv) {
     app.add_option("--threads", threads, "threads for the image motion")
         ->capture_default_str()
         ->check(CLI::Range(1, 64));
-    app.add_option("--reduce", factor, "measure on pictures reduced by this factor")
-        ->capture_default_str()
+    app.add_option("--reduce", factor,
+                   "measure on pictures reduced by this factor (default: as qlmr_replay, about "
+                   "640 pixels wide)")
         ->check(CLI::Range(1, 16));
     if (const int rc = parseCommandLine(app, argc, argv); rc >= 0)
         return rc;
@@ -55,7 +56,7 @@ int main(int argc, char** argv) {
         const Recording rec = loadRecording(dir);
         std::unique_ptr<FrameSource> frames = openRecordingFrames(rec);
         CalibrationInput in;
-        in.lumas = readLumas(*frames, factor);
+        in.lumas = readLumas(*frames, factor > 0 ? factor : calibrationReduction(frames->width()));
         for (int i = 0; i < frames->count(); ++i) {
             in.timestampsNs.push_back(frames->timestampNs(i));
             in.exposureUs.push_back(frames->exposureUs(i));
@@ -92,24 +93,35 @@ int main(int argc, char** argv) {
                     c.statedAxes.c_str(), c.statedOffsetMs, c.agreement, c.statedRmsPx);
         std::printf("best fit:   axes %-9s offset %7.2f ms  agreement %.3f  error %.2f px\n",
                     c.bestAxes.c_str(), c.bestOffsetMs, c.bestAgreement, c.bestRmsPx);
-        for (const std::string& w : c.warnings)
-            std::printf("note: %s\n", w.c_str());
-        if (c.bestAgreement < kPoorAgreement) {
+        if (c.bestAxes != c.statedAxes) {
             std::printf(
-                "note: even the best fit agrees poorly (%.2f); config.txt is left as it "
+                "configured axes at their best offset: offset %7.2f ms  agreement %.3f  "
+                "error %.2f px\n",
+                c.statedMapOffsetMs, c.statedMapAgreement, c.statedMapRmsPx);
+        }
+        for (const std::string& w : c.warnings) {
+            if (w != c.verdict)
+                std::printf("note: %s\n", w.c_str());
+        }
+        std::printf("%s\n", c.verdict.c_str());
+        if (c.useAgreement < kPoorAgreement) {
+            std::printf(
+                "note: even the values to use agree poorly (%.2f); config.txt is left as it "
                 "is\n",
-                c.bestAgreement);
+                c.useAgreement);
             return dryRun ? 0 : 1;
         }
-        if (!dryRun) {
+        if (!c.changed) {
+            std::printf("config.txt is left as it is\n");
+        } else if (!dryRun) {
             const std::string path = dir + "/config.txt";
             writeText(path + ".orig", rec.configText);
-            writeText(path, withCalibration(rec.configText, c.bestAxes, c.bestOffsetMs));
+            writeText(path, withCalibration(rec.configText, c.useAxes, c.useOffsetMs));
             std::printf(
                 "wrote %s (vstab.gyroAxes=%s, vstab.gyroTimeOffsetNs=%lld; the previous "
                 "text is in config.txt.orig)\n",
-                path.c_str(), c.bestAxes.c_str(),
-                static_cast<long long>(std::llround(c.bestOffsetMs * 1e6)));
+                path.c_str(), c.useAxes.c_str(),
+                static_cast<long long>(std::llround(c.useOffsetMs * 1e6)));
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "qlmr_calibrate: error: %s\n", e.what());
