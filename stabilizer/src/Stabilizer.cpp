@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <limits>
 
 #include "zef_gyro_vstab.h"
 
@@ -214,16 +213,6 @@ Quat Stabilizer::solvePath(int64_t centreNs, int64_t dataEndNs, const FrameTimin
     if (config_.cropAdaptive != 0) {
         zoomNeeds(camera, halfSpanS);
     }
-    if (pathRestarted_ && n > 1) {
-        // A new path: its velocity comes from this solution too. Without a second pose the
-        // next frame would take its velocity from two separate solutions a frame apart,
-        // whose small difference is a large velocity, and settle for a second.
-        const double back = nodeT_[1];
-        const Vec3 x = x0 - (nodeX_[1] - x0) * 1.0;
-        commit(std::numeric_limits<int64_t>::min(),
-               centreNs - static_cast<int64_t>(std::llround(back * 1e9)),
-               normalized(ref * expMap(x)));
-    }
     return normalized(ref * expMap(x0));
 }
 
@@ -255,7 +244,8 @@ void Stabilizer::updateZoom(int64_t frameNs, int64_t centreNs, bool restart) {
         const bool besideUnwarped = unwarpedSeen_ &&
                                     frameNs - unwarpedFrameNs_ <= kUnwarpedNeighbourNs &&
                                     unwarpedFrameNs_ - frameNs <= kUnwarpedNeighbourNs;
-        planner_.start(nodeNeed_.data(), nodesUsed_, besideUnwarped ? config_.overscan : 0.0);
+        planner_.start(nodeNeed_.data(), nodeT_.data(), nodesUsed_,
+                       besideUnwarped ? config_.overscan : 0.0);
         zoom_ = planner_.zoom();
     } else {
         zoom_ = planner_.next(static_cast<double>(centreNs - zoomCentreNs_) * 1e-9,

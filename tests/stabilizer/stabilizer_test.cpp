@@ -188,49 +188,54 @@ TEST(StabSession, AdaptiveZoomRisesAheadOfShakeAndFallsSlowlyAfterIt) {
     EXPECT_GT(zoomAt(2.8), lowest);          // raised before the shake begins
     EXPECT_GT(zoomAt(4.5), 1.01);            // the shake needs a margin
     EXPECT_LT(zoomAt(4.5), c.overscan);      // but not the whole overscan
-    EXPECT_GT(zoomAt(8.0), zoomAt(9.0));     // falls back afterwards
+    EXPECT_GT(zoomAt(6.2), zoomAt(6.5));     // falls back afterwards
     for (size_t k = 1; k < zooms.size(); ++k) {
         const double change = zooms[k].second - zooms[k - 1].second;
-        EXPECT_LE(change, ZoomPlanner::kFloorRisePerS * 0.033 + 1e-3) << zooms[k].first;
-        EXPECT_GE(change, -ZoomPlanner::kFallMaxPerS * 0.033 - 1e-9) << zooms[k].first;  // slowly
+        EXPECT_LE(change, ZoomPlanner::kRisePerS * 0.033 + 1e-3) << zooms[k].first;
+        EXPECT_GE(change, -ZoomPlanner::kFallPerS * 0.033 - 1e-9) << zooms[k].first;  // slowly
     }
     EXPECT_EQ(s.counters().framesClamped, 0u);
 }
 
-TEST(StabZoomPlanner, FollowsNeedsSmoothlyAheadOfTimeAndFallsBackSlowly) {
-    // 37 look-ahead nodes over 0.6 s, frames every 1/30 s; the need steps from 1.05 to 1.15 at
-    // 2 s (first seen 0.6 s before) and back at 4 s.
+TEST(StabZoomPlanner, RisesAheadOfANeedAtMostAtTheRiseRateAndFallsBackSlowly) {
+    // 37 look-ahead nodes over 0.6 s; the zoom may range over 1.0 .. 1.25.
     ZoomPlanner p(1.0, 1.25);
     double t[37], need[37];
-    auto needAt = [](double x) { return x >= 2.0 && x < 4.0 ? 1.15 : 1.05; };
-    auto fill = [&](double now) {
+    auto fill = [&](double base, int at, double peak) {
         for (int i = 0; i < 37; ++i) {
             t[i] = i * 0.6 / 36;
-            need[i] = needAt(now + t[i]);
+            need[i] = i == at ? peak : base;
         }
     };
-    fill(0.0);
-    p.start(need, 37, 0.0);
+    fill(1.05, -1, 0.0);
+    p.start(need, t, 37, 0.0);
     EXPECT_DOUBLE_EQ(p.zoom(), 1.05);
-    std::vector<double> z = {p.zoom()};
-    for (int k = 1; k <= 300; ++k) {
-        const double now = k / 30.0;
-        fill(now);
-        z.push_back(p.next(1.0 / 30, need, t, 37));
-        EXPECT_GE(z.back(), needAt(now) - 1e-12) << now;  // every need met in time
+    p.start(need, t, 37, 1.25);  // beside frames shown unwarped: their magnification
+    EXPECT_DOUBLE_EQ(p.zoom(), 1.25);
+    p.start(need, t, 37, 0.0);
+    struct Case {
+        const char* what;
+        double dtS;
+        double base;
+        int at;  // node of the peak need
+        double peak;
+        double zoom;
+    };
+    const Case cases[] = {
+        {"need 0.6 s ahead: rise started", 0.1, 1.0, 36, 1.25, 1.25 - 0.3 * 0.6},
+        {"no need: falls at 0.05/s", 0.1, 1.0, -1, 0.0, 1.07 - 0.005},
+        {"no time passed: unchanged", 0.0, 1.2, 0, 1.2, 1.065},
+        {"need at the frame: met at once", 0.1, 1.0, 0, 1.2, 1.2},
+        {"beyond the largest: clamped", 0.1, 1.0, 0, 1.4, 1.25},
+        {"nothing needed for long: the lowest", 100.0, 0.9, -1, 0.0, 1.0},
+    };
+    for (const Case& c : cases) {
+        fill(c.base, c.at, c.peak);
+        EXPECT_NEAR(p.next(c.dtS, need, t, 37), c.zoom, 1e-12) << c.what;
     }
-    EXPECT_DOUBLE_EQ(z[40], 1.05);           // constant need: no motion at all
-    EXPECT_LT(z[42 + 3], 1.06);              // the rise starts gently ...
-    EXPECT_GT(z[60 - 3], 1.08);              // ... and early
-    for (size_t k = 2; k < z.size(); ++k) {  // smooth: the rate changes gradually
-        EXPECT_LT(std::fabs(z[k] - 2 * z[k - 1] + z[k - 2]), 0.005) << k / 30.0;
-    }
-    EXPECT_GE(z[120 + 40], 1.15);  // held a while after the need ends
-    EXPECT_LT(z[300], z[200]);     // then falls back,
-    EXPECT_GE(z[300], z[200] - ZoomPlanner::kFallMaxPerS * 100 / 30.0);  // slowly
-    // A need at the frame itself that no plan foresaw is met at once.
-    need[0] = 1.2;
-    EXPECT_DOUBLE_EQ(p.next(1.0 / 30, need, t, 37), 1.2);
+    p.raiseTo(1.1);  // the crop limit's magnification: continued from there
+    fill(1.0, -1, 0.0);
+    EXPECT_NEAR(p.next(0.1, need, t, 37), 1.1 - 0.005, 1e-12);
 }
 
 TEST(StabSession, GyroEndIsTakenAfterAsksWithoutSamplesWhenTheGyroReachesTheFrame) {
@@ -283,10 +288,9 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
     EXPECT_EQ(warp(s, end + 100 * kMs, grid), kStatusNeedMoreGyro);
 }
 
-TEST(StabSession, StartIsStabilizedAtOnceAndBesideUnwarpedFramesAtTheirZoom) {
+TEST(StabSession, StartFollowsThePanAndBesideUnwarpedFramesAtTheirZoom) {
     // A pan with 7 Hz shake from the first sample; frames from the first one the gyro covers.
-    // The virtual camera follows the pan (0.3 rad/s) from the first frame on, without a
-    // settling ramp.
+    // The virtual camera follows the pan (0.3 rad/s) from the first frame on.
     for (const int64_t firstFrame : {kStart, kStart - 30 * kMs}) {
         Stabilizer s(configWithReadout());
         std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows *
