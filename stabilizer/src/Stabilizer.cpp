@@ -35,6 +35,10 @@ int lookAheadNodes(int64_t latencyNs) {
 
 }  // namespace
 
+bool gyroEnded(uint32_t idleAsks, int64_t newestSampleNs, int64_t firstRowNs) {
+    return idleAsks >= Stabilizer::kIdleAsksForGyroEnd && newestSampleNs >= firstRowNs;
+}
+
 Stabilizer::Stabilizer(const StabConfig& config)
     : config_(config),
       history_(historyCapacity(config), config.gyroGapMaxNs),
@@ -52,11 +56,13 @@ Stabilizer::Stabilizer(const StabConfig& config)
       nodeP_(static_cast<size_t>(nodeCount_)),
       nodeUsage_(static_cast<size_t>(nodeCount_)),
       nodeX_(static_cast<size_t>(nodeCount_)),
+      nodeNeed_(static_cast<size_t>(nodeCount_)),
       zoom_(config.cropZoomMax > 0.0 ? config.cropZoomMax : config.overscan),
       // The crop check keeps the output kCropInset inside the frame on every side, which a
       // smaller magnification could never satisfy.
       lowestZoom_(
-          std::min(zoom_, std::max(config.cropZoomMin, (1.0 + 1e-6) / (1.0 - 2.0 * kCropInset)))) {
+          std::min(zoom_, std::max(config.cropZoomMin, (1.0 + 1e-6) / (1.0 - 2.0 * kCropInset)))),
+      planner_(lowestZoom_, zoom_) {
     // Cut-off 0.6 / window: the smoothing's time constant tau = window / (1.2 pi) is then at
     // most 0.53 x the look-ahead (latency >= window / 2), which keeps the receding-horizon path
     // from overshooting.
@@ -148,8 +154,8 @@ Quat Stabilizer::replay(int64_t centreNs, const Quat& physicalCentre) const {
     return physicalCentre;
 }
 
-Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const CameraModel& camera,
-                           const Quat& physicalCentre) {
+Quat Stabilizer::solvePath(int64_t centreNs, int64_t dataEndNs, const FrameTiming& timing,
+                           const CameraModel& camera, const Quat& physicalCentre) {
     // Continue from the last committed poses when they are recent; otherwise start afresh at
     // the physical orientation.
     SmootherProblem pr;
@@ -176,11 +182,19 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     }
     pathRestarted_ = pr.pastCount == 0;
     const Quat refInv = conj(ref);
+    // Nodes the gyro data reaches: all of them unless the look-ahead is cut short (the gyro
+    // ended or stalled); then the horizon ends at the data, and the path continues with the
+    // velocity the data gives there (a free end).
+    nodesUsed_ = 1;
     for (int i = 0; i < nodeCount_; ++i) {
         times_[i] = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
+        if (i > 0 && times_[i] <= dataEndNs) {
+            nodesUsed_ = i + 1;
+        }
     }
-    history_.orientationsAt(times_.data(), static_cast<size_t>(nodeCount_), nodeQ_.data());
-    for (int i = 0; i < nodeCount_; ++i) {
+    const int n = nodesUsed_;
+    history_.orientationsAt(times_.data(), static_cast<size_t>(n), nodeQ_.data());
+    for (int i = 0; i < n; ++i) {
         nodeP_[i] = logMap(refInv * nodeQ_[i]);
     }
     SmootherParams params = params_;
@@ -188,50 +202,54 @@ Quat Stabilizer::solvePath(int64_t centreNs, const FrameTiming& timing, const Ca
     // The rows of a frame turn with the camera during readout; half that spread on either side
     // of the centre row is margin the path cannot use.
     const double halfSpanS = 0.5 * timing.rowSpanNs * 1e-9;
-    for (int i = 0; i < nodeCount_; ++i) {
+    for (int i = 0; i < n; ++i) {
         nodeUsage_[i] = params.margins.usage(nodeRate(i) * halfSpanS);
     }
-    pr.count = nodeCount_;
+    pr.count = n;
     pr.t = nodeT_.data();
     pr.p = nodeP_.data();
     pr.extraUsage = nodeUsage_.data();
     const Vec3 x0 = smoother_.solve(pr, params, nodeX_.data());
-    zoomWanted_ = config_.cropAdaptive != 0 ? zoomTarget(camera, halfSpanS) : highestZoom();
+    if (config_.cropAdaptive != 0) {
+        zoomNeeds(camera, halfSpanS);
+    }
     return normalized(ref * expMap(x0));
 }
 
 Vec3 Stabilizer::nodeRate(int i) const {
     // Central difference of the physical path (rad/s), one-sided at the ends; zero with one node.
-    if (nodeCount_ < 2)
+    if (nodesUsed_ < 2)
         return Vec3();
     const int a = i > 0 ? i - 1 : 0;
-    const int b = i + 1 < nodeCount_ ? i + 1 : nodeCount_ - 1;
+    const int b = i + 1 < nodesUsed_ ? i + 1 : nodesUsed_ - 1;
     return (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
 }
 
-double Stabilizer::zoomTarget(const CameraModel& camera, double halfSpanS) {
+void Stabilizer::zoomNeeds(const CameraModel& camera, double halfSpanS) {
     // Each node's deviation from the physical path, with its frame's rolling-shutter spread,
-    // needs some magnification; the zoom now must be within reach of it at the allowed rise
-    // rate by the node's time.
+    // needs some magnification.
     ladder_.prepare(camera, lowestZoom_, highestZoom());
-    double target = lowestZoom_;
-    for (int i = 0; i < nodeCount_; ++i) {
-        const double need =
-            ladder_.zoomFor(nodeX_[i] - nodeP_[i], nodeRate(i) * halfSpanS, kZoomUsageLimit) -
-            kZoomRisePerS * nodeT_[i];
-        target = need > target ? need : target;
+    for (int i = 0; i < nodesUsed_; ++i) {
+        nodeNeed_[i] =
+            ladder_.zoomFor(nodeX_[i] - nodeP_[i], nodeRate(i) * halfSpanS, kZoomUsageLimit);
     }
-    return target;
 }
 
-void Stabilizer::updateZoom(int64_t centreNs, double target, bool restart) {
-    if (!zoomSet_ || restart || centreNs <= zoomCentreNs_) {
-        zoom_ = target;
-    } else if (target >= zoom_) {
-        zoom_ = target;
+void Stabilizer::updateZoom(int64_t frameNs, int64_t centreNs, bool restart) {
+    if (config_.cropAdaptive == 0) {
+        zoom_ = highestZoom();
+    } else if (!zoomSet_ || restart || centreNs <= zoomCentreNs_) {
+        // Next to frames the engine showed unwarped, start at its grid's magnification and
+        // come down from there smoothly.
+        const bool besideUnwarped = unwarpedSeen_ &&
+                                    frameNs - unwarpedFrameNs_ <= kUnwarpedNeighbourNs &&
+                                    unwarpedFrameNs_ - frameNs <= kUnwarpedNeighbourNs;
+        planner_.start(nodeNeed_.data(), nodeT_.data(), nodesUsed_,
+                       besideUnwarped ? config_.overscan : 0.0);
+        zoom_ = planner_.zoom();
     } else {
-        const double fall = kZoomFallPerS * static_cast<double>(centreNs - zoomCentreNs_) * 1e-9;
-        zoom_ = zoom_ - fall > target ? zoom_ - fall : target;
+        zoom_ = planner_.next(static_cast<double>(centreNs - zoomCentreNs_) * 1e-9,
+                              nodeNeed_.data(), nodeT_.data(), nodesUsed_);
     }
     zoomSet_ = true;
     zoomCentreNs_ = centreNs;
@@ -259,14 +277,25 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     }
     if (timing.firstRowNs < history_.oldestNs()) {
         ++counters_.framesNoGyroBefore;
+        unwarpedFrameNs_ = ts;
+        unwarpedSeen_ = true;
         return kStatusNoGyroBeforeFrame;
     }
     const int64_t centre = timing.centreNs();
     const int64_t ahead = centre + config_.latencyNs;
     const int64_t needed = ahead > timing.lastRowNs() ? ahead : timing.lastRowNs();
-    if (history_.newestNs() < needed) {
-        ++counters_.framesNeedMoreGyro;
-        return kStatusNeedMoreGyro;
+    const bool complete = history_.newestNs() >= needed;
+    if (!complete) {
+        // Wait for the look-ahead, unless no sample has come for kIdleAsksForGyroEnd asks:
+        // then the gyro has ended or stalls, and a frame the gyro reaches is warped with the
+        // look-ahead there is rather than left to the engine's unwarped rendering.
+        idleAsks_ = counters_.samplesAccepted == samplesAtLastAsk_ ? idleAsks_ + 1 : 1;
+        samplesAtLastAsk_ = counters_.samplesAccepted;
+        if (!gyroEnded(idleAsks_, history_.newestNs(), timing.firstRowNs)) {
+            ++counters_.framesNeedMoreGyro;
+            return kStatusNeedMoreGyro;
+        }
+        ++counters_.framesShortLookAhead;
     }
 
     const CameraModel camera = CameraModel::fromConfig(config_, zoom);
@@ -285,10 +314,10 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     const Committed* last = committed(0);
     const bool replayed = last != nullptr && (ts <= last->frameNs || centre <= last->centreNs);
     Quat virt = replayed ? replay(centre, physicalCentre)
-                         : solvePath(centre, timing, camera, physicalCentre);
+                         : solvePath(centre, history_.newestNs(), timing, camera, physicalCentre);
     double outZoom = zoom_;
     if (!replayed) {
-        updateZoom(centre, zoomWanted_, pathRestarted_);
+        updateZoom(ts, centre, pathRestarted_);
         outZoom = zoom_;
     }
 
@@ -317,8 +346,9 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
             virt = slerp(virt, physicalCentre, hi);
             ++counters_.framesClamped;
         }
-        if (!replayed) {
+        if (!replayed && outZoom > zoom_) {
             zoom_ = outZoom;
+            planner_.raiseTo(outZoom);
         }
     }
 

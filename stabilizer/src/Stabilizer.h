@@ -16,6 +16,7 @@
 #include "PathSmoother.h"
 #include "Quat.h"
 #include "Warp.h"
+#include "ZoomPlanner.h"
 
 struct VStabFrameInfo;
 
@@ -26,6 +27,12 @@ constexpr int kStatusWarped = 0;
 constexpr int kStatusNoGyroBeforeFrame = 1;  // render unwarped, never retry
 constexpr int kStatusNeedMoreGyro = 2;       // keep the frame, retry when more samples came
 constexpr int kStatusInvalidArgument = -22;  // a contract violation; the engine stops
+
+// True when a frame still waiting for look-ahead is to be warped with the look-ahead there is:
+// idleAsks asks in a row (this one included) came without a new gyro sample, and the gyro
+// reaches the frame's first row. A frame the gyro does not reach at all stays waiting (the
+// engine renders it unwarped when it drains its queue).
+bool gyroEnded(uint32_t idleAsks, int64_t newestSampleNs, int64_t firstRowNs);
 
 class Stabilizer {
   public:
@@ -38,15 +45,25 @@ class Stabilizer {
         uint64_t framesWarped = 0;
         uint64_t framesNoGyroBefore = 0;
         uint64_t framesNeedMoreGyro = 0;
-        uint64_t framesReplayed = 0;  // a frame not newer than the last committed one
-        uint64_t framesClamped = 0;   // the crop limit overrode the smooth path
-        uint64_t pathRestarts = 0;    // no recent committed pose to continue from
+        uint64_t framesReplayed = 0;        // a frame not newer than the last committed one
+        uint64_t framesClamped = 0;         // the crop limit overrode the smooth path
+        uint64_t pathRestarts = 0;          // no recent committed pose to continue from
+        uint64_t framesShortLookAhead = 0;  // warped with the look-ahead the gyro gave
     };
 
     // Smallest time step between the smoother's look-ahead nodes.
     static constexpr int64_t kNodeStepNs = 16666667;
     // A frame further than this from the last committed one starts a new path.
     static constexpr int64_t kPathRestartNs = 1000000000;
+    // Asks for frames still waiting for look-ahead, in a row without any new gyro sample, after
+    // which the gyro is taken to have ended (or stalled) and frames are warped with the
+    // look-ahead there is. The engine asks every 5..10 ms while a frame waits (30 asks: 150..300
+    // ms, plus scheduling) and forces its queue out unwarped about 1 s after recording stops;
+    // a phone's gyro delivers every 2.5..10 ms, batched at most 100 ms.
+    static constexpr uint32_t kIdleAsksForGyroEnd = 30;
+    // A path that starts within this of a frame shown unwarped (status 1) starts at the
+    // magnification of the engine's unwarped grid, so the picture does not jump.
+    static constexpr int64_t kUnwarpedNeighbourNs = 1000000000;
 
     explicit Stabilizer(const StabConfig& config);
 
@@ -72,10 +89,6 @@ class Stabilizer {
     // half-width; the picture keeps 1 / zoom^2 of the frame's area).
     double outputZoom() const { return zoom_; }
 
-    // Adaptive crop: the magnification a node needs may be reached at most this fast, so a
-    // need seen ahead raises the zoom early; without a need it falls back this slowly.
-    static constexpr double kZoomRisePerS = 0.3;
-    static constexpr double kZoomFallPerS = 0.05;
     // Share of the crop margin the adaptive zoom leaves the path (the rest is spare for the
     // hard limit's exact check).
     static constexpr double kZoomUsageLimit = 0.85;
@@ -88,18 +101,20 @@ class Stabilizer {
     };
 
     Quat physical(int64_t tNs) const;
-    Quat solvePath(int64_t centreNs, const FrameTiming& timing, const CameraModel& camera,
-                   const Quat& physicalCentre);
+    // Solves the path for the frame over the look-ahead nodes up to dataEndNs (at least the
+    // frame's own node) and commits the result.
+    Quat solvePath(int64_t centreNs, int64_t dataEndNs, const FrameTiming& timing,
+                   const CameraModel& camera, const Quat& physicalCentre);
     Quat replay(int64_t centreNs, const Quat& physicalCentre) const;
-    // Output magnification for the frame whose path was solved last (uses nodeX_, nodeP_).
-    double zoomTarget(const CameraModel& camera, double halfSpanS);
+    // Magnification each node of the path solved last needs (nodeNeed_; uses nodeX_, nodeP_).
+    void zoomNeeds(const CameraModel& camera, double halfSpanS);
     // Angular rate of the physical path at look-ahead node i (rad/s); needs nodeP_ and nodeT_.
     Vec3 nodeRate(int i) const;
     // Largest output magnification (vstab.cropZoomMax, the overscan unless set).
     double highestZoom() const {
         return config_.cropZoomMax > 0.0 ? config_.cropZoomMax : config_.overscan;
     }
-    void updateZoom(int64_t centreNs, double target, bool restart);
+    void updateZoom(int64_t frameNs, int64_t centreNs, bool restart);
     const Committed* committed(size_t back) const;  // 0 = newest
     void commit(int64_t frameNs, int64_t centreNs, const Quat& virt);
 
@@ -109,8 +124,9 @@ class Stabilizer {
     BiasEstimator bias_;
     PathSmoother smoother_;
     SmootherParams params_;
-    int nodeCount_;     // look-ahead nodes including the frame's own
-    double nodeStepS_;  // seconds between them
+    int nodeCount_;      // look-ahead nodes including the frame's own
+    int nodesUsed_ = 0;  // of them, those the last solvePath had gyro data for
+    double nodeStepS_;   // seconds between them
 
     // Per-frame work buffers, sized once.
     std::vector<Quat> rowQ_;
@@ -120,15 +136,22 @@ class Stabilizer {
     std::vector<double> nodeT_;
     std::vector<Vec3> nodeP_;
     std::vector<double> nodeUsage_;
-    std::vector<Vec3> nodeX_;  // solved path at the nodes
+    std::vector<Vec3> nodeX_;       // solved path at the nodes
+    std::vector<double> nodeNeed_;  // magnification each node needs
 
     ZoomLadder ladder_;
-    double zoom_;               // current output magnification
-    double lowestZoom_;         // smallest one the adaptive crop uses
+    double zoom_;        // current output magnification
+    double lowestZoom_;  // smallest one the adaptive crop uses
+    ZoomPlanner planner_;
     int64_t zoomCentreNs_ = 0;  // centre time of the frame it was set for
     bool zoomSet_ = false;
     bool pathRestarted_ = false;  // the last solvePath found no recent pose to continue from
-    double zoomWanted_ = 0.0;     // target of the last solvePath
+    // Frame timestamp of the newest frame answered with status 1 (shown unwarped).
+    int64_t unwarpedFrameNs_ = 0;
+    bool unwarpedSeen_ = false;
+    // Asks in a row for frames waiting for look-ahead without a new sample in between.
+    uint32_t idleAsks_ = 0;
+    uint64_t samplesAtLastAsk_ = 0;
 
     static constexpr size_t kCommittedKept = 16;
     Committed committed_[kCommittedKept];

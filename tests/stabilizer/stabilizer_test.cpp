@@ -2,6 +2,7 @@
 // the gyro, and the crop limit under shake no margin can absorb.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <vector>
@@ -9,6 +10,7 @@
 #include "BiasEstimator.h"
 #include "Metrics.h"
 #include "Stabilizer.h"
+#include "ZoomPlanner.h"
 #include "zef_gyro_vstab.h"
 
 namespace vstab {
@@ -186,13 +188,134 @@ TEST(StabSession, AdaptiveZoomRisesAheadOfShakeAndFallsSlowlyAfterIt) {
     EXPECT_GT(zoomAt(2.8), lowest);          // raised before the shake begins
     EXPECT_GT(zoomAt(4.5), 1.01);            // the shake needs a margin
     EXPECT_LT(zoomAt(4.5), c.overscan);      // but not the whole overscan
-    EXPECT_GT(zoomAt(6.2), zoomAt(6.5));     // falls back afterwards,
+    EXPECT_GT(zoomAt(6.2), zoomAt(6.5));     // falls back afterwards
     for (size_t k = 1; k < zooms.size(); ++k) {
         const double change = zooms[k].second - zooms[k - 1].second;
-        EXPECT_LE(change, Stabilizer::kZoomRisePerS * 0.033 + 1e-3) << zooms[k].first;
-        EXPECT_GE(change, -Stabilizer::kZoomFallPerS * 0.033 - 1e-9) << zooms[k].first;  // slowly
+        EXPECT_LE(change, ZoomPlanner::kRisePerS * 0.033 + 1e-3) << zooms[k].first;
+        EXPECT_GE(change, -ZoomPlanner::kFallPerS * 0.033 - 1e-9) << zooms[k].first;  // slowly
     }
     EXPECT_EQ(s.counters().framesClamped, 0u);
+}
+
+TEST(StabZoomPlanner, RisesAheadOfANeedAtMostAtTheRiseRateAndFallsBackSlowly) {
+    // 37 look-ahead nodes over 0.6 s; the zoom may range over 1.0 .. 1.25.
+    ZoomPlanner p(1.0, 1.25);
+    double t[37], need[37];
+    auto fill = [&](double base, int at, double peak) {
+        for (int i = 0; i < 37; ++i) {
+            t[i] = i * 0.6 / 36;
+            need[i] = i == at ? peak : base;
+        }
+    };
+    fill(1.05, -1, 0.0);
+    p.start(need, t, 37, 0.0);
+    EXPECT_DOUBLE_EQ(p.zoom(), 1.05);
+    p.start(need, t, 37, 1.25);  // beside frames shown unwarped: their magnification
+    EXPECT_DOUBLE_EQ(p.zoom(), 1.25);
+    p.start(need, t, 37, 0.0);
+    struct Case {
+        const char* what;
+        double dtS;
+        double base;
+        int at;  // node of the peak need
+        double peak;
+        double zoom;
+    };
+    const Case cases[] = {
+        {"need 0.6 s ahead: rise started", 0.1, 1.0, 36, 1.25, 1.25 - 0.3 * 0.6},
+        {"no need: falls at 0.05/s", 0.1, 1.0, -1, 0.0, 1.07 - 0.005},
+        {"no time passed: unchanged", 0.0, 1.2, 0, 1.2, 1.065},
+        {"need at the frame: met at once", 0.1, 1.0, 0, 1.2, 1.2},
+        {"beyond the largest: clamped", 0.1, 1.0, 0, 1.4, 1.25},
+        {"nothing needed for long: the lowest", 100.0, 0.9, -1, 0.0, 1.0},
+    };
+    for (const Case& c : cases) {
+        fill(c.base, c.at, c.peak);
+        EXPECT_NEAR(p.next(c.dtS, need, t, 37), c.zoom, 1e-12) << c.what;
+    }
+    p.raiseTo(1.1);  // the crop limit's magnification: continued from there
+    fill(1.0, -1, 0.0);
+    EXPECT_NEAR(p.next(0.1, need, t, 37), 1.1 - 0.005, 1e-12);
+}
+
+TEST(StabSession, GyroEndIsTakenAfterAsksWithoutSamplesWhenTheGyroReachesTheFrame) {
+    const int64_t first = 1000;
+    EXPECT_FALSE(gyroEnded(Stabilizer::kIdleAsksForGyroEnd - 1, first, first));
+    EXPECT_TRUE(gyroEnded(Stabilizer::kIdleAsksForGyroEnd, first, first));
+    EXPECT_FALSE(gyroEnded(Stabilizer::kIdleAsksForGyroEnd + 100, first - 1, first));
+}
+
+TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
+    // A pan with shake; the gyro stops at 3 s, as a recording's log ends with the video.
+    Stabilizer s(configWithReadout());
+    std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows * 3);
+    const int64_t end = kStart + 3000 * kMs;
+    auto rate = [](int64_t t) {
+        const double x = static_cast<double>(t - kStart) * 1e-9;
+        return Vec3{0.0, 0.3 + 0.3 * std::cos(40.0 * x), 0.0};
+    };
+    for (int64_t t = kStart; t <= end; t += 2500000) {
+        addCamera(s, t, rate(t));
+    }
+    int64_t f = kStart + 100 * kMs;
+    for (; warp(s, f, grid) == kStatusWarped; f += 33 * kMs) {
+    }
+    EXPECT_EQ(s.counters().framesShortLookAhead, 0u);
+    // The engine keeps asking: after kIdleAsksForGyroEnd asks without a sample the frame is
+    // warped; a sample that comes after all makes the next frame wait again.
+    for (uint32_t k = 2; k < Stabilizer::kIdleAsksForGyroEnd; ++k) {
+        ASSERT_EQ(warp(s, f, grid), kStatusNeedMoreGyro) << k;
+    }
+    ASSERT_EQ(warp(s, f, grid), kStatusWarped);
+    addCamera(s, end + 2500000, rate(end));
+    ASSERT_EQ(warp(s, f + 33 * kMs, grid), kStatusNeedMoreGyro);
+    for (uint32_t k = 2; k <= Stabilizer::kIdleAsksForGyroEnd; ++k) {
+        warp(s, f + 33 * kMs, grid);
+    }
+    // From then on every frame the gyro reaches is warped at the first ask, and the path
+    // goes on along the pan without a jump; a frame beyond the gyro waits.
+    Quat previous = s.lastVirtual();
+    int warped = 0;
+    for (f += 66 * kMs; f < end - 20 * kMs; f += 33 * kMs) {
+        ASSERT_EQ(warp(s, f, grid), kStatusWarped) << f;
+        ++warped;
+        const Vec3 step = logMap(conj(previous) * s.lastVirtual());
+        EXPECT_NEAR(step.y, 0.3 * 0.033, 0.002) << f;
+        previous = s.lastVirtual();
+    }
+    EXPECT_GT(warped, 12);
+    EXPECT_GT(s.counters().framesShortLookAhead, 12u);
+    EXPECT_EQ(warp(s, end + 100 * kMs, grid), kStatusNeedMoreGyro);
+}
+
+TEST(StabSession, StartFollowsThePanAndBesideUnwarpedFramesAtTheirZoom) {
+    // A pan with 7 Hz shake from the first sample; frames from the first one the gyro covers.
+    // The virtual camera follows the pan (0.3 rad/s) from the first frame on.
+    for (const int64_t firstFrame : {kStart, kStart - 30 * kMs}) {
+        Stabilizer s(configWithReadout());
+        std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows *
+                                3);
+        const double w = 2 * 3.14159265358979 * 7.0;
+        for (int64_t t = kStart; t < kStart + 3000 * kMs; t += 2500000) {
+            const double x = static_cast<double>(t - kStart) * 1e-9;
+            addCamera(s, t, {0.0, 0.3 + 0.01 * w * std::cos(w * x), 0.0});
+        }
+        int status = warp(s, firstFrame, grid);
+        if (firstFrame < kStart) {
+            ASSERT_EQ(status, kStatusNoGyroBeforeFrame);  // shown unwarped at the overscan ...
+            ASSERT_EQ(warp(s, firstFrame + 33 * kMs, grid), kStatusWarped);
+            EXPECT_DOUBLE_EQ(s.outputZoom(), s.config().overscan);  // ... and so is the next
+            continue;
+        }
+        ASSERT_EQ(status, kStatusWarped);
+        double worst = 0.0;
+        for (int64_t f = firstFrame; f < kStart + 2000 * kMs; f += 33 * kMs) {
+            ASSERT_EQ(warp(s, f, grid), kStatusWarped);
+            const double x = static_cast<double>(s.lastCentreNs() - kStart) * 1e-9;
+            worst = std::max(worst, std::fabs(logMap(s.lastVirtual()).y - 0.3 * x));
+        }
+        EXPECT_LT(worst, 0.002);  // 0.1 degree
+    }
 }
 
 }  // namespace

@@ -401,6 +401,28 @@ Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraS
         }
     }
     f.jitterPx = used > 0 ? std::sqrt(sum / used) : 0.0;
+    auto jitterOver = [&](size_t from, size_t to) {
+        double acc2 = 0.0;
+        for (size_t k = from; k < to; ++k) {
+            const double px =
+                displacementPx(V3(high[0][k], high[1][k], high[2][k]), focalOut, rmsRadius);
+            acc2 += px * px;
+        }
+        return to > from ? std::sqrt(acc2 / static_cast<double>(to - from)) : 0.0;
+    };
+    const size_t second = std::min(n, static_cast<size_t>(std::lround(fps)));
+    f.jitterFirstPx = jitterOver(0, second);
+    f.jitterLastPx = jitterOver(n - second, n);
+    std::vector<double> zoom(n);
+    for (size_t k = 0; k < n; ++k) {
+        zoom[k] = frames[k].zoom;
+    }
+    const std::vector<double> zoomLow = lowPassZeroPhase(zoom, 0.5, fps);
+    double zoomHigh2 = 0.0;
+    for (size_t k = 0; k < n; ++k) {
+        zoomHigh2 += (zoom[k] - zoomLow[k]) * (zoom[k] - zoomLow[k]);
+    }
+    f.zoomHighPassPct = 100.0 * std::sqrt(zoomHigh2 / static_cast<double>(n)) / overscan;
     double wobble = 0.0;
     for (const FrameEvaluation& e : frames) {
         wobble += e.wobblePx;

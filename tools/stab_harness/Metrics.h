@@ -75,6 +75,13 @@ struct Figures {
     double worstOutsidePx = 0.0;
     double meanRetained = 0.0;  // share of the frame's area the output keeps, mean over frames
     double minRetained = 0.0;   // and its smallest value
+    // The jitter measure over the first and over the last second alone (the filter runs over
+    // the whole recording; its ends are odd-reflected).
+    double jitterFirstPx = 0.0;
+    double jitterLastPx = 0.0;
+    // RMS of the part above 0.5 Hz of the output magnification, per cent of its mean: zoom
+    // that moves with the shake (a picture that breathes).
+    double zoomHighPassPct = 0.0;
 };
 
 // Figures over consecutive frames at `fps`; `trimS` seconds at each end are left out of the

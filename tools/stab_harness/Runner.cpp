@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 
@@ -15,8 +16,10 @@ namespace {
 // Delivery delays after the event's true time.
 constexpr double kGyroDelayS = 0.002;
 constexpr double kFrameDelayS = 0.005;
-// Gyro keeps running this long after the last frame, so every frame can be warped.
-constexpr double kGyroTailS = 2.5;
+// The engine's processing loop sleeps this long when it has nothing to render.
+constexpr double kPollS = 0.010;
+// Recording stops with the last frame; the engine forces its queue out this much later.
+constexpr double kForceAfterStopS = 1.0;
 
 struct Handle {
     void* h = nullptr;
@@ -53,12 +56,20 @@ std::string configFor(const sim::Scenario& s, const std::string& extraLines) {
     return out + extraLines;
 }
 
-RunResult runScenario(const sim::Scenario& s, const std::string& configText, double trimS) {
+RunResult runScenario(const sim::Scenario& s, const std::string& configText, double trimS,
+                      const GyroDelivery& delivery) {
     RunResult result;
     const sim::Trajectory truth(s.motion);
-    const std::vector<sim::GyroSample> gyro =
-        sim::simulateGyro(truth, s.gyro, 0.0, s.durationS + kGyroTailS);
     const std::vector<sim::FrameStamp> frames = sim::simulateFrames(s.camera, 0.0, s.durationS);
+    std::vector<sim::GyroSample> gyro;
+    for (const sim::GyroSample& g :
+         sim::simulateGyro(truth, s.gyro, -delivery.leadS, s.durationS + delivery.tailS)) {
+        const double t = sim::toSeconds(g.timestampNs) - s.gyro.timeOffsetS;
+        if (delivery.stallAtS < 0.0 || t < delivery.stallAtS ||
+            t >= delivery.stallAtS + delivery.stallS) {
+            gyro.push_back(g);
+        }
+    }
 
     Handle lib;
     char message[512] = {};
@@ -95,8 +106,10 @@ RunResult runScenario(const sim::Scenario& s, const std::string& configText, dou
         result.output.push_back(evaluateFrame(grid, columns, rows, truth, s.camera, frames[f]));
         result.input.push_back(
             evaluateFrame(uniform.data(), columns, rows, truth, s.camera, frames[f]));
+        result.warped.push_back(grid == vertices.data() ? 1 : 0);
     };
-    auto process = [&](bool force) {
+    // One pass of the processing loop at time `now`; returns when it would sleep.
+    auto pass = [&](bool force) {
         while (!queue.empty()) {
             const size_t f = queue.front();
             VStabFrameInfo info{40, 2, frames[f].timestampNs, frames[f].exposureNs, 1.0f, 1.0f,
@@ -120,31 +133,41 @@ RunResult runScenario(const sim::Scenario& s, const std::string& configText, dou
             queue.pop_front();
         }
     };
-
+    auto frameArrival = [&](size_t f) {
+        return sim::toSeconds(frames[f].timestampNs) + s.camera.readoutS +
+               static_cast<double>(frames[f].exposureNs) * 1e-9 + kFrameDelayS;
+    };
+    auto gyroArrival = [&](size_t g) {
+        return sim::toSeconds(gyro[g].timestampNs) - s.gyro.timeOffsetS + kGyroDelayS;
+    };
+    const double inf = std::numeric_limits<double>::infinity();
+    const double stopAt = frames.empty() ? 0.0 : frameArrival(frames.size() - 1);
     size_t g = 0;
-    for (size_t f = 0; f < frames.size(); ++f) {
-        const double arrival = sim::toSeconds(frames[f].timestampNs) + s.camera.readoutS +
-                               static_cast<double>(frames[f].exposureNs) * 1e-9 + kFrameDelayS;
-        while (g < gyro.size() &&
-               sim::toSeconds(gyro[g].timestampNs) - s.gyro.timeOffsetS + kGyroDelayS <= arrival) {
+    size_t f = 0;
+    double nextPoll = 0.0;
+    for (;;) {
+        const double tg = g < gyro.size() ? gyroArrival(g) : inf;
+        const double tf = f < frames.size() ? frameArrival(f) : inf;
+        if (f == frames.size() && queue.empty()) {
+            break;
+        }
+        if (tg <= tf && tg <= nextPoll) {
             if (vStabAddAngularVelocity(lib.h, gyro[g].timestampNs, gyro[g].rate) != 0) {
                 throw std::runtime_error("gyro sample refused");
             }
             ++g;
-            process(false);
-        }
-        if (static_cast<int>(queue.size()) >= capacity) {
-            ++result.framesDropped;
+        } else if (tf <= nextPoll) {
+            if (static_cast<int>(queue.size()) >= capacity) {
+                ++result.framesDropped;
+            } else {
+                queue.push_back(f);
+            }
+            ++f;
         } else {
-            queue.push_back(f);
+            pass(f == frames.size() && nextPoll >= stopAt + kForceAfterStopS);
+            nextPoll += kPollS;
         }
-        process(false);
     }
-    for (; g < gyro.size(); ++g) {
-        vStabAddAngularVelocity(lib.h, gyro[g].timestampNs, gyro[g].rate);
-        process(false);
-    }
-    process(true);
     result.outputFigures = summarize(result.output, s.camera, trimS);
     result.inputFigures = summarize(result.input, s.camera, trimS);
     return result;

@@ -6,6 +6,7 @@
 //
 // Prints one table row per scenario. --check exits with status 1 when an acceptance threshold
 // is missed; --markdown replaces the text between the harness markers in FILE with the table.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -32,6 +33,22 @@ constexpr double kStillMaxJitterPx = 0.1;
 constexpr double kPanMaxAccelRadS2 = 1.0;
 constexpr double kStillMinRetained = 0.85;  // share of the picture a still camera keeps
 constexpr double kTrimS = 1.0;
+// Magnification above 0.5 Hz, RMS, per cent of the mean (the aim is 0.05 %).
+constexpr double kMaxZoomHighPassPct = 1.5;
+
+// Variants of a scenario in which the gyro does not run on around the video: name suffix,
+// description, delivery.
+struct Variant {
+    const char* suffix;
+    const char* description;
+    qlmr::harness::GyroDelivery delivery;
+};
+const Variant kVariants[] = {
+    {"-gyro-ends", "gyro ends 33 ms after the last frame", {0.0, 0.033, -1.0, 0.0}},
+    {"-gyro-starts", "gyro starts 20 ms after the first frame", {-0.020, 2.5, -1.0, 0.0}},
+    {"-gyro-stalls", "no gyro for 200 ms in the middle", {0.0, 2.5, -2.0, 0.2}},
+};
+const char* const kVariantBase = "walk";
 
 const char* kBeginMarker = "<!-- stab_harness:begin -->";
 const char* kEndMarker = "<!-- stab_harness:end -->";
@@ -53,6 +70,12 @@ void checkRow(Row& r) {
     if (in.wobblePx >= kWobbleMeaningfulPx &&
         out.wobblePx > (1.0 - kMinWobbleReduction) * in.wobblePx) {
         fail("rolling-shutter wobble reduced by less than 90 %");
+    }
+    if (out.zoomHighPassPct > kMaxZoomHighPassPct) {
+        fail("the output's magnification moves with the shake (zoom high-pass above 1.5 %)");
+    }
+    if (r.name == kVariantBase + std::string(kVariants[0].suffix) && r.run.framesUnwarped > 0) {
+        fail("frames rendered unwarped although the gyro covers them");
     }
     if (r.name == "walk") {
         if (in.jitterPx < kWalkMinInputJitterPx) {
@@ -108,6 +131,25 @@ std::string table(const std::vector<Row>& rows, const std::vector<std::string>& 
                       r.run.framesDropped);
         s << line;
     }
+    s << "\nThe ends of the recordings (jitter as above, over the first / last second alone; zoom "
+         "high-pass = RMS of the output magnification's part above 0.5 Hz, per cent of its "
+         "mean; picture kept in the first / last frame):\n\n";
+    s << "| scenario | jitter px out first s / middle / last s | zoom high-pass | picture kept "
+         "first / last frame | unwarped frames |\n";
+    s << "|---|---|---|---|---|\n";
+    for (const Row& r : rows) {
+        const Figures& out = r.run.outputFigures;
+        const auto kept = [&](size_t k) {
+            const double z = r.run.output.empty() ? 1.0 : r.run.output[k].zoom;
+            return 100.0 * std::min(1.0, 1.0 / (z * z));
+        };
+        const size_t last = r.run.output.empty() ? 0 : r.run.output.size() - 1;
+        std::snprintf(line, sizeof line,
+                      "| `%s` | %.3f / %.3f / %.3f | %.3f %% | %.1f %% / %.1f %% | %d |\n",
+                      r.name.c_str(), out.jitterFirstPx, out.jitterPx, out.jitterLastPx,
+                      out.zoomHighPassPct, kept(0), kept(last), r.run.framesUnwarped);
+        s << line;
+    }
     s << "\nAcceptance: ";
     if (failures.empty()) {
         s << "every threshold met.\n";
@@ -143,10 +185,29 @@ void replaceSection(const std::string& path, const std::string& body) {
     }
 }
 
+// Per output frame: scenario, index, whether the library's grid drew it, magnification, share
+// of the picture kept.
+void writeFrames(const std::string& path, const std::vector<Row>& rows) {
+    std::ofstream out(path);
+    out << "scenario,frame,warped,zoom,picture_kept\n";
+    for (const Row& r : rows) {
+        for (size_t k = 0; k < r.run.output.size(); ++k) {
+            const double z = r.run.output[k].zoom;
+            char line[160];
+            std::snprintf(line, sizeof line, "%s,%zu,%d,%.5f,%.4f\n", r.name.c_str(), k,
+                          static_cast<int>(r.run.warped[k]), z, std::min(1.0, 1.0 / (z * z)));
+            out << line;
+        }
+    }
+    if (!out) {
+        throw std::runtime_error("cannot write " + path);
+    }
+}
+
 int usage() {
     std::fprintf(stderr,
                  "usage: qlmr_stab_harness [--scale S] [--seed N] [--scenario NAME]... "
-                 "[--set key=value]... [--check] [--markdown FILE]\n");
+                 "[--set key=value]... [--check] [--markdown FILE] [--frames FILE]\n");
     return 2;
 }
 
@@ -157,6 +218,7 @@ int main(int argc, char** argv) {
     unsigned long long seed = 1;
     bool check = false;
     std::string markdown;
+    std::string framesCsv;
     std::vector<std::string> names;
     std::string extra;
     for (int i = 1; i < argc; ++i) {
@@ -180,6 +242,8 @@ int main(int argc, char** argv) {
                 check = true;
             } else if (a == "--markdown") {
                 markdown = next();
+            } else if (a == "--frames") {
+                framesCsv = next();
             } else {
                 return usage();
             }
@@ -190,15 +254,34 @@ int main(int argc, char** argv) {
     }
     if (names.empty()) {
         names = qlmr::sim::scenarioNames();
+        for (const Variant& v : kVariants) {
+            names.push_back(kVariantBase + std::string(v.suffix));
+        }
     }
     std::vector<Row> rows;
     std::vector<std::string> failures;
     try {
         for (const std::string& name : names) {
-            const qlmr::sim::Scenario sc = qlmr::sim::makeScenario(name, scale, seed);
-            Row r{sc.name,
-                  sc.description,
-                  qlmr::harness::runScenario(sc, qlmr::harness::configFor(sc, extra), kTrimS),
+            std::string base = name;
+            qlmr::harness::GyroDelivery delivery;
+            const char* variantText = nullptr;
+            for (const Variant& v : kVariants) {
+                const std::string suffix = v.suffix;
+                if (name.size() > suffix.size() &&
+                    name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+                    base = name.substr(0, name.size() - suffix.size());
+                    delivery = v.delivery;
+                    variantText = v.description;
+                }
+            }
+            qlmr::sim::Scenario sc = qlmr::sim::makeScenario(base, scale, seed);
+            if (delivery.stallAtS < -1.5) {
+                delivery.stallAtS = 0.5 * sc.durationS;  // the middle of the recording
+            }
+            Row r{name,
+                  variantText != nullptr ? sc.description + ", " + variantText : sc.description,
+                  qlmr::harness::runScenario(sc, qlmr::harness::configFor(sc, extra), kTrimS,
+                                             delivery),
                   {}};
             checkRow(r);
             failures.insert(failures.end(), r.failures.begin(), r.failures.end());
@@ -208,6 +291,9 @@ int main(int argc, char** argv) {
         std::fputs(t.c_str(), stdout);
         if (!markdown.empty()) {
             replaceSection(markdown, t);
+        }
+        if (!framesCsv.empty()) {
+            writeFrames(framesCsv, rows);
         }
     } catch (const std::exception& e) {
         std::fprintf(stderr, "qlmr_stab_harness: %s\n", e.what());
