@@ -141,7 +141,7 @@ def run_mutant(mutant, programs, args, limits):
         targets = sorted({p.split()[0] for p in programs})
         built, output = build(args.build, targets, args.jobs)
         if not built:
-            errors = [l for l in output.splitlines() if "error" in l]
+            errors = [l for l in output.splitlines() if "error:" in l]
             result.update(status="not compiling", detail=(errors or ["build failed"])[0][:200])
         else:
             result["status"] = "survived"
