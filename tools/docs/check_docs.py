@@ -352,8 +352,8 @@ def not_run_reason(command):
     return None
 
 
-def run_argv(spec, bindir, workdir):
-    words = shlex.split(spec["cmd"]) + spec.get("extra", [])
+def run_argv(entry, bindir, workdir):
+    words = shlex.split(entry["cmd"]) + entry.get("extra", [])
     env = dict(os.environ)
     while re.match(r"^[A-Z_]+=", words[0]):
         key, value = words.pop(0).split("=", 1)
@@ -366,11 +366,11 @@ def run_argv(spec, bindir, workdir):
 
 def execute(runs, bindir, workdir, phone_ok, phone_dir):
     results, failures = {}, []
-    for name, spec in runs.items():
-        if spec.get("phone") and not phone_ok:
+    for name, entry in runs.items():
+        if entry.get("phone") and not phone_ok:
             print("skip %-26s the phone recording is absent (%s)" % (name, phone_dir))
             continue
-        argv, env = run_argv(spec, bindir, workdir)
+        argv, env = run_argv(entry, bindir, workdir)
         began = time.monotonic()
         try:
             done = subprocess.run(argv, cwd=workdir, env=env, stdout=subprocess.PIPE,
@@ -554,7 +554,7 @@ def main(argv):
     began = time.monotonic()
     failures = []
 
-    known = set(spec["cmd"] for spec in RUNS.values())
+    known = set(entry["cmd"] for entry in RUNS.values())
     seen = set()
     for where, command in doc_commands(src):
         seen.add(command)
