@@ -20,6 +20,12 @@ bool havePhoneData() {
     struct stat st;
     return stat((std::string(kPhoneDir) + "/gyro.txt").c_str(), &st) == 0;
 }
+// The phone recording as the converter writes it by default, loaded back.
+Recording convertedRecording(const PhoneRecording& phone, const replay_test::TempDir& dir) {
+    writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,-z"), 0.2, dir.path());
+    return loadRecording(dir.path());
+}
+
 }  // namespace
 
 TEST(PhoneRecording, GyroAxesAndOffsetAgreeWithTheImageMotion) {
@@ -63,8 +69,7 @@ TEST(PhoneRecording, ConvertsIntoALoadableRecording) {
         GTEST_SKIP() << "the phone recording is not in " << kPhoneDir;
     const PhoneRecording phone = loadPhoneRecording(kPhoneDir);
     replay_test::TempDir dir;
-    writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,-z"), 0.2, dir.path());
-    const Recording rec = loadRecording(dir.path());
+    const Recording rec = convertedRecording(phone, dir);
     EXPECT_EQ(rec.frames.size(), 103u);
     EXPECT_EQ(rec.width, 800);
     EXPECT_EQ(rec.frames[0].exposureUs, 5250);
@@ -99,8 +104,7 @@ TEST(PhoneRecording, CalibrationKeepsTheConfiguredAxes) {
         GTEST_SKIP() << "the phone recording is not in " << kPhoneDir;
     const PhoneRecording phone = loadPhoneRecording(kPhoneDir);
     replay_test::TempDir dir;
-    writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,-z"), 0.2, dir.path());
-    const Recording rec = loadRecording(dir.path());
+    const Recording rec = convertedRecording(phone, dir);
     ASSERT_EQ(calibrationReduction(rec.width), 2);
     for (const int factor : {2, 4}) {
         std::unique_ptr<FrameSource> frames = openRecordingFrames(rec);
