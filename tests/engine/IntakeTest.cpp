@@ -584,8 +584,10 @@ TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
     };
     // 640: the camera pitch equals the width (one block per plane); 1088: pitch 1152, row by
     // row. 360 and 720 rows are no multiple of 32, so the camera's chroma plane starts after
-    // padding rows. A configured offset counts from the end of the buffer's own luma plane.
-    for (Case c : {Case{640, 360, -1}, Case{1088, 720, -1}, Case{640, 360, 1280}}) {
+    // padding rows. A configured offset counts from the end of the buffer's own luma plane,
+    // whose pitch (1088) differs from the camera's (1152) in the last case.
+    for (Case c : {Case{640, 360, -1}, Case{1088, 720, -1}, Case{640, 360, 1280},
+                   Case{1088, 720, 1280}}) {
         SCOPED_TRACE(testing::Message()
                      << c.width << "x" << c.height << " uv " << c.configuredUvOffset);
         EngineHarness h;
