@@ -76,23 +76,6 @@ TEST(GraphicBuffer, LockGivesPersistentMemoryOneLockAtATime) {
     EXPECT_EQ(b->unlock(), android::NO_ERROR);
 }
 
-TEST(GraphicBuffer, NativeBufferLeadsBackToTheSameCountedObject) {
-    sp<GraphicBuffer> b(new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, kCamera));
-    android::wp<GraphicBuffer> weak(b);
-    ANativeWindowBuffer* native = b->getNativeBuffer();
-    EXPECT_EQ(GraphicBuffer::from(native).get(), b.get());
-    {
-        sp<ANativeWindowBuffer> counted(native);  // counts through the native header
-        b.clear();
-        EXPECT_NE(weak.promote(), nullptr);
-    }
-    EXPECT_EQ(weak.promote(), nullptr);
-
-    ANativeWindowBuffer stranger;
-    EXPECT_EQ(GraphicBuffer::from(&stranger), nullptr);
-    EXPECT_EQ(GraphicBuffer::from(nullptr), nullptr);
-}
-
 // The exact BT.601 limited-range formula, clamped to 0..255: channel i of (y, u, v).
 double exactBt601(int y, int u, int v, int i) {
     const double c = 255.0 / 219.0 * (y - 16);
