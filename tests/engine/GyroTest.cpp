@@ -207,48 +207,6 @@ TEST(EngineGyro, ZeroTimestampIsIgnored) {
     EXPECT_EQ(vstabDouble().addCalls.load(), 0);
 }
 
-TEST(EngineGyro, SamplesAreShiftedByTheMeasuredOffsetAndTracedInDebug) {
-    EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
-    float rates[3] = {0.5f, -0.25f, 2.0f};
-    const std::string ahead = "[Warning] Gyro and system clock deviate with more than 200ms, ";
-    {
-        // Gyro on CLOCK_MONOTONIC, frames on the wall clock: moved by REALTIME - MONOTONIC,
-        // which puts the sample far ahead of the monotonic clock.
-        h.engine->clockIdFrame = CLOCK_REALTIME;
-        h.engine->clockIdGyro = CLOCK_MONOTONIC;
-        LogCapture log;
-        const long long sampleNs = clockNs(CLOCK_MONOTONIC);
-        h.engine->gyroCallbackTimestamp(sampleNs, rates, nullptr);
-        std::vector<int64_t> received = vstabDouble().gyroSnapshot();
-        ASSERT_EQ(received.size(), 1u);
-        EXPECT_LT(std::llabs(received[0] - sampleNs - clockDelta(CLOCK_REALTIME, CLOCK_MONOTONIC)),
-                  kMs);
-        EXPECT_EQ(log.count(ahead, kWarn), 1);
-    }
-    h.engine->clockIdFrame = CLOCK_MONOTONIC;
-    struct Case {
-        int64_t shiftNs;
-        bool reported;
-    };
-    // Only a sample ahead of the monotonic clock by 200 ms or more is reported.
-    for (Case c : {Case{0, false}, Case{-1000 * kMs, false}, Case{150 * kMs, false},
-                   Case{1000 * kMs, true}}) {
-        LogCapture log;
-        const long long sampleNs = clockNs(CLOCK_MONOTONIC) + c.shiftNs;
-        h.engine->gyroCallbackTimestamp(sampleNs, rates, nullptr);
-        EXPECT_LT(std::llabs(vstabDouble().gyroSnapshot().back() - sampleNs), 100000);
-        EXPECT_EQ(log.count(ahead, kWarn), c.reported ? 1 : 0) << c.shiftNs;
-    }
-    {
-        // Without debug: no trace and no deviation check.
-        eis_debug = 0;
-        LogCapture log;
-        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_MONOTONIC) + 1000 * kMs, rates, nullptr);
-        EXPECT_TRUE(log.lines().empty());
-        EXPECT_EQ(vstabDouble().addCalls.load(), 6);
-    }
-}
-
 TEST(EngineGyro, LibraryRefusingASampleIsFatalAndFreesTheLock) {
     EngineHarness h;
     h.engine->clockIdFrame = CLOCK_BOOTTIME;
