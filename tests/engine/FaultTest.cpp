@@ -162,18 +162,13 @@ TEST(EngineSession, ShaderFailuresAreLoggedWithTheDriverLogAndTheResumeGoesOn) {
     h.engine->onResume();
     systemhooks::breakShaderSourcesOnThisThread(false);
     const std::vector<LogLine> lines = log.lines();
-    auto at = [&](const std::string& text) {
-        return std::find_if(lines.begin(), lines.end(),
-                            [&](const LogLine& l) { return l.text == text; });
-    };
     for (const char* text : {"Could not compile Vertex Shader: ",
                              "Could not compile Fragment Shader: ", "Could not link gl program: "}) {
-        auto line = at(text);
-        ASSERT_NE(line, lines.end()) << text;
+        auto line = std::find_if(lines.begin(), lines.end(),
+                                 [&](const LogLine& l) { return l.text == text; });
+        ASSERT_TRUE(line != lines.end() && line + 1 != lines.end()) << text;
         EXPECT_EQ(line->priority, kError) << text;
-        ASSERT_NE(line + 1, lines.end()) << text;
-        EXPECT_EQ((line + 1)->priority, kError) << text;  // the driver's info log
-        EXPECT_FALSE((line + 1)->text.empty()) << text;
+        EXPECT_FALSE((line + 1)->text.empty()) << text;  // the driver's info log follows
     }
     EXPECT_NE(h.engine->program, nullptr);
     EXPECT_NE(h.engine->framebuffer, 0u);

@@ -185,7 +185,7 @@ TEST(EnginePipeline, DebugFrameIndexMarksEveryOutputBufferWithItsCount) {
     vstabDouble().debugFrameIndex = 1;
     h.makeCamera(syntheticCamera(640, 480, 12, Feed::Paced));
     auto& a = h.addOutput(1, 320, 240);
-    auto& b = h.addOutput(2, 256, 64);
+    auto& b = h.addOutput(2, 250, 64);  // stride 256: marks follow the row pitch
     h.start();
     ASSERT_TRUE(waitFor([&] { return a.sink->count() == 12 && b.sink->count() == 12; }, 20s));
     h.stop();

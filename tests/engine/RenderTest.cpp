@@ -57,12 +57,8 @@ TEST(EngineRender, BorderRingLiesOnTheOutputEdgesAroundTheLibraryGrid) {
         for (int i = 0; i < 6; ++i) {
             const float* v = vertex(i, j);
             const bool ring = i == 0 || i == 5 || j == 0 || j == 4;
-            float x = ring ? ringX[i] : 10.0f + static_cast<float>(i - 1);
-            float y = ring ? ringY[j] : 20.0f + static_cast<float>(j - 1);
-            if (ring && (i == 0 || i == 5))
-                x = i == 0 ? -1.0f : 1.0f;
-            if (ring && (j == 0 || j == 4))
-                y = j == 0 ? -1.0f : 1.0f;
+            const float x = ring ? ringX[i] : 10.0f + static_cast<float>(i - 1);
+            const float y = ring ? ringY[j] : 20.0f + static_cast<float>(j - 1);
             EXPECT_FLOAT_EQ(v[0], x) << "vertex " << i << "," << j;
             EXPECT_FLOAT_EQ(v[1], y) << "vertex " << i << "," << j;
             EXPECT_EQ(v[2], 0.0f) << "vertex " << i << "," << j;
