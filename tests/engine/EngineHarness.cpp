@@ -78,20 +78,20 @@ void EngineHarness::stop() {
     engine->stop();
 }
 
-host::CameraSetup pacedCamera(Context& engine, int width, int height, uint64_t frames) {
-    host::CameraSetup setup;
-    setup.videoSizes = {{width, height}, {1920, 1080}, {1280, 720}, {640, 480}};
-    setup.videoSize = {width, height};
+host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed feed, int fps) {
     host::SyntheticFrameOptions options;
     options.frameLimit = frames;
-    setup.source = std::make_shared<host::SyntheticFrameSource>(options);
-    setup.pacing = host::Pacing::AsFastAsConsumed;
-    // Hold the camera while the engine's queue is nearly full, so that no frame is dropped:
-    // frame `index` may come once all but a few of the frames before it have been warped.
-    (void)engine;
-    setup.gate = [](uint64_t index, int64_t) {
-        return index < static_cast<uint64_t>(vstabDouble().warpCalls.load()) + 8;
-    };
+    options.framesPerSecond = fps;
+    host::CameraSetup setup =
+        sourceCamera(width, height, std::make_shared<host::SyntheticFrameSource>(options), fps);
+    if (feed == Feed::Live)
+        setup.pacing = host::Pacing::RealTime;
+    if (feed == Feed::Paced) {
+        // Frame `index` may come once all but 8 of the frames before it have been warped.
+        setup.gate = [](uint64_t index, int64_t) {
+            return index < static_cast<uint64_t>(vstabDouble().warpCalls.load()) + 8;
+        };
+    }
     return setup;
 }
 
@@ -140,6 +140,22 @@ std::shared_ptr<host::FrameSource> scriptedSource(DescribeFrame describe, PaintF
             recording->firstIndex = format.firstIndex;
             recording->startMonotonicNs = format.startMonotonicNs;
         });
+}
+
+std::shared_ptr<host::FrameSource> periodicSource(uint64_t frames, int64_t offsetNs, FrameMeta meta,
+                                                  PaintFrame paint) {
+    return scriptedSource(
+        [frames, offsetNs, meta](uint64_t n, int64_t start, host::FrameInfo& info) {
+            if (n >= frames)
+                return false;
+            info.timestampNs = start + offsetNs + static_cast<int64_t>(n) * 33333333;
+            info.exposureUs = 10000;
+            info.zoomX100 = 100;
+            if (meta)
+                meta(n, info);
+            return true;
+        },
+        std::move(paint));
 }
 
 void paceByWarps(host::CameraSetup& setup, int ahead) {

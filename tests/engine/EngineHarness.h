@@ -52,9 +52,15 @@ struct EngineHarness {
     bool recording = false;
 };
 
-// A camera that delivers `frames` synthetic frames of `width` x `height` at 30 fps, as fast as
-// the engine takes them (no drop), holding the camera back while the engine's queue is full.
-host::CameraSetup pacedCamera(Context& engine, int width, int height, uint64_t frames);
+// How a synthetic camera feeds the engine.
+enum class Feed {
+    Free,   // as fast as the engine takes frames: they pile up while the library keeps them
+    Paced,  // held back while 8 frames wait for the library: none is dropped
+    Live,   // on the camera's own clock: frames that find the queue full are dropped
+};
+// A camera of `frames` synthetic frames (0: endless) of `width` x `height` at `fps`.
+host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed feed,
+                                  int fps = 30);
 
 // Waits until `predicate` holds, polling every millisecond; false after `timeout`.
 bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout);
@@ -70,6 +76,12 @@ host::CameraSetup sourceCamera(int width, int height, std::shared_ptr<host::Fram
 using DescribeFrame = std::function<bool(uint64_t n, int64_t startMonotonicNs, host::FrameInfo&)>;
 using PaintFrame = std::function<void(uint64_t n, const host::FrameImage&)>;
 std::shared_ptr<host::FrameSource> scriptedSource(DescribeFrame describe,
+                                                  PaintFrame paint = nullptr);
+// The usual script: frames n < `frames` of each recording stamped `offsetNs` + n / 30 s after
+// its start (exposure 10 ms, zoom 1); `meta` (optional) then changes a frame's metadata.
+using FrameMeta = std::function<void(uint64_t n, host::FrameInfo&)>;
+std::shared_ptr<host::FrameSource> periodicSource(uint64_t frames, int64_t offsetNs = 50000000,
+                                                  FrameMeta meta = nullptr,
                                                   PaintFrame paint = nullptr);
 
 // Holds the camera back while `ahead` frames it let through have not yet been warped with status

@@ -9,7 +9,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <future>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -72,16 +71,6 @@ inline std::vector<LogLine> linesStartingWith(const std::vector<LogLine>& lines,
             out.push_back(l);
     }
     return out;
-}
-
-// Labels of a timing probe's report line, in the order printed.
-inline std::vector<std::string> probeStages(const std::string& line) {
-    std::vector<std::string> labels;
-    const std::regex stage(R"((\w+)\([-0-9.e+]+\) )");
-    for (auto it = std::sregex_iterator(line.begin(), line.end(), stage);
-         it != std::sregex_iterator(); ++it)
-        labels.push_back((*it)[1]);
-    return labels;
 }
 
 // The message of the std::runtime_error that `work` throws, or a note that it threw nothing.

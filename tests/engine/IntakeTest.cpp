@@ -47,20 +47,17 @@ android::sp<android::IMemory> cameraMemory(int width, int height, size_t bytes =
     return new android::MemoryBase(heap, 0, bytes == 0 ? layout.bytes : bytes);
 }
 
-// A source of `frames` frames 100 ms into the recording, one frame period apart, whose
-// timestamps go to `produced`; `meta` (optional) fills the rest of a frame's metadata.
-std::shared_ptr<host::FrameSource> periodicSource(
-    uint64_t frames, const std::shared_ptr<Produced>& produced,
-    std::function<void(uint64_t n, host::FrameInfo&)> meta = nullptr, PaintFrame paint = nullptr) {
-    return scriptedSource(
-        [frames, produced, meta](uint64_t n, int64_t start, host::FrameInfo& info) {
-            if (n >= frames)
-                return false;
-            info.timestampNs = start + 100 * kMs + static_cast<int64_t>(n) * kFramePeriodNs;
+// The harness's periodic source 100 ms into the recording, whose timestamps go to `produced`.
+std::shared_ptr<host::FrameSource> producedSource(uint64_t frames,
+                                                  const std::shared_ptr<Produced>& produced,
+                                                  FrameMeta meta = nullptr,
+                                                  PaintFrame paint = nullptr) {
+    return periodicSource(
+        frames, 100 * kMs,
+        [produced, meta](uint64_t n, host::FrameInfo& info) {
             if (meta)
                 meta(n, info);
             produced->add(info.timestampNs);
-            return true;
         },
         std::move(paint));
 }
@@ -214,7 +211,6 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
     EXPECT_EQ(counters.delivered, plan.size());
     EXPECT_EQ(counters.released, plan.size());
     EXPECT_EQ(counters.releaseErrors, 0u);
-    EXPECT_EQ(counters.outstanding(), 0u);
 
     // Exactly the accepted frames reached the library, in order, in the frame clock.
     const int64_t diff = Boottime_Monotonic_timerDiff;
@@ -248,13 +244,6 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
               refused);
     EXPECT_EQ(log.count("[Warning] Dropping new frame, internal buffer queue is full", kWarn),
               dropped);
-    // The first frame seen (a skipped one) and the first one kept are both announced.
-    std::vector<LogLine> first = linesStartingWith(log.lines(), "[VStab] first frame timestamp ");
-    ASSERT_EQ(first.size(), 2u);
-    EXPECT_EQ(first[0].text,
-              format("[VStab] first frame timestamp %lld", static_cast<long long>(sent[0] + diff)));
-    EXPECT_EQ(first[1].text,
-              format("[VStab] first frame timestamp %lld", static_cast<long long>(expected[0])));
 }
 
 TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
@@ -278,20 +267,8 @@ TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
         const std::string text =
             "[Error] dataCallbackTimestamp returned camera proxy buffer has "
             "metadata";
-        if (c.reported) {
-            ++reports;
-            EXPECT_TRUE(linesInOrder(
-                log.lines(),
-                {{kInfo,
-                  format("%d %p %d", 0x00961388, memory->pointer(), static_cast<int>(c.size))},
-                 {kInfo, format("dataCallbackTimestamp2 (%lld, %d, %p %d)",
-                                static_cast<long long>(timestamp), CAMERA_MSG_VIDEO_FRAME,
-                                memory->pointer(), static_cast<int>(c.size))},
-                 {kWarn, text}}));
-        } else {
-            EXPECT_EQ(log.count(text), 0);
-            EXPECT_EQ(log.countContaining("dataCallbackTimestamp2"), 0);
-        }
+        reports += log.count(text, kWarn);
+        EXPECT_EQ(log.count(text, kWarn), c.reported ? 1 : 0) << c.size;
         // The buffer went on as a frame, and back to the camera once (the host camera does
         // not know this memory, so the hand-back counts as a release error).
         ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == calls; }, 5s));
@@ -306,90 +283,10 @@ TEST(EngineIntake, MetadataOnlyBufferIsReportedAndStillTakenAsAFrame) {
     EXPECT_EQ(h.cameraDevice->counters().released, 0u);
 }
 
-TEST(EngineIntake, DebugModeTracesEveryStepOfAFrame) {
-    EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
-    struct ReleaseHold {
-        ~ReleaseHold() { vstabDouble().hold = false; }
-    } releaseHold;
-    vstabDouble().hold = true;  // the frame stays in its slot
-    h.makeCamera(idleCamera(1088, 720));
-    h.start();
-    android::sp<android::IMemory> memory = cameraMemory(1088, 720);
-    const int size = static_cast<int>(memory->size());
-    const long long timestamp = clockNs(CLOCK_MONOTONIC);
-
-    LogCapture log;
-    h.engine->listener->dataCallbackTimestamp(timestamp, CAMERA_MSG_VIDEO_FRAME, memory);
-    const long long diff = Boottime_Monotonic_timerDiff;
-    const long long frameNs = timestamp + diff;
-    auto* slotBuffer = h.engine->frameQueue->slots[0].buffer->buffer.get();
-    void* eisBuffer = nullptr;
-    ASSERT_EQ(slotBuffer->lock(GRALLOC_USAGE_SW_READ_OFTEN, &eisBuffer), 0);
-    slotBuffer->unlock();
-
-    // The 1088-wide camera frame has a 1152-byte pitch and 736 rows before its chroma plane;
-    // the slot buffer is packed at its own stride.
-    EXPECT_TRUE(linesInOrder(
-        log.lines(),
-        {{kInfo, "First byte from camera buffer: 136"},
-         {kInfo, format("dataCallbackTimestamp (%lld, %d, %p %d)", timestamp,
-                        CAMERA_MSG_VIDEO_FRAME, memory->pointer(), size)},
-         {kWarn, format("[VStab] got Boottime_Monotonic_timerDiff: %lld", diff)},
-         {kWarn, format("[VStab] Boottime_Monotonic_timerDiff: %lld", diff)},
-         {kWarn, format("[VStab] Frame: %lld", frameNs)},
-         {kWarn, format("[VStab] first frame timestamp %lld", frameNs)},
-         {kWarn, format("[VStab] first frame timestamp %lld", frameNs)},
-         {kWarn, "Frame Metadata Zoom 1.50 Exposure 5000000"},
-         {kWarn, "[JJJ] W: 1088 S: 1088 H: 720"},
-         {kWarn, format("[JJJ] UVOffset: %d UVOffsetGB: %d", 1152 * 736, 1088 * 720)},
-         {kWarn, format("[JJJ] dataPtr->size(): %d", size)},
-         {kWarn, format("[MMM] w: 1088, h: 720, ss: 1152, sd: 1088, dataPtr->size(): %d", size)},
-         {kWarn, format("camera buf=%p, eis buf=%p", memory->pointer(), eisBuffer)}}));
-    std::vector<LogLine> probe =
-        linesStartingWith(log.lines(), "[cTTiming][dataCallbackTimestamp()] ");
-    ASSERT_EQ(probe.size(), 1u);
-    EXPECT_EQ(
-        probeStages(probe[0].text),
-        (std::vector<std::string>{"clocks", "copy", "lock", "pushFrame", "release", "unlock"}));
-
-    // A frame sent again is refused; its probe ends after the clocks.
-    log.clear();
-    h.engine->listener->dataCallbackTimestamp(timestamp, CAMERA_MSG_VIDEO_FRAME, memory);
-    EXPECT_EQ(log.count("[VStab] error, duplicate frame timestamp, ignore this frame", kWarn), 1);
-    probe = linesStartingWith(log.lines(), "[cTTiming][dataCallbackTimestamp()] ");
-    ASSERT_EQ(probe.size(), 1u);
-    EXPECT_EQ(probeStages(probe[0].text), std::vector<std::string>{"clocks"});
-    EXPECT_EQ(h.cameraDevice->counters().releaseErrors, 2u);  // handed back both times
-}
-
-TEST(EngineIntake, SlotWithoutABufferIsALogicErrorThatKeepsTheFrame) {
-    EngineHarness h;
-    h.makeCamera(idleCamera(640, 480));
-    h.start();
-    Context::VStabFrame& slot = h.engine->frameQueue->slots[0];  // the next one to be filled
-    shared_ptr<GLGraphicBuffer> saved = slot.buffer;
-    slot.buffer.release();
-    android::sp<android::IMemory> memory = cameraMemory(640, 480);
-    LogCapture log;
-    EXPECT_EQ(thrownMessage([&] {
-                  h.engine->dataCallbackTimestamp(clockNs(CLOCK_MONOTONIC), CAMERA_MSG_VIDEO_FRAME,
-                                                  memory);
-              }),
-              "Empty GraphicBuffer found in frame queue");
-    EXPECT_EQ(log.count("[Error] Empty GraphicBuffer found in frame queue", kWarn), 1);
-    // The frame was not handed back, and the slot stays locked by the caller.
-    host::CameraCounters counters = h.cameraDevice->counters();
-    EXPECT_EQ(counters.released + counters.releaseErrors, 0u);
-    EXPECT_FALSE(freeForOtherThreads(slot.mutex));
-    // Let the recording end normally.
-    slot.buffer = saved;
-    h.engine->frameQueue->unlock(&slot);
-}
-
 TEST(EngineIntake, TimestampsMoveIntoTheFrameClockWithAnOffsetMeasuredOncePerResume) {
     EngineHarness h;
     auto produced = std::make_shared<Produced>();
-    host::CameraSetup setup = sourceCamera(320, 240, periodicSource(10, produced));
+    host::CameraSetup setup = sourceCamera(320, 240, producedSource(10, produced));
     paceByWarps(setup);
     h.makeCamera(setup);
     const int64_t bootMinusMonotonic = clockNs(CLOCK_BOOTTIME) - clockNs(CLOCK_MONOTONIC);
@@ -419,12 +316,8 @@ TEST(EngineIntake, TimestampsMoveIntoTheFrameClockWithAnOffsetMeasuredOncePerRes
     {
         LogCapture log;
         record(kMeasured);
-        std::vector<LogLine> lines = linesStartingWith(log.lines(), measured);
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].priority, kWarn);
-        const long long logged = std::stoll(lines[0].text.substr(measured.size()));
-        EXPECT_EQ(logged, Boottime_Monotonic_timerDiff);
-        EXPECT_LT(std::llabs(logged - bootMinusMonotonic), 1 * kMs);
+        EXPECT_EQ(linesStartingWith(log.lines(), measured).size(), 1u);
+        EXPECT_LT(std::llabs(Boottime_Monotonic_timerDiff - bootMinusMonotonic), 1 * kMs);
     }
     const int64_t diff = Boottime_Monotonic_timerDiff;
     {
@@ -477,10 +370,6 @@ TEST(EngineIntake, FailedOffsetMeasurementKeepsTheStoredOffset) {
     ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == 2; }, 5s));
     EXPECT_EQ(Boottime_Monotonic_timerDiff_got, 1);
     EXPECT_EQ(Boottime_Monotonic_timerDiff, kStored);
-    EXPECT_EQ(log.count(format("[VStab] got Boottime_Monotonic_timerDiff: %lld",
-                               static_cast<long long>(kStored)),
-                        kWarn),
-              1);
     EXPECT_EQ(log.countContaining("got Boottime_Monotonic_timerDiff"), 1);
     std::vector<int64_t> warped = vstabDouble().warpSnapshot();
     ASSERT_EQ(warped.size(), 2u);
@@ -513,7 +402,7 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
     EngineHarness h(Properties{{"debug.camera.qlmr.EIS.log", "1"}});
     auto produced = std::make_shared<Produced>();
     host::CameraSetup setup = sourceCamera(
-        320, 240, periodicSource(kFrames, produced, [&frames](uint64_t n, host::FrameInfo& info) {
+        320, 240, producedSource(kFrames, produced, [&frames](uint64_t n, host::FrameInfo& info) {
             info.exposureUs = frames[n].exposureUs;
             info.zoomX100 = frames[n].zoomX100;
         }));
@@ -528,14 +417,9 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
     std::vector<int64_t> sent = produced->snapshot();
     ASSERT_EQ(infos.size(), kFrames);
     for (size_t i = 0; i < kFrames; ++i) {
-        EXPECT_EQ(infos[i].recordSize, 40u);
-        EXPECT_EQ(infos[i].recordKind, 2u);
         EXPECT_EQ(infos[i].timestampNs, sent[i] + Boottime_Monotonic_timerDiff);
         EXPECT_EQ(infos[i].exposureNs, frames[i].exposureNs) << i;
         EXPECT_FLOAT_EQ(infos[i].zoom, frames[i].zoom) << i;
-        EXPECT_EQ(infos[i].scale, 1.0f);
-        EXPECT_EQ(infos[i].reserved0, 0u);
-        EXPECT_EQ(infos[i].reserved1, 0u);
     }
 
     // Intake logs its warnings for a frame before that frame's metadata line.
@@ -546,18 +430,10 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
     int jumps = 0, zooms = 0;
     size_t frame = 0;
     for (const LogLine& l : log.lines()) {
-        if (l.text == jump) {
-            EXPECT_EQ(l.priority, kWarn);
-            ++jumps;
-        } else if (l.text == zoom) {
-            EXPECT_EQ(l.priority, kWarn);
-            ++zooms;
-        } else if (l.text.compare(0, 20, "Frame Metadata Zoom ") == 0) {
-            ASSERT_LT(frame, kFrames);
-            EXPECT_EQ(l.text, format("Frame Metadata Zoom %.2f Exposure %lld",
-                                     frames[frame].zoomX100 * 0.01,
-                                     static_cast<long long>(frames[frame].exposureUs) * 1000));
-            if (frame > 0) {
+        jumps += l.text == jump;
+        zooms += l.text == zoom;
+        if (l.text.compare(0, 20, "Frame Metadata Zoom ") == 0 && frame < kFrames) {
+            if (frame > 0) {  // the first frame has no frame before it to compare with
                 EXPECT_EQ(jumps, frames[frame].jumpWarning ? 1 : 0) << "frame " << frame;
             }
             EXPECT_EQ(zooms, frames[frame].zoomWarning ? 1 : 0) << "frame " << frame;
@@ -566,8 +442,6 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
         }
     }
     EXPECT_EQ(frame, kFrames);
-    // 16-bit microseconds never reach the 300 ms limit.
-    EXPECT_EQ(log.countContaining("VSTab frame has long exposure"), 0);
 }
 
 // A byte of a camera frame's memory, by offset from the start of the buffer; every byte of
@@ -584,8 +458,10 @@ TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
     };
     // 640: the camera pitch equals the width (one block per plane); 1088: pitch 1152, row by
     // row. 360 and 720 rows are no multiple of 32, so the camera's chroma plane starts after
-    // padding rows. A configured offset counts from the end of the buffer's own luma plane.
-    for (Case c : {Case{640, 360, -1}, Case{1088, 720, -1}, Case{640, 360, 1280}}) {
+    // padding rows. A configured offset counts from the end of the buffer's own luma plane,
+    // whose pitch (1088) differs from the camera's (1152) in the last case.
+    for (Case c : {Case{640, 360, -1}, Case{1088, 720, -1}, Case{640, 360, 1280},
+                   Case{1088, 720, 1280}}) {
         SCOPED_TRACE(testing::Message()
                      << c.width << "x" << c.height << " uv " << c.configuredUvOffset);
         EngineHarness h;
@@ -596,7 +472,7 @@ TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
         const host::FrameLayout layout = host::FrameLayout::forSize(c.width, c.height);
         auto produced = std::make_shared<Produced>();
         h.makeCamera(sourceCamera(c.width, c.height,
-                                  periodicSource(
+                                  producedSource(
                                       3, produced,
                                       [](uint64_t n, host::FrameInfo& info) {
                                           info.exposureUs = static_cast<uint16_t>(8000 + n);
@@ -665,39 +541,6 @@ TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
         }
         EXPECT_EQ(checked, 3);
     }
-}
-
-TEST(EngineIntake, ListenerLogsEveryOtherCallbackAndHandsFramesOn) {
-    EngineHarness h;
-    android::sp<MyCameraListener> listener = new MyCameraListener(h.engine.get());
-    android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(4096);
-    android::sp<android::IMemory> memory = new android::MemoryBase(heap, 0, 64);
-    LogCapture log;
-    listener->notify(1, 2, -3);
-    listener->postData(2, memory, nullptr);
-    listener->postDataTimestamp(123456789012LL, 16, memory);
-    listener->postRecordingFrameHandleTimestamp(42, nullptr);
-    listener->postRecordingFrameHandleTimestampBatch({1, 2}, {nullptr, nullptr});
-    listener->recordingFrameHandleCallbackTimestamp(7, nullptr);
-    listener->recordingFrameHandleCallbackTimestampBatch({}, {});
-    EXPECT_EQ(listener->onAsBinder(), nullptr);
-    const std::vector<std::string> expected = {
-        "notify(1, 2, -3)",
-        format("postData(2, %p 64, ...)", memory->pointer()),
-        format("postDataTimestamp(123456789012, 16, %p 64)", memory->pointer()),
-        "postRecordingFrameHandleTimestamp(42)",
-        "postRecordingFrameHandleTimestampBatch",
-        "recordingFrameHandleCallbackTimestamp",
-        "recordingFrameHandleCallbackTimestampBatch",
-    };
-    std::vector<LogLine> lines = log.lines();
-    ASSERT_EQ(lines.size(), expected.size());
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(lines[i].text, expected[i]);
-        EXPECT_EQ(lines[i].priority, kInfo);
-    }
-    // None of them is a frame: nothing reached the library.
-    EXPECT_EQ(vstabDouble().warpCalls.load(), 0);
 }
 
 TEST(EngineIntake, SeparateFrameMetadataIsRefused) {

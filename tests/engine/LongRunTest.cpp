@@ -97,14 +97,7 @@ android::sp<ANativeWindow> countingWindow(const std::shared_ptr<CountingSink>& s
 
 // Five frames per recording, numbered from 0 in each recording, stamped on CLOCK_MONOTONIC.
 host::CameraSetup fiveFramesPerRecording() {
-    host::CameraSetup setup = sourceCamera(
-        320, 240, scriptedSource([](uint64_t n, int64_t start, host::FrameInfo& info) {
-            if (n >= 5)
-                return false;
-            info.timestampNs = start + 20000000 + static_cast<int64_t>(n) * 33333333;
-            info.exposureUs = 10000;
-            return true;
-        }));
+    host::CameraSetup setup = sourceCamera(320, 240, periodicSource(5, 20000000));
     paceByWarps(setup);
     return setup;
 }
@@ -119,71 +112,42 @@ void report(const char* what, int cycles, const ProcessFigures& warm, const Proc
                 end.rssKiB - warm.rssKiB, end.threads, end.fds);
 }
 
-// 200 recordings (start, five frames rendered into a window, stop) on one GL session with a
-// live gyroscope.
-TEST(EngineLongRun, TwoHundredStartStopCyclesGrowNothing) {
-    ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
-    EngineHarness h;
-    h.makeCamera(fiveFramesPerRecording());
-    auto sink = std::make_shared<CountingSink>();
-    android::sp<ANativeWindow> window = countingWindow(sink);
-    h.engine->jsm.addSurface(1, window);
-    constexpr int kCycles = 200, kWarmUp = 10;
-    ProcessFigures warm;
-    for (int cycle = 0; cycle < kCycles; ++cycle) {
-        h.start();
-        ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
-        finishesWithin(20000ms, "stop", [&] { h.stop(); });
-        vstabDouble().clearRecords();
-        if (cycle + 1 == kWarmUp)
-            warm = processFigures();
+// 200 recordings (start, five frames rendered into a window, stop) on one GL session, then 100
+// GL sessions in the order the Java side drives them (onResume, window added, start, five
+// frames, stop, window removed, onPause), each with a live gyroscope.
+TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
+    for (bool sessions : {false, true}) {
+        ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
+        EngineHarness h;
+        h.makeCamera(fiveFramesPerRecording());
+        const int kCycles = sessions ? 100 : 200, kWarmUp = 10;
+        auto sink = std::make_shared<CountingSink>();
+        ProcessFigures warm;
+        for (int cycle = 0; cycle < kCycles; ++cycle) {
+            if (sessions && cycle > 0)
+                h.engine->onResume();
+            android::sp<ANativeWindow> window = countingWindow(sink);
+            h.engine->jsm.addSurface(1, window);
+            h.start();
+            ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
+            finishesWithin(20000ms, "stop", [&] { h.stop(); });
+            h.engine->jsm.remSurface(1);
+            native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
+            vstabDouble().clearRecords();
+            if (cycle + 1 == kWarmUp)
+                warm = processFigures();
+            if (sessions && cycle + 1 < kCycles)
+                h.engine->onPause();  // the last pause is the harness's
+        }
+        const ProcessFigures end = processFigures();
+        report(sessions ? "onPause/onResume" : "start/stop", kCycles, warm, end);
+        EXPECT_EQ(sink->count(), 5u * kCycles);
+        EXPECT_EQ(h.cameraDevice->counters().released, 5u * kCycles);
+        EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
+        EXPECT_EQ(end.threads, warm.threads);
+        EXPECT_EQ(end.fds, warm.fds);
+        EXPECT_LT(end.rssKiB - warm.rssKiB, kRssSlackKiB);
     }
-    const ProcessFigures end = processFigures();
-    report("start/stop", kCycles, warm, end);
-    h.engine->jsm.remSurface(1);
-    native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
-    EXPECT_EQ(sink->count(), 5u * kCycles);
-    host::CameraCounters counters = h.cameraDevice->counters();
-    EXPECT_EQ(counters.delivered, 5u * kCycles);
-    EXPECT_EQ(counters.released, counters.delivered);
-    EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
-    EXPECT_EQ(end.threads, warm.threads);
-    EXPECT_EQ(end.fds, warm.fds);
-    EXPECT_LT(end.rssKiB - warm.rssKiB, kRssSlackKiB);
-}
-
-// 100 GL sessions in the order the Java side drives them: onResume, window added, start, five
-// frames, stop, window removed, onPause.
-TEST(EngineLongRun, HundredPauseResumeCyclesGrowNothing) {
-    ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
-    EngineHarness h;
-    h.makeCamera(fiveFramesPerRecording());
-    constexpr int kCycles = 100, kWarmUp = 10;
-    auto sink = std::make_shared<CountingSink>();
-    ProcessFigures warm;
-    for (int cycle = 0; cycle < kCycles; ++cycle) {
-        if (cycle > 0)
-            h.engine->onResume();
-        android::sp<ANativeWindow> window = countingWindow(sink);
-        h.engine->jsm.addSurface(1, window);
-        h.start();
-        ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
-        finishesWithin(20000ms, "stop", [&] { h.stop(); });
-        h.engine->jsm.remSurface(1);
-        native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
-        window.clear();
-        vstabDouble().clearRecords();
-        if (cycle + 1 == kWarmUp)
-            warm = processFigures();
-        if (cycle + 1 < kCycles)
-            h.engine->onPause();  // the last pause is the harness's
-    }
-    const ProcessFigures end = processFigures();
-    report("onPause/onResume", kCycles, warm, end);
-    EXPECT_EQ(sink->count(), 5u * kCycles);
-    EXPECT_EQ(end.threads, warm.threads);
-    EXPECT_EQ(end.fds, warm.fds);
-    EXPECT_LT(end.rssKiB - warm.rssKiB, kRssSlackKiB);
 }
 
 // One recording of 50,000 frames at 160 x 96 with a live gyroscope, the camera waiting for the
@@ -193,14 +157,7 @@ TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     constexpr uint64_t kFrames = 50000, kStep = 5000;
     ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
     EngineHarness h;
-    host::CameraSetup setup = sourceCamera(
-        160, 96, scriptedSource([](uint64_t n, int64_t start, host::FrameInfo& info) {
-            if (n >= kFrames)
-                return false;
-            info.timestampNs = start + 20000000 + static_cast<int64_t>(n) * 33333333;
-            info.exposureUs = 10000;
-            return true;
-        }));
+    host::CameraSetup setup = sourceCamera(160, 96, periodicSource(kFrames, 20000000));
     paceByWarps(setup);
     h.makeCamera(setup);
     auto sink = std::make_shared<CountingSink>();

@@ -19,25 +19,11 @@ namespace {
 using namespace std::chrono_literals;
 using namespace enginetest;
 
-// A camera of `frames` frames that the test delivers as fast as it likes (no gate): frames
-// pile up in the engine's queue whenever the library keeps them.
-host::CameraSetup freeRunningCamera(int width, int height, uint64_t frames) {
-    host::CameraSetup setup;
-    setup.videoSizes = {{width, height}, {640, 480}};
-    setup.videoSize = {width, height};
-    host::SyntheticFrameOptions options;
-    options.frameLimit = frames;
-    setup.source = std::make_shared<host::SyntheticFrameSource>(options);
-    setup.pacing = host::Pacing::AsFastAsConsumed;
-    return setup;
-}
-
 // Every frame comes out once per window in order; a stop with an empty queue then joins the
 // processing thread without polling or forcing.
 TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
-    LogCapture log;
     EngineHarness h;
-    h.makeCamera(pacedCamera(*h.engine, 640, 480, 60));
+    h.makeCamera(syntheticCamera(640, 480, 60, Feed::Paced));
     auto& a = h.addOutput(1, 320, 240);
     auto& b = h.addOutput(2, 640, 480);
     h.start();
@@ -49,7 +35,6 @@ TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
     systemhooks::recordSleepsOf(pthread_t{});
     EXPECT_EQ(systemhooks::recordedSleeps().size(), 0u);  // joined without polling
     EXPECT_EQ(h.engine->forceRecordStop.load(), 0);
-    EXPECT_EQ(log.count("forceRecordStop = 1"), 0);
 
     auto framesA = a.sink->frames();
     auto framesB = b.sink->frames();
@@ -58,8 +43,6 @@ TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
     for (size_t i = 0; i < 60; ++i) {
         EXPECT_EQ(framesA[i].timestampNs, warped[i]) << i;
         EXPECT_EQ(framesB[i].timestampNs, warped[i]) << i;
-        EXPECT_EQ(framesA[i].width, 320u);
-        EXPECT_EQ(framesB[i].width, 640u);
         if (i > 0) {
             EXPECT_GT(warped[i], warped[i - 1]);
         }
@@ -72,10 +55,9 @@ TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
 
 TEST(EnginePipeline, NoGyroBeforeFrameRendersUnwarpedGridAndRemovesFrame) {
     for (int status : {1, 26}) {
-        LogCapture log;
         EngineHarness h;
         vstabDouble().defaultStatus = status;
-        h.makeCamera(pacedCamera(*h.engine, 640, 480, 5));
+        h.makeCamera(syntheticCamera(640, 480, 5, Feed::Paced));
         auto& out = h.addOutput(1, 320, 240);
         h.start();
         ASSERT_TRUE(waitFor([&] { return out.sink->count() == 5; }, 20s)) << status;
@@ -84,24 +66,15 @@ TEST(EnginePipeline, NoGyroBeforeFrameRendersUnwarpedGridAndRemovesFrame) {
         EXPECT_FLOAT_EQ(grid[0], -1.25f);
         EXPECT_FLOAT_EQ(grid[1], -1.25f);
         h.stop();
-        auto warped = vstabDouble().warpSnapshot();
-        ASSERT_EQ(warped.size(), 5u);
-        char line[128];
-        std::snprintf(line, sizeof(line),
-                      "[VStab][Status] no Gyro Information before Frame %lld (%d)",
-                      static_cast<long long>(warped[0]), status);
-        EXPECT_EQ(log.count(line, 4), 1) << line;
-        EXPECT_EQ(log.count("[VStab][Status] use uniform_vrtxArr to Render", 4), 5);
-        EXPECT_EQ(log.count("[MainThread] Pop", 5), 5);
+        EXPECT_EQ(vstabDouble().warpSnapshot().size(), 5u);  // each frame removed at once
     }
 }
 
 TEST(EnginePipeline, NotEnoughGyroKeepsFramesUntilForcedThenRendersThemUnwarped) {
     for (int status : {2, 5, 25, 27}) {
-        LogCapture log;
         EngineHarness h;
         vstabDouble().defaultStatus = status;
-        h.makeCamera(freeRunningCamera(640, 480, 10));
+        h.makeCamera(syntheticCamera(640, 480, 10, Feed::Free));
         auto& out = h.addOutput(1, 320, 240);
         h.start();
         ASSERT_TRUE(h.cameraDevice->waitUntilDrained(10s));
@@ -114,12 +87,22 @@ TEST(EnginePipeline, NotEnoughGyroKeepsFramesUntilForcedThenRendersThemUnwarped)
 
         h.engine->forceRecordStop = 1;
         ASSERT_TRUE(waitFor([&] { return out.sink->count() == 10; }, 10s)) << status;
-        EXPECT_EQ(log.count("[VStab][Status] forceRecordStop=1", 4), 10);
-        EXPECT_EQ(
-            log.count("[VStab][Status] frameQueue almost full, use uniform_vrtxArr to Render", 4),
-            10);
         h.stop();
     }
+}
+
+// A single frame still waiting for gyro at stop: stop waits for it and forces it out rather
+// than ending the recording with it in the queue.
+TEST(EnginePipeline, StopForcesOutTheLastFrameStillWaitingForGyro) {
+    EngineHarness h;
+    vstabDouble().defaultStatus = 2;
+    h.makeCamera(syntheticCamera(640, 480, 1, Feed::Free));
+    auto& out = h.addOutput(1, 320, 240);
+    h.start();
+    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= 3; }, 10s));  // kept
+    EXPECT_EQ(out.sink->count(), 0u);
+    h.stop();
+    EXPECT_TRUE(out.sink->waitForCount(1, 5s));
 }
 
 TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
@@ -129,7 +112,7 @@ TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
     auto& out = h.addOutput(1, 320, 240);
     // One frame at a time, never more than 15 waiting: a completely full queue would report a
     // size of 0 and keep its head, which is a different case.
-    host::CameraSetup setup = freeRunningCamera(640, 480, 20);
+    host::CameraSetup setup = syntheticCamera(640, 480, 20, Feed::Free);
     std::shared_ptr<host::MemorySink> sink = out.sink;
     setup.gate = [sink](uint64_t index, int64_t) { return index < sink->count() + 15; };
     h.makeCamera(std::move(setup));
@@ -159,11 +142,10 @@ TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
 }
 
 TEST(EnginePipeline, InterpolationRangeStatusesKeepTheSameFrameAtTheHead) {
-    LogCapture log;
     EngineHarness h;
     vstabDouble().script({ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN, ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN,
                           ZEF_GYRO_V_STAB_INTERP_AFTER_END});
-    h.makeCamera(pacedCamera(*h.engine, 640, 480, 4));
+    h.makeCamera(syntheticCamera(640, 480, 4, Feed::Paced));
     auto& out = h.addOutput(1, 320, 240);
     h.start();
     ASSERT_TRUE(waitFor([&] { return out.sink->count() == 4; }, 10s));
@@ -175,20 +157,18 @@ TEST(EnginePipeline, InterpolationRangeStatusesKeepTheSameFrameAtTheHead) {
     EXPECT_EQ(warped[2], warped[3]);
     EXPECT_LT(warped[3], warped[4]);
     EXPECT_EQ(out.sink->frames()[0].timestampNs, warped[0]);
-    EXPECT_EQ(log.count("[VStab][Status] ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN", 4), 2);
-    EXPECT_EQ(log.count("[VStab][Status] ZEF_GYRO_V_STAB_INTERP_AFTER_END", 4), 1);
 }
 
 // A status outside the handled classes ends the processing thread with an exception, which
 // ends the process (nothing catches it above the thread body).
 TEST(EnginePipelineDeathTest, ErrorStatusEndsThreadWithException) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    for (int status : {3, 7, 24, -1}) {
+    for (int status : {3, -1}) {
         EXPECT_DEATH(
             {
                 EngineHarness h;
                 vstabDouble().defaultStatus = status;
-                h.makeCamera(pacedCamera(*h.engine, 640, 480, 2));
+                h.makeCamera(syntheticCamera(640, 480, 2, Feed::Paced));
                 h.addOutput(1, 320, 240);
                 h.start();
                 std::this_thread::sleep_for(5s);
@@ -217,9 +197,9 @@ int64_t readFrameMarks(const host::MemorySink::StoredFrame& f) {
 TEST(EnginePipeline, DebugFrameIndexMarksEveryOutputBufferWithItsCount) {
     EngineHarness h;
     vstabDouble().debugFrameIndex = 1;
-    h.makeCamera(pacedCamera(*h.engine, 640, 480, 12));
+    h.makeCamera(syntheticCamera(640, 480, 12, Feed::Paced));
     auto& a = h.addOutput(1, 320, 240);
-    auto& b = h.addOutput(2, 256, 64);
+    auto& b = h.addOutput(2, 250, 64);  // stride 256: marks follow the row pitch
     h.start();
     ASSERT_TRUE(waitFor([&] { return a.sink->count() == 12 && b.sink->count() == 12; }, 20s));
     h.stop();
@@ -241,7 +221,7 @@ TEST(EnginePipeline, FullQueueKeepsItsHeadUnderStatus2AndStopDoesNotWaitForIt) {
     EngineHarness h;
     vstabDouble().holdStatus = ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN;
     vstabDouble().hold = true;  // keep every frame while the queue fills
-    h.makeCamera(freeRunningCamera(640, 480, 16));
+    h.makeCamera(syntheticCamera(640, 480, 16, Feed::Free));
     auto& out = h.addOutput(1, 320, 240);
     h.start();
     ASSERT_EQ(h.engine->frameQueue->capacity, 16);
@@ -254,10 +234,8 @@ TEST(EnginePipeline, FullQueueKeepsItsHeadUnderStatus2AndStopDoesNotWaitForIt) {
     vstabDouble().hold = false;
     ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= callsBefore + 5; }, 10s));
     EXPECT_EQ(out.sink->count(), 0u);
-    EXPECT_EQ(log.countContaining("[VStab][Status] forceRecordStop="), 0);
 
     finishesWithin(10000ms, "stop", [&] { h.stop(); });
-    EXPECT_EQ(log.count("Frame Queue Length ++++: 0", 5), 1);
     EXPECT_EQ(log.count("forceRecordStop = 1"), 0);
     EXPECT_EQ(out.sink->count(), 0u);
 }
@@ -285,7 +263,7 @@ TEST(EnginePipeline, IdlePassSleeps5000UsAt60FpsAnd10000UsOtherwise) {
 // Child-process body: exits 0 when the error path behaved as described above.
 void runRenderWithBrokenProgram() {
     EngineHarness h;
-    h.makeCamera(pacedCamera(*h.engine, 640, 480, 1));
+    h.makeCamera(syntheticCamera(640, 480, 1, Feed::Paced));
     auto& a = h.addOutput(1, 320, 240);
     auto& b = h.addOutput(2, 320, 240);
     h.engine->program->program = 0xBAD;  // glUseProgram fails: GL_INVALID_VALUE

@@ -17,11 +17,7 @@ using namespace enginetest;
 TEST(EngineSoak, CameraGyroAndProcessingThreadsRunTogether) {
     ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
     EngineHarness h;
-    host::SyntheticFrameOptions options;  // endless, at the camera's 30 fps
-    host::CameraSetup setup =
-        sourceCamera(320, 240, std::make_shared<host::SyntheticFrameSource>(options));
-    setup.pacing = host::Pacing::RealTime;
-    h.makeCamera(setup);
+    h.makeCamera(syntheticCamera(320, 240, 0, Feed::Live));
     auto& output = h.addOutput(1, 160, 120);
     LogCapture log;
     h.start();

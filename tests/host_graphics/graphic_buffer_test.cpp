@@ -31,16 +31,9 @@ TEST(GraphicBuffer, StrideIsWidthRoundedUpToSixteenAndPlanesFollowIt) {
     for (const Case& c : cases) {
         sp<GraphicBuffer> b(new GraphicBuffer(c.width, c.height, c.format, kCamera));
         ASSERT_EQ(b->initCheck(), android::NO_ERROR) << c.width;
-        EXPECT_EQ(b->getWidth(), c.width);
-        EXPECT_EQ(b->getHeight(), c.height);
         EXPECT_EQ(b->getStride(), c.stride) << c.width;
-        EXPECT_EQ(b->getPixelFormat(), c.format);
-        EXPECT_EQ(b->getUsage(), kCamera);
         EXPECT_EQ(b->getSize(), c.bytes) << c.width;
-        ANativeWindowBuffer* n = b->getNativeBuffer();
-        EXPECT_EQ(n->width, static_cast<int>(c.width));
-        EXPECT_EQ(n->stride, static_cast<int>(c.stride));
-        EXPECT_EQ(n->format, c.format);
+        EXPECT_EQ(b->getNativeBuffer()->stride, static_cast<int>(c.stride));
     }
 }
 
@@ -60,54 +53,27 @@ TEST(GraphicBuffer, RefusesWhatItCannotHoldAndReallocatesAnEmptyOne) {
         EXPECT_EQ(b->initCheck(), android::BAD_VALUE) << c.w << "x" << c.h << " " << c.format;
         EXPECT_EQ(b->getSize(), 0u);
     }
-    // An empty buffer is not initialised until it is reallocated (layer count 0 means 1).
+    // The engine's slot buffers: empty, then reallocated (layer count 0 means 1).
     sp<GraphicBuffer> b(new GraphicBuffer());
     EXPECT_EQ(b->initCheck(), android::NO_INIT);
-    void* address = nullptr;
-    EXPECT_EQ(b->lock(kCamera, &address), android::NO_INIT);
     ASSERT_EQ(b->reallocate(640, 480, HAL_PIXEL_FORMAT_YCrCb_420_SP, 0, kCamera),
               android::NO_ERROR);
-    EXPECT_EQ(b->getLayerCount(), 1u);
     EXPECT_EQ(b->getStride(), 640u);
 }
 
 TEST(GraphicBuffer, LockGivesPersistentMemoryOneLockAtATime) {
     sp<GraphicBuffer> b(new GraphicBuffer(32, 8, HAL_PIXEL_FORMAT_YCrCb_420_SP, kCamera));
     void* address = nullptr;
-    EXPECT_EQ(b->lock(GraphicBuffer::USAGE_HW_TEXTURE, &address), android::BAD_VALUE);
-    EXPECT_EQ(b->lock(kCamera, nullptr), android::BAD_VALUE);
-    EXPECT_EQ(b->unlock(), android::INVALID_OPERATION);
     ASSERT_EQ(b->lock(kCamera, &address), android::NO_ERROR);
     ASSERT_NE(address, nullptr);
     void* second = nullptr;
     EXPECT_EQ(b->lock(kCamera, &second), android::INVALID_OPERATION);
-    EXPECT_EQ(b->reallocate(64, 8, HAL_PIXEL_FORMAT_YCrCb_420_SP, 1, kCamera),
-              android::INVALID_OPERATION);
     std::memset(address, 0x5a, b->getSize());
     ASSERT_EQ(b->unlock(), android::NO_ERROR);
     ASSERT_EQ(b->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &second), android::NO_ERROR);
     EXPECT_EQ(second, address);
     EXPECT_EQ(static_cast<uint8_t*>(second)[b->getSize() - 1], 0x5a);
     EXPECT_EQ(b->unlock(), android::NO_ERROR);
-}
-
-TEST(GraphicBuffer, NativeBufferLeadsBackToTheSameCountedObject) {
-    sp<GraphicBuffer> b(new GraphicBuffer(16, 16, HAL_PIXEL_FORMAT_RGBA_8888, kCamera));
-    android::wp<GraphicBuffer> weak(b);
-    ANativeWindowBuffer* native = b->getNativeBuffer();
-    EXPECT_EQ(native->common.magic, static_cast<int>(ANDROID_NATIVE_BUFFER_MAGIC));
-    EXPECT_EQ(native->common.version, static_cast<int>(sizeof(ANativeWindowBuffer)));
-    EXPECT_EQ(GraphicBuffer::from(native).get(), b.get());
-    {
-        sp<ANativeWindowBuffer> counted(native);  // counts through the native header
-        b.clear();
-        EXPECT_NE(weak.promote(), nullptr);
-    }
-    EXPECT_EQ(weak.promote(), nullptr);
-
-    ANativeWindowBuffer stranger;
-    EXPECT_EQ(GraphicBuffer::from(&stranger), nullptr);
-    EXPECT_EQ(GraphicBuffer::from(nullptr), nullptr);
 }
 
 // The exact BT.601 limited-range formula, clamped to 0..255: channel i of (y, u, v).
@@ -133,12 +99,6 @@ TEST(PixelConversion, Bt601LimitedRangeWithinOneOfTheExactFormula) {
             }
         }
     }
-    uint8_t rgb[3];
-    host::yuvToRgb(235, 128, 128, rgb);
-    EXPECT_EQ(rgb[0], 255);
-    EXPECT_EQ(rgb[1], 255);
-    host::yuvToRgb(16, 128, 128, rgb);
-    EXPECT_EQ(rgb[2], 0);
 }
 
 // The vectorised NV21 conversion over every (U, V) pair and every luma value: within 3 levels
@@ -190,7 +150,11 @@ TEST(PixelConversion, Nv21ChromaSampleCoversItsTwoByTwoBlock) {
 }
 
 TEST(PixelConversion, ChannelOrdersRoundTrip) {
-    const uint8_t bgra[2 * 4] = {1, 2, 3, 4, 5, 6, 7, 8};  // stride 2 pixels, width 1
+    // Two rows of stride 2 pixels, width 1: the second row starts at byte 8.
+    const uint8_t bgra[2 * 2 * 4] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    uint8_t rows[2 * 4];
+    ASSERT_TRUE(host::packToRgba(HAL_PIXEL_FORMAT_RGBA_8888, bgra, 8, 1, 2, rows));
+    EXPECT_EQ(rows[4], 9);
     uint8_t rgba[4];
     ASSERT_TRUE(host::packToRgba(HAL_PIXEL_FORMAT_BGRA_8888, bgra, 8, 1, 1, rgba));
     EXPECT_EQ(rgba[0], 3);

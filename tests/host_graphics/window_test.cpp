@@ -1,14 +1,11 @@
-// Host native window: producer operations, queue order, timestamps, blocking and counts.
+// Host native window: what the engine relies on: queue order, timestamps, blocking, buffer shape.
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 #include <system/window.h>
 #include <ui/GraphicBuffer.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstring>
-#include <ctime>
-#include <fcntl.h>
 #include <future>
 
 #include "host/Window.h"
@@ -19,12 +16,6 @@ using android::GraphicBuffer;
 using android::sp;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-int64_t monotonicNs() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000000000LL + ts.tv_nsec;
-}
 
 // Holds every frame in onFrame until opened, so tests control the consumer.
 class GateSink : public host::FrameSink {
@@ -81,19 +72,6 @@ class Window : public ::testing::Test {
     std::shared_ptr<host::MemorySink> sink_ = std::make_shared<host::MemorySink>();
 };
 
-TEST_F(Window, ProducerMustConnectOnceWithAKnownApi) {
-    sp<ANativeWindow> w = make(sink_);
-    ANativeWindowBuffer* b = nullptr;
-    EXPECT_EQ(w->dequeueBuffer_DEPRECATED(w.get(), &b), -ENODEV);
-    EXPECT_EQ(native_window_api_connect(w.get(), 9), -EINVAL);
-    EXPECT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    EXPECT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_EGL), -EINVAL);
-    EXPECT_EQ(native_window_api_disconnect(w.get(), NATIVE_WINDOW_API_EGL), -EINVAL);
-    EXPECT_EQ(w->dequeueBuffer_DEPRECATED(w.get(), &b), 0);
-    EXPECT_EQ(native_window_api_disconnect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    EXPECT_EQ(w->queueBuffer(w.get(), b, -1), -ENODEV);
-}
-
 TEST_F(Window, FramesArriveInOrderWithContentTimestampAndTransform) {
     sp<ANativeWindow> w = make(sink_);
     ASSERT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
@@ -123,28 +101,6 @@ TEST_F(Window, FramesArriveInOrderWithContentTimestampAndTransform) {
     EXPECT_EQ(c.delivered, 6u);
 }
 
-TEST_F(Window, AutoTimestampIsTheQueueingTimeAndSettingsAreSticky) {
-    sp<ANativeWindow> w = make(sink_);
-    ASSERT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    const int64_t before = monotonicNs();
-    ASSERT_EQ(w->queueBuffer(w.get(), dequeue(w), -1), 0);
-    const int64_t after = monotonicNs();
-    ASSERT_EQ(native_window_set_buffers_timestamp(w.get(), 77), 0);
-    ASSERT_EQ(w->queueBuffer(w.get(), dequeue(w), -1), 0);
-    ASSERT_EQ(w->queueBuffer(w.get(), dequeue(w), -1), 0);
-    ASSERT_EQ(native_window_set_buffers_timestamp(w.get(), NATIVE_WINDOW_TIMESTAMP_AUTO), 0);
-    ASSERT_EQ(w->queueBuffer(w.get(), dequeue(w), -1), 0);
-    ASSERT_TRUE(sink_->waitForCount(4, seconds(10)));
-    auto frames = sink_->frames();
-    EXPECT_TRUE(frames[0].autoTimestamp);
-    EXPECT_GE(frames[0].timestampNs, before);
-    EXPECT_LE(frames[0].timestampNs, after);
-    EXPECT_EQ(frames[1].timestampNs, 77);
-    EXPECT_EQ(frames[2].timestampNs, 77);
-    EXPECT_TRUE(frames[3].autoTimestamp);
-    EXPECT_GT(frames[3].timestampNs, frames[0].timestampNs);
-}
-
 TEST_F(Window, DequeueWaitsForTheConsumerThenTimesOut) {
     auto gate = std::make_shared<GateSink>();
     sp<ANativeWindow> w = make(gate, 2, 400);
@@ -170,64 +126,9 @@ TEST_F(Window, DequeueWaitsForTheConsumerThenTimesOut) {
     EXPECT_EQ(c.dequeueTimeouts, 1u);
 }
 
-TEST_F(Window, ProducerHoldingEveryBufferFailsAtOnce) {
-    sp<ANativeWindow> w = make(sink_, 2, 5000);
-    ASSERT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    ANativeWindowBuffer* a = dequeue(w);
-    ANativeWindowBuffer* b = dequeue(w);
-    EXPECT_NE(a, b);
-    ANativeWindowBuffer* c = nullptr;
-    auto third =
-        std::async(std::launch::async, [&] { return w->dequeueBuffer_DEPRECATED(w.get(), &c); });
-    ASSERT_EQ(third.wait_for(seconds(2)), std::future_status::ready);
-    EXPECT_EQ(third.get(), -ENOSYS);
-    // Only a dequeued buffer may be queued or cancelled, once.
-    EXPECT_EQ(w->cancelBuffer(w.get(), a, -1), 0);
-    EXPECT_EQ(w->queueBuffer(w.get(), a, -1), -EINVAL);
-    sp<GraphicBuffer> foreign(new GraphicBuffer(32, 16, HAL_PIXEL_FORMAT_RGBA_8888, 0x30));
-    EXPECT_EQ(w->queueBuffer(w.get(), foreign->getNativeBuffer(), -1), -EINVAL);
-    EXPECT_EQ(dequeue(w), a);  // the cancelled buffer is free again
-}
-
-TEST_F(Window, QueueWaitsForAndClosesTheFence) {
+TEST_F(Window, SizeFormatAndUsageShapeTheBuffers) {
     sp<ANativeWindow> w = make(sink_);
     ASSERT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    const int fence = eventfd(1, EFD_CLOEXEC);  // already signalled
-    ASSERT_GE(fence, 0);
-    ASSERT_EQ(w->queueBuffer(w.get(), dequeue(w), fence), 0);
-    EXPECT_EQ(fcntl(fence, F_GETFD), -1);  // closed by the window
-    EXPECT_TRUE(sink_->waitForCount(1, seconds(10)));
-}
-
-TEST_F(Window, BufferCountChangesWhenNothingIsHeld) {
-    sp<ANativeWindow> w = make(sink_);
-    ASSERT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    EXPECT_EQ(native_window_set_buffer_count(w.get(), 0), -EINVAL);
-    EXPECT_EQ(native_window_set_buffer_count(w.get(), host::kMaxWindowBuffers + 1), -EINVAL);
-    ANativeWindowBuffer* held = dequeue(w);
-    EXPECT_EQ(native_window_set_buffer_count(w.get(), 5), -EINVAL);
-    ASSERT_EQ(w->queueBuffer(w.get(), held, -1), 0);
-    ASSERT_EQ(native_window_set_buffer_count(w.get(), 5), 0);  // waits for the consumer
-    EXPECT_EQ(sink_->count(), 1u);
-    ANativeWindowBuffer* five[5];
-    for (auto& b : five)
-        b = dequeue(w);
-    ANativeWindowBuffer* sixth = nullptr;
-    EXPECT_EQ(w->dequeueBuffer_DEPRECATED(w.get(), &sixth), -ENOSYS);
-    for (auto* b : five)
-        EXPECT_EQ(w->cancelBuffer(w.get(), b, -1), 0);
-    ASSERT_EQ(native_window_set_buffer_count(w.get(), 1), 0);
-    host::WindowCounters c;
-    ASSERT_TRUE(host::windowCounters(w.get(), &c));
-    EXPECT_EQ(c.bufferCount, 1u);
-}
-
-TEST_F(Window, SizeFormatAndUsageShapeTheBuffersUntilDisconnect) {
-    sp<ANativeWindow> w = make(sink_);
-    ASSERT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    EXPECT_EQ(native_window_set_buffers_dimensions(w.get(), 64, 0), -EINVAL);
-    EXPECT_EQ(native_window_set_buffers_dimensions(w.get(), -1, 8), -EINVAL);
-    EXPECT_EQ(native_window_set_buffers_format(w.get(), HAL_PIXEL_FORMAT_RGB_565), -EINVAL);
     ASSERT_EQ(native_window_set_buffers_dimensions(w.get(), 48, 8), 0);
     ASSERT_EQ(native_window_set_buffers_format(w.get(), HAL_PIXEL_FORMAT_BGRA_8888), 0);
     ASSERT_EQ(native_window_set_usage(w.get(), GRALLOC_USAGE_SW_WRITE_OFTEN), 0);
@@ -239,12 +140,6 @@ TEST_F(Window, SizeFormatAndUsageShapeTheBuffersUntilDisconnect) {
     EXPECT_EQ(b->getPixelFormat(), HAL_PIXEL_FORMAT_BGRA_8888);
     EXPECT_EQ(b->getUsage(),
               static_cast<uint64_t>(GRALLOC_USAGE_SW_WRITE_OFTEN | GRALLOC_USAGE_SW_READ_OFTEN));
-    ASSERT_EQ(native_window_api_disconnect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    EXPECT_EQ(ANativeWindow_getWidth(w.get()), 32);
-    EXPECT_EQ(ANativeWindow_getFormat(w.get()), HAL_PIXEL_FORMAT_RGBA_8888);
-    ASSERT_EQ(native_window_api_connect(w.get(), NATIVE_WINDOW_API_CPU), 0);
-    sp<GraphicBuffer> again = GraphicBuffer::from(dequeue(w));
-    EXPECT_EQ(again->getWidth(), 32u);  // default size again, fresh buffer
 }
 
 TEST_F(Window, LastReleaseDeliversQueuedFramesBeforeTheWindowGoes) {
@@ -260,17 +155,6 @@ TEST_F(Window, LastReleaseDeliversQueuedFramesBeforeTheWindowGoes) {
     ANativeWindow_release(raw);
     EXPECT_FALSE(host::windowCounters(raw, &c));
     EXPECT_EQ(sink_->count(), 3u);
-}
-
-TEST(WindowConfig, BadConfigurationsMakeNoWindow) {
-    auto sink = std::make_shared<host::MemorySink>();
-    host::WindowConfig zero;
-    zero.defaultWidth = 0;
-    EXPECT_EQ(host::createWindow(sink, zero), nullptr);
-    host::WindowConfig many;
-    many.bufferCount = host::kMaxWindowBuffers + 1;
-    EXPECT_EQ(host::createWindow(sink, many), nullptr);
-    EXPECT_EQ(host::createWindow(nullptr), nullptr);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <string>
 
-#include "LogCapture.h"
 #include "SensorTestSupport.h"
 
 using host::Pacing;
@@ -12,56 +11,21 @@ using sensortest::Queue;
 using sensortest::replaySetup;
 using namespace std::chrono_literals;
 
-TEST(SensorManager, WithoutAGyroscopeThereIsNoDefaultSensor) {
-    ASSERT_TRUE(host::removeGyro());
-    ASensorManager* manager = ASensorManager_getInstance();
-    ASSERT_NE(manager, nullptr);
-    EXPECT_EQ(ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE), nullptr);
-    ASensorList list = nullptr;
-    EXPECT_EQ(ASensorManager_getSensorList(manager, &list), 0);
-    EXPECT_EQ(host::sensorCounters().samplesRead, 0u);
-}
-
 TEST(SensorManager, DescribesTheInstalledGyroscope) {
     host::GyroSetup setup = replaySetup(1, Pacing::RealTime, 8);
     setup.name = "Test Gyro";
     setup.minDelayUs = 5000;
-    ASSERT_TRUE(host::installGyro(setup));
     ASensorManager* manager = ASensorManager_getInstance();
+    ASSERT_TRUE(host::removeGyro());
+    EXPECT_EQ(ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE), nullptr);
+    ASSERT_TRUE(host::installGyro(setup));
     const ASensor* gyro = ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
     ASSERT_NE(gyro, nullptr);
     EXPECT_STREQ(ASensor_getName(gyro), "Test Gyro");
-    EXPECT_EQ(ASensor_getType(gyro), ASENSOR_TYPE_GYROSCOPE);
     EXPECT_EQ(ASensor_getMinDelay(gyro), 5000);
-    EXPECT_EQ(ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_ACCELEROMETER), nullptr);
-    ASensorList list = nullptr;
-    ASSERT_EQ(ASensorManager_getSensorList(manager, &list), 1);
-    EXPECT_EQ(list[0], gyro);
-
-    // A new installation is a new sensor; the old one stays readable but cannot be enabled.
-    ASSERT_TRUE(host::installGyro(replaySetup(1, Pacing::RealTime, 8)));
-    const ASensor* next = ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
-    EXPECT_NE(next, gyro);
-    EXPECT_STREQ(ASensor_getName(gyro), "Test Gyro");
-    Queue q(gyro);
-    EXPECT_EQ(ASensorEventQueue_enableSensor(q.queue, gyro), -EINVAL);
-
     EXPECT_THROW(host::installGyro(host::GyroSetup{}), std::invalid_argument);
     host::GyroSetup bad = replaySetup(1, Pacing::RealTime, 0);
     EXPECT_THROW(host::installGyro(bad), std::invalid_argument);
-}
-
-TEST(SensorManager, InstallationIsRefusedWhileTheGyroscopeIsEnabled) {
-    ASSERT_TRUE(host::installGyro(replaySetup(10, Pacing::AsFastAsConsumed, 4)));
-    Queue q;
-    ASSERT_EQ(ASensorEventQueue_enableSensor(q.queue, q.sensor), 0);
-    LogCapture log;
-    EXPECT_FALSE(host::installGyro(replaySetup(1, Pacing::RealTime, 8)));
-    EXPECT_FALSE(host::removeGyro());
-    EXPECT_EQ(log.countContaining("enabled on an event queue"), 2);
-    EXPECT_EQ(ASensorManager_getDefaultSensor(q.manager, ASENSOR_TYPE_GYROSCOPE), q.sensor);
-    ASSERT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), 0);
-    EXPECT_TRUE(host::removeGyro());
 }
 
 TEST(SensorQueue, EnableRateAndDisableSemantics) {
@@ -70,39 +34,16 @@ TEST(SensorQueue, EnableRateAndDisableSemantics) {
     ASSERT_TRUE(host::installGyro(setup));
     Queue q;
     ASSERT_NE(q.queue, nullptr);
-    ASensorEvent e;
-    EXPECT_EQ(ASensorEventQueue_getEvents(q.queue, &e, 1), 0);
-    EXPECT_EQ(ASensorEventQueue_hasEvents(q.queue), 0);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 5000), -EINVAL);  // not enabled
-    EXPECT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), -EINVAL);
-
     ASSERT_EQ(ASensorEventQueue_enableSensor(q.queue, q.sensor), 0);
-    EXPECT_EQ(ASensorEventQueue_enableSensor(q.queue, q.sensor), 0);
-    EXPECT_EQ(host::sensorCounters().enabledQueues, 1);
-    EXPECT_EQ(host::sensorCounters().periodNs, 200000000);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 1000), 0);
     EXPECT_EQ(host::sensorCounters().periodNs, 2500000);  // raised to the minimum delay
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 20000), 0);
     EXPECT_EQ(host::sensorCounters().periodNs, 20000000);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, -1), -EINVAL);
 
-    // A second queue asking for a faster rate sets the pace for both.
-    Queue other;
-    ASSERT_EQ(ASensorEventQueue_registerSensor(other.queue, other.sensor, 5000, 0), 0);
-    EXPECT_EQ(host::sensorCounters().enabledQueues, 2);
-    EXPECT_EQ(host::sensorCounters().periodNs, 5000000);
-    ASSERT_EQ(ASensorEventQueue_disableSensor(other.queue, other.sensor), 0);
-    EXPECT_EQ(host::sensorCounters().periodNs, 20000000);
-
     ASSERT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), 0);
-    EXPECT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), -EINVAL);
-    EXPECT_EQ(host::sensorCounters().enabledQueues, 0);
     EXPECT_EQ(host::sensorCounters().periodNs, 0);
-
-    EXPECT_EQ(ASensorManager_destroyEventQueue(q.manager, q.queue), 0);
-    EXPECT_EQ(ASensorManager_destroyEventQueue(q.manager, q.queue), -EINVAL);
-    q.queue = nullptr;
-    EXPECT_EQ(ASensorEventQueue_getEvents(nullptr, &e, 1), -EINVAL);
 }
 
 // 2000 samples through a queue of 4: back-pressure keeps every one, in order.
@@ -121,53 +62,13 @@ TEST(SensorQueue, ReplayArrivesInOrderThroughTheLooperThenWakesIt) {
         EXPECT_EQ(e.data[0], expected[i].x);
         EXPECT_EQ(e.data[1], expected[i].y);
         EXPECT_EQ(e.data[2], 0.5f);
-        EXPECT_EQ(e.data[3], 0.0f);
-        EXPECT_EQ(e.version, static_cast<int32_t>(sizeof(ASensorEvent)));
         EXPECT_EQ(e.type, ASENSOR_TYPE_GYROSCOPE);
-        EXPECT_GT(e.sensor, 0);
-        EXPECT_EQ(e.sensor, events[0].sensor);
     }
     // The source has ended: the next poll is woken instead of waiting out its 10 s time-out.
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(ALooper_pollAll(10000, nullptr, nullptr, nullptr), ALOOPER_POLL_WAKE);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-    const host::SensorCounters c = host::sensorCounters();
-    EXPECT_TRUE(c.sourceEnded);
-    EXPECT_EQ(c.samplesRead, kSamples);
-    EXPECT_EQ(c.eventsQueued, kSamples);
-    EXPECT_EQ(c.eventsDelivered, kSamples);
-    EXPECT_EQ(c.eventsDropped, 0u);
-    EXPECT_EQ(c.lastTimestampNs, expected.back().timestampNs);
-    EXPECT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), 0);
-}
-
-TEST(SensorQueue, EndOfStreamWakesAPollerThatHasReadEverything) {
-    std::atomic<bool> end{false};
-    host::GyroSetup setup;
-    setup.pacing = Pacing::AsFastAsConsumed;
-    setup.source = std::make_shared<host::CallbackGyroSource>(
-        [&, n = 0](const host::GyroTick&, host::GyroSample& s) mutable {
-            if (n == 3) {
-                while (!end.load())
-                    std::this_thread::sleep_for(1ms);
-                return false;
-            }
-            s.timestampNs = ++n;
-            return true;
-        });
-    ASSERT_TRUE(host::installGyro(setup));
-    Queue q;
-    ASSERT_EQ(ASensorEventQueue_enableSensor(q.queue, q.sensor), 0);
-    ASSERT_EQ(q.read(3).size(), 3u);
-    // The poller now waits on an empty queue; the source ends while it waits.
-    std::thread ender([&] {
-        std::this_thread::sleep_for(30ms);
-        end = true;
-    });
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ALooper_pollAll(10000, nullptr, nullptr, nullptr), ALOOPER_POLL_WAKE);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
-    ender.join();
+    EXPECT_EQ(host::sensorCounters().eventsDropped, 0u);
     EXPECT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), 0);
 }
 
@@ -209,10 +110,7 @@ TEST(SensorQueue, RealTimeReplayDropsWhatAStalledConsumerCannotHold) {
     ASSERT_EQ(events.size(), 16u);  // the first 16 fitted; the rest were lost
     for (size_t i = 0; i < events.size(); ++i)
         EXPECT_EQ(events[i].data[0], static_cast<float>(i));
-    const host::SensorCounters c = host::sensorCounters();
-    EXPECT_EQ(c.samplesRead, 200u);
-    EXPECT_EQ(c.eventsDropped, 184u);
-    EXPECT_EQ(c.eventsQueued + c.eventsDropped, c.samplesRead);
+    EXPECT_EQ(host::sensorCounters().eventsDropped, 184u);
     EXPECT_EQ(ASensorEventQueue_disableSensor(q.queue, q.sensor), 0);
 }
 
@@ -272,7 +170,7 @@ TEST(SensorQueue, DisableAndDestroyReturnWhileTheServiceWaitsForRoom) {
     EXPECT_EQ(host::sensorCounters().enabledQueues, 0);
 }
 
-TEST(SensorQueue, WakeEndsABlockedPollAndPollingNeedsALooper) {
+TEST(SensorQueue, WakeEndsABlockedPoll) {
     host::GyroSetup setup = replaySetup(10, Pacing::AsFastAsConsumed, 4);
     setup.gate = [](int64_t) { return false; };
     ASSERT_TRUE(host::installGyro(setup));
@@ -292,9 +190,6 @@ TEST(SensorQueue, WakeEndsABlockedPollAndPollingNeedsALooper) {
     EXPECT_TRUE(finishesWithin(5s, [&] { poller.join(); }));
     EXPECT_EQ(enabled.load(), 0);
     EXPECT_EQ(result.load(), ALOOPER_POLL_WAKE);
-    // A thread without a looper cannot poll.
-    std::thread([&] { result = ALooper_pollAll(0, nullptr, nullptr, nullptr); }).join();
-    EXPECT_EQ(result.load(), ALOOPER_POLL_ERROR);
 }
 
 TEST(ReplayClock, MapsRecordingTimeOntoHostClocks) {

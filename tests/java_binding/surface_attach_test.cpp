@@ -74,36 +74,30 @@ constexpr long kUsage = NATIVE_WINDOW_SET_USAGE;
 constexpr long kCount = NATIVE_WINDOW_SET_BUFFER_COUNT;
 constexpr long kCpu = NATIVE_WINDOW_API_CPU;
 
+// Every setting in order; a negative one (or a size with one negative side) keeps the window's
+// own; 0 x 0 is passed on (the default size).
 TEST(SurfaceAttach, ConnectsAndAppliesEverySettingInOrder) {
-    auto owned = std::make_unique<RecordingWindow>();  // sp<> refuses stack objects
-    RecordingWindow& window = *owned;
-    jobject surface = javaSurface(&window);
-    ANativeWindow* attached = surface_init(javaEnv(), nullptr, surface, 320, 240, 1, 5, 4);
-    EXPECT_EQ(attached, &window);
-    EXPECT_EQ(window.calls, (Calls{{kConnect, kCpu},
-                                   {kTransform, 4},
-                                   {kDimensions, 320, 240},
-                                   {kFormat, 1},
-                                   {kUsage, 0x30},
-                                   {kCount, 5}}));
-    EXPECT_EQ(window.references, 2) << "one reference acquired for the caller";
-}
-
-TEST(SurfaceAttach, NegativeSettingsKeepTheWindowsOwn) {
-    auto owned = std::make_unique<RecordingWindow>();  // sp<> refuses stack objects
-    RecordingWindow& window = *owned;
-    jobject surface = javaSurface(&window);
-    surface_init(javaEnv(), nullptr, surface, -1, -1, -1, 0, -1);
-    EXPECT_EQ(window.calls, (Calls{{kConnect, kCpu}, {kUsage, 0x30}}));
-
-    window.calls.clear();  // a size needs both sides; 0 x 0 is passed on (the default size)
-    surface_init(javaEnv(), nullptr, surface, 320, -1, 0, 1, 0);
-    EXPECT_EQ(
-        window.calls,
-        (Calls{{kConnect, kCpu}, {kTransform, 0}, {kFormat, 0}, {kUsage, 0x30}, {kCount, 1}}));
-    window.calls.clear();
-    surface_init(javaEnv(), nullptr, surface, 0, 0, -1, -3, -1);
-    EXPECT_EQ(window.calls, (Calls{{kConnect, kCpu}, {kDimensions, 0, 0}, {kUsage, 0x30}}));
+    const struct {
+        int width, height, format, count, transform;
+        Calls calls;
+    } cases[] = {
+        {320, 240, 1, 5, 4,
+         {{kConnect, kCpu}, {kTransform, 4}, {kDimensions, 320, 240}, {kFormat, 1},
+          {kUsage, 0x30}, {kCount, 5}}},
+        {-1, -1, -1, 0, -1, {{kConnect, kCpu}, {kUsage, 0x30}}},
+        {320, -1, 0, 1, 0,
+         {{kConnect, kCpu}, {kTransform, 0}, {kFormat, 0}, {kUsage, 0x30}, {kCount, 1}}},
+        {0, 0, -1, -3, -1, {{kConnect, kCpu}, {kDimensions, 0, 0}, {kUsage, 0x30}}},
+    };
+    for (const auto& c : cases) {
+        auto owned = std::make_unique<RecordingWindow>();  // sp<> refuses stack objects
+        jobject surface = javaSurface(owned.get());
+        EXPECT_EQ(surface_init(javaEnv(), nullptr, surface, c.width, c.height, c.format, c.count,
+                               c.transform),
+                  owned.get());
+        EXPECT_EQ(owned->calls, c.calls) << c.width << "x" << c.height;
+        EXPECT_EQ(owned->references, 2) << "one reference acquired for the caller";
+    }
 }
 
 TEST(SurfaceAttach, ARefusedSettingThrowsItsMessageAndKeepsTheReference) {
@@ -151,23 +145,6 @@ TEST(SurfaceAttach, ReleaseDisconnectsAndDropsTheAcquiredReference) {
     window.refuse = NATIVE_WINDOW_API_DISCONNECT;
     surface_release(android::sp<ANativeWindow>(&window));
     EXPECT_EQ(window.references, 1);
-}
-
-TEST(SurfaceAttach, FromSurfaceOnlyForALiveSurface) {
-    auto owned = std::make_unique<RecordingWindow>();  // sp<> refuses stack objects
-    RecordingWindow& window = *owned;
-    JNIEnv* env = javaEnv();
-    jobject surface = javaSurface(&window);
-    EXPECT_EQ(ANativeWindow_fromSurface(env, nullptr), nullptr);
-    jobject notASurface = env->NewStringUTF("surface");
-    EXPECT_EQ(ANativeWindow_fromSurface(env, notASurface), nullptr);
-    EXPECT_FALSE(env->ExceptionCheck());
-
-    jclass surfaceClass = javaClass("android/view/Surface");
-    env->CallVoidMethod(surface, env->GetMethodID(surfaceClass, "release", "()V"));
-    EXPECT_EQ(window.references, 0) << "the surface dropped its reference";
-    EXPECT_EQ(ANativeWindow_fromSurface(env, surface), nullptr);
-    EXPECT_EQ(window.references, 0);
 }
 
 TEST(SurfaceAttachDeathTest, ASurfaceWithoutAWindowAborts) {
