@@ -2,8 +2,9 @@
 # android-libcutils-dev, version 29.0.6). Their headers live in /usr/include/android and must
 # be SYSTEM includes (two of them warn under -Wextra); the libraries sit outside the loader
 # path and ship no pkg-config files, so they are imported by full path and reached by rpath.
-set(ANDROID_HOST_INCLUDE_DIR /usr/include/android CACHE PATH "AOSP host headers")
-set(ANDROID_HOST_LIB_DIR /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android CACHE PATH "AOSP host libraries")
+# A cross build takes the target architecture's builds from its sysroot (CMAKE_SYSROOT).
+set(ANDROID_HOST_INCLUDE_DIR ${CMAKE_SYSROOT}/usr/include/android CACHE PATH "AOSP host headers")
+set(ANDROID_HOST_LIB_DIR ${CMAKE_SYSROOT}/usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/android CACHE PATH "AOSP host libraries")
 if(NOT CMAKE_LIBRARY_ARCHITECTURE)
   set(ANDROID_HOST_LIB_DIR /usr/lib/x86_64-linux-gnu/android CACHE PATH "AOSP host libraries" FORCE)
 endif()

@@ -10,11 +10,22 @@
 #                            uninstrumented JVM, and the JVM's own signal use defeats the tools)
 #   QLMR_JAVA_OUTPUT_DIR     folder of the project's jars
 #   JNI::JNI, JNI::JVM       jni.h include folders; libjvm for programs that embed a JVM
-#   Java_JAVA_EXECUTABLE     the java launcher of that JDK
+#   QLMR_JAVA_LAUNCHER       the command that runs java for tests: the host JDK's java, or in
+#                            a cross build the target JDK's java under the cross emulator
+#
+# A cross build (cmake/armhf-toolchain.cmake) compiles with the host's javac and jar (their output
+# does not depend on the architecture) and takes jni.h and libjvm from the target's JDK in its
+# sysroot (QLMR_TARGET_JAVA_HOME).
 option(QLMR_BUILD_JAVA "Build the Java binding and its host Java stand-ins (needs a JDK)" ON)
 
 if(QLMR_BUILD_JAVA)
   find_package(Java 17 REQUIRED COMPONENTS Development Runtime)
+  if(CMAKE_CROSSCOMPILING)
+    set(JAVA_HOME ${QLMR_TARGET_JAVA_HOME})
+    set(QLMR_JAVA_LAUNCHER ${CMAKE_CROSSCOMPILING_EMULATOR} ${QLMR_TARGET_JAVA_HOME}/bin/java)
+  else()
+    set(QLMR_JAVA_LAUNCHER ${Java_JAVA_EXECUTABLE})
+  endif()
   if(NOT JAVA_HOME AND NOT DEFINED ENV{JAVA_HOME})
     # FindJNI searches JAVA_HOME first: point it at the JDK of the javac just found.
     get_filename_component(_qlmr_javac "${Java_JAVAC_EXECUTABLE}" REALPATH)

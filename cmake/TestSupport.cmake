@@ -1,5 +1,5 @@
 # GoogleTest programs of the project: the shared test support library and qlmr_add_gtest.
-# Included by tests/CMakeLists.txt and by the ARM cross build (cross/armhf).
+# Included by tests/CMakeLists.txt.
 include(GoogleTest)
 # The repository's root, whichever project includes this (tests run from there).
 get_filename_component(QLMR_SOURCE_ROOT ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
@@ -20,6 +20,10 @@ function(qlmr_add_gtest name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
+  endif()
+  if(CMAKE_CROSSCOMPILING)
+    # Under the emulator everything, GL through llvmpipe included, runs several times slower.
+    math(EXPR ARG_TIMEOUT "${ARG_TIMEOUT} * 4")
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} qlmr_test_support GTest::gtest GTest::gmock GTest::gtest_main)

@@ -1,6 +1,7 @@
 #include "TimestampStatistics.h"
 
 #include <cmath>
+#include <cstddef>
 #include <stdexcept>
 
 #include "Log.h"
@@ -21,6 +22,14 @@ T& TimestampStatistics::Stack<T>::operator[](int i) {
 }
 
 template class TimestampStatistics::Stack<unsigned long long>;
+
+// The ring's fields in their fixed order: flag, capacity and next index in the first three
+// 32-bit words, then the pointer (at byte 12 with 32-bit pointers, 16 with 64-bit ones).
+using TimestampStack = TimestampStatistics::Stack<unsigned long long>;
+static_assert(offsetof(TimestampStack, capacity) == 4 && offsetof(TimestampStack, next) == 8,
+              "TimestampStatistics::Stack field order");
+static_assert(offsetof(TimestampStack, values) == (sizeof(void*) == 4 ? 12 : 16),
+              "TimestampStatistics::Stack field order");
 
 TimestampStatistics::TimestampStatistics(int capacity) : stack(capacity) {}
 

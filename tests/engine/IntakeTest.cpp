@@ -177,8 +177,9 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
             gate->waitingFor = n;
             gate->since = now;
         } else if (!open && now - gate->since > 15s) {
-            gate->why = format("frame %zu waited: %d accepted before it, %d warped, queue size %d",
-                               n, f.acceptedBefore, warped, engine->frameQueue->size());
+            gate->why = format("frame %llu waited: %d accepted before it, %d warped, queue size %d",
+                               static_cast<unsigned long long>(n), f.acceptedBefore, warped,
+                               engine->frameQueue->size());
             gate->timedOut = true;
             open = true;
         }

@@ -1,6 +1,7 @@
 // libqlmr.so is loaded by the JVM, which resolves the Java entry points by name: they must be
 // in its dynamic symbol table, and nothing else of the engine may be.
 #include <elf.h>
+#include <link.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -19,33 +20,36 @@ struct DynamicSymbol {
 };
 
 // Every symbol that the file's .dynsym section defines (as `nm -D --defined-only` lists them).
+// The file is of the build's own ELF class (64-bit on x86-64, 32-bit on armhf).
 std::vector<DynamicSymbol> definedDynamicSymbols(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     std::vector<char> bytes((std::istreambuf_iterator<char>(file)),
                             std::istreambuf_iterator<char>());
-    EXPECT_GT(bytes.size(), sizeof(Elf64_Ehdr)) << path;
-    if (bytes.size() <= sizeof(Elf64_Ehdr))
+    EXPECT_GT(bytes.size(), sizeof(ElfW(Ehdr))) << path;
+    if (bytes.size() <= sizeof(ElfW(Ehdr)))
         return {};
-    Elf64_Ehdr header;
+    ElfW(Ehdr) header;
     std::memcpy(&header, bytes.data(), sizeof(header));
     EXPECT_EQ(std::memcmp(header.e_ident, ELFMAG, SELFMAG), 0);
+    EXPECT_EQ(header.e_ident[EI_CLASS], __ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : ELFCLASS32);
 
     auto section = [&](size_t index) {
-        Elf64_Shdr s;
+        ElfW(Shdr) s;
         std::memcpy(&s, bytes.data() + header.e_shoff + index * header.e_shentsize, sizeof(s));
         return s;
     };
     std::vector<DynamicSymbol> symbols;
     for (size_t i = 0; i < header.e_shnum; ++i) {
-        Elf64_Shdr dynsym = section(i);
+        ElfW(Shdr) dynsym = section(i);
         if (dynsym.sh_type != SHT_DYNSYM)
             continue;
-        Elf64_Shdr strings = section(dynsym.sh_link);
-        for (size_t k = 1; k < dynsym.sh_size / sizeof(Elf64_Sym); ++k) {
-            Elf64_Sym symbol;
-            std::memcpy(&symbol, bytes.data() + dynsym.sh_offset + k * sizeof(Elf64_Sym),
+        ElfW(Shdr) strings = section(dynsym.sh_link);
+        for (size_t k = 1; k < dynsym.sh_size / sizeof(ElfW(Sym)); ++k) {
+            ElfW(Sym) symbol;
+            std::memcpy(&symbol, bytes.data() + dynsym.sh_offset + k * sizeof(ElfW(Sym)),
                         sizeof(symbol));
-            if (symbol.st_shndx == SHN_UNDEF)
+            // Section symbols (nameless; the ARM linker keeps one) are not listed by nm either.
+            if (symbol.st_shndx == SHN_UNDEF || ELF64_ST_TYPE(symbol.st_info) == STT_SECTION)
                 continue;
             symbols.push_back({bytes.data() + strings.sh_offset + symbol.st_name,
                                static_cast<unsigned char>(ELF64_ST_BIND(symbol.st_info)),

@@ -11,6 +11,7 @@
 
 #include "JavaVm.h"
 #include "LogCapture.h"
+#include "NativeHandle.h"
 #include "native.h"
 
 namespace {
@@ -60,7 +61,7 @@ jobject javaSurface(ANativeWindow* window) {
     JNIEnv* env = javaEnv();
     jclass surfaceClass = javaClass("android/view/Surface");
     jmethodID constructor = env->GetMethodID(surfaceClass, "<init>", "(J)V");
-    jobject surface = env->NewObject(surfaceClass, constructor, reinterpret_cast<jlong>(window));
+    jobject surface = env->NewObject(surfaceClass, constructor, qlmr::toHandle(window));
     EXPECT_NE(surface, nullptr) << takeJavaException();
     return surface;
 }

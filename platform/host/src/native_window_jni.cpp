@@ -4,6 +4,8 @@
 // and acquiring under the same monitor cannot race with a release.
 #include <android/native_window_jni.h>
 
+#include "NativeHandle.h"
+
 extern "C" ANativeWindow* ANativeWindow_fromSurface(JNIEnv* env, jobject surface) {
     if (surface == nullptr)
         return nullptr;
@@ -21,7 +23,7 @@ extern "C" ANativeWindow* ANativeWindow_fromSurface(JNIEnv* env, jobject surface
     }
     if (env->MonitorEnter(surface) != JNI_OK)
         return nullptr;
-    auto* window = reinterpret_cast<ANativeWindow*>(env->GetLongField(surface, field));
+    auto* window = qlmr::fromHandle<ANativeWindow>(env->GetLongField(surface, field));
     if (window != nullptr)
         ANativeWindow_acquire(window);
     env->MonitorExit(surface);

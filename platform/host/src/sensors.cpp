@@ -15,6 +15,8 @@
 
 #include <android/sensor.h>
 
+#include <cstddef>
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -34,6 +36,13 @@
 
 #include "host/HostSensors.h"
 #include "host_log.h"
+
+// The event record is the platform's, the same on every ABI (the sensor service writes it
+// across processes): 104 bytes, the 64-bit timestamp at byte 16 (8-aligned on 32-bit ARM as on
+// x86-64), the values from byte 24.
+static_assert(sizeof(ASensorEvent) == 104, "ASensorEvent is 104 bytes on every ABI");
+static_assert(offsetof(ASensorEvent, timestamp) == 16, "ASensorEvent timestamp at byte 16");
+static_assert(offsetof(ASensorEvent, vector) == 24, "ASensorEvent values at byte 24");
 
 namespace host {
 class GyroService;

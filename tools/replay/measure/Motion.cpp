@@ -195,15 +195,14 @@ __attribute__((target("avx2,fma"))) void accumulateRowAvx2(const RowPass& p, Row
 }
 #endif
 
-// Whether this processor has the vector unit of the kernels above (AVX2 and FMA).
-bool vectorUnit() {
 #if defined(__x86_64__)
+// Whether this processor has the vector unit of the kernels above (AVX2 and FMA). Elsewhere
+// (32-bit ARM) only the portable kernels exist.
+bool vectorUnit() {
     static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
     return has;
-#else
-    return false;
-#endif
 }
+#endif
 
 using RowKernel = void (*)(const RowPass&, RowSums&);
 

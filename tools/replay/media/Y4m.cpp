@@ -173,14 +173,16 @@ bool Y4mReader::read(I420Image& out) {
 bool Y4mReader::skip() {
     if (!readFrameHeader())
         return false;
-    const long bytes = static_cast<long>(width_) * height_ * 3 / 2;
+    // File offsets as off_t (64 bits with _FILE_OFFSET_BITS=64): a long is 32 bits on armhf,
+    // and ftell() fails there once a stream passes 2 GiB (8 seconds of 1080p).
+    const off_t bytes = static_cast<off_t>(width_) * height_ * 3 / 2;
     struct stat st;
-    const long at = std::ftell(file_);
+    const off_t at = ftello(file_);
     if (at < 0 || fstat(fileno(file_), &st) != 0)
         throw ReplayError(name_, 0, "cannot seek in the stream");
     if (st.st_size - at < bytes)
         throw ReplayError(name_, 0, frameName() + ": stream ends inside the frame (truncated)");
-    if (std::fseek(file_, bytes, SEEK_CUR) != 0)
+    if (fseeko(file_, bytes, SEEK_CUR) != 0)
         throw ReplayError(name_, 0, "cannot seek in the stream");
     ++frames_;
     return true;

@@ -23,6 +23,7 @@
 #include "host/HostSensors.h"
 #include "host/JavaCameraContext.h"
 #include "host/Window.h"
+#include "NativeHandle.h"
 
 namespace {
 
@@ -125,14 +126,13 @@ extern "C" JNIEXPORT void JNICALL Java_android_hardware_Camera_native_1setup(JNI
     }
     auto context = std::make_unique<android::JNICameraContext>();
     context->mCamera = camera;
-    env->SetLongField(thiz, cameraContextField(env, thiz),
-                      reinterpret_cast<jlong>(context.release()));
+    env->SetLongField(thiz, cameraContextField(env, thiz), qlmr::toHandle(context.release()));
 }
 
 extern "C" JNIEXPORT void JNICALL Java_android_hardware_Camera_native_1release(JNIEnv* env,
                                                                                jobject thiz) {
     jfieldID field = cameraContextField(env, thiz);
-    auto* context = reinterpret_cast<android::JNICameraContext*>(env->GetLongField(thiz, field));
+    auto* context = qlmr::fromHandle<android::JNICameraContext>(env->GetLongField(thiz, field));
     if (context == nullptr)
         return;
     env->SetLongField(thiz, field, 0);
@@ -152,7 +152,8 @@ extern "C" JNIEXPORT void JNICALL Java_android_hardware_Camera_native_1release(J
 
 extern "C" JNIEXPORT void JNICALL Java_android_view_Surface_nativeRelease(JNIEnv*, jclass,
                                                                           jlong nativeObject) {
-    ANativeWindow_release(reinterpret_cast<ANativeWindow*>(nativeObject));
+    if (ANativeWindow* window = qlmr::fromHandle<ANativeWindow>(nativeObject))
+        ANativeWindow_release(window);
 }
 
 // ---- com.zandry.host.HostPlatform ----
@@ -296,7 +297,7 @@ extern "C" JNIEXPORT jlong JNICALL Java_com_zandry_host_HostPlatform_createWindo
         return 0;
     }
     ANativeWindow_acquire(window.get());  // the caller's reference
-    const auto address = reinterpret_cast<jlong>(window.get());
+    const auto address = qlmr::toHandle(window.get());
     std::lock_guard<std::mutex> lock(gSinksMutex);
     gSinks[address] = std::move(sink);
     return address;

@@ -17,6 +17,7 @@
 
 #include "Context.h"
 #include "Log.h"
+#include "NativeHandle.h"
 #include "com_zandry_mediatek_Native.h"
 
 namespace {
@@ -60,7 +61,7 @@ android::sp<android::Camera> nativeCamera(JNIEnv* env, jobject camera) {
     }
     env->DeleteLocalRef(cameraClass);
     auto* context =
-        reinterpret_cast<android::JNICameraContext*>(env->GetLongField(camera, contextField));
+        qlmr::fromHandle<android::JNICameraContext>(env->GetLongField(camera, contextField));
     if (context == nullptr)
         throw std::runtime_error("Could not get native camera");
     context->mLock.lock();
