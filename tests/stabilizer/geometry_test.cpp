@@ -261,5 +261,28 @@ TEST(StabCropMargins, ZoomLadderFindsTheSmallestZoomWithinTheLimit) {
     }
 }
 
+// A frame's rows are timed on the gyro's clock: the stated gyro offset moves them, the first row
+// sits at mid-exposure and a zoomed crop reads out only its own share of the sensor's rows.
+TEST(StabFrameTiming, RowsAtMidExposureShiftedByTheGyroOffsetAndShortenedByZoom) {
+    constexpr int64_t kMs = 1000000;
+    StabConfig c;
+    c.readoutNs = 30 * kMs;
+    const struct {
+        int64_t offsetNs, exposureNs;
+        double zoom;
+        int64_t firstRowNs;
+        double spanNs;
+    } cases[] = {{0, 10 * kMs, 1.0, 1005 * kMs, 30 * kMs},
+                 {4 * kMs, 10 * kMs, 1.0, 1009 * kMs, 30 * kMs},
+                 {-7 * kMs, 0, 1.0, 993 * kMs, 30 * kMs},
+                 {0, 0, 1.5, 1005 * kMs, 20 * kMs}};
+    for (const auto& k : cases) {
+        c.gyroTimeOffsetNs = k.offsetNs;
+        const FrameTiming t = FrameTiming::make(1000 * kMs, k.exposureNs, k.zoom, c);
+        EXPECT_EQ(t.firstRowNs, k.firstRowNs) << k.offsetNs << " " << k.zoom;
+        EXPECT_DOUBLE_EQ(t.rowSpanNs, k.spanNs) << k.zoom;
+    }
+}
+
 }  // namespace
 }  // namespace vstab
