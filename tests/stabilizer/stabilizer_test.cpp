@@ -238,13 +238,6 @@ TEST(StabZoomPlanner, RisesAheadOfANeedAtMostAtTheRiseRateAndFallsBackSlowly) {
     EXPECT_NEAR(p.next(0.1, need, t, 37), 1.1 - 0.005, 1e-12);
 }
 
-TEST(StabSession, GyroEndIsTakenAfterAsksWithoutSamplesWhenTheGyroReachesTheFrame) {
-    const int64_t first = 1000;
-    EXPECT_FALSE(gyroEnded(Stabilizer::kIdleAsksForGyroEnd - 1, first, first));
-    EXPECT_TRUE(gyroEnded(Stabilizer::kIdleAsksForGyroEnd, first, first));
-    EXPECT_FALSE(gyroEnded(Stabilizer::kIdleAsksForGyroEnd + 100, first - 1, first));
-}
-
 TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
     // A pan with shake; the gyro stops at 3 s, as a recording's log ends with the video.
     Stabilizer s(configWithReadout());
