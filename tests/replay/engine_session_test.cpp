@@ -71,9 +71,9 @@ TEST(EngineSession, GyroEndingEarlyRendersTheRestUnstabilized) {
     EXPECT_LE(m.engine.renderedUnstabilized, 80);
     const std::string named = std::to_string(m.engine.renderedUnstabilized) +
                               " of 120 frames were rendered unstabilized (the gyro samples end 1.9";
-    EXPECT_TRUE(std::any_of(m.warnings.begin(), m.warnings.end(),
-                            [&](const std::string& w) { return w.rfind(named, 0) == 0; }))
-        << named;
+    EXPECT_TRUE(std::any_of(m.warnings.begin(), m.warnings.end(), [&](const std::string& w) {
+        return w.rfind(named, 0) == 0;
+    })) << named;
 }
 
 // A frame width the engine's buffers cannot take (not a multiple of 16) is scaled for the
@@ -140,6 +140,10 @@ TEST(ReplayCommand, MainCommandRunsTheEngine) {
         << err;
     const std::string metrics = replay_test::readText(dir.file("out/metrics.json"));
     EXPECT_EQ(nlohmann::json::parse(metrics)["session"], "engine") << metrics.substr(0, 200);
+    // The camera reports the recording's frame rate to the engine, which logs it.
+    EXPECT_NE(
+        replay_test::readText(dir.file("out/engine.log")).find("getPreviewFrameRate, fps: 30"),
+        std::string::npos);
     for (const char* name : {"stabilized.y4m", "report.html", "engine.log"}) {
         struct stat st {};
         EXPECT_EQ(stat(dir.file(std::string("out/") + name).c_str(), &st), 0) << name;

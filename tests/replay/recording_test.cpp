@@ -181,8 +181,9 @@ TEST(RecordingFolder, CutShortImagesAreRefused) {
     auto frames = openRecordingFrames(rec);
     Nv21Image nv;
     nv.resize(32, 16);
-    EXPECT_NE(replay_test::errorOf([&] { frames->read(1, nv); })
-                  .find("frames.csv:4: image " + dir.file("frames/1.png") + ": Corrupt JPEG data"),
+    EXPECT_NE(replay_test::errorOf([&] {
+                  frames->read(1, nv);
+              }).find("frames.csv:4: image " + dir.file("frames/1.png") + ": Corrupt JPEG data"),
               std::string::npos);
     EXPECT_THROW(readImage(dir.file("frames/1.png")), ReplayError);
 }
@@ -217,8 +218,9 @@ TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
     nv.resize(32, 16);
     frames->read(0, nv);
     frames->read(1, nv);
-    EXPECT_NE(replay_test::errorOf([&] { frames->read(2, nv); })
-                  .find("video ends after 2 frames, frames.csv lists 3"),
+    EXPECT_NE(replay_test::errorOf([&] {
+                  frames->read(2, nv);
+              }).find("video ends after 2 frames, frames.csv lists 3"),
               std::string::npos);
     // Other videos are counted by ffprobe.
     std::remove(dir.file("video.y4m").c_str());

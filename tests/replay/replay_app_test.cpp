@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <dirent.h>
 #include <map>
+#include <set>
 #include <sstream>
 #include <unistd.h>
 
@@ -177,6 +178,7 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     ASSERT_TRUE(m.hasTruth);
     EXPECT_GT(m.truth.inputJitterPx, 3.0);
     EXPECT_NEAR(m.truth.jitterRatio, 1.0, 0.05);
+    EXPECT_NEAR(m.pixelJitterRatio, 1.0, 0.05);
     EXPECT_NEAR(m.crop.cropping, 1.0, 0.01);
     // The pixel measure agrees with the ground truth on the shaking input.
     EXPECT_NEAR(m.inputMotion.jitterPx, m.truth.inputJitterPx, 0.25 * m.truth.inputJitterPx);
@@ -439,6 +441,50 @@ TEST(LibrarySession, StabilizesTheSyntheticWalk) {
     // not all of it.
     EXPECT_GT(m.crop.cropping, 0.70);
     EXPECT_LT(m.crop.cropping, 0.95);
+}
+
+// A frame of one colour, 60 ms exposures, and a still gyro that starts 15 ms after the first
+// frame: the library gets the exposure in ns (so the first frame's mid-exposure rows lie after
+// the gyro's start and are warped), and every output pixel shows the frame's colour, whichever
+// column it samples.
+TEST(LibrarySession, TimesRowsByTheExposureAndKeepsTheColourOfEveryColumn) {
+    class Flat : public FrameSource {
+      public:
+        int width() const override { return 64; }
+        int height() const override { return 48; }
+        int count() const override { return 10; }
+        int64_t timestampNs(int i) const override { return 1000000000LL + i * 33333333LL; }
+        int exposureUs(int) const override { return 60000; }
+        void read(int, Nv21Image& out) override {
+            std::fill(out.y(), out.y() + 64 * 48, static_cast<uint8_t>(128));
+            for (int k = 0; k < 64 * 24; k += 2) {
+                out.vu()[k] = 200;  // V
+                out.vu()[k + 1] = 60;
+            }
+        }
+        std::string describe() const override { return "flat"; }
+    } frames;
+    std::vector<GyroSample> gyro;
+    for (int64_t t = 1015000000; t < 2500000000; t += 2500000)
+        gyro.push_back({t, 0.0f, 0.0f, 0.0f});
+    SessionConfig config;
+    config.configText = "vstab.readoutNs=30000000\n";
+    config.surfaces = {{64, 48, 1, 3}};
+    struct Colours : SessionObserver {
+        std::set<uint32_t> seen;
+        void onFrameDelivered(int, int64_t, const Nv21Image&) override {}
+        void onFrameOutput(int, int64_t, const RgbaView& v) override {
+            for (int x = 8; x < 56; ++x) {
+                const uint8_t* p = v.data + 4 * (24 * v.stride + x);
+                seen.insert(p[0] << 16 | p[1] << 8 | p[2]);
+            }
+        }
+    } colours;
+    EXPECT_EQ(makeLibrarySession()->run(frames, gyro, config, colours).renderedUnstabilized, 0);
+    uint8_t rgb[3];
+    yuvToRgb(128, 60, 200, rgb);
+    EXPECT_EQ(colours.seen,
+              (std::set<uint32_t>{static_cast<uint32_t>(rgb[0] << 16 | rgb[1] << 8 | rgb[2])}));
 }
 
 TEST(LibrarySession, ReportsARefusedConfiguration) {

@@ -65,7 +65,7 @@ Response respond(double f, double windowS, double latencyS) {
 TEST(StabPathSmoother, KeepsIntendedMotionWithoutOvershootOrLagAndRemovesHandShake) {
     const struct {
         double hz, minGain, maxGain, maxPhaseDeg;
-    } cases[] = {{0.05, 0.93, 1.03, 3.0}, {0.1, 0.93, 1.03, 3.0}, {0.2, 0.93, 1.03, 3.0},
+    } cases[] = {{0.05, 0.93, 1.03, 3.0}, {0.1, 0.93, 1.03, 3.0},  {0.2, 0.93, 1.03, 3.0},
                  {0.3, 0.93, 1.03, 10.0}, {2.0, 0.0, 0.01, 180.0}, {3.0, 0.0, 0.01, 180.0},
                  {5.0, 0.0, 0.01, 180.0}, {8.0, 0.0, 0.01, 180.0}, {12.0, 0.0, 0.01, 180.0}};
     for (const auto& c : cases) {
