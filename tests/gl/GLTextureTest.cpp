@@ -47,7 +47,17 @@ TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
     GLint alignment = 0;
     glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
     EXPECT_EQ(alignment, 2);  // alignment 0 leaves the unpack state alone
+    // Framebuffer names in use (a download's own is deleted again): the same before and after.
+    auto framebuffers = [] {
+        int n = 0;
+        for (GLuint name = 1; name < 256; ++name)
+            n += glIsFramebuffer(name);
+        return n;
+    };
+    const int before = framebuffers();
     EXPECT_TRUE(t.download(out.data()));
+    EXPECT_TRUE(t.download(out.data()));
+    EXPECT_EQ(framebuffers(), before);
     EXPECT_EQ(in, out);
     EXPECT_EQ(context->count, 1);  // every operation gave its level back
 

@@ -44,6 +44,15 @@ TEST(StabGyroHistory, IntegratesAConstantRateExactly) {
     // Between samples the orientation follows the same rate.
     ASSERT_TRUE(h.orientationAt(1001234567, q));
     EXPECT_LT(distance(logMap(q), rate * 0.001234567), 1e-12);
+    // A rate growing at 2 rad/s^2 about one axis: each interval's mean rate is exact.
+    GyroHistory ramp(1024, 100000000);
+    for (int i = 0; i <= 400; ++i)
+        ASSERT_EQ(ramp.add(1000000000 + i * 2500000LL, {0, 0, 2.0 * i * 0.0025}),
+                  GyroHistory::AddResult::Accepted);
+    ASSERT_TRUE(ramp.orientationAt(2000000000, q));
+    EXPECT_LT(distance(logMap(q), {0, 0, 1.0}), 1e-9);
+    ASSERT_TRUE(ramp.orientationAt(1500000000, q));  // exactly on a sample
+    EXPECT_LT(distance(logMap(q), {0, 0, 0.25}), 1e-9);
 }
 
 TEST(StabGyroHistory, DropsUnusableSamplesWithoutChangingTheHistory) {
