@@ -105,7 +105,11 @@ TEST_F(GLGraphicBufferTest, BindCallsThrowTheCheckMessage) {
     out.attachRenderBuffer();
     EXPECT_EQ(glCheckFramebufferStatus(GL_FRAMEBUFFER),
               static_cast<GLenum>(GL_FRAMEBUFFER_COMPLETE));
-    out.detachRenderBuffer();
+    out.detachRenderBuffer();  // the queued buffer leaves the framebuffer
+    GLint attached = -1;
+    glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0,
+                                          GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME, &attached);
+    EXPECT_EQ(attached, 0);
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
     glDeleteFramebuffers(1, &fb);
 

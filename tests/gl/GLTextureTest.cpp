@@ -47,7 +47,17 @@ TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
     GLint alignment = 0;
     glGetIntegerv(GL_UNPACK_ALIGNMENT, &alignment);
     EXPECT_EQ(alignment, 2);  // alignment 0 leaves the unpack state alone
+    // Framebuffer names in use (a download's own is deleted again): the same before and after.
+    auto framebuffers = [] {
+        int n = 0;
+        for (GLuint name = 1; name < 256; ++name)
+            n += glIsFramebuffer(name);
+        return n;
+    };
+    const int before = framebuffers();
     EXPECT_TRUE(t.download(out.data()));
+    EXPECT_TRUE(t.download(out.data()));
+    EXPECT_EQ(framebuffers(), before);
     EXPECT_EQ(in, out);
     EXPECT_EQ(context->count, 1);  // every operation gave its level back
 
@@ -87,15 +97,17 @@ TEST_F(GLTextureTest, UnchangedParametersCostNoGLWork) {
     t.download(out.data());
     EXPECT_EQ(in, out);
 
-    // A new width reallocates level 0 at the new size.
-    t.update(16, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_NEAREST, GL_REPEAT);
-    std::vector<uint8_t> wide = pattern(16, 8), back(wide.size());
-    t.upload(wide.data(), 0);
-    t.download(back.data());
-    EXPECT_EQ(wide, back);
-    GLint viewport[4];
-    glGetIntegerv(GL_VIEWPORT, viewport);
-    EXPECT_EQ(viewport[2], 16);  // the read-back leaves the viewport at the texture's size
+    // A new width, or a new height alone, reallocates level 0 at the new size.
+    for (const int h : {8, 12}) {
+        t.update(16, h, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_NEAREST, GL_REPEAT);
+        std::vector<uint8_t> sized = pattern(16, h), back(sized.size());
+        t.upload(sized.data(), 0);
+        t.download(back.data());
+        EXPECT_EQ(sized, back) << h;
+        GLint viewport[4];
+        glGetIntegerv(GL_VIEWPORT, viewport);
+        EXPECT_EQ(viewport[3], h);  // the read-back leaves the viewport at the texture's size
+    }
 }
 
 TEST_F(GLTextureTest, NamesAreReplacedAndFreed) {

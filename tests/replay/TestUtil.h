@@ -1,12 +1,18 @@
-// Helpers shared by the replay tool's tests: scratch folders and small pictures.
+// Helpers shared by the replay tool's tests: scratch folders, small pictures, and the one
+// builder of the recordings they replay (a synthetic walk, or a recording folder on disk).
 #pragma once
 
+#include "app/ReplayApp.h"
+#include "common/ReplayError.h"
 #include "media/Image.h"
+#include "synthetic/Synthetic.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 namespace replay_test {
@@ -53,6 +59,70 @@ inline qlmr::replay::RgbImage gradient(int w, int h) {
         }
     }
     return img;
+}
+
+// The synthetic handheld walk over the procedural scene at a test-friendly size.
+inline qlmr::replay::SyntheticOptions walk(int width, int height, double seconds) {
+    qlmr::replay::SyntheticOptions s;
+    s.width = width;
+    s.height = height;
+    s.seconds = seconds;
+    s.scene = "procedural";
+    return s;
+}
+
+// A replay of walk() into dir/out without an MP4, keeping `pairs` picture pairs.
+inline qlmr::replay::ReplayOptions replayOf(const TempDir& dir, int width, int height,
+                                            double seconds, int pairs = 0) {
+    qlmr::replay::ReplayOptions o;
+    o.outDir = dir.file("out");
+    o.synthetic = walk(width, height, seconds);
+    o.mp4 = false;
+    o.pairs = pairs;
+    return o;
+}
+
+// A recording folder: its frames/ folder and the three text files.
+inline void writeRecording(const TempDir& dir, const std::string& framesCsv,
+                           const std::string& gyroCsv = "timestamp_ns,x,y,z\n1,0,0,0\n",
+                           const std::string& config = "x=1\n") {
+    std::system(("mkdir -p '" + dir.file("frames") + "'").c_str());
+    writeText(dir.file("frames.csv"), framesCsv);
+    writeText(dir.file("gyro.csv"), gyroCsv);
+    writeText(dir.file("config.txt"), config);
+}
+
+// Keeps the header and the samples of a gyro.csv whose timestamp satisfies keep(ns).
+template <typename Keep>
+void keepGyro(const std::string& path, Keep keep) {
+    std::istringstream in(readText(path));
+    std::string kept;
+    for (std::string line; std::getline(in, line);) {
+        if (line[0] == 't' || keep(std::stoll(line)))
+            kept += line + "\n";
+    }
+    writeText(path, kept);
+}
+
+// The text of the ReplayError `body` throws; "" when it throws none.
+template <typename Body>
+std::string errorOf(Body body) {
+    try {
+        body();
+    } catch (const qlmr::replay::ReplayError& e) {
+        return e.what();
+    }
+    return "";
+}
+
+// Runs qlmr_replay with `args`; its exit status, and its standard error in `err`.
+inline int runCommand(const std::string& args, std::string& err) {
+    TempDir dir;
+    const std::string cmd =
+        std::string(QLMR_REPLAY_BIN) + " " + args + " 2>" + dir.file("err") + " >/dev/null";
+    const int status = std::system(cmd.c_str());
+    err = readText(dir.file("err"));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace replay_test

@@ -1,5 +1,6 @@
 // Gyro calibration from the pictures: the configuration rewrite, and the search finding an
 // offset and an axis swap that a synthetic recording's configuration does not state.
+#include "TestUtil.h"
 #include "common/ReplayError.h"
 #include "measure/Calibration.h"
 #include "synthetic/Synthetic.h"
@@ -34,11 +35,7 @@ TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
 // and `statedOffsetMs`, ready to calibrate from its lumas.
 CalibrationInput syntheticInput(const std::string& statedAxes, double statedOffsetMs,
                                 std::unique_ptr<SyntheticRecording>& keep) {
-    SyntheticOptions o;
-    o.width = 640;
-    o.height = 360;
-    o.seconds = 4;
-    o.scene = "procedural";
+    SyntheticOptions o = replay_test::walk(640, 360, 4);
     o.gyro.timeOffsetNs = 17000000;
     o.statedGyroAxes = statedAxes;
     o.statedGyroOffsetMs = statedOffsetMs;
@@ -61,8 +58,20 @@ CalibrationStats calibrateSynthetic(const std::string& statedAxes, double stated
     return calibrate(syntheticInput(statedAxes, statedOffsetMs, rec));
 }
 
-TEST(Calibration, FindsAnUnstatedOffsetAndNamesIt) {
-    const CalibrationStats c = calibrateSynthetic("", 2.0);
+// The pairs the replay's pixel measure registered (on lumas of its own width, the picture
+// scale taken from measuredWidth) instead of the lumas.
+void measureBefore(CalibrationInput& in) {
+    std::vector<double> times;
+    for (int64_t t : in.timestampsNs)
+        times.push_back(t * 1e-9);
+    in.motion = measureFrameMotion(in.lumas, times, 2);
+    in.measuredWidth = in.lumas.front().width;
+}
+
+TEST(Calibration, FindsAnUnstatedOffsetAndNamesItAlsoFromPairsMeasuredBefore) {
+    std::unique_ptr<SyntheticRecording> rec;
+    CalibrationInput in = syntheticInput("", 2.0, rec);
+    const CalibrationStats c = calibrate(in);
     ASSERT_TRUE(c.measured);
     EXPECT_EQ(c.statedAxes, "-y,-x,-z");
     EXPECT_DOUBLE_EQ(c.statedOffsetMs, 2.0);
@@ -76,6 +85,17 @@ TEST(Calibration, FindsAnUnstatedOffsetAndNamesIt) {
     ASSERT_EQ(c.warnings.size(), 1u);
     EXPECT_NE(c.warnings[0].find("gyro time offset of 1"), std::string::npos) << c.warnings[0];
     EXPECT_EQ(c.series.size(), static_cast<size_t>(c.pairs));
+
+    measureBefore(in);
+    in.lumas.clear();
+    const CalibrationStats shared = calibrate(in);
+    ASSERT_TRUE(shared.measured);
+    EXPECT_EQ(shared.pairs, c.pairs);
+    EXPECT_DOUBLE_EQ(shared.agreement, c.agreement);
+    EXPECT_DOUBLE_EQ(shared.statedRmsPx, c.statedRmsPx);
+    EXPECT_EQ(shared.bestAxes, c.bestAxes);
+    EXPECT_DOUBLE_EQ(shared.bestOffsetMs, c.bestOffsetMs);
+    EXPECT_EQ(shared.warnings, c.warnings);
 }
 
 TEST(Calibration, NamesTheAxesWhenTheConfigurationSwapsThem) {
@@ -94,20 +114,6 @@ TEST(Calibration, NamesTheAxesWhenTheConfigurationSwapsThem) {
                        "configured -x,-y,z"),
               std::string::npos)
         << all;
-}
-
-TEST(Calibration, CorrectValuesAgreeWithoutWarnings) {
-    const CalibrationStats c = calibrateSynthetic("", 17.0);
-    ASSERT_TRUE(c.measured);
-    EXPECT_GT(c.agreement, 0.95);
-    EXPECT_TRUE(c.warnings.empty()) << c.warnings.front();
-    EXPECT_TRUE(c.configWarnings.empty());
-    // The best fit lies a fraction of a millisecond away, within the noise: nothing changes.
-    EXPECT_FALSE(c.changed);
-    EXPECT_EQ(c.useAxes, "-y,-x,-z");
-    EXPECT_DOUBLE_EQ(c.useOffsetMs, 17.0);
-    EXPECT_EQ(c.verdict.find("the configured axes -y,-x,-z and offset 17.00 ms are kept"), 0u)
-        << c.verdict;
 }
 
 TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndTwoPercent) {
@@ -161,38 +167,21 @@ TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
     EXPECT_NEAR(ranked[0].offsetMs, 7.37, 0.01);
 }
 
-TEST(Calibration, PairsMeasuredBeforeGiveTheSameFigures) {
-    // The replay hands over the pairs its pixel measure registered, on lumas of its own width:
-    // the same figures as measuring them here, the picture scale taken from measuredWidth.
-    std::unique_ptr<SyntheticRecording> rec;
-    CalibrationInput in = syntheticInput("", 2.0, rec);
-    const CalibrationStats direct = calibrate(in);
-    std::vector<double> times;
-    for (int64_t t : in.timestampsNs)
-        times.push_back(t * 1e-9);
-    in.motion = measureFrameMotion(in.lumas, times, 2);
-    in.measuredWidth = in.lumas.front().width;
-    in.lumas.clear();
-    const CalibrationStats shared = calibrate(in);
-    ASSERT_TRUE(shared.measured);
-    EXPECT_EQ(shared.pairs, direct.pairs);
-    EXPECT_DOUBLE_EQ(shared.agreement, direct.agreement);
-    EXPECT_DOUBLE_EQ(shared.statedRmsPx, direct.statedRmsPx);
-    EXPECT_EQ(shared.bestAxes, direct.bestAxes);
-    EXPECT_DOUBLE_EQ(shared.bestOffsetMs, direct.bestOffsetMs);
-    EXPECT_DOUBLE_EQ(shared.bestRmsPx, direct.bestRmsPx);
-    EXPECT_EQ(shared.warnings, direct.warnings);
-}
-
-TEST(Calibration, OneWildGyroSampleOrFramePairIsLeftOut) {
+TEST(Calibration, CorrectValuesAgreeWithoutWarningsEvenWithAWildSampleOrPair) {
     std::unique_ptr<SyntheticRecording> rec;
     CalibrationInput in = syntheticInput("", 17.0, rec);
-    std::vector<double> times;
-    for (int64_t t : in.timestampsNs)
-        times.push_back(t * 1e-9);
-    in.motion = measureFrameMotion(in.lumas, times, 2);
-    in.measuredWidth = in.lumas.front().width;
+    measureBefore(in);
     const CalibrationStats clean = calibrate(in);
+    ASSERT_TRUE(clean.measured);
+    EXPECT_GT(clean.agreement, 0.95);
+    EXPECT_TRUE(clean.warnings.empty()) << clean.warnings.front();
+    EXPECT_TRUE(clean.configWarnings.empty());
+    // The best fit lies a fraction of a millisecond away, within the noise: nothing changes.
+    EXPECT_FALSE(clean.changed);
+    EXPECT_EQ(clean.useAxes, "-y,-x,-z");
+    EXPECT_DOUBLE_EQ(clean.useOffsetMs, 17.0);
+    EXPECT_EQ(clean.verdict.find("the configured axes -y,-x,-z and offset 17.00 ms are kept"), 0u)
+        << clean.verdict;
     ASSERT_EQ(clean.outlierPairs, 0);
     // A spike within the sensor's range, and one pair whose registration went astray.
     std::vector<GyroSample> gyro = rec->gyro();

@@ -52,97 +52,11 @@ TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
     }
 }
 
-// The picture conversions (libyuv) against the per-pixel integer reference on a gradient with
-// sharp chroma edges: luma within 1, chroma (a 2x2 block's mean) within 2, RGB within 3.
-TEST(ColorConvert, PictureConversionsWithinTheirToleranceOfTheReference) {
-    constexpr int kW = 64, kH = 32;
-    const RgbImage src = replay_test::gradient(kW, kH);
-    Nv21Image nv;
-    nv.resize(kW, kH);
-    rgbToNv21(src, nv);
-    std::vector<uint8_t> rgba(kW * kH * 4);
-    for (int i = 0; i < kW * kH; ++i) {
-        std::memcpy(&rgba[4 * i], &src.data[3 * i], 3);
-        rgba[4 * i + 3] = 255;
-    }
-    I420Image i420;
-    i420.resize(kW, kH);
-    rgbaToI420(RgbaView{kW, kH, kW, rgba.data()}, i420);
-    int worstY = 0, worstC = 0;
-    for (int y = 0; y < kH; ++y) {
-        for (int x = 0; x < kW; ++x) {
-            const uint8_t* p = src.row(y) + 3 * x;
-            const int ref = rgbToY(p[0], p[1], p[2]);
-            worstY = std::max(worstY, std::abs(nv.y()[y * kW + x] - ref));
-            worstY = std::max(worstY, std::abs(i420.y()[y * kW + x] - ref));
-        }
-    }
-    for (int by = 0; by < kH / 2; ++by) {
-        for (int bx = 0; bx < kW / 2; ++bx) {
-            int su = 0, sv = 0;
-            for (int k = 0; k < 4; ++k) {
-                const uint8_t* p = src.row(2 * by + k / 2) + 3 * (2 * bx + k % 2);
-                su += rgbToU(p[0], p[1], p[2]);
-                sv += rgbToV(p[0], p[1], p[2]);
-            }
-            const int u = (su + 2) / 4, v = (sv + 2) / 4;
-            const uint8_t* vu = nv.vu() + by * kW + 2 * bx;
-            worstC = std::max({worstC, std::abs(vu[0] - v), std::abs(vu[1] - u),
-                               std::abs(i420.u()[by * kW / 2 + bx] - u),
-                               std::abs(i420.v()[by * kW / 2 + bx] - v)});
-        }
-    }
-    EXPECT_LE(worstY, 1);
-    EXPECT_LE(worstC, 2);
-
-    RgbImage fromNv, fromI420;
-    fromNv.resize(kW, kH);
-    fromI420.resize(kW, kH);
-    nv21ToRgb(nv, fromNv);
-    i420ToRgb(i420, fromI420);
-    std::vector<uint8_t> fromNvRgba(kW * kH * 4);
-    nv21ToRgba(nv, fromNvRgba.data(), kW);
-    int worstRgb = 0;
-    for (int y = 0; y < kH; ++y) {
-        for (int x = 0; x < kW; ++x) {
-            const uint8_t* c = nv.vu() + (y / 2) * kW + (x & ~1);
-            uint8_t ref[3];
-            yuvToRgb(nv.y()[y * kW + x], c[1], c[0], ref);
-            const uint8_t* u = i420.u() + (y / 2) * (kW / 2) + x / 2;
-            const uint8_t* v = i420.v() + (y / 2) * (kW / 2) + x / 2;
-            uint8_t refI420[3];
-            yuvToRgb(i420.y()[y * kW + x], *u, *v, refI420);
-            for (int ch = 0; ch < 3; ++ch) {
-                worstRgb = std::max({worstRgb, std::abs(fromNv.row(y)[3 * x + ch] - ref[ch]),
-                                     std::abs(fromNvRgba[4 * (y * kW + x) + ch] - ref[ch]),
-                                     std::abs(fromI420.row(y)[3 * x + ch] - refI420[ch])});
-            }
-        }
-    }
-    EXPECT_LE(worstRgb, 3);
-}
-
-TEST(ColorConvert, RoundTripsThroughNv21AndRgba) {
+TEST(ColorConvert, RoundTripsThroughNv21I420AndRgba) {
     const RgbImage src = replay_test::gradient(64, 32);
     Nv21Image nv;
     nv.resize(64, 32);
     rgbToNv21(src, nv);
-    RgbImage back;
-    back.resize(64, 32);
-    nv21ToRgb(nv, back);
-    int worst = 0;
-    for (int y = 0; y < 32; ++y) {
-        for (int x = 0; x < 64; ++x) {
-            // Compare luma-dominated grey level: chroma is shared by 2x2 blocks.
-            const uint8_t* a = src.row(y) + 3 * x;
-            const uint8_t* b = back.row(y) + 3 * x;
-            const int ya = rgbToY(a[0], a[1], a[2]);
-            const int yb = rgbToY(b[0], b[1], b[2]);
-            worst = std::max(worst, std::abs(ya - yb));
-        }
-    }
-    EXPECT_LE(worst, 3);
-
     // NV21 -> RGBA (what a window receives) -> I420 gives back the NV21 planes.
     std::vector<uint8_t> rgba(64 * 32 * 4);
     nv21ToRgba(nv, rgba.data(), 64);
@@ -152,6 +66,21 @@ TEST(ColorConvert, RoundTripsThroughNv21AndRgba) {
     viaRgba.resize(64, 32);
     nv21ToI420(nv, direct);
     rgbaToI420(RgbaView{64, 32, 64, rgba.data()}, viaRgba);
+    // Back to RGB from NV21 and from I420: the grey level (chroma is shared by 2x2 blocks)
+    // of every pixel within 3 of the source's.
+    RgbImage back[2];
+    back[0].resize(64, 32);
+    back[1].resize(64, 32);
+    nv21ToRgb(nv, back[0]);
+    i420ToRgb(viaRgba, back[1]);
+    int worst = 0;
+    for (const RgbImage& b : back) {
+        for (size_t i = 0; i < src.data.size(); i += 3) {
+            worst = std::max(worst, std::abs(rgbToY(src.data[i], src.data[i + 1], src.data[i + 2]) -
+                                             rgbToY(b.data[i], b.data[i + 1], b.data[i + 2])));
+        }
+    }
+    EXPECT_LE(worst, 3);
     int worstPlane = 0;
     for (size_t i = 0; i < direct.data.size(); ++i) {
         worstPlane = std::max(worstPlane, std::abs(int(direct.data[i]) - int(viaRgba.data[i])));
@@ -221,15 +150,12 @@ TEST(ImageIo, PngIsLosslessAndJpegClose) {
     writeJpeg(dir.file("a.jpg"), src, 95);
     EXPECT_EQ(readImage(dir.file("a.png")).data, src.data);
     const RgbImage jpg = readImage(dir.file("a.jpg"));
-    ASSERT_EQ(jpg.width, 48);
-    ASSERT_EQ(jpg.height, 30);
+    ASSERT_EQ(jpg.data.size(), src.data.size());
     double err = 0;
     for (size_t i = 0; i < src.data.size(); ++i)
         err += std::abs(int(src.data[i]) - int(jpg.data[i]));
     EXPECT_LT(err / src.data.size(), 6.0);
-    const ImageSize s = readImageSize(dir.file("a.jpg"));
-    EXPECT_EQ(s.width, 48);
-    EXPECT_EQ(s.height, 30);
+    EXPECT_EQ(readImageSize(dir.file("a.jpg")).width, 48);
     EXPECT_EQ(readImageSize(dir.file("a.png")).height, 30);
 }
 
@@ -269,27 +195,6 @@ TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
     EXPECT_THROW(reader.readNv21(dir.file("cut.jpg"), direct), ReplayError);
 }
 
-TEST(ImageIo, BadFilesGiveErrorsNamingTheFile) {
-    TempDir dir;
-    const std::string missing = dir.file("missing.jpg");
-    try {
-        readImage(missing);
-        FAIL() << "no error for a missing file";
-    } catch (const ReplayError& e) {
-        EXPECT_EQ(e.file(), missing);
-        EXPECT_NE(std::string(e.what()).find("cannot open"), std::string::npos);
-    }
-    replay_test::writeText(dir.file("text.jpg"), "this is not a picture");
-    EXPECT_THROW(readImage(dir.file("text.jpg")), ReplayError);
-    // A JPEG cut in half: the decoder's error comes back as an exception, not a crash.
-    const std::vector<uint8_t> jpg = encodeJpeg(replay_test::gradient(64, 64), 90);
-    writeFile(dir.file("cut.jpg"), jpg.data(), jpg.size() / 3);
-    EXPECT_THROW(readImage(dir.file("cut.jpg")), ReplayError);
-    const std::vector<uint8_t> png = encodePng(replay_test::gradient(64, 64));
-    writeFile(dir.file("cut.png"), png.data(), png.size() / 2);
-    EXPECT_THROW(readImage(dir.file("cut.png")), ReplayError);
-}
-
 TEST(Y4m, WritesAndReadsFramesExactly) {
     TempDir dir;
     const std::string path = dir.file("v.y4m");
@@ -311,8 +216,6 @@ TEST(Y4m, WritesAndReadsFramesExactly) {
     EXPECT_EQ(replay_test::readText(path).substr(0, 27), "YUV4MPEG2 W8 H4 F30000:1001");
     Y4mReader r;
     r.open(path);
-    EXPECT_EQ(r.width(), 8);
-    EXPECT_EQ(r.fpsNum(), 30000);
     EXPECT_EQ(r.fpsDen(), 1001);
     I420Image g;
     for (int k = 0; k < 3; ++k) {
@@ -331,12 +234,7 @@ TEST(Y4m, RejectsTruncatedAndUnsupportedStreams) {
     r.open(dir.file("cut.y4m"));
     I420Image g;
     EXPECT_TRUE(r.read(g));
-    try {
-        r.read(g);
-        FAIL() << "truncated frame accepted";
-    } catch (const ReplayError& e) {
-        EXPECT_NE(std::string(e.what()).find("truncated"), std::string::npos);
-    }
+    EXPECT_NE(replay_test::errorOf([&] { r.read(g); }).find("truncated"), std::string::npos);
     replay_test::writeText(dir.file("444.y4m"), "YUV4MPEG2 W4 H2 F25:1 C444\n");
     EXPECT_THROW(Y4mReader().open(dir.file("444.y4m")), ReplayError);
     replay_test::writeText(dir.file("odd.y4m"), "YUV4MPEG2 W5 H2 F25:1\n");

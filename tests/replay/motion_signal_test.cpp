@@ -165,6 +165,8 @@ TEST(Signal, HighPassKeepsShakeAndDropsSlowMotion) {
     EXPECT_LT(highPassRms(turn, 15), 0.05);
     EXPECT_NEAR(highPassRms(shake, 15), 1.0, 0.02);
     EXPECT_NEAR(highPassRms2(shake, shake, 15), std::sqrt(2.0), 0.03);
+    // Settled: the frames before `from` are left out of the mean, not counted as still.
+    EXPECT_NEAR(highPassRms2(shake, shake, 15, 200), std::sqrt(2.0), 0.03);
     const auto smooth = gaussianSmooth(ramp, 15);
     EXPECT_NEAR(smooth[150], ramp[150], 1e-9);
     EXPECT_NEAR(smooth[0], ramp[0], 1e-9);

@@ -101,7 +101,6 @@ TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFrames) {
     EXPECT_EQ(rec.unmatchedOutputs(), 1);
     EXPECT_EQ(rec.sizeMismatches(), 1);
     EXPECT_EQ(rec.framesPerSurface(), (std::vector<int>{4, 1}));
-    EXPECT_EQ(rec.delivered(), 4);
     // Luma copies: the input's level, and the output's (RGB 200 grey -> Y 188).
     EXPECT_EQ(rec.inputs()[2].luma.at(3, 3), 40);
     EXPECT_EQ(rec.outputs()[1].luma.at(3, 3), rgbToY(200, 200, 200));
@@ -156,7 +155,6 @@ TEST(PassThroughSession, OutputsEveryFrameToEverySurface) {
     auto session = makePassThroughSession();
     const SessionResult r = session->run(frames, {}, config, c);
     EXPECT_EQ(r.framesDelivered, 5);
-    EXPECT_EQ(c.delivered.size(), 5u);
     ASSERT_EQ(c.output.size(), 10u);
     EXPECT_EQ(c.output[0], c.output[1]);
     EXPECT_EQ(c.sizes[0], 32);
@@ -244,11 +242,8 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
         enc.finish();
         EXPECT_EQ(enc.frames(), 5);
     }
-    replay_test::writeText(dir.file("frames.csv"), "timestamp_ns\n10\n20\n30\n40\n50\n");
-    replay_test::writeText(dir.file("gyro.csv"), "timestamp_ns,x,y,z\n5,0,0,0\n");
-    replay_test::writeText(dir.file("config.txt"), "x=1\n");
+    replay_test::writeRecording(dir, "timestamp_ns\n10\n20\n30\n40\n50\n");
     const Recording rec = loadRecording(dir.path());
-    EXPECT_EQ(rec.width, 64);
     auto frames = openRecordingFrames(rec);
     Nv21Image nv;
     nv.resize(64, 48);
@@ -262,15 +257,13 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
     bad.open(ffmpeg, dir.file("missing/folder/bad.mp4"), 640, 480, 30, 1, kDefaultH264Preset, 2);
     I420Image big;
     big.resize(640, 480);
-    try {
+    const std::string err = replay_test::errorOf([&] {
         for (int k = 0; k < 200; ++k)
             bad.write(big);
         bad.finish();
-        FAIL() << "ffmpeg failure not reported";
-    } catch (const ReplayError& e) {
-        EXPECT_NE(std::string(e.what()).find("ffmpeg failed"), std::string::npos) << e.what();
-        EXPECT_NE(std::string(e.what()).find("missing/folder"), std::string::npos) << e.what();
-    }
+    });
+    EXPECT_NE(err.find("ffmpeg failed"), std::string::npos) << err;
+    EXPECT_NE(err.find("missing/folder"), std::string::npos) << err;
 }
 
 TEST(Progress, LineShowsCountsAndBar) {

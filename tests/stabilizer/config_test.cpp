@@ -62,12 +62,8 @@ TEST(StabConfig, ReadsEveryKeyAndIgnoresEverythingElse) {
     EXPECT_DOUBLE_EQ(c.principalPointY, 0.55);
     EXPECT_EQ(c.readoutNs, 33000000);
     EXPECT_EQ(c.gyroTimeOffsetNs, -5000000);
-    EXPECT_EQ(c.gyroAxes.axis[0], 1);
-    EXPECT_EQ(c.gyroAxes.axis[1], 0);
-    EXPECT_EQ(c.gyroAxes.axis[2], 2);
-    EXPECT_EQ(c.gyroAxes.sign[0], 1);
-    EXPECT_EQ(c.gyroAxes.sign[1], -1);
-    EXPECT_EQ(c.gyroAxes.sign[2], 1);
+    EXPECT_EQ(std::vector<int>(c.gyroAxes.axis, c.gyroAxes.axis + 3), (std::vector<int>{1, 0, 2}));
+    EXPECT_EQ(std::vector<int>(c.gyroAxes.sign, c.gyroAxes.sign + 3), (std::vector<int>{1, -1, 1}));
     EXPECT_DOUBLE_EQ(c.overscan, 1.5);
     EXPECT_DOUBLE_EQ(c.gyroRateMaxHz, 500.0);
     EXPECT_EQ(c.gyroGapMaxNs, 50000000);
@@ -137,40 +133,6 @@ TEST(StabConfig, RefusesBadValuesWithASentenceNamingTheKey) {
         EXPECT_EQ(error.back(), '.') << error;
         EXPECT_EQ(cfg.gridColumns, before.gridColumns)
             << "a refused text must not change the output";
-    }
-}
-
-TEST(StabConfig, ErrorSentenceNeverPassesItsBuffer) {
-    const std::string text = "vstab.gridColumns=" + std::string(300, 'x');
-    char buf[24];
-    std::memset(buf, '#', sizeof buf);
-    StabConfig c;
-    EXPECT_FALSE(parseConfig(text.data(), text.size(), c, buf, 16));
-    EXPECT_EQ(std::strlen(buf), 15u);
-    for (size_t i = 16; i < sizeof buf; ++i) {
-        EXPECT_EQ(buf[i], '#');
-    }
-    EXPECT_FALSE(parseConfig(text.data(), text.size(), c, nullptr, 0));
-}
-
-TEST(StabConfig, ShippedExampleParsesToTheDefaults) {
-    std::ifstream in(STAB_EXAMPLE_CONFIG);
-    ASSERT_TRUE(in) << STAB_EXAMPLE_CONFIG;
-    std::stringstream s;
-    s << in.rdbuf();
-    StabConfig c;
-    std::string error;
-    ASSERT_TRUE(parse(s.str(), c, &error)) << error;
-    const StabConfig d;
-    EXPECT_EQ(c.gridColumns, d.gridColumns);
-    EXPECT_EQ(c.gridRows, d.gridRows);
-    EXPECT_EQ(c.windowNs, d.windowNs);
-    EXPECT_EQ(c.latencyNs, d.latencyNs);
-    EXPECT_EQ(c.readoutNs, 30000000);
-    // The engine finds none of its keys in it by substring search (comments included).
-    for (const char* e :
-         {"native.cameraUvOffset", "native.cameraHeight", "native.bufferFrameCount"}) {
-        EXPECT_EQ(s.str().find(e), std::string::npos) << e;
     }
 }
 

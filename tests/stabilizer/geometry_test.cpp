@@ -44,6 +44,13 @@ TEST(StabGyroHistory, IntegratesAConstantRateExactly) {
     // Between samples the orientation follows the same rate.
     ASSERT_TRUE(h.orientationAt(1001234567, q));
     EXPECT_LT(distance(logMap(q), rate * 0.001234567), 1e-12);
+    // A rate growing at 2 rad/s^2 about one axis: each interval's mean rate is exact.
+    GyroHistory ramp(1024, 100000000);
+    for (int i = 0; i <= 400; ++i)
+        ASSERT_EQ(ramp.add(1000000000 + i * 2500000LL, {0, 0, 2.0 * i * 0.0025}),
+                  GyroHistory::AddResult::Accepted);
+    ASSERT_TRUE(ramp.orientationAt(2000000000, q));
+    EXPECT_LT(distance(logMap(q), {0, 0, 1.0}), 1e-9);
 }
 
 TEST(StabGyroHistory, DropsUnusableSamplesWithoutChangingTheHistory) {
@@ -258,6 +265,29 @@ TEST(StabCropMargins, ZoomLadderFindsTheSmallestZoomWithinTheLimit) {
         const CropMargins m = cropMargins(f.camera, z);
         EXPECT_NEAR(m.usage(d) + m.usage(spread), 0.85, 0.02) << share;
         previous = z;
+    }
+}
+
+// A frame's rows are timed on the gyro's clock: the stated gyro offset moves them, the first row
+// sits at mid-exposure and a zoomed crop reads out only its own share of the sensor's rows.
+TEST(StabFrameTiming, RowsAtMidExposureShiftedByTheGyroOffsetAndShortenedByZoom) {
+    constexpr int64_t kMs = 1000000;
+    StabConfig c;
+    c.readoutNs = 30 * kMs;
+    const struct {
+        int64_t offsetNs, exposureNs;
+        double zoom;
+        int64_t firstRowNs;
+        double spanNs;
+    } cases[] = {{0, 10 * kMs, 1.0, 1005 * kMs, 30 * kMs},
+                 {4 * kMs, 10 * kMs, 1.0, 1009 * kMs, 30 * kMs},
+                 {-7 * kMs, 0, 1.0, 993 * kMs, 30 * kMs},
+                 {0, 0, 1.5, 1005 * kMs, 20 * kMs}};
+    for (const auto& k : cases) {
+        c.gyroTimeOffsetNs = k.offsetNs;
+        const FrameTiming t = FrameTiming::make(1000 * kMs, k.exposureNs, k.zoom, c);
+        EXPECT_EQ(t.firstRowNs, k.firstRowNs) << k.offsetNs << " " << k.zoom;
+        EXPECT_DOUBLE_EQ(t.rowSpanNs, k.spanNs) << k.zoom;
     }
 }
 

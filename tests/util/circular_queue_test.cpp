@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <future>
+#include <string>
 #include <thread>
 
 namespace {
@@ -50,20 +51,22 @@ long take(Queue& q) {
     return v;
 }
 
-TEST(CircularQueueThreadSafe, CapacityBelowTwoIsRefused) {
-    for (int capacity : {1, 0, -3}) {
-        try {
-            Queue q(capacity);
-            FAIL() << "capacity " << capacity << " accepted";
-        } catch (const std::runtime_error& e) {
-            EXPECT_STREQ(e.what(), "Cannot have a circular queue with less than 2 elements");
-        }
+// The message of the runtime_error `f` throws.
+template <typename F>
+std::string messageOf(F f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
     }
-    Queue q(2);
-    EXPECT_EQ(q.getCapacity(), 2);
+    return "<no exception>";
 }
 
 TEST(CircularQueueThreadSafe, FullQueueRefusesPushEmptyQueueNullsOut) {
+    for (int capacity : {1, 0, -3}) {
+        EXPECT_EQ(messageOf([&] { Queue bad(capacity); }),
+                  "Cannot have a circular queue with less than 2 elements");
+    }
     Queue q(2);
     Slot marker;
     Slot* s = &marker;
@@ -72,13 +75,8 @@ TEST(CircularQueueThreadSafe, FullQueueRefusesPushEmptyQueueNullsOut) {
     s = &marker;
     EXPECT_FALSE(q.peekLock(s));
     EXPECT_EQ(s, nullptr);
-    try {
-        q.unlock(nullptr);
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(),
-                     "CircularQueueThreadSafe Trying to unlock a null element, logical error!");
-    }
+    EXPECT_EQ(messageOf([&] { q.unlock(nullptr); }),
+              "CircularQueueThreadSafe Trying to unlock a null element, logical error!");
 
     push(q, 1);
     EXPECT_EQ(q.size(), 1);

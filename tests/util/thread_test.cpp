@@ -93,12 +93,6 @@ TEST(cTThread, WorkerThatExitedOnItsOwnIsStillJoined) {
 }
 
 TEST(cTThread, RestartAllowedOnlyFromCreatedOrJoined) {
-    EXPECT_TRUE(ThreadState::canStart(ThreadState::Created));
-    EXPECT_TRUE(ThreadState::canStart(ThreadState::Joined));
-    EXPECT_FALSE(ThreadState::canStart(ThreadState::Running));
-    EXPECT_FALSE(ThreadState::canStart(ThreadState::StopRequested));
-    EXPECT_FALSE(ThreadState::canStart(ThreadState::Exited));
-
     Worker w(1 << 30, 1ms);
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(ThreadState::canStart(w.state.load()));
