@@ -30,8 +30,7 @@ using android::sp;
 constexpr uint32_t kWidth = 1920;
 constexpr uint32_t kHeight = 1080;
 
-// Draws one clear colour into `image` through a renderbuffer and finishes. (A single full clear:
-// gltest::renderInto's scissored second clear would be timed too.)
+// Draws one clear colour into `image` through a renderbuffer and finishes.
 void clearInto(EGLImageKHR image, float red) {
     GLuint renderbuffer = 0, framebuffer = 0;
     glGenRenderbuffers(1, &renderbuffer);

@@ -1,4 +1,4 @@
-// Small helpers shared by the engine's behaviour tests: expected log texts, ordered log checks,
+// Small helpers shared by the engine's behaviour tests: expected log texts, log lines by prefix,
 // thrown messages and lock probes from another thread.
 #pragma once
 
@@ -30,36 +30,6 @@ inline std::string format(const char* fmt, ...) {
     std::vsnprintf(text, sizeof(text), fmt, args);
     va_end(args);
     return text;
-}
-
-struct Expected {
-    int priority;
-    std::string text;
-};
-
-// Every expected line appears, tagged "[QLMR]" with its priority, in this order (other lines
-// may come in between: other threads log too).
-inline testing::AssertionResult linesInOrder(const std::vector<LogLine>& lines,
-                                             const std::vector<Expected>& expected) {
-    size_t at = 0;
-    for (const Expected& e : expected) {
-        bool found = false;
-        for (; at < lines.size(); ++at) {
-            if (lines[at].text == e.text) {
-                if (lines[at].priority != e.priority || lines[at].tag != "[QLMR]") {
-                    return testing::AssertionFailure()
-                           << "\"" << e.text << "\" logged with priority " << lines[at].priority
-                           << " tag " << lines[at].tag << ", expected " << e.priority;
-                }
-                found = true;
-                ++at;
-                break;
-            }
-        }
-        if (!found)
-            return testing::AssertionFailure() << "missing (or out of order): \"" << e.text << "\"";
-    }
-    return testing::AssertionSuccess();
 }
 
 // Lines whose text starts with `prefix`, in order.

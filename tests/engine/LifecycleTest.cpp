@@ -24,7 +24,6 @@ using namespace std::chrono_literals;
 using namespace enginetest;
 
 TEST(EngineSession, ResumeReadsTheDiagnosticProperties) {
-    LogCapture log;
     EngineHarness h;  // resumes with no property set
     EXPECT_EQ(eis_debug, 0);
     EXPECT_EQ(StartTimeOffsetUs, 0);
@@ -41,27 +40,11 @@ TEST(EngineSession, ResumeReadsTheDiagnosticProperties) {
         host::setProperty("debug.camera.qlmr.EIS.log", c.debug);
         host::setProperty("persist.qlmr.EIS.vid.startUs", c.startUs);
         Boottime_Monotonic_timerDiff_got = 1;
-        log.clear();
         h.engine->onResume();
         EXPECT_EQ(eis_debug, c.eisDebug) << c.debug;
         EXPECT_EQ(StartTimeOffsetUs, c.offsetUs) << c.startUs;
         EXPECT_EQ(Boottime_Monotonic_timerDiff_got, 0) << "the clock offset is measured anew";
-        EXPECT_TRUE(linesInOrder(log.lines(),
-                                 {{kWarn, format("debug.camera.qlmr.EIS.log = %d", c.eisDebug)},
-                                  {kWarn, format("persist.qlmr.EIS.vid.startUs = %s", c.startUs)},
-                                  {kWarn, format("StartTimeOffsetUs = %d", c.offsetUs)}}));
     }
-
-    // Outputs registered across a pause stay, and the resume says so.
-    h.addOutput(1, 64, 64);
-    log.clear();
-    h.engine->onPause();
-    h.engine->onResume();
-    EXPECT_TRUE(linesInOrder(log.lines(),
-                             {{kInfo, "onPause"},
-                              {kInfo, "onResume"},
-                              {kWarn, "onResume JSM is not empty ... surface has been reused?"}}));
-    EXPECT_EQ(log.count("onResume JSM is not empty ... surface has been reused?"), 1);
 }
 
 TEST(EngineSession, LockKeepsTheEngineContextCurrentUntilUnlock) {
@@ -108,20 +91,12 @@ TEST(EngineConfig, ValueIsTheTextAfterTheFirstMatchUpToTheLineFeed) {
     EXPECT_EQ(number("k=33", "k"), 33);
 }
 
-TEST(EngineLifecycle, StartAndStopLogEveryStepAndPrepareTheRecording) {
+TEST(EngineLifecycle, StartPreparesTheRecordingAndStopFreesEverything) {
     EngineHarness h;
     h.makeCamera(idleCamera(640, 480, 30));
-    LogCapture log;
     const std::string config = engineConfig("native.cameraUvOffset=-1\n");
     h.start(config);
     h.stop();
-
-    EXPECT_TRUE(linesInOrder(log.lines(), {{kWarn, "Context::start, width=640, height=480"},
-                                           {kInfo, "Setting camera video stream size to: 640x480"},
-                                           {kWarn, "VStab Using Buffer with FrameCount: 16"},
-                                           {kInfo, "startRecording Status: 0"},
-                                           {kWarn, "Frame Queue Length = 0, exit"},
-                                           {kWarn, "Native stopped recording"}}));
     EXPECT_EQ(h.engine->forceRecordStop.load(), 0) << "an empty queue needs no forcing";
 
     // The library got the whole text; the camera was set to record with the engine.

@@ -14,7 +14,7 @@ GLuint compile(GLenum type, const char* source) {
 
 }  // namespace
 
-Context::Context(bool terminateOnDestroy) : terminate_(terminateOnDestroy) {
+Context::Context() {
     display_ = eglGetDisplay(EGL_DEFAULT_DISPLAY);
     if (display_ == EGL_NO_DISPLAY || !eglInitialize(display_, nullptr, nullptr))
         return;
@@ -47,8 +47,6 @@ Context::~Context() {
         eglDestroyContext(display_, context_);
     if (surface_ != EGL_NO_SURFACE)
         eglDestroySurface(display_, surface_);
-    if (terminate_)
-        eglTerminate(display_);
 }
 
 bool Context::makeCurrent() {
@@ -121,33 +119,6 @@ std::vector<uint8_t> sampleExternal(EGLImageKHR image, int width, int height) {
     glDeleteShader(fs);
     glFinish();
     return pixels;
-}
-
-GLenum renderInto(EGLImageKHR image, const float base[4], int x, int y, int w, int h,
-                  const float patch[4]) {
-    GLuint renderbuffer = 0;
-    GLuint framebuffer = 0;
-    glGenRenderbuffers(1, &renderbuffer);
-    glBindRenderbuffer(GL_RENDERBUFFER, renderbuffer);
-    glEGLImageTargetRenderbufferStorageOES(GL_RENDERBUFFER, image);
-    const GLenum error = glGetError();
-    glGenFramebuffers(1, &framebuffer);
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-    glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_RENDERBUFFER, renderbuffer);
-    if (error == GL_NO_ERROR) {
-        glClearColor(base[0], base[1], base[2], base[3]);
-        glClear(GL_COLOR_BUFFER_BIT);
-        glEnable(GL_SCISSOR_TEST);
-        glScissor(x, y, w, h);
-        glClearColor(patch[0], patch[1], patch[2], patch[3]);
-        glClear(GL_COLOR_BUFFER_BIT);
-        glDisable(GL_SCISSOR_TEST);
-    }
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
-    glDeleteFramebuffers(1, &framebuffer);
-    glDeleteRenderbuffers(1, &renderbuffer);
-    glFinish();
-    return error;
 }
 
 void referenceRgb(int y, int u, int v, double rgb[3]) {

@@ -15,11 +15,10 @@
 namespace gltest {
 
 // An ES2 context with a 1 x 1 pbuffer on eglGetDisplay(EGL_DEFAULT_DISPLAY), as the engine
-// makes it. The destructor destroys the context and, if `terminate` was asked, terminates the
-// display.
+// makes it. The destructor destroys the context (the display stays initialised).
 class Context {
   public:
-    explicit Context(bool terminateOnDestroy = false);
+    Context();
     ~Context();
     Context(const Context&) = delete;
     Context& operator=(const Context&) = delete;
@@ -33,7 +32,6 @@ class Context {
     EGLDisplay display_ = EGL_NO_DISPLAY;
     EGLSurface surface_ = EGL_NO_SURFACE;
     EGLContext context_ = EGL_NO_CONTEXT;
-    bool terminate_;
 };
 
 // eglCreateImageKHR for a GraphicBuffer as the engine calls it.
@@ -42,11 +40,6 @@ EGLImageKHR importBuffer(EGLDisplay display, const android::sp<android::GraphicB
 // Draws `image` through a samplerExternalOES into a width x height RGBA framebuffer (texel
 // centres hit exactly) and returns its pixels, row 0 first. Needs a current context.
 std::vector<uint8_t> sampleExternal(EGLImageKHR image, int width, int height);
-
-// Makes `image` the storage of a renderbuffer, clears it to `base`, then clears the rectangle
-// (x, y, w, h) to `patch`, and finishes. Returns the GL error of the attachment (GL_NO_ERROR).
-GLenum renderInto(EGLImageKHR image, const float base[4], int x, int y, int w, int h,
-                  const float patch[4]);
 
 // The exact BT.601 limited-range conversion, for references.
 void referenceRgb(int y, int u, int v, double rgb[3]);

@@ -3,7 +3,6 @@
 #include <ui/GraphicBuffer.h>
 
 #include <cmath>
-#include <cstring>
 #include <vector>
 
 #include "host/PixelConversion.h"
@@ -59,21 +58,6 @@ TEST(GraphicBuffer, RefusesWhatItCannotHoldAndReallocatesAnEmptyOne) {
     ASSERT_EQ(b->reallocate(640, 480, HAL_PIXEL_FORMAT_YCrCb_420_SP, 0, kCamera),
               android::NO_ERROR);
     EXPECT_EQ(b->getStride(), 640u);
-}
-
-TEST(GraphicBuffer, LockGivesPersistentMemoryOneLockAtATime) {
-    sp<GraphicBuffer> b(new GraphicBuffer(32, 8, HAL_PIXEL_FORMAT_YCrCb_420_SP, kCamera));
-    void* address = nullptr;
-    ASSERT_EQ(b->lock(kCamera, &address), android::NO_ERROR);
-    ASSERT_NE(address, nullptr);
-    void* second = nullptr;
-    EXPECT_EQ(b->lock(kCamera, &second), android::INVALID_OPERATION);
-    std::memset(address, 0x5a, b->getSize());
-    ASSERT_EQ(b->unlock(), android::NO_ERROR);
-    ASSERT_EQ(b->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &second), android::NO_ERROR);
-    EXPECT_EQ(second, address);
-    EXPECT_EQ(static_cast<uint8_t*>(second)[b->getSize() - 1], 0x5a);
-    EXPECT_EQ(b->unlock(), android::NO_ERROR);
 }
 
 // The exact BT.601 limited-range formula, clamped to 0..255: channel i of (y, u, v).
