@@ -215,8 +215,8 @@ TEST(StabCropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
         }
         return angle;
     };
-    for (const Vec3 axis : {Vec3{1, 0, 0}, Vec3{-1, 0, 0}, Vec3{0, 1, 0}, Vec3{0, -1, 0},
-                            Vec3{0, 0, 1}}) {
+    for (const Vec3 axis :
+         {Vec3{1, 0, 0}, Vec3{-1, 0, 0}, Vec3{0, 1, 0}, Vec3{0, -1, 0}, Vec3{0, 0, 1}}) {
         const double angle = limit(axis, 0.0);
         const double usage = m.usage(axis * angle);  // near 1 there
         EXPECT_GT(usage, 0.85) << axis.x << axis.y << axis.z;
