@@ -121,17 +121,8 @@ TEST(PhoneRecording, CalibrationKeepsTheConfiguredAxes) {
     const Recording rec = convertedRecording(phone, dir);
     ASSERT_EQ(calibrationReduction(rec.width), 2);
     for (const int factor : {2, 4}) {
-        std::unique_ptr<FrameSource> frames = openRecordingFrames(rec);
-        CalibrationInput in;
-        in.lumas = readLumas(*frames, factor);
-        for (int i = 0; i < frames->count(); ++i) {
-            in.timestampsNs.push_back(frames->timestampNs(i));
-            in.exposureUs.push_back(frames->exposureUs(i));
-        }
-        in.frameWidth = rec.width;
-        in.gyro = &rec.gyro;
-        in.configText = rec.configText;
-        const CalibrationStats c = calibrate(in);
+        const CalibrationStats c = calibrate(replay_test::calibrationInput(
+            *openRecordingFrames(rec), factor, rec.gyro, rec.configText));
         EXPECT_EQ(c.bestAxes, factor == 4 ? "-y,z,-x" : "-y,-x,-z") << factor;
         EXPECT_FALSE(c.changed) << c.verdict;
         EXPECT_EQ(c.useAxes, "-y,-x,-z");
