@@ -4,12 +4,15 @@
 
 #include "app/ReplayApp.h"
 #include "common/ReplayError.h"
+#include "measure/Calibration.h"
 #include "media/Image.h"
+#include "media/Y4m.h"
 #include "synthetic/Synthetic.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -59,6 +62,65 @@ inline qlmr::replay::RgbImage gradient(int w, int h) {
         }
     }
     return img;
+}
+
+// Frames of one flat colour each, luma level + step * index and chroma (v, u), stepNs apart.
+class FlatFrames : public qlmr::replay::FrameSource {
+  public:
+    FlatFrames(int count, int w, int h) : count_(count), w_(w), h_(h) {}
+    int width() const override { return w_; }
+    int height() const override { return h_; }
+    int count() const override { return count_; }
+    int64_t timestampNs(int i) const override { return firstNs + i * stepNs; }
+    int exposureUs(int) const override { return exposure; }
+    void read(int i, qlmr::replay::Nv21Image& out) override {
+        std::fill(out.y(), out.y() + w_ * h_, static_cast<uint8_t>(level + step * i));
+        for (int k = 0; k < w_ * h_ / 2; k += 2) {
+            out.vu()[k] = v;
+            out.vu()[k + 1] = u;
+        }
+    }
+    std::string describe() const override { return "flat"; }
+
+    int64_t firstNs = 5000000000LL, stepNs = 40000000;
+    int exposure = 1000, level = 20, step = 10;
+    uint8_t v = 128, u = 128;
+
+  private:
+    int count_, w_, h_;
+};
+
+// An observer that ignores what it is told.
+struct NullObserver : qlmr::replay::SessionObserver {
+    void onFrameDelivered(int, int64_t, const qlmr::replay::Nv21Image&) override {}
+    void onFrameOutput(int, int64_t, const qlmr::replay::RgbaView&) override {}
+};
+
+// Frames in a Y4M file.
+inline int countFrames(const std::string& path) {
+    qlmr::replay::Y4mReader r;
+    r.open(path);
+    qlmr::replay::I420Image f;
+    int n = 0;
+    while (r.read(f))
+        ++n;
+    return n;
+}
+
+// What calibrate() needs from a recording: its lumas reduced by `factor`, times and exposures.
+inline qlmr::replay::CalibrationInput calibrationInput(
+    qlmr::replay::FrameSource& frames, int factor,
+    const std::vector<qlmr::replay::GyroSample>& gyro, const std::string& configText) {
+    qlmr::replay::CalibrationInput in;
+    in.lumas = qlmr::replay::readLumas(frames, factor);
+    for (int i = 0; i < frames.count(); ++i) {
+        in.timestampsNs.push_back(frames.timestampNs(i));
+        in.exposureUs.push_back(frames.exposureUs(i));
+    }
+    in.frameWidth = frames.width();
+    in.gyro = &gyro;
+    in.configText = configText;
+    return in;
 }
 
 // The synthetic handheld walk over the procedural scene at a test-friendly size.

@@ -40,17 +40,7 @@ CalibrationInput syntheticInput(const std::string& statedAxes, double statedOffs
     o.statedGyroAxes = statedAxes;
     o.statedGyroOffsetMs = statedOffsetMs;
     keep = std::make_unique<SyntheticRecording>(o);
-    SyntheticRecording& rec = *keep;
-    CalibrationInput in;
-    in.lumas = readLumas(rec, 2);
-    for (int i = 0; i < rec.count(); ++i) {
-        in.timestampsNs.push_back(rec.timestampNs(i));
-        in.exposureUs.push_back(rec.exposureUs(i));
-    }
-    in.frameWidth = rec.width();
-    in.gyro = &rec.gyro();
-    in.configText = rec.configText();
-    return in;
+    return replay_test::calibrationInput(*keep, 2, keep->gyro(), keep->configText());
 }
 
 CalibrationStats calibrateSynthetic(const std::string& statedAxes, double statedOffsetMs) {

@@ -143,22 +143,6 @@ TEST(ColorConvert, JfifPlanesToLimitedRangeNv21) {
     EXPECT_EQ(portable.vu()[kWidth + 1], chroma(cb[kCStride]));  // second chroma row
 }
 
-TEST(ImageIo, PngIsLosslessAndJpegClose) {
-    TempDir dir;
-    const RgbImage src = replay_test::gradient(48, 30);
-    writePng(dir.file("a.png"), src);
-    writeJpeg(dir.file("a.jpg"), src, 95);
-    EXPECT_EQ(readImage(dir.file("a.png")).data, src.data);
-    const RgbImage jpg = readImage(dir.file("a.jpg"));
-    ASSERT_EQ(jpg.data.size(), src.data.size());
-    double err = 0;
-    for (size_t i = 0; i < src.data.size(); ++i)
-        err += std::abs(int(src.data[i]) - int(jpg.data[i]));
-    EXPECT_LT(err / src.data.size(), 6.0);
-    EXPECT_EQ(readImageSize(dir.file("a.jpg")).width, 48);
-    EXPECT_EQ(readImageSize(dir.file("a.png")).height, 30);
-}
-
 TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
     // 4:2:0 JPEG planes are taken straight (with the full- to limited-range step), measured
     // against the source picture's own NV21 beside the RGB route; a size that is not a whole
@@ -176,6 +160,8 @@ TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
     rgbToNv21(readImage(dir.file("a.jpg")), viaRgb);
     ASSERT_EQ(direct.width, 70);
     ASSERT_EQ(direct.height, 38);
+    EXPECT_EQ(readImageSize(dir.file("a.jpg")).width, 70);
+    EXPECT_EQ(readImageSize(dir.file("a.png")).height, 38);
     const size_t luma = 70 * 38;
     const size_t chroma = direct.data.size() - luma;
     double err[2][2] = {{0, 0}, {0, 0}};  // [direct, via RGB][luma, chroma]

@@ -102,18 +102,13 @@ TEST(EngineSession, FaultsAndInterruptionsEndTheRunCleanly) {
             SyntheticRecording::read(index, out);
         }
     };
-    class Interrupting : public SessionObserver {
-      public:
+    struct Interrupting : replay_test::NullObserver {
         void onFrameDelivered(int index, int64_t, const Nv21Image&) override {
             if (index == 20)
                 requestInterrupt();
         }
-        void onFrameOutput(int, int64_t, const RgbaView&) override {}
     } interrupting;
-    class Quiet : public SessionObserver {
-        void onFrameDelivered(int, int64_t, const Nv21Image&) override {}
-        void onFrameOutput(int, int64_t, const RgbaView&) override {}
-    } quiet;
+    replay_test::NullObserver quiet;
 
     const SyntheticOptions walk = replay_test::walk(320, 240, 2);
     SyntheticRecording plain(walk);

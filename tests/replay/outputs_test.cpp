@@ -18,28 +18,11 @@
 #include <future>
 
 using namespace qlmr::replay;
+using replay_test::countFrames;
+using replay_test::FlatFrames;
 using replay_test::TempDir;
 
 namespace {
-
-// Frames of one flat grey level each (level = 20 + 10 * index), 40 ms apart.
-class FlatFrames : public FrameSource {
-  public:
-    FlatFrames(int count, int w, int h) : count_(count), w_(w), h_(h) {}
-    int width() const override { return w_; }
-    int height() const override { return h_; }
-    int count() const override { return count_; }
-    int64_t timestampNs(int i) const override { return 5000000000LL + i * 40000000LL; }
-    int exposureUs(int) const override { return 1000; }
-    void read(int i, Nv21Image& out) override {
-        std::fill(out.y(), out.y() + w_ * h_, static_cast<uint8_t>(20 + 10 * i));
-        std::fill(out.vu(), out.vu() + w_ * h_ / 2, static_cast<uint8_t>(128));
-    }
-    std::string describe() const override { return "flat"; }
-
-  private:
-    int count_, w_, h_;
-};
 
 RecorderOptions recorderOptions(const TempDir& dir, int frames, bool sideBySide) {
     RecorderOptions o;
@@ -58,16 +41,6 @@ std::vector<uint8_t> flatRgba(int w, int h, uint8_t v) {
     for (size_t i = 3; i < px.size(); i += 4)
         px[i] = 255;
     return px;
-}
-
-int countFrames(const std::string& path) {
-    Y4mReader r;
-    r.open(path);
-    I420Image f;
-    int n = 0;
-    while (r.read(f))
-        ++n;
-    return n;
 }
 
 }  // namespace

@@ -4,9 +4,6 @@
 #include "input/PhoneRecording.h"
 #include "input/Recording.h"
 #include "measure/Calibration.h"
-#include "measure/GyroAlignment.h"
-#include "media/ColorConvert.h"
-#include "media/ImageIo.h"
 
 #include <gtest/gtest.h>
 
@@ -27,42 +24,6 @@ Recording convertedRecording(const PhoneRecording& phone, const replay_test::Tem
 }
 
 }  // namespace
-
-TEST(PhoneRecording, GyroAxesAndOffsetAgreeWithTheImageMotion) {
-    if (!havePhoneData())
-        GTEST_SKIP() << "the phone recording is not in " << kPhoneDir;
-    const PhoneRecording phone = loadPhoneRecording(kPhoneDir);
-    ASSERT_EQ(phone.framePaths.size(), 103u);
-    EXPECT_EQ(phone.width, 800);
-    EXPECT_EQ(phone.height, 600);
-    std::vector<GrayImage> lumas(phone.framePaths.size());
-    std::vector<double> times;
-    ImageReader reader;
-    RgbImage rgb;
-    Nv21Image nv;
-    nv.resize(800, 600);
-    for (size_t i = 0; i < phone.framePaths.size(); ++i) {
-        reader.read(phone.framePaths[i], rgb);
-        rgbToNv21(rgb, nv);
-        lumas[i].resize(400, 300);
-        downsampleLuma(nv.y(), 800, 600, 800, 2, lumas[i]);
-        times.push_back(phone.frameTimestampsNs[i] * 1e-9);
-    }
-    const std::vector<FrameMotion> half = measureFrameMotion(lumas, times, 2);
-    // Motion measured at half size: scale the focal length to match.
-    AlignmentSearch search;
-    search.focalPx = PhoneCamera().fx / 2;
-    search.readoutMs = PhoneCamera().readoutMs;
-    search.radiusPx = 150;
-    const std::vector<AlignmentScore> ranked = rankAlignments(half, phone.gyro, search);
-    EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
-    EXPECT_NEAR(ranked[0].offsetMs, 0.2, 3.0);
-    const ComponentFit fit =
-        fitComponents(half, phone.gyro, ranked[0].map, ranked[0].offsetMs, search);
-    EXPECT_GT(fit.correlation[0], 0.7);
-    EXPECT_GT(fit.correlation[1], 0.95);
-    EXPECT_GT(fit.correlation[2], 0.5);
-}
 
 // Converted, loaded back, and replayed through the engine: the real shake comes out steadier.
 TEST(PhoneRecording, ConvertsIntoALoadableRecordingTheEngineSteadies) {
@@ -121,17 +82,8 @@ TEST(PhoneRecording, CalibrationKeepsTheConfiguredAxes) {
     const Recording rec = convertedRecording(phone, dir);
     ASSERT_EQ(calibrationReduction(rec.width), 2);
     for (const int factor : {2, 4}) {
-        std::unique_ptr<FrameSource> frames = openRecordingFrames(rec);
-        CalibrationInput in;
-        in.lumas = readLumas(*frames, factor);
-        for (int i = 0; i < frames->count(); ++i) {
-            in.timestampsNs.push_back(frames->timestampNs(i));
-            in.exposureUs.push_back(frames->exposureUs(i));
-        }
-        in.frameWidth = rec.width;
-        in.gyro = &rec.gyro;
-        in.configText = rec.configText;
-        const CalibrationStats c = calibrate(in);
+        const CalibrationStats c = calibrate(replay_test::calibrationInput(
+            *openRecordingFrames(rec), factor, rec.gyro, rec.configText));
         EXPECT_EQ(c.bestAxes, factor == 4 ? "-y,z,-x" : "-y,-x,-z") << factor;
         EXPECT_FALSE(c.changed) << c.verdict;
         EXPECT_EQ(c.useAxes, "-y,-x,-z");

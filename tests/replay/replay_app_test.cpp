@@ -192,11 +192,7 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     Y4mReader video, sbs;
     video.open(dir.file("out/stabilized.y4m"));
     EXPECT_EQ(video.fpsNum(), 30);
-    I420Image f;
-    int frames = 0;
-    while (video.read(f))
-        ++frames;
-    EXPECT_EQ(frames, 90);
+    EXPECT_EQ(replay_test::countFrames(dir.file("out/stabilized.y4m")), 90);
     sbs.open(dir.file("out/side_by_side.y4m"));
     EXPECT_EQ(sbs.width(), 320 * 2 + 8);
     // metrics.json holds the same figures.
@@ -207,36 +203,6 @@ TEST(ReplayApp, DryRunWritesVideosMetricsAndReport) {
     const std::string html = replay_test::readText(dir.file("out/report.html"));
     EXPECT_NE(html.find("id=\"plot-data\""), std::string::npos);
     EXPECT_NE(html.find("data:image/jpeg;base64,"), std::string::npos);
-}
-
-TEST(ReplayApp, EncodesMp4WhileReplayingAndWritesY4mOnlyWhenAsked) {
-    if (ffmpegProgram().empty())
-        GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
-    TempDir dir;
-    ReplayOptions o = smallSynthetic(dir);
-    o.synthetic.seconds = 1;
-    o.sideBySide = true;
-    o.mp4 = true;
-    auto session = makePassThroughSession();
-    std::ostringstream log;
-    const ReplayOutcome out = runReplay(o, *session, log);
-    auto has = [&](const char* f) {
-        return std::find(out.files.begin(), out.files.end(), f) != out.files.end();
-    };
-    EXPECT_TRUE(has("stabilized.mp4") && has("side_by_side.mp4"));
-    EXPECT_FALSE(has("stabilized.y4m") || has("side_by_side.y4m"));
-    VideoDecoder mp4;
-    mp4.open(ffmpegProgram(), dir.file("out/stabilized.mp4"));
-    I420Image f;
-    int frames = 0;
-    while (mp4.read(f))
-        ++frames;
-    EXPECT_EQ(frames, 30);
-
-    o.y4m = true;
-    o.sideBySide = false;
-    const ReplayOutcome both = runReplay(o, *session, log);
-    EXPECT_NE(std::find(both.files.begin(), both.files.end(), "stabilized.y4m"), both.files.end());
 }
 
 TEST(ReplayApp, FailedOrInterruptedRunLeavesTheEarlierOutputsAsTheyWere) {
@@ -448,31 +414,22 @@ TEST(LibrarySession, StabilizesTheSyntheticWalk) {
 // the gyro's start and are warped), and every output pixel shows the frame's colour, whichever
 // column it samples.
 TEST(LibrarySession, TimesRowsByTheExposureAndKeepsTheColourOfEveryColumn) {
-    class Flat : public FrameSource {
-      public:
-        int width() const override { return 64; }
-        int height() const override { return 48; }
-        int count() const override { return 10; }
-        int64_t timestampNs(int i) const override { return 1000000000LL + i * 33333333LL; }
-        int exposureUs(int) const override { return 60000; }
-        void read(int, Nv21Image& out) override {
-            std::fill(out.y(), out.y() + 64 * 48, static_cast<uint8_t>(128));
-            for (int k = 0; k < 64 * 24; k += 2) {
-                out.vu()[k] = 200;  // V
-                out.vu()[k + 1] = 60;
-            }
-        }
-        std::string describe() const override { return "flat"; }
-    } frames;
+    replay_test::FlatFrames frames(10, 64, 48);
+    frames.firstNs = 1000000000;
+    frames.stepNs = 33333333;
+    frames.exposure = 60000;
+    frames.level = 128;
+    frames.step = 0;
+    frames.v = 200;
+    frames.u = 60;
     std::vector<GyroSample> gyro;
     for (int64_t t = 1015000000; t < 2500000000; t += 2500000)
         gyro.push_back({t, 0.0f, 0.0f, 0.0f});
     SessionConfig config;
     config.configText = "vstab.readoutNs=30000000\n";
     config.surfaces = {{64, 48, 1, 3}};
-    struct Colours : SessionObserver {
+    struct Colours : replay_test::NullObserver {
         std::set<uint32_t> seen;
-        void onFrameDelivered(int, int64_t, const Nv21Image&) override {}
         void onFrameOutput(int, int64_t, const RgbaView& v) override {
             for (int x = 8; x < 56; ++x) {
                 const uint8_t* p = v.data + 4 * (24 * v.stride + x);
@@ -492,10 +449,7 @@ TEST(LibrarySession, ReportsARefusedConfiguration) {
     SessionConfig config;
     config.configText = "vstab.gridColumns=1\n";
     config.surfaces = {{64, 48, 1, 3}};
-    struct Nothing : SessionObserver {
-        void onFrameDelivered(int, int64_t, const Nv21Image&) override {}
-        void onFrameOutput(int, int64_t, const RgbaView&) override {}
-    } nothing;
+    replay_test::NullObserver nothing;
     EXPECT_NE(replay_test::errorOf([&] {
                   makeLibrarySession()->run(rec, rec.gyro(), config, nothing);
               }).find("refused the configuration text"),

@@ -184,6 +184,10 @@ TEST(StabWarpGrid, EachRowIsProjectedWithItsOwnOrientation) {
             EXPECT_NEAR(vs, v, 1e-5);
         }
     }
+    // Between rows the orientation is interpolated, whichever sign a row's quaternion has.
+    const Quat mid = slerp(f.rows[0], f.rows[1], 0.5);
+    f.rows[1] = {-f.rows[1].w, -f.rows[1].x, -f.rows[1].y, -f.rows[1].z};
+    EXPECT_LT(angleBetween(f.rowSet().at(0.5 / (r - 1)), mid), 1e-9);
 }
 
 TEST(StabWarpGrid, ExtremeTurnsStillWriteFiniteBoundedValues) {
@@ -203,15 +207,21 @@ TEST(StabCropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
     const CropMargins m = cropMargins(f.camera, f.config.overscan);
     EXPECT_GT(m.yaw, m.pitch) << "16:9: the vertical margin is the tighter one";
     EXPECT_TRUE(coversOutput(f.camera, 1.25, Quat{}, rows, 0.0));
-    for (const Vec3 axis : {Vec3{1, 0, 0}, Vec3{0, 1, 0}, Vec3{0, 0, 1}}) {
-        // Grow the deviation until the border leaves the frame; usage must be near 1 there.
+    // Grow the deviation until the border, kept `inset` inside the frame, leaves it.
+    auto limit = [&](const Vec3& axis, double inset) {
         double angle = 0.0;
-        while (coversOutput(f.camera, 1.25, expMap(axis * angle), rows, 0.0) && angle < 1.0) {
+        while (coversOutput(f.camera, 1.25, expMap(axis * angle), rows, inset) && angle < 1.0) {
             angle += 0.0005;
         }
-        const double usage = m.usage(axis * angle);
+        return angle;
+    };
+    for (const Vec3 axis :
+         {Vec3{1, 0, 0}, Vec3{-1, 0, 0}, Vec3{0, 1, 0}, Vec3{0, -1, 0}, Vec3{0, 0, 1}}) {
+        const double angle = limit(axis, 0.0);
+        const double usage = m.usage(axis * angle);  // near 1 there
         EXPECT_GT(usage, 0.85) << axis.x << axis.y << axis.z;
         EXPECT_LT(usage, 1.15) << axis.x << axis.y << axis.z;
+        EXPECT_LT(limit(axis, 0.01), angle - 0.005) << axis.x << axis.y << axis.z;
     }
 }
 

@@ -76,34 +76,6 @@ TEST(StabPathSmoother, KeepsIntendedMotionWithoutOvershootOrLagAndRemovesHandSha
     }
 }
 
-TEST(StabPathSmoother, FollowsAConstantVelocityPanExactly) {
-    PathSmoother smoother(13);
-    SmootherParams params;
-    params.lambda = 0.01;
-    params.margins = {0.05, 0.05, 1, 1};
-    std::vector<double> t(13);
-    std::vector<Vec3> p(13);
-    const Vec3 velocity = {0.1, -0.3, 0.05};  // rad/s
-    for (int i = 0; i < 13; ++i) {
-        t[i] = i * 0.025;
-        p[i] = velocity * t[i];
-    }
-    SmootherProblem pr;
-    pr.pastCount = 2;
-    pr.pastT[0] = -0.066;
-    pr.pastT[1] = -0.033;
-    pr.pastX[0] = velocity * -0.066;
-    pr.pastX[1] = velocity * -0.033;
-    pr.count = 13;
-    pr.t = t.data();
-    pr.p = p.data();
-    std::vector<Vec3> path(13);
-    smoother.solve(pr, params, path.data());
-    for (int i = 0; i < 13; ++i) {
-        EXPECT_LT(norm(path[i] - p[i]), 1e-9) << i;
-    }
-}
-
 TEST(StabPathSmoother, BendsTowardsThePhysicalPathBeforeTheCropMarginRunsOut) {
     // Still past, then the physical camera jumps 0.1 rad sideways ahead in the horizon.
     const int n = 37;
