@@ -161,7 +161,7 @@ void BM_Pipeline(benchmark::State& state) {
         host::setProperty("debug.camera.qlmr.EIS.log", "1");
         h->engine->onPause();
         h->engine->onResume();  // again, now with the debug property read
-        host::CameraSetup camera = pacedCamera(*h->engine, width, height, frames);
+        host::CameraSetup camera = syntheticCamera(width, height, frames, Feed::Paced);
         std::function<uint64_t()> delivered;
         std::shared_ptr<CountingSink> countingSink;
         android::sp<ANativeWindow> countingWindow;
