@@ -25,12 +25,12 @@ namespace {
 TEST(EngineSession, StabilizesTheSyntheticWalkTenTimes) {
     TempDir dir;
     // The walk of the default recording, at a test-friendly size.
-    const ReplayOptions o = replay_test::replayOf(dir, 640, 360, 10, 1);
+    const ReplayOptions o = replay_test::replayOf(dir, 480, 270, 6, 1);
     auto session = makeDefaultSession();
     std::ostringstream log;
     const ReplayMetrics m = runReplay(o, *session, log).metrics;
 
-    EXPECT_EQ(m.framesOut, 300);  // none dropped: the camera waits for the engine
+    EXPECT_EQ(m.framesOut, 180);  // none dropped: the camera waits for the engine
     EXPECT_EQ(m.engine.droppedQueueFull, 0);
     EXPECT_EQ(m.engine.renderedUnstabilized, 0);
     EXPECT_EQ(m.engine.exceptions, 0);
