@@ -42,21 +42,22 @@ bool gyroEnded(uint32_t idleAsks, int64_t newestSampleNs, int64_t firstRowNs) {
 Stabilizer::Stabilizer(const StabConfig& config)
     : config_(config),
       history_(historyCapacity(config), config.gyroGapMaxNs),
-      smoother_(static_cast<size_t>(lookAheadNodes(config.latencyNs))),
+      smoother_(2 * static_cast<size_t>(lookAheadNodes(config.latencyNs))),
       nodeCount_(lookAheadNodes(config.latencyNs)),
       nodeStepS_(nodeCount_ > 1 ? static_cast<double>(config.latencyNs) * 1e-9 / (nodeCount_ - 1)
                                 : 0.0),
       rowQ_(config.gridRows),
       rowM_(config.gridRows),
-      times_(config.gridRows > static_cast<uint32_t>(lookAheadNodes(config.latencyNs))
-                 ? config.gridRows
-                 : static_cast<uint32_t>(lookAheadNodes(config.latencyNs))),
-      nodeQ_(static_cast<size_t>(lookAheadNodes(config.latencyNs))),
+      times_(std::max<size_t>(config.gridRows, 2 * lookAheadNodes(config.latencyNs))),
+      nodeQ_(2 * static_cast<size_t>(lookAheadNodes(config.latencyNs))),
       nodeT_(static_cast<size_t>(nodeCount_)),
       nodeP_(static_cast<size_t>(nodeCount_)),
-      nodeUsage_(static_cast<size_t>(nodeCount_)),
       nodeX_(static_cast<size_t>(nodeCount_)),
       nodeNeed_(static_cast<size_t>(nodeCount_)),
+      solveT_(2 * static_cast<size_t>(nodeCount_)),
+      solveP_(2 * static_cast<size_t>(nodeCount_)),
+      solveUsage_(2 * static_cast<size_t>(nodeCount_)),
+      solveX_(2 * static_cast<size_t>(nodeCount_)),
       zoom_(config.cropZoomMax > 0.0 ? config.cropZoomMax : config.overscan),
       // The crop check keeps the output kCropInset inside the frame on every side, which a
       // smaller magnification could never satisfy.
@@ -182,47 +183,137 @@ Quat Stabilizer::solvePath(int64_t centreNs, int64_t dataEndNs, const FrameTimin
     }
     pathRestarted_ = pr.pastCount == 0;
     const Quat refInv = conj(ref);
-    // Nodes the gyro data reaches: all of them unless the look-ahead is cut short (the gyro
-    // ended or stalled); then the horizon ends at the data, and the path continues with the
-    // velocity the data gives there (a free end).
+
+    // The look-ahead nodes the gyro data reaches.
     nodesUsed_ = 1;
-    for (int i = 0; i < nodeCount_; ++i) {
-        times_[i] = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
-        if (i > 0 && times_[i] <= dataEndNs) {
+    for (int i = 1; i < nodeCount_; ++i) {
+        if (centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9)) <= dataEndNs) {
             nodesUsed_ = i + 1;
         }
-    }
-    const int n = nodesUsed_;
-    history_.orientationsAt(times_.data(), static_cast<size_t>(n), nodeQ_.data());
-    for (int i = 0; i < n; ++i) {
-        nodeP_[i] = logMap(refInv * nodeQ_[i]);
     }
     SmootherParams params = params_;
     params.margins = cropMargins(camera, highestZoom());
     // The rows of a frame turn with the camera during readout; half that spread on either side
     // of the centre row is margin the path cannot use.
     const double halfSpanS = 0.5 * timing.rowSpanNs * 1e-9;
-    for (int i = 0; i < n; ++i) {
-        nodeUsage_[i] = params.margins.usage(nodeRate(i) * halfSpanS);
+    startPending_ = false;
+
+    // A look-ahead cut short (the gyro ended or stalls) on a path under way: the data there is
+    // cannot tell the intended turn from the shake, so the path goes on as it was going, with
+    // the velocity and curvature of the poses committed over the last half second.
+    Vec3 rate, accel;
+    if (nodesUsed_ < nodeCount_ && !pathRestarted_ && committedCourse(rate, accel)) {
+        const double sinceLastS = static_cast<double>(centreNs - last->centreNs) * 1e-9;
+        times_[0] = centreNs;
+        for (int i = 1; i < nodesUsed_; ++i) {
+            times_[i] = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
+        }
+        history_.orientationsAt(times_.data(), static_cast<size_t>(nodesUsed_), nodeQ_.data());
+        for (int i = 0; i < nodesUsed_; ++i) {
+            const double t = sinceLastS + nodeT_[i];
+            nodeP_[i] = logMap(refInv * nodeQ_[i]);
+            nodeX_[i] = rate * t + accel * (0.5 * t * t);
+        }
+        if (config_.cropAdaptive != 0) {
+            zoomNeeds(camera, halfSpanS);
+        }
+        return normalized(ref * expMap(nodeX_[0]));
     }
-    pr.count = n;
-    pr.t = nodeT_.data();
-    pr.p = nodeP_.data();
-    pr.extraUsage = nodeUsage_.data();
-    const Vec3 x0 = smoother_.solve(pr, params, nodeX_.data());
+
+    // Otherwise the smoother over the look-ahead; on a new path with the gyro history before
+    // the frame too (up to the look-ahead's length), so the path starts with the velocity the
+    // data around the frame gives rather than the one its look-ahead alone suggests.
+    int back = 0;
+    if (pathRestarted_ && nodeCount_ > 1) {
+        const int64_t stepNs = static_cast<int64_t>(std::llround(nodeStepS_ * 1e9));
+        const int64_t available = (centreNs - history_.oldestNs()) / stepNs;
+        back = static_cast<int>(std::min<int64_t>(nodeCount_ - 1, std::max<int64_t>(0, available)));
+    }
+    const int total = back + nodesUsed_;
+    for (int k = 0; k < total; ++k) {
+        solveT_[k] = k < back ? -nodeStepS_ * (back - k) : nodeT_[k - back];
+        times_[k] = centreNs + static_cast<int64_t>(std::llround(solveT_[k] * 1e9));
+    }
+    history_.orientationsAt(times_.data(), static_cast<size_t>(total), nodeQ_.data());
+    for (int k = 0; k < total; ++k) {
+        solveP_[k] = logMap(refInv * nodeQ_[k]);
+    }
+    for (int k = 0; k < total; ++k) {
+        solveUsage_[k] =
+            params.margins.usage(rateAt(solveP_.data(), solveT_.data(), total, k) * halfSpanS);
+    }
+    pr.count = total;
+    pr.t = solveT_.data();
+    pr.p = solveP_.data();
+    pr.extraUsage = solveUsage_.data();
+    smoother_.solve(pr, params, solveX_.data());
+    for (int i = 0; i < nodesUsed_; ++i) {
+        nodeP_[i] = solveP_[back + i];
+        nodeX_[i] = solveX_[back + i];
+    }
+    // A new path is committed with its pose one node before the frame as well, so the next
+    // frame continues with the velocity solved here.
+    if (pathRestarted_ && total >= 2) {
+        const Vec3 before = back > 0 ? solveX_[back - 1] : solveX_[0] * 2.0 - solveX_[1];
+        startPose_ = normalized(ref * expMap(before));
+        startCentreNs_ = centreNs - static_cast<int64_t>(std::llround(nodeStepS_ * 1e9));
+        startPending_ = true;
+    }
     if (config_.cropAdaptive != 0) {
         zoomNeeds(camera, halfSpanS);
     }
-    return normalized(ref * expMap(x0));
+    return normalized(ref * expMap(solveX_[back]));
+}
+
+bool Stabilizer::committedCourse(Vec3& rate, Vec3& accel) const {
+    // Least-squares fit of x(t) = rate t + accel t^2 / 2 to the committed poses of the last
+    // kCourseSpanNs, as rotation vectors relative to the newest (t = 0 there, t < 0 before).
+    const Committed* newest = committed(0);
+    if (newest == nullptr) {
+        return false;
+    }
+    const Quat refInv = conj(newest->virt);
+    double s2 = 0.0, s3 = 0.0, s4 = 0.0;
+    Vec3 b1, b2;
+    int used = 0;
+    double oldestS = 0.0;
+    for (size_t k = 1; k < committedCount_; ++k) {
+        const Committed* c = committed(k);
+        if (newest->centreNs - c->centreNs > kCourseSpanNs || c->centreNs >= newest->centreNs) {
+            break;
+        }
+        const double t = static_cast<double>(c->centreNs - newest->centreNs) * 1e-9;
+        const Vec3 x = logMap(refInv * c->virt);
+        s2 += t * t;
+        s3 += t * t * t;
+        s4 += t * t * t * t;
+        b1 = b1 + x * t;
+        b2 = b2 + x * (0.5 * t * t);
+        oldestS = t;
+        ++used;
+    }
+    // Normal equations [s2, s3/2; s3/2, s4/4] [rate; accel] = [b1; b2]; a third of the span at
+    // least, so that a short history is not read as curvature.
+    const double det = s2 * 0.25 * s4 - 0.25 * s3 * s3;
+    if (used < 3 || -oldestS < kCourseSpanNs * 1e-9 / 3.0 || !(det > 0.0)) {
+        return false;
+    }
+    rate = (b1 * (0.25 * s4) - b2 * (0.5 * s3)) * (1.0 / det);
+    accel = (b2 * s2 - b1 * (0.5 * s3)) * (1.0 / det);
+    return true;
+}
+
+Vec3 Stabilizer::rateAt(const Vec3* p, const double* tS, int count, int i) {
+    // Central difference (rad/s), one-sided at the ends; zero with one node.
+    if (count < 2)
+        return Vec3();
+    const int a = i > 0 ? i - 1 : 0;
+    const int b = i + 1 < count ? i + 1 : count - 1;
+    return (p[b] - p[a]) * (1.0 / (tS[b] - tS[a]));
 }
 
 Vec3 Stabilizer::nodeRate(int i) const {
-    // Central difference of the physical path (rad/s), one-sided at the ends; zero with one node.
-    if (nodesUsed_ < 2)
-        return Vec3();
-    const int a = i > 0 ? i - 1 : 0;
-    const int b = i + 1 < nodesUsed_ ? i + 1 : nodesUsed_ - 1;
-    return (nodeP_[b] - nodeP_[a]) * (1.0 / (nodeT_[b] - nodeT_[a]));
+    return rateAt(nodeP_.data(), nodeT_.data(), nodesUsed_, i);
 }
 
 void Stabilizer::zoomNeeds(const CameraModel& camera, double halfSpanS) {
@@ -324,6 +415,7 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     // Hard crop limit: where the smooth pose would show anything outside the frame, first
     // magnify the output up to the overscan, then turn the pose towards the physical one just
     // far enough.
+    bool clamped = false;
     if (!coversOutput(camera, outZoom, virt, rowSet, kCropInset)) {
         const double maxZoom = highestZoom();
         if (outZoom < maxZoom && coversOutput(camera, maxZoom, virt, rowSet, kCropInset)) {
@@ -344,6 +436,7 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
                 (coversOutput(camera, outZoom, q, rowSet, kCropInset) ? hi : lo) = mid;
             }
             virt = slerp(virt, physicalCentre, hi);
+            clamped = true;
             ++counters_.framesClamped;
         }
         if (!replayed && outZoom > zoom_) {
@@ -356,6 +449,10 @@ int Stabilizer::warp(const VStabFrameInfo& frame, float* vertices) {
     if (replayed) {
         ++counters_.framesReplayed;
     } else {
+        if (startPending_ && !clamped) {
+            commit(ts - (centre - startCentreNs_), startCentreNs_, startPose_);
+        }
+        startPending_ = false;
         commit(ts, centre, virt);
     }
     ++counters_.framesWarped;

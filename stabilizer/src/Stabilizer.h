@@ -55,6 +55,8 @@ class Stabilizer {
     static constexpr int64_t kNodeStepNs = 16666667;
     // A frame further than this from the last committed one starts a new path.
     static constexpr int64_t kPathRestartNs = 1000000000;
+    // Span of committed poses whose course a path follows where the look-ahead is cut short.
+    static constexpr int64_t kCourseSpanNs = 500000000;
     // Asks for frames still waiting for look-ahead, in a row without any new gyro sample, after
     // which the gyro is taken to have ended (or stalled) and frames are warped with the
     // look-ahead there is. The engine asks every 5..10 ms while a frame waits (30 asks: 150..300
@@ -110,6 +112,12 @@ class Stabilizer {
     void zoomNeeds(const CameraModel& camera, double halfSpanS);
     // Angular rate of the physical path at look-ahead node i (rad/s); needs nodeP_ and nodeT_.
     Vec3 nodeRate(int i) const;
+    // Rate of the path p (rad/s) at node i of count nodes at times tS: central difference,
+    // one-sided at the ends, zero for a single node.
+    static Vec3 rateAt(const Vec3* p, const double* tS, int count, int i);
+    // Velocity (rad/s) and angular acceleration (rad/s^2) of the committed path over its last
+    // kCourseSpanNs, relative to the newest committed pose; false without enough of it.
+    bool committedCourse(Vec3& rate, Vec3& accel) const;
     // Largest output magnification (vstab.cropZoomMax, the overscan unless set).
     double highestZoom() const {
         return config_.cropZoomMax > 0.0 ? config_.cropZoomMax : config_.overscan;
@@ -135,9 +143,19 @@ class Stabilizer {
     std::vector<Quat> nodeQ_;
     std::vector<double> nodeT_;
     std::vector<Vec3> nodeP_;
-    std::vector<double> nodeUsage_;
     std::vector<Vec3> nodeX_;       // solved path at the nodes
     std::vector<double> nodeNeed_;  // magnification each node needs
+    // The smoother's problem: gyro history before the frame (new paths only), the look-ahead
+    // the data reaches, and the rest of the horizon from the previous plan; up to twice the
+    // look-ahead's nodes. Times in seconds from the frame's centre.
+    std::vector<double> solveT_;
+    std::vector<Vec3> solveP_;
+    std::vector<double> solveUsage_;
+    std::vector<Vec3> solveX_;
+    // A new path's pose one node before its first frame, committed with that frame.
+    Quat startPose_;
+    int64_t startCentreNs_ = 0;
+    bool startPending_ = false;
 
     ZoomLadder ladder_;
     double zoom_;        // current output magnification
@@ -153,7 +171,7 @@ class Stabilizer {
     uint32_t idleAsks_ = 0;
     uint64_t samplesAtLastAsk_ = 0;
 
-    static constexpr size_t kCommittedKept = 16;
+    static constexpr size_t kCommittedKept = 64;
     Committed committed_[kCommittedKept];
     size_t committedCount_ = 0;
     size_t committedHead_ = 0;  // index of the next slot to write

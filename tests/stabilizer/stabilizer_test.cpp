@@ -277,13 +277,15 @@ TEST(StabZoomPlanner, RisesAheadOfANeedAtMostAtTheRiseRateAndFallsBackSlowly) {
 }
 
 TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
-    // A pan with shake; the gyro stops at 3 s, as a recording's log ends with the video.
+    // A pan speeding up (0.3 rad/s + 0.2 rad/s^2), with 2 Hz shake; the gyro stops at 3 s, as
+    // a recording's log ends with the video.
     Stabilizer s(configWithReadout());
     std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows * 3);
     const int64_t end = kStart + 3000 * kMs;
     auto rate = [](int64_t t) {
+        const double w = 2 * 3.14159265358979 * 2.0;
         const double x = static_cast<double>(t - kStart) * 1e-9;
-        return Vec3{0.0, 0.3 + 0.3 * std::cos(40.0 * x), 0.0};
+        return Vec3{0.0, 0.3 + 0.2 * x + 0.01 * w * std::cos(w * x), 0.0};
     };
     for (int64_t t = kStart; t <= end; t += 2500000) {
         addCamera(s, t, rate(t));
@@ -304,14 +306,18 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
         warp(s, f + 33 * kMs, grid);
     }
     // From then on every frame the gyro reaches is warped at the first ask, and the path
-    // goes on along the pan without a jump; a frame beyond the gyro waits.
+    // goes on along the pan, not with the shake the short look-ahead shows (a free end there
+    // moves 0.25 mrad a frame off the pan); a frame beyond the gyro waits.
+    const auto panStep = [&](int64_t centreNs) {
+        return (0.3 + 0.2 * static_cast<double>(centreNs - 16 * kMs - kStart) * 1e-9) * 0.033;
+    };
     Quat previous = s.lastVirtual();
     int warped = 0;
     for (f += 66 * kMs; f < end - 20 * kMs; f += 33 * kMs) {
         ASSERT_EQ(warp(s, f, grid), kStatusWarped) << f;
         ++warped;
         const Vec3 step = logMap(conj(previous) * s.lastVirtual());
-        EXPECT_NEAR(step.y, 0.3 * 0.033, 0.002) << f;
+        EXPECT_NEAR(step.y, panStep(s.lastCentreNs()), 0.0001) << f;
         previous = s.lastVirtual();
     }
     EXPECT_GT(warped, 12);
@@ -320,32 +326,40 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
 }
 
 TEST(StabSession, StartFollowsThePanAndBesideUnwarpedFramesAtTheirZoom) {
-    // A pan with 7 Hz shake from the first sample; frames from the first one the gyro covers.
-    // The virtual camera follows the pan (0.3 rad/s) from the first frame on.
-    for (const int64_t firstFrame : {kStart, kStart - 30 * kMs}) {
+    // A pan with shake from the first sample; frames from the first one the gyro covers, or
+    // after 1 s of gyro history, which lets the path start with the pan's velocity although a
+    // 2 Hz shake does not average out over the look-ahead alone (4 mrad off without it). The
+    // virtual camera follows the pan (0.3 rad/s) from the first frame on.
+    struct Case {
+        int64_t firstFrameNs;
+        double shakeHz;
+        double worstRad;
+    };
+    for (const Case c : {Case{kStart, 7.0, 0.002}, Case{kStart + 1000 * kMs, 2.0, 0.0005},
+                         Case{kStart - 30 * kMs, 7.0, 0.0}}) {
         Stabilizer s(configWithReadout());
         std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows *
                                 3);
-        const double w = 2 * 3.14159265358979 * 7.0;
+        const double w = 2 * 3.14159265358979 * c.shakeHz;
         for (int64_t t = kStart; t < kStart + 3000 * kMs; t += 2500000) {
             const double x = static_cast<double>(t - kStart) * 1e-9;
             addCamera(s, t, {0.0, 0.3 + 0.01 * w * std::cos(w * x), 0.0});
         }
-        int status = warp(s, firstFrame, grid);
-        if (firstFrame < kStart) {
+        int status = warp(s, c.firstFrameNs, grid);
+        if (c.firstFrameNs < kStart) {
             ASSERT_EQ(status, kStatusNoGyroBeforeFrame);  // shown unwarped at the overscan ...
-            ASSERT_EQ(warp(s, firstFrame + 33 * kMs, grid), kStatusWarped);
+            ASSERT_EQ(warp(s, c.firstFrameNs + 33 * kMs, grid), kStatusWarped);
             EXPECT_DOUBLE_EQ(s.outputZoom(), s.config().overscan);  // ... and so is the next
             continue;
         }
         ASSERT_EQ(status, kStatusWarped);
         double worst = 0.0;
-        for (int64_t f = firstFrame; f < kStart + 2000 * kMs; f += 33 * kMs) {
+        for (int64_t f = c.firstFrameNs; f < c.firstFrameNs + 1000 * kMs; f += 33 * kMs) {
             ASSERT_EQ(warp(s, f, grid), kStatusWarped);
             const double x = static_cast<double>(s.lastCentreNs() - kStart) * 1e-9;
             worst = std::max(worst, std::fabs(logMap(s.lastVirtual()).y - 0.3 * x));
         }
-        EXPECT_LT(worst, 0.002);  // 0.1 degree
+        EXPECT_LT(worst, c.worstRad) << c.shakeHz;  // 0.1 degree = 0.0017 rad
     }
 }
 

@@ -1,6 +1,8 @@
 #include "Metrics.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cmath>
 #include <complex>
 
@@ -286,6 +288,7 @@ FrameEvaluation evaluateFrame(const float* grid, int columns, int rows,
     ev.zoom = overscan;
     const double focalOut = camera.focalPx() * overscan;
     ev.output = fitRotation(rays, seen, count);
+    ev.intended = truth.intended(sim::rowTimeS(camera, frame, 0.5));
     // Rolling-shutter wobble: orientation of each output row, compared pairwise.
     V3 rowDev[kSamplesPerAxis];
     int rowCount = 0;
@@ -377,13 +380,28 @@ Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraS
         }
     }
     const size_t trim = std::min(n / 4, static_cast<size_t>(trimS * fps));
-    std::vector<double> high[3];
+    // Jitter: the fast part of the output camera's turn away from the intended orientation,
+    // in the intended camera's axes (small angles: a rotation vector per frame).
+    std::vector<double> deviation[3], high[3];
+    for (size_t k = 0; k < n; ++k) {
+        const V3 d = sim::toRotationVector(frames[k].intended.conjugate() * frames[k].output);
+        for (int a = 0; a < 3; ++a) {
+            deviation[a].push_back(d[a]);
+        }
+    }
     for (int a = 0; a < 3; ++a) {
-        const std::vector<double> low = lowPassZeroPhase(path[a], 1.0, fps);
+        const std::vector<double> low = lowPassZeroPhase(deviation[a], 1.0, fps);
         high[a].resize(n);
         for (size_t k = 0; k < n; ++k) {
-            high[a][k] = path[a][k] - low[k];
+            high[a][k] = deviation[a][k] - low[k];
         }
+    }
+    if (getenv("DBG_DEV")) {
+        for (size_t k = 0; k < n; ++k)
+            fprintf(stderr, "DEV %zu %.3f %.3f %.3f %.3f %.3f %.3f\n", k,
+                    deviation[0][k] * focalOut, deviation[1][k] * focalOut,
+                    deviation[2][k] * focalOut, high[0][k] * focalOut, high[1][k] * focalOut,
+                    high[2][k] * rmsRadius);
     }
     double sum = 0.0;
     size_t used = 0;

@@ -53,10 +53,11 @@ double displacementPx(const V3& d, double focalPx, double rmsRadiusPx);
 double gridZoom(const float* grid, int columns, int rows);
 
 struct FrameEvaluation {
-    Q output = Q::Identity();  // orientation of the output camera (world from output)
-    double zoom = 1.0;         // output magnification: the one whose pinhole fits the view best
-    double wobblePx = 0.0;     // spread of orientation between the output's rows
-    int outsidePoints = 0;     // output border points not drawn from inside the frame
+    Q output = Q::Identity();    // orientation of the output camera (world from output)
+    Q intended = Q::Identity();  // the shake-free orientation at the frame's middle row
+    double zoom = 1.0;           // output magnification: the one whose pinhole fits the view best
+    double wobblePx = 0.0;       // spread of orientation between the output's rows
+    int outsidePoints = 0;       // output border points not drawn from inside the frame
     double worstOutsidePx = 0.0;
 };
 
@@ -67,7 +68,10 @@ FrameEvaluation evaluateFrame(const float* grid, int columns, int rows,
                               const sim::FrameStamp& frame);
 
 struct Figures {
-    double jitterPx = 0.0;       // RMS of the > 1 Hz part of the output camera's motion
+    // RMS of the > 1 Hz part of the output camera's turn away from the intended (shake-free)
+    // orientation: what the intended path does itself is not jitter, and a smooth path ends
+    // without the filter's end-point bend.
+    double jitterPx = 0.0;
     double wobblePx = 0.0;       // mean per-frame rolling-shutter wobble
     double stability = 0.0;      // low-frequency energy share of frame-to-frame motion
     double maxAccelRadS2 = 0.0;  // largest angular acceleration of the output camera
@@ -76,7 +80,7 @@ struct Figures {
     double meanRetained = 0.0;  // share of the frame's area the output keeps, mean over frames
     double minRetained = 0.0;   // and its smallest value
     // The jitter measure over the first and over the last second alone (the filter runs over
-    // the whole recording; its ends are odd-reflected).
+    // the whole recording).
     double jitterFirstPx = 0.0;
     double jitterLastPx = 0.0;
     // RMS of the part above 0.5 Hz of the output magnification, per cent of its mean: zoom

@@ -14,7 +14,10 @@ namespace qlmr::harness {
 
 // How the gyro samples reach the library, beyond the scenario's own setup.
 struct GyroDelivery {
-    double leadS = 0.0;      // gyro starts this long before the first frame (negative: after it)
+    // The gyro starts this long before the first frame (negative: after it). The engine starts
+    // the gyroscope with the camera, whose first frame comes later; the replay tool's
+    // recordings keep 1 s of gyro before it.
+    double leadS = 1.0;
     double tailS = 2.5;      // and ends this long after the last frame
     double stallAtS = -1.0;  // samples of [stallAtS, stallAtS + stallS) never come (< 0: none)
     double stallS = 0.0;

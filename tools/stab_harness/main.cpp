@@ -44,9 +44,9 @@ struct Variant {
     qlmr::harness::GyroDelivery delivery;
 };
 const Variant kVariants[] = {
-    {"-gyro-ends", "gyro ends 33 ms after the last frame", {0.0, 0.033, -1.0, 0.0}},
+    {"-gyro-ends", "gyro ends 33 ms after the last frame", {1.0, 0.033, -1.0, 0.0}},
     {"-gyro-starts", "gyro starts 20 ms after the first frame", {-0.020, 2.5, -1.0, 0.0}},
-    {"-gyro-stalls", "no gyro for 200 ms in the middle", {0.0, 2.5, -2.0, 0.2}},
+    {"-gyro-stalls", "no gyro for 200 ms in the middle", {1.0, 2.5, -2.0, 0.2}},
 };
 const char* const kVariantBase = "walk";
 
