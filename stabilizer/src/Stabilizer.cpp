@@ -335,12 +335,11 @@ void Stabilizer::updateZoom(int64_t frameNs, int64_t centreNs, bool restart) {
         const bool besideUnwarped = unwarpedSeen_ &&
                                     frameNs - unwarpedFrameNs_ <= kUnwarpedNeighbourNs &&
                                     unwarpedFrameNs_ - frameNs <= kUnwarpedNeighbourNs;
-        planner_.start(nodeNeed_.data(), nodeT_.data(), nodesUsed_,
-                       besideUnwarped ? config_.overscan : 0.0);
+        planner_.start(nodeNeed_.data(), nodesUsed_, besideUnwarped ? config_.overscan : 0.0);
         zoom_ = planner_.zoom();
     } else {
         zoom_ = planner_.next(static_cast<double>(centreNs - zoomCentreNs_) * 1e-9,
-                              nodeNeed_.data(), nodeT_.data(), nodesUsed_);
+                              nodeNeed_.data(), nodesUsed_);
     }
     zoomSet_ = true;
     zoomCentreNs_ = centreNs;

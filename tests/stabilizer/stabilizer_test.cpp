@@ -167,8 +167,8 @@ TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
     EXPECT_EQ(s.lastCentreNs(), kStart + 5000 * kMs + 5 * kMs + 15 * kMs);
 }
 
-TEST(StabSession, AdaptiveZoomRisesAheadOfShakeAndFallsSlowlyAfterIt) {
-    // Still for 3 s, then 5 Hz yaw shake of 0.01 rad for 3 s, then still again.
+TEST(StabSession, AdaptiveZoomRisesForShakeAndFallsSlowlyAfterIt) {
+    // Still for 3 s, then 5 Hz yaw shake of 0.04 rad for 3 s, then still again.
     Stabilizer s(configWithReadout());
     const StabConfig& c = s.config();
     std::vector<float> grid(static_cast<size_t>(c.gridColumns) * c.gridRows * 3);
@@ -178,7 +178,7 @@ TEST(StabSession, AdaptiveZoomRisesAheadOfShakeAndFallsSlowlyAfterIt) {
     for (int64_t t = kStart; t < kStart + 12000 * kMs; t += 2500000) {
         const double x = static_cast<double>(t - kStart) * 1e-9;
         const bool shaking = x >= 3.0 && x < 6.0;
-        addCamera(s, t, {0.0, shaking ? 0.01 * w * std::cos(w * (x - 3.0)) : 0.0, 0.0});
+        addCamera(s, t, {0.0, shaking ? 0.04 * w * std::cos(w * (x - 3.0)) : 0.0, 0.0});
         if (t > frame + 700 * kMs) {
             ASSERT_EQ(warp(s, frame, grid), kStatusWarped);
             ASSERT_NO_FATAL_FAILURE(expectBorderInsideInput(grid, c, frame));
@@ -194,17 +194,19 @@ TEST(StabSession, AdaptiveZoomRisesAheadOfShakeAndFallsSlowlyAfterIt) {
         }
         return zooms.back().second;
     };
-    const double lowest = 1.0 / 0.998;       // the crop check's inset of 0.1 % per side
-    EXPECT_NEAR(zoomAt(1.5), lowest, 1e-5);  // still: the whole picture
-    EXPECT_GT(zoomAt(2.8), lowest);          // raised before the shake begins
-    EXPECT_GT(zoomAt(4.5), 1.01);            // the shake needs a margin
-    EXPECT_LT(zoomAt(4.5), c.overscan);      // but not the whole overscan
-    EXPECT_GT(zoomAt(6.2), zoomAt(6.5));     // falls back afterwards
+    EXPECT_LT(zoomAt(1.5), 1.07);          // still: little more than the start margin
+    EXPECT_GT(zoomAt(4.5), zoomAt(2.0));   // the shake needs a margin
+    EXPECT_LT(zoomAt(4.5), c.overscan);    // but not the whole overscan
+    EXPECT_GT(zoomAt(8.0), zoomAt(11.5));  // falls back afterwards
+    // Smoothly, except where the sudden shake (seen 0.6 s ahead) outruns the plan and the crop
+    // limit magnifies.
+    double worst = 0.0;
     for (size_t k = 1; k < zooms.size(); ++k) {
-        const double change = zooms[k].second - zooms[k - 1].second;
-        EXPECT_LE(change, ZoomPlanner::kRisePerS * 0.033 + 1e-3) << zooms[k].first;
-        EXPECT_GE(change, -ZoomPlanner::kFallPerS * 0.033 - 1e-9) << zooms[k].first;  // slowly
+        if (zooms[k].first < 2.4 || zooms[k].first > 6.5) {
+            worst = std::max(worst, std::fabs(zooms[k].second - zooms[k - 1].second));
+        }
     }
+    EXPECT_LE(worst, ZoomPlanner::kRisePerS * 0.033 + 1e-9);
     EXPECT_EQ(s.counters().framesClamped, 0u);
 }
 
@@ -235,45 +237,40 @@ TEST(StabSession, WindowSetsHowMuchOfAOneHertzSwayThePathKeeps) {
     EXPECT_LT(gain, 0.22);
 }
 
-TEST(StabZoomPlanner, RisesAheadOfANeedAtMostAtTheRiseRateAndFallsBackSlowly) {
-    // 37 look-ahead nodes over 0.6 s; the zoom may range over 1.0 .. 1.25.
+TEST(StabZoomPlanner, MovesSmoothlyAboveTheNeeds) {
+    // The zoom may range over 1.0 .. 1.25; frames every 33 ms.
     ZoomPlanner p(1.0, 1.25);
-    double t[37], need[37];
-    auto fill = [&](double base, int at, double peak) {
-        for (int i = 0; i < 37; ++i) {
-            t[i] = i * 0.6 / 36;
-            need[i] = i == at ? peak : base;
+    double need[3] = {1.0, 1.05, 1.02};
+    p.start(need, 3, 1.25);  // beside frames shown unwarped: their magnification
+    EXPECT_DOUBLE_EQ(p.zoom(), 1.25);
+    p.start(need, 3, 0.0);
+    EXPECT_DOUBLE_EQ(p.zoom(), 1.05 * (1.0 + ZoomPlanner::kStartMargin));
+    EXPECT_DOUBLE_EQ(p.next(0.0, need, 3), p.zoom());  // no time passed
+    // Runs `seconds` with every need at `level`; the speed changes by at most kAccelPerS2.
+    const double dt = 0.033;
+    auto run = [&](double level, double seconds, bool smooth = true) {
+        need[0] = need[1] = need[2] = level;
+        double previous = p.zoom(), speed = 0.0;
+        for (double t = 0.0; t < seconds; t += dt) {
+            const double z = p.next(dt, need, 3);
+            const double v = (z - previous) / dt;
+            EXPECT_TRUE(!smooth || std::fabs(v - speed) <= ZoomPlanner::kAccelPerS2 * dt + 1e-9)
+                << level;
+            EXPECT_LE(v, ZoomPlanner::kRisePerS + 1e-9);
+            EXPECT_GE(v, -ZoomPlanner::kFallPerS - 1e-9);
+            previous = z;
+            speed = v;
         }
     };
-    fill(1.05, -1, 0.0);
-    p.start(need, t, 37, 0.0);
-    EXPECT_DOUBLE_EQ(p.zoom(), 1.05);
-    p.start(need, t, 37, 1.25);  // beside frames shown unwarped: their magnification
+    run(1.05, 60.0);  // falls back slowly until the need is within kFallGap, then rests
+    EXPECT_NEAR(p.zoom(), 1.05 / (1.0 - ZoomPlanner::kFallGap), 0.002);
+    const double resting = p.zoom();
+    run(resting * 0.98, 10.0);  // a need just below: held
+    EXPECT_DOUBLE_EQ(p.zoom(), resting);
+    run(1.2, 10.0);  // a need above: risen to it
+    EXPECT_GE(p.zoom(), 1.2);
+    run(1.4, 10.0, false);  // beyond the largest: clamped
     EXPECT_DOUBLE_EQ(p.zoom(), 1.25);
-    p.start(need, t, 37, 0.0);
-    struct Case {
-        const char* what;
-        double dtS;
-        double base;
-        int at;  // node of the peak need
-        double peak;
-        double zoom;
-    };
-    const Case cases[] = {
-        {"need 0.6 s ahead: rise started", 0.1, 1.0, 36, 1.25, 1.25 - 0.3 * 0.6},
-        {"no need: falls at 0.05/s", 0.1, 1.0, -1, 0.0, 1.07 - 0.005},
-        {"no time passed: unchanged", 0.0, 1.2, 0, 1.2, 1.065},
-        {"need at the frame: met at once", 0.1, 1.0, 0, 1.2, 1.2},
-        {"beyond the largest: clamped", 0.1, 1.0, 0, 1.4, 1.25},
-        {"nothing needed for long: the lowest", 100.0, 0.9, -1, 0.0, 1.0},
-    };
-    for (const Case& c : cases) {
-        fill(c.base, c.at, c.peak);
-        EXPECT_NEAR(p.next(c.dtS, need, t, 37), c.zoom, 1e-12) << c.what;
-    }
-    p.raiseTo(1.1);  // the crop limit's magnification: continued from there
-    fill(1.0, -1, 0.0);
-    EXPECT_NEAR(p.next(0.1, need, t, 37), 1.1 - 0.005, 1e-12);
 }
 
 TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {

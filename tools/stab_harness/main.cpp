@@ -34,7 +34,7 @@ constexpr double kPanMaxAccelRadS2 = 1.0;
 constexpr double kStillMinRetained = 0.85;  // share of the picture a still camera keeps
 constexpr double kTrimS = 1.0;
 // Magnification above 0.5 Hz, RMS, per cent of the mean (the aim is 0.05 %).
-constexpr double kMaxZoomHighPassPct = 1.5;
+constexpr double kMaxZoomHighPassPct = 0.05;
 
 // Variants of a scenario in which the gyro does not run on around the video: name suffix,
 // description, delivery.
@@ -72,7 +72,7 @@ void checkRow(Row& r) {
         fail("rolling-shutter wobble reduced by less than 90 %");
     }
     if (out.zoomHighPassPct > kMaxZoomHighPassPct) {
-        fail("the output's magnification moves with the shake (zoom high-pass above 1.5 %)");
+        fail("the output's magnification moves with the shake (zoom high-pass above 0.05 %)");
     }
     if (r.name == kVariantBase + std::string(kVariants[0].suffix) && r.run.framesUnwarped > 0) {
         fail("frames rendered unwarped although the gyro covers them");
