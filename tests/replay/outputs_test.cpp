@@ -1,17 +1,13 @@
 // The recorder of a session's outputs, the pass-through session, text tables, the ffmpeg
 // program (when installed) and the progress line.
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "input/Csv.h"
 #include "input/Recording.h"
 #include "media/ColorConvert.h"
 #include "media/Ffmpeg.h"
-#include "media/Y4m.h"
 #include "output/OutputRecorder.h"
 #include "output/Progress.h"
 #include "session/ReplaySession.h"
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -24,10 +20,10 @@ using replay_test::TempDir;
 
 namespace {
 
-RecorderOptions recorderOptions(const TempDir& dir, int frames, bool sideBySide) {
+RecorderOptions recorderOptions(const TempDir& dir, int frames) {
     RecorderOptions o;
     o.videoPath = dir.file("v.y4m");
-    o.sideBySidePath = sideBySide ? dir.file("sbs.y4m") : "";
+    o.sideBySidePath = dir.file("sbs.y4m");
     o.expectedFrames = frames;
     o.inputWidth = o.outputWidth = 32;
     o.inputHeight = o.outputHeight = 16;
@@ -43,11 +39,24 @@ std::vector<uint8_t> flatRgba(int w, int h, uint8_t v) {
     return px;
 }
 
+// The outputs' times, surface and width (surface * 100000 + width), and the first pixel.
+struct Collect : replay_test::NullObserver {
+    std::vector<int64_t> output;
+    std::vector<int> sizes;
+    int firstPixel = -1;
+    void onFrameOutput(int surface, int64_t t, const RgbaView& v) override {
+        output.push_back(t);
+        sizes.push_back(surface * 100000 + v.width);
+        if (firstPixel < 0)
+            firstPixel = v.data[0];
+    }
+};
+
 }  // namespace
 
 TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFrames) {
     TempDir dir;
-    OutputRecorder rec(recorderOptions(dir, 4, true));
+    OutputRecorder rec(recorderOptions(dir, 4));
     FlatFrames frames(4, 32, 16);
     Nv21Image nv;
     nv.resize(32, 16);
@@ -89,7 +98,7 @@ TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFrames) {
 TEST(OutputRecorder, SurvivesMoreFramesInFlightThanBuffers) {
     TempDir dir;
     const int n = 120;
-    OutputRecorder rec(recorderOptions(dir, n, true));
+    OutputRecorder rec(recorderOptions(dir, n));
     FlatFrames frames(n, 32, 16);
     Nv21Image nv;
     nv.resize(32, 16);
@@ -105,30 +114,20 @@ TEST(OutputRecorder, SurvivesMoreFramesInFlightThanBuffers) {
     EXPECT_EQ(countFrames(dir.file("sbs.y4m")), 1);
 }
 
-namespace {
-struct Collect : SessionObserver {
-    std::vector<int64_t> delivered, output;
-    std::vector<int> sizes;
-    int firstPixel = -1;
-    void onFrameDelivered(int, int64_t t, const Nv21Image&) override { delivered.push_back(t); }
-    void onFrameOutput(int surface, int64_t t, const RgbaView& v) override {
-        output.push_back(t);
-        sizes.push_back(surface * 100000 + v.width);
-        if (firstPixel < 0)
-            firstPixel = v.data[0];
-    }
-};
-}  // namespace
-
-TEST(PassThroughSession, OutputsEveryFrameToEverySurface) {
-    FlatFrames frames(5, 32, 16);
+TEST(PassThroughSession, PacesEveryFrameToEverySurfaceByItsTimestamp) {
+    FlatFrames frames(6, 32, 16);  // 200 ms from first to last
     SessionConfig config;
     config.surfaces = {{32, 16, 1, 3}, {16, 8, 1, 3}};
+    config.realtime = true;
     Collect c;
     auto session = makePassThroughSession();
-    const SessionResult r = session->run(frames, {}, config, c);
-    EXPECT_EQ(r.framesDelivered, 5);
-    ASSERT_EQ(c.output.size(), 10u);
+    auto f = std::async(std::launch::async, [&] { return session->run(frames, {}, config, c); });
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    const SessionResult r = f.get();
+    EXPECT_EQ(r.framesDelivered, 6);
+    EXPECT_GE(r.wallSec, 0.19);
+    EXPECT_EQ(r.framesLate, 0);
+    ASSERT_EQ(c.output.size(), 12u);
     EXPECT_EQ(c.output[0], c.output[1]);
     EXPECT_EQ(c.sizes[0], 32);
     EXPECT_EQ(c.sizes[1], 100000 + 16);
@@ -137,21 +136,6 @@ TEST(PassThroughSession, OutputsEveryFrameToEverySurface) {
     EXPECT_EQ(c.firstPixel, rgb[0]);
     config.surfaces.clear();
     EXPECT_THROW(session->run(frames, {}, config, c), ReplayError);
-}
-
-TEST(PassThroughSession, RealtimePacesFramesByTheirTimestamps) {
-    FlatFrames frames(6, 32, 16);  // 200 ms from first to last
-    SessionConfig config;
-    config.surfaces = {{32, 16, 1, 3}};
-    config.realtime = true;
-    Collect c;
-    auto session = makePassThroughSession();
-    auto f = std::async(std::launch::async, [&] { return session->run(frames, {}, config, c); });
-    ASSERT_EQ(f.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    const SessionResult r = f.get();
-    EXPECT_GE(r.wallSec, 0.19);
-    EXPECT_EQ(r.framesLate, 0);
-    EXPECT_EQ(c.output.size(), 6u);
 }
 
 TEST(CsvReader, SkipsCommentsTrimsAndCountsLines) {
@@ -198,45 +182,55 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
     if (ffmpeg.empty())
         GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
     TempDir dir;
+    std::string csv = "timestamp_ns\n";
     {
         // More frames than queue slots: the writer must wait for the encoder, not drop frames.
         VideoEncoder enc;
-        enc.open(ffmpeg, dir.file("video.mp4"), 64, 48, 30, 1, "veryfast", 2);
+        enc.open(ffmpeg, dir.file("video.mp4"), 320, 240, 30, 1, "veryfast", 2);
         I420Image f;
-        f.resize(64, 48);
-        for (int k = 0; k < 5; ++k) {
-            std::fill(f.data.begin(), f.data.end(), 128);
-            std::fill(f.y(), f.y() + 64 * 48, static_cast<uint8_t>(40 + 40 * k));
+        f.resize(320, 240);
+        std::fill(f.data.begin(), f.data.end(), 128);
+        for (int k = 0; k < 30; ++k) {
+            std::fill(f.y(), f.y() + 320 * 240, static_cast<uint8_t>(40 + 40 * (k % 5)));
             enc.write(f);
+            csv += std::to_string(1000000000LL + k * 33333333LL) + "\n";
         }
         I420Image wrong;
         wrong.resize(32, 48);
         EXPECT_THROW(enc.write(wrong), ReplayError);
         enc.finish();
-        EXPECT_EQ(enc.frames(), 5);
+        EXPECT_EQ(enc.frames(), 30);
     }
-    replay_test::writeRecording(dir, "timestamp_ns\n10\n20\n30\n40\n50\n");
+    replay_test::writeRecording(dir, csv, "timestamp_ns,x,y,z\n1,0,0,0\n", "vstab.gridRows=9\n");
     const Recording rec = loadRecording(dir.path());
     auto frames = openRecordingFrames(rec);
     Nv21Image nv;
-    nv.resize(64, 48);
+    nv.resize(320, 240);
     for (int k = 0; k < 5; ++k) {
         frames->read(k, nv);
-        EXPECT_NEAR(nv.y()[64 * 24 + 32], 40 + 40 * k, 4) << "frame " << k;
+        EXPECT_NEAR(nv.y()[320 * 120 + 160], 40 + 40 * k, 4) << "frame " << k;
     }
+    // A replay that reads the video in part stops ffmpeg without a word on the console.
+    TempDir out;
+    std::string err;
+    EXPECT_EQ(replay_test::runCommand("--dry-run --quiet --no-mp4 --max-frames 3 --input " +
+                                          dir.path() + " --out " + out.path(),
+                                      err),
+              0);
+    EXPECT_EQ(err, "");
     // An encoder that cannot write its file is an error with ffmpeg's own message, whether it
     // shows while frames are fed or at the end.
     VideoEncoder bad;
     bad.open(ffmpeg, dir.file("missing/folder/bad.mp4"), 640, 480, 30, 1, kDefaultH264Preset, 2);
     I420Image big;
     big.resize(640, 480);
-    const std::string err = replay_test::errorOf([&] {
+    err = replay_test::errorOf([&] {
         for (int k = 0; k < 200; ++k)
             bad.write(big);
         bad.finish();
     });
-    EXPECT_NE(err.find("ffmpeg failed"), std::string::npos) << err;
-    EXPECT_NE(err.find("missing/folder"), std::string::npos) << err;
+    EXPECT_THAT(err, HasSubstr("ffmpeg failed"));
+    EXPECT_THAT(err, HasSubstr("missing/folder"));
 }
 
 TEST(Progress, LineShowsCountsAndBar) {
