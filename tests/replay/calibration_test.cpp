@@ -1,16 +1,9 @@
 // Gyro calibration from the pictures: the configuration rewrite, and the search finding an
 // offset and an axis swap that a synthetic recording's configuration does not state.
 #include "TestUtil.h"
-#include "common/ReplayError.h"
-#include "measure/Calibration.h"
-#include "synthetic/Synthetic.h"
-
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <memory>
-#include <string>
-#include <vector>
 
 namespace qlmr::replay {
 namespace {
@@ -43,11 +36,6 @@ CalibrationInput syntheticInput(const std::string& statedAxes, double statedOffs
     return replay_test::calibrationInput(*keep, 2, keep->gyro(), keep->configText());
 }
 
-CalibrationStats calibrateSynthetic(const std::string& statedAxes, double statedOffsetMs) {
-    std::unique_ptr<SyntheticRecording> rec;
-    return calibrate(syntheticInput(statedAxes, statedOffsetMs, rec));
-}
-
 // The pairs the replay's pixel measure registered (on lumas of its own width, the picture
 // scale taken from measuredWidth) instead of the lumas.
 void measureBefore(CalibrationInput& in) {
@@ -73,7 +61,7 @@ TEST(Calibration, FindsAnUnstatedOffsetAndNamesItAlsoFromPairsMeasuredBefore) {
     EXPECT_EQ(c.useAxes, "-y,-x,-z");
     EXPECT_DOUBLE_EQ(c.useOffsetMs, c.bestOffsetMs);
     ASSERT_EQ(c.warnings.size(), 1u);
-    EXPECT_NE(c.warnings[0].find("gyro time offset of 1"), std::string::npos) << c.warnings[0];
+    EXPECT_THAT(c.warnings[0], HasSubstr("gyro time offset of 1"));
     EXPECT_EQ(c.series.size(), static_cast<size_t>(c.pairs));
 
     measureBefore(in);
@@ -89,7 +77,8 @@ TEST(Calibration, FindsAnUnstatedOffsetAndNamesItAlsoFromPairsMeasuredBefore) {
 }
 
 TEST(Calibration, NamesTheAxesWhenTheConfigurationSwapsThem) {
-    const CalibrationStats c = calibrateSynthetic("-x,-y,z", 17.0);
+    std::unique_ptr<SyntheticRecording> rec;
+    const CalibrationStats c = calibrate(syntheticInput("-x,-y,z", 17.0, rec));
     ASSERT_TRUE(c.measured);
     EXPECT_LT(c.agreement, kPoorAgreement);
     EXPECT_EQ(c.bestAxes, "-y,-x,-z");
@@ -97,13 +86,11 @@ TEST(Calibration, NamesTheAxesWhenTheConfigurationSwapsThem) {
     std::string all;
     for (const std::string& w : c.warnings)
         all += w + "\n";
-    EXPECT_NE(all.find("agree poorly"), std::string::npos) << all;
+    EXPECT_THAT(all, HasSubstr("agree poorly"));
     EXPECT_TRUE(c.changed);
     EXPECT_EQ(c.useAxes, "-y,-x,-z");
-    EXPECT_NE(all.find("the gyro axes -y,-x,-z fit the image motion clearly better than the "
-                       "configured -x,-y,z"),
-              std::string::npos)
-        << all;
+    EXPECT_THAT(all, HasSubstr("the gyro axes -y,-x,-z fit the image motion clearly better than "
+                               "the configured -x,-y,z"));
 }
 
 TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndTwoPercent) {

@@ -1,11 +1,9 @@
 // Reading the engine's log: timing probe lines and the frame-fate lines, through liblog's
 // logger hook from several threads.
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "measure/EngineLog.h"
 
 #include <android/log.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <future>

@@ -1,21 +1,15 @@
 // The replay tool through the real engine (host camera, gyroscope, windows, llvmpipe) and our
 // stabilization library: the figures the tool promises, measured on its output pixels and on
 // the synthetic recording's ground truth.
-#include "TestUtil.h"
-#include "app/ReplayApp.h"
-#include "common/Interrupt.h"
-#include "common/ReplayError.h"
-#include "synthetic/Synthetic.h"
-
 #include "FinishesWithin.h"
+#include "TestUtil.h"
+#include "common/Interrupt.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
-#include <sstream>
 
 using namespace qlmr::replay;
 using replay_test::TempDir;

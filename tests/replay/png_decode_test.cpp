@@ -2,15 +2,12 @@
 // PNG is lossless, so every decoded byte must be the original one, whatever filter the writer
 // chose; files of other kinds go to libpng and must decode as before.
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "media/ImageIo.h"
 #include "media/PngDecode.h"
 
-#include <gtest/gtest.h>
 #include <png.h>
 
 #include <cstring>
-#include <string>
 #include <utility>
 #include <vector>
 

@@ -5,7 +5,6 @@
 #include "media/ImageIo.h"
 #include "report/Report.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <cmath>
@@ -14,21 +13,27 @@
 
 using namespace qlmr::replay;
 
-TEST(MetricsJson, WritesUnknownFiguresAsNull) {
+TEST(MetricsJson, WritesUnknownFiguresAsNullAndTheWarningsAndNotes) {
     ReplayMetrics m;
     m.inputDescription = "a \"quoted\" name\n";
     m.framesPerSurface = {3, 4};
     m.pixelJitterRatio = std::numeric_limits<double>::infinity();
     m.crop.minCropping = std::nan("");
+    m.warnings = {"12 input frame pairs could not be registered"};
+    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
+    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}};
     const auto j = nlohmann::json::parse(metricsJson(m));
     EXPECT_EQ(j["input"]["description"], m.inputDescription);
     EXPECT_EQ(j["frames"]["per_surface"], nlohmann::json({3, 4}));
     EXPECT_TRUE(j["pixel_motion"]["jitter_ratio"].is_null());
     EXPECT_TRUE(j["cropping"]["min_cropping"].is_null());
     EXPECT_TRUE(j["ground_truth"].is_null());  // no ground truth without a synthetic recording
+    EXPECT_EQ(j["notes"], nlohmann::json(m.notes));
+    EXPECT_EQ(j["warnings"], nlohmann::json(m.warnings));
+    EXPECT_EQ(j["engine_log"]["expected_lines"]["gyro_clock_ahead"], 1712);
 }
 
-TEST(Report, IsSelfContained) {
+TEST(Report, IsSelfContainedAndListsWarningsNotesAndEngineLinesApart) {
     EXPECT_EQ(base64({'M', 'a', 'n'}), "TWFu");
     EXPECT_EQ(base64({'M', 'a'}), "TWE=");
     EXPECT_EQ(base64({'M'}), "TQ==");
@@ -40,6 +45,10 @@ TEST(Report, IsSelfContained) {
     m.truth.actual.x = {0, 1};
     m.truth.actual.y = {0, 1};
     m.truth.actual.roll = {0, 1};
+    m.warnings = {"12 input frame pairs could not be registered"};
+    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
+    m.engine.warnings = 2;
+    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}, {"gl_buffer_setup", 3}};
     FramePair pair;
     pair.before = replay_test::gradient(32, 16);
     pair.after = replay_test::gradient(32, 16);
@@ -47,13 +56,13 @@ TEST(Report, IsSelfContained) {
         m, {pair},
         ReportContext{
             "qlmr_replay --dry-run", {{"metrics.json", "figures"}}, "vstab.lensK1=0.1 # <b>\n"});
-    EXPECT_NE(html.find("test &lt;input&gt;"), std::string::npos);
-    EXPECT_NE(html.find("vstab.lensK1=0.1 # &lt;b&gt;"), std::string::npos);  // the configuration
-    EXPECT_NE(html.find("data:image/jpeg;base64,/9j/"), std::string::npos);  // JPEG magic in base64
+    EXPECT_THAT(html, HasSubstr("test &lt;input&gt;"));
+    EXPECT_THAT(html, HasSubstr("vstab.lensK1=0.1 # &lt;b&gt;"));  // the configuration
+    EXPECT_THAT(html, HasSubstr("data:image/jpeg;base64,/9j/"));   // JPEG magic in base64
     // Everything is inline: no element loads a file or an address.
     for (const char* loads : {"src=\"http", "href=\"http", "<script src", "<link"})
         EXPECT_EQ(html.find(loads), std::string::npos) << loads;
-    EXPECT_NE(html.find("Residual jitter (ground truth)"), std::string::npos);
+    EXPECT_THAT(html, HasSubstr("Residual jitter (ground truth)"));
     // The plot data: three camera-path plots (with ground truth) and three from the pixels and
     // the latency; each div names its entry.
     const std::string open = "<script type=\"application/json\" id=\"plot-data\">";
@@ -62,35 +71,21 @@ TEST(Report, IsSelfContained) {
     const auto plots =
         nlohmann::json::parse(html.substr(begin, html.find("</script>", begin) - begin));
     ASSERT_EQ(plots.size(), 7u);
-    EXPECT_NE(html.find("<div class=\"plot\" data-plot=\"6\">"), std::string::npos);
+    EXPECT_THAT(html, HasSubstr("<div class=\"plot\" data-plot=\"6\">"));
     EXPECT_EQ(plots[0]["title"], "Camera path: horizontal (x)");
     EXPECT_EQ(plots[0]["series"][0]["y"], nlohmann::json({0, 1}));
     EXPECT_EQ(plots[0]["series"][2]["dashed"], true);  // the intended path
-}
-
-TEST(Report, ListsWarningsNotesAndEngineLinesApart) {
-    ReplayMetrics m;
-    m.warnings = {"12 input frame pairs could not be registered"};
-    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
-    m.engine.warnings = 2;
-    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}, {"gl_buffer_setup", 3}};
-    const std::string html = reportHtml(m, {}, ReportContext{});
+    // Each list holds its own lines only.
     const size_t warnings = html.find("<h2>Warnings</h2>");
     const size_t notes = html.find("<h2>Notes</h2>");
     ASSERT_NE(warnings, std::string::npos);
     ASSERT_NE(notes, std::string::npos);
-    // Each list holds its own lines only.
     const size_t warning = html.find(m.warnings[0]), note = html.find(m.notes[0]);
     EXPECT_TRUE(warning > warnings && (warning < notes || notes < warnings));
     EXPECT_TRUE(note > notes && (note < warnings || warnings < notes));
     EXPECT_EQ(html.find(m.notes[0], note + 1), std::string::npos);
-    EXPECT_NE(html.find("<td>2 / 0</td><td class=\"note\">expected lines, not counted: 3 "
-                        "gl_buffer_setup, 1712 gyro_clock_ahead</td>"),
-              std::string::npos);
-    const auto j = nlohmann::json::parse(metricsJson(m));
-    EXPECT_EQ(j["notes"], nlohmann::json(m.notes));
-    EXPECT_EQ(j["warnings"], nlohmann::json(m.warnings));
-    EXPECT_EQ(j["engine_log"]["expected_lines"]["gyro_clock_ahead"], 1712);
+    EXPECT_THAT(html, HasSubstr("<td>2 / 0</td><td class=\"note\">expected lines, not counted: 3 "
+                                "gl_buffer_setup, 1712 gyro_clock_ahead</td>"));
 }
 
 TEST(Report, QuotesTheCommandLineForTheShell) {
