@@ -83,34 +83,6 @@ TEST(PngFastDecoder, EveryFilterDecodesToTheOriginalBytes) {
     }
 }
 
-TEST(PngFastDecoder, OtherKindsAndDamageAreLeftToLibpng) {
-    const RgbImage src = noisy(24, 10);
-    PngFastDecoder decoder;
-    RgbImage out;
-    // Interlaced and grey files are not taken; ImageReader still decodes them through libpng.
-    const std::vector<uint8_t> interlaced = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, true);
-    const std::vector<uint8_t> grey = encode(src, PNG_COLOR_TYPE_GRAY, PNG_ALL_FILTERS, false);
-    EXPECT_FALSE(decoder.decode(interlaced.data(), interlaced.size(), out));
-    EXPECT_FALSE(decoder.decode(grey.data(), grey.size(), out));
-    replay_test::TempDir dir;
-    writeFile(dir.file("i.png"), interlaced.data(), interlaced.size());
-    EXPECT_EQ(readImage(dir.file("i.png")).data, src.data);
-
-    // One flipped byte inside the image data: the chunk's CRC no longer matches, the fast
-    // path declines, and libpng names the fault.
-    std::vector<uint8_t> damaged = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, false);
-    damaged[damaged.size() - 20] ^= 0x40;
-    EXPECT_FALSE(decoder.decode(damaged.data(), damaged.size(), out));
-    writeFile(dir.file("d.png"), damaged.data(), damaged.size());
-    EXPECT_THROW(readImage(dir.file("d.png")), ReplayError);
-    // Cut short: no IEND.
-    const std::vector<uint8_t> whole = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, false);
-    EXPECT_FALSE(decoder.decode(whole.data(), whole.size() - 12, out));
-    // The decoder is still good for the next frame.
-    ASSERT_TRUE(decoder.decode(whole.data(), whole.size(), out));
-    EXPECT_EQ(out.data, src.data);
-}
-
 namespace {
 
 // CRC-32 of PNG chunks (ISO 3309), bit by bit: the tests' damaged files keep valid CRCs where
@@ -145,13 +117,25 @@ size_t chunkAt(const std::vector<uint8_t>& png, const char* type) {
 
 }  // namespace
 
-TEST(PngFastDecoder, DamagedFilesFailOnBothPaths) {
-    // Each damage for a file the fast path takes (RGB) and one it leaves to libpng (interlaced).
+// Interlaced and grey files are not taken (libpng decodes them); damage fails on both paths:
+// each damage for a file the fast path takes (RGB) and one it leaves to libpng (interlaced),
+// and the fast path stays good for the next frame.
+TEST(PngFastDecoder, OtherKindsAndDamageAreLeftToLibpng) {
     const RgbImage src = noisy(24, 10);
+    PngFastDecoder decoder;
+    RgbImage out;
     replay_test::TempDir dir;
+    const std::vector<uint8_t> grey = encode(src, PNG_COLOR_TYPE_GRAY, PNG_ALL_FILTERS, false);
+    EXPECT_FALSE(decoder.decode(grey.data(), grey.size(), out));
     for (const bool interlaced : {false, true}) {
         const std::vector<uint8_t> good =
             encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, interlaced);
+        EXPECT_EQ(decoder.decode(good.data(), good.size(), out), !interlaced);
+        writeFile(dir.file("i.png"), good.data(), good.size());
+        EXPECT_EQ(readImage(dir.file("i.png")).data, src.data);
+        // One flipped byte inside the image data: the chunk's CRC no longer matches.
+        std::vector<uint8_t> flipped = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, interlaced);
+        flipped[flipped.size() - 20] ^= 0x40;
         // An ancillary chunk whose CRC is wrong (libpng's default drops it with a warning).
         std::vector<uint8_t> ancillary = good;
         const uint8_t text[] = {0, 0, 0, 4, 't', 'E', 'X', 't', 'a', 0, 'b', 'c', 1, 2, 3, 4};
@@ -163,14 +147,23 @@ TEST(PngFastDecoder, DamagedFilesFailOnBothPaths) {
         const size_t length = chunkAt(adler, "IEND") - idat - 12;
         adler[idat + 8 + length - 1] ^= 0x01;
         putBigEndian(&adler[idat + 8 + length], crc32(&adler[idat + 4], length + 4));
-        // Cut short inside the image data.
+        // Cut short inside the image data, and without IEND.
         const std::vector<uint8_t> cut(good.begin(), good.begin() + static_cast<long>(idat + 30));
+        const std::vector<uint8_t> noEnd(good.begin(), good.end() - 12);
         const std::pair<const char*, const std::vector<uint8_t>*> cases[] = {
-            {"ancillary chunk CRC", &ancillary}, {"zlib checksum", &adler}, {"cut short", &cut}};
+            {"flipped byte", &flipped},
+            {"ancillary chunk CRC", &ancillary},
+            {"zlib checksum", &adler},
+            {"cut short", &cut},
+            {"no IEND", &noEnd}};
         for (const auto& [what, damaged] : cases) {
+            EXPECT_FALSE(decoder.decode(damaged->data(), damaged->size(), out)) << what;
             writeFile(dir.file("d.png"), damaged->data(), damaged->size());
             EXPECT_THROW(readImage(dir.file("d.png")), ReplayError)
                 << what << (interlaced ? ", interlaced" : "");
         }
     }
+    const std::vector<uint8_t> whole = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, false);
+    ASSERT_TRUE(decoder.decode(whole.data(), whole.size(), out));
+    EXPECT_EQ(out.data, src.data);
 }
