@@ -13,19 +13,6 @@
 using namespace qlmr::replay;
 using replay_test::TempDir;
 
-namespace {
-RgbImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b) {
-    RgbImage img;
-    img.resize(w, h);
-    for (size_t i = 0; i < img.data.size(); i += 3) {
-        img.data[i] = r;
-        img.data[i + 1] = g;
-        img.data[i + 2] = b;
-    }
-    return img;
-}
-}  // namespace
-
 TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
     struct Case {
         uint8_t r, g, b, y, u, v;
@@ -39,9 +26,14 @@ TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
         EXPECT_EQ(rgbToY(c.r, c.g, c.b), c.y);
         EXPECT_EQ(rgbToU(c.r, c.g, c.b), c.u);
         EXPECT_EQ(rgbToV(c.r, c.g, c.b), c.v);
+        const uint8_t rgb[3] = {c.r, c.g, c.b};
+        RgbImage solid;
+        solid.resize(2, 2);
+        for (size_t i = 0; i < solid.data.size(); i += 3)
+            std::copy(rgb, rgb + 3, &solid.data[i]);
         Nv21Image nv;
         nv.resize(2, 2);
-        rgbToNv21(solid(2, 2, c.r, c.g, c.b), nv);
+        rgbToNv21(solid, nv);
         EXPECT_NEAR(nv.y()[0], c.y, 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
         // NV21 stores V first, then U.
         EXPECT_NEAR(nv.vu()[0], c.v, 1);
@@ -178,7 +170,7 @@ TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
     EXPECT_THROW(reader.readNv21(dir.file("cut.jpg"), direct), ReplayError);
 }
 
-TEST(Y4m, WritesAndReadsFramesExactly) {
+TEST(Y4m, WritesAndReadsFramesExactlyAndRejectsTruncatedAndUnsupportedStreams) {
     TempDir dir;
     const std::string path = dir.file("v.y4m");
     I420Image f;
@@ -206,18 +198,14 @@ TEST(Y4m, WritesAndReadsFramesExactly) {
         EXPECT_EQ(g.data[5], static_cast<uint8_t>(5 * 7 + k));
     }
     EXPECT_FALSE(r.read(g));
-}
 
-TEST(Y4m, RejectsTruncatedAndUnsupportedStreams) {
-    TempDir dir;
-    std::string text = "YUV4MPEG2 W4 H2 F25:1 C420jpeg\nFRAME\n" + std::string(12, 'a') +
-                       "FRAME\n" + std::string(5, 'b');
+    const std::string text = "YUV4MPEG2 W4 H2 F25:1 C420jpeg\nFRAME\n" + std::string(12, 'a') +
+                             "FRAME\n" + std::string(5, 'b');
     replay_test::writeText(dir.file("cut.y4m"), text);
-    Y4mReader r;
-    r.open(dir.file("cut.y4m"));
-    I420Image g;
-    EXPECT_TRUE(r.read(g));
-    EXPECT_THAT(replay_test::errorOf([&] { r.read(g); }), HasSubstr("truncated"));
+    Y4mReader cut;
+    cut.open(dir.file("cut.y4m"));
+    EXPECT_TRUE(cut.read(g));
+    EXPECT_THAT(replay_test::errorOf([&] { cut.read(g); }), HasSubstr("truncated"));
     replay_test::writeText(dir.file("444.y4m"), "YUV4MPEG2 W4 H2 F25:1 C444\n");
     EXPECT_THROW(Y4mReader().open(dir.file("444.y4m")), ReplayError);
     replay_test::writeText(dir.file("odd.y4m"), "YUV4MPEG2 W5 H2 F25:1\n");
