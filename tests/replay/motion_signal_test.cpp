@@ -185,16 +185,13 @@ TEST(WorkerPool, CoversEveryIndexOnceAndIsReusable) {
     auto run = [] {
         WorkerPool pool(3);
         std::vector<std::atomic<int>> hits(1000);
-        struct Ctx {
-            std::vector<std::atomic<int>>* hits;
-        } ctx{&hits};
         for (int round = 0; round < 50; ++round) {
             pool.run(
-                [](void* c, int b, int e) {
+                [](void* h, int b, int e) {
                     for (int i = b; i < e; ++i)
-                        (*static_cast<Ctx*>(c)->hits)[static_cast<size_t>(i)]++;
+                        (*static_cast<std::vector<std::atomic<int>>*>(h))[static_cast<size_t>(i)]++;
                 },
-                &ctx, round % 2 ? 1000 : 7);
+                &hits, round % 2 ? 1000 : 7);
         }
         int total = 0;
         for (auto& h : hits)

@@ -68,20 +68,18 @@ class OracleSession : public ReplaySession {
     SyntheticOptions options_;
 };
 
-// The pass-through session, failing as told once `after` frames have been delivered.
-class FailingSession : public ReplaySession {
-  public:
-    FailingSession(int after, bool interrupt) : after_(after), interrupt_(interrupt) {}
+// The pass-through session, failing (or interrupted) once 10 frames have been delivered.
+struct FailingSession : ReplaySession {
+    explicit FailingSession(bool interrupt) : interrupt(interrupt) {}
     const char* name() const override { return "failing"; }
     SessionResult run(FrameSource& frames, const std::vector<GyroSample>& gyro,
                       const SessionConfig& config, SessionObserver& observer) override {
         struct Tripwire : SessionObserver {
             SessionObserver* inner;
-            int after;
             bool interrupt;
             void onFrameDelivered(int i, int64_t t, const Nv21Image& f) override {
                 inner->onFrameDelivered(i, t, f);
-                if (i + 1 < after)
+                if (i + 1 < 10)
                     return;
                 if (!interrupt)
                     throw ReplayError("the engine stopped taking frames");
@@ -92,14 +90,10 @@ class FailingSession : public ReplaySession {
             }
         } tripwire;
         tripwire.inner = &observer;
-        tripwire.after = after_;
-        tripwire.interrupt = interrupt_;
+        tripwire.interrupt = interrupt;
         return makePassThroughSession()->run(frames, gyro, config, tripwire);
     }
-
-  private:
-    int after_;
-    bool interrupt_;
+    bool interrupt;
 };
 
 // Every file under a folder (hidden ones too) with its content; a folder is "name/".
@@ -216,7 +210,7 @@ TEST(ReplayApp, FailedOrInterruptedRunLeavesTheEarlierOutputsAsTheyWere) {
     o.sideBySide = true;
     o.y4m = true;
     for (const bool interrupt : {true, false}) {
-        FailingSession failing(10, interrupt);
+        FailingSession failing(interrupt);
         if (interrupt)
             EXPECT_THROW(runReplay(o, failing, log), Interrupted);
         else
