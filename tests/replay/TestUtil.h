@@ -9,6 +9,7 @@
 #include "media/Y4m.h"
 #include "synthetic/Synthetic.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -17,6 +18,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+
+using ::testing::HasSubstr;  // a sentence inside a text, shown whole when it is missing
 
 namespace replay_test {
 

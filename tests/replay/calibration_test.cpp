@@ -1,16 +1,8 @@
 // Gyro calibration from the pictures: the configuration rewrite, and the search finding an
 // offset and an axis swap that a synthetic recording's configuration does not state.
 #include "TestUtil.h"
-#include "common/ReplayError.h"
-#include "measure/Calibration.h"
-#include "synthetic/Synthetic.h"
-
-#include <gtest/gtest.h>
 
 #include <cmath>
-#include <memory>
-#include <string>
-#include <vector>
 
 namespace qlmr::replay {
 namespace {
@@ -31,36 +23,16 @@ TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
               "vstab.gyroTimeOffsetNs=-3000000\nvstab.gyroAxes=x,y,z\n");
 }
 
-// A short synthetic walk (true gyro offset 17 ms) whose configuration states `statedAxes`
-// and `statedOffsetMs`, ready to calibrate from its lumas.
-CalibrationInput syntheticInput(const std::string& statedAxes, double statedOffsetMs,
-                                std::unique_ptr<SyntheticRecording>& keep) {
+// A short synthetic walk (true gyro offset 17 ms) calibrated under configurations that state
+// a wrong offset, swapped axes, and the true values; from its lumas, and from the pairs the
+// replay's pixel measure registered (the picture scale taken from measuredWidth).
+TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly) {
     SyntheticOptions o = replay_test::walk(640, 360, 4);
     o.gyro.timeOffsetNs = 17000000;
-    o.statedGyroAxes = statedAxes;
-    o.statedGyroOffsetMs = statedOffsetMs;
-    keep = std::make_unique<SyntheticRecording>(o);
-    return replay_test::calibrationInput(*keep, 2, keep->gyro(), keep->configText());
-}
-
-CalibrationStats calibrateSynthetic(const std::string& statedAxes, double statedOffsetMs) {
-    std::unique_ptr<SyntheticRecording> rec;
-    return calibrate(syntheticInput(statedAxes, statedOffsetMs, rec));
-}
-
-// The pairs the replay's pixel measure registered (on lumas of its own width, the picture
-// scale taken from measuredWidth) instead of the lumas.
-void measureBefore(CalibrationInput& in) {
-    std::vector<double> times;
-    for (int64_t t : in.timestampsNs)
-        times.push_back(t * 1e-9);
-    in.motion = measureFrameMotion(in.lumas, times, 2);
-    in.measuredWidth = in.lumas.front().width;
-}
-
-TEST(Calibration, FindsAnUnstatedOffsetAndNamesItAlsoFromPairsMeasuredBefore) {
-    std::unique_ptr<SyntheticRecording> rec;
-    CalibrationInput in = syntheticInput("", 2.0, rec);
+    SyntheticRecording rec(o);
+    const std::string config = rec.configText();
+    CalibrationInput in =
+        replay_test::calibrationInput(rec, 2, rec.gyro(), withCalibration(config, "-y,-x,-z", 2.0));
     const CalibrationStats c = calibrate(in);
     ASSERT_TRUE(c.measured);
     EXPECT_EQ(c.statedAxes, "-y,-x,-z");
@@ -73,10 +45,14 @@ TEST(Calibration, FindsAnUnstatedOffsetAndNamesItAlsoFromPairsMeasuredBefore) {
     EXPECT_EQ(c.useAxes, "-y,-x,-z");
     EXPECT_DOUBLE_EQ(c.useOffsetMs, c.bestOffsetMs);
     ASSERT_EQ(c.warnings.size(), 1u);
-    EXPECT_NE(c.warnings[0].find("gyro time offset of 1"), std::string::npos) << c.warnings[0];
+    EXPECT_THAT(c.warnings[0], HasSubstr("gyro time offset of 1"));
     EXPECT_EQ(c.series.size(), static_cast<size_t>(c.pairs));
 
-    measureBefore(in);
+    std::vector<double> times;
+    for (int64_t t : in.timestampsNs)
+        times.push_back(t * 1e-9);
+    in.motion = measureFrameMotion(in.lumas, times, 2);
+    in.measuredWidth = in.lumas.front().width;
     in.lumas.clear();
     const CalibrationStats shared = calibrate(in);
     ASSERT_TRUE(shared.measured);
@@ -86,24 +62,48 @@ TEST(Calibration, FindsAnUnstatedOffsetAndNamesItAlsoFromPairsMeasuredBefore) {
     EXPECT_EQ(shared.bestAxes, c.bestAxes);
     EXPECT_DOUBLE_EQ(shared.bestOffsetMs, c.bestOffsetMs);
     EXPECT_EQ(shared.warnings, c.warnings);
-}
 
-TEST(Calibration, NamesTheAxesWhenTheConfigurationSwapsThem) {
-    const CalibrationStats c = calibrateSynthetic("-x,-y,z", 17.0);
-    ASSERT_TRUE(c.measured);
-    EXPECT_LT(c.agreement, kPoorAgreement);
-    EXPECT_EQ(c.bestAxes, "-y,-x,-z");
-    EXPECT_GT(c.bestAgreement, 0.9);
+    in.configText = withCalibration(config, "-x,-y,z", 17.0);
+    const CalibrationStats swapped = calibrate(in);
+    ASSERT_TRUE(swapped.measured);
+    EXPECT_LT(swapped.agreement, kPoorAgreement);
+    EXPECT_EQ(swapped.bestAxes, "-y,-x,-z");
+    EXPECT_GT(swapped.bestAgreement, 0.9);
     std::string all;
-    for (const std::string& w : c.warnings)
+    for (const std::string& w : swapped.warnings)
         all += w + "\n";
-    EXPECT_NE(all.find("agree poorly"), std::string::npos) << all;
-    EXPECT_TRUE(c.changed);
-    EXPECT_EQ(c.useAxes, "-y,-x,-z");
-    EXPECT_NE(all.find("the gyro axes -y,-x,-z fit the image motion clearly better than the "
-                       "configured -x,-y,z"),
-              std::string::npos)
-        << all;
+    EXPECT_THAT(all, HasSubstr("agree poorly"));
+    EXPECT_TRUE(swapped.changed);
+    EXPECT_EQ(swapped.useAxes, "-y,-x,-z");
+    EXPECT_THAT(all, HasSubstr("the gyro axes -y,-x,-z fit the image motion clearly better than "
+                               "the configured -x,-y,z"));
+
+    in.configText = withCalibration(config, "-y,-x,-z", 17.0);
+    const CalibrationStats clean = calibrate(in);
+    ASSERT_TRUE(clean.measured);
+    EXPECT_GT(clean.agreement, 0.95);
+    EXPECT_TRUE(clean.warnings.empty()) << clean.warnings.front();
+    EXPECT_TRUE(clean.configWarnings.empty());
+    // The best fit lies a fraction of a millisecond away, within the noise: nothing changes.
+    EXPECT_FALSE(clean.changed);
+    EXPECT_EQ(clean.useAxes, "-y,-x,-z");
+    EXPECT_DOUBLE_EQ(clean.useOffsetMs, 17.0);
+    EXPECT_EQ(clean.verdict.find("the configured axes -y,-x,-z and offset 17.00 ms are kept"), 0u)
+        << clean.verdict;
+    ASSERT_EQ(clean.outlierPairs, 0);
+    // A spike within the sensor's range, and one pair whose registration went astray.
+    std::vector<GyroSample> gyro = rec.gyro();
+    gyro[gyro.size() / 2].x = 30;
+    in.gyro = &gyro;
+    in.motion[10].tx += 40;
+    const CalibrationStats wild = calibrate(in);
+    EXPECT_GE(wild.outlierPairs, 2);
+    EXPECT_LE(wild.outlierPairs, 4);
+    EXPECT_NEAR(wild.agreement, clean.agreement, 0.01);
+    EXPECT_LT(wild.statedRmsPx, 1.2 * clean.statedRmsPx);
+    EXPECT_EQ(wild.bestAxes, "-y,-x,-z");
+    EXPECT_NEAR(wild.bestOffsetMs, 17.0, 1.5);
+    EXPECT_TRUE(wild.warnings.empty()) << wild.warnings.front();
 }
 
 TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndTwoPercent) {
@@ -155,38 +155,6 @@ TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
     const std::vector<AlignmentScore> ranked = rankAlignments(motion, gyro, search);
     EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
     EXPECT_NEAR(ranked[0].offsetMs, 7.37, 0.01);
-}
-
-TEST(Calibration, CorrectValuesAgreeWithoutWarningsEvenWithAWildSampleOrPair) {
-    std::unique_ptr<SyntheticRecording> rec;
-    CalibrationInput in = syntheticInput("", 17.0, rec);
-    measureBefore(in);
-    const CalibrationStats clean = calibrate(in);
-    ASSERT_TRUE(clean.measured);
-    EXPECT_GT(clean.agreement, 0.95);
-    EXPECT_TRUE(clean.warnings.empty()) << clean.warnings.front();
-    EXPECT_TRUE(clean.configWarnings.empty());
-    // The best fit lies a fraction of a millisecond away, within the noise: nothing changes.
-    EXPECT_FALSE(clean.changed);
-    EXPECT_EQ(clean.useAxes, "-y,-x,-z");
-    EXPECT_DOUBLE_EQ(clean.useOffsetMs, 17.0);
-    EXPECT_EQ(clean.verdict.find("the configured axes -y,-x,-z and offset 17.00 ms are kept"), 0u)
-        << clean.verdict;
-    ASSERT_EQ(clean.outlierPairs, 0);
-    // A spike within the sensor's range, and one pair whose registration went astray.
-    std::vector<GyroSample> gyro = rec->gyro();
-    const size_t mid = gyro.size() / 2;
-    gyro[mid].x = 30;
-    in.gyro = &gyro;
-    in.motion[10].tx += 40;
-    const CalibrationStats c = calibrate(in);
-    EXPECT_GE(c.outlierPairs, 2);
-    EXPECT_LE(c.outlierPairs, 4);
-    EXPECT_NEAR(c.agreement, clean.agreement, 0.01);
-    EXPECT_LT(c.statedRmsPx, 1.2 * clean.statedRmsPx);
-    EXPECT_EQ(c.bestAxes, "-y,-x,-z");
-    EXPECT_NEAR(c.bestOffsetMs, 17.0, 1.5);
-    EXPECT_TRUE(c.warnings.empty()) << c.warnings.front();
 }
 
 TEST(Calibration, OutliersAreFarBeyondTheMedianSpread) {

@@ -1,33 +1,24 @@
-// Colour conversion, picture files, Y4M streams and composition.
+// Colour conversion, picture files, Y4M streams and composition; the PNG fast path (libdeflate and
+// our own unfiltering) against the pictures it was given: PNG is lossless, so every decoded byte
+// must be the original one, whatever filter the writer chose; other kinds go to libpng.
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "media/ColorConvert.h"
 #include "media/ImageIo.h"
-#include "media/Y4m.h"
+#include "media/PngDecode.h"
 #include "output/Compose.h"
 
-#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <png.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 using namespace qlmr::replay;
 using replay_test::TempDir;
-
-namespace {
-RgbImage solid(int w, int h, uint8_t r, uint8_t g, uint8_t b) {
-    RgbImage img;
-    img.resize(w, h);
-    for (size_t i = 0; i < img.data.size(); i += 3) {
-        img.data[i] = r;
-        img.data[i + 1] = g;
-        img.data[i + 2] = b;
-    }
-    return img;
-}
-}  // namespace
 
 TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
     struct Case {
@@ -42,9 +33,14 @@ TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
         EXPECT_EQ(rgbToY(c.r, c.g, c.b), c.y);
         EXPECT_EQ(rgbToU(c.r, c.g, c.b), c.u);
         EXPECT_EQ(rgbToV(c.r, c.g, c.b), c.v);
+        const uint8_t rgb[3] = {c.r, c.g, c.b};
+        RgbImage solid;
+        solid.resize(2, 2);
+        for (size_t i = 0; i < solid.data.size(); i += 3)
+            std::copy(rgb, rgb + 3, &solid.data[i]);
         Nv21Image nv;
         nv.resize(2, 2);
-        rgbToNv21(solid(2, 2, c.r, c.g, c.b), nv);
+        rgbToNv21(solid, nv);
         EXPECT_NEAR(nv.y()[0], c.y, 1) << int(c.r) << "," << int(c.g) << "," << int(c.b);
         // NV21 stores V first, then U.
         EXPECT_NEAR(nv.vu()[0], c.v, 1);
@@ -181,7 +177,7 @@ TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
     EXPECT_THROW(reader.readNv21(dir.file("cut.jpg"), direct), ReplayError);
 }
 
-TEST(Y4m, WritesAndReadsFramesExactly) {
+TEST(Y4m, WritesAndReadsFramesExactlyAndRejectsTruncatedAndUnsupportedStreams) {
     TempDir dir;
     const std::string path = dir.file("v.y4m");
     I420Image f;
@@ -209,22 +205,44 @@ TEST(Y4m, WritesAndReadsFramesExactly) {
         EXPECT_EQ(g.data[5], static_cast<uint8_t>(5 * 7 + k));
     }
     EXPECT_FALSE(r.read(g));
-}
 
-TEST(Y4m, RejectsTruncatedAndUnsupportedStreams) {
-    TempDir dir;
-    std::string text = "YUV4MPEG2 W4 H2 F25:1 C420jpeg\nFRAME\n" + std::string(12, 'a') +
-                       "FRAME\n" + std::string(5, 'b');
+    const std::string text = "YUV4MPEG2 W4 H2 F25:1 C420jpeg\nFRAME\n" + std::string(12, 'a') +
+                             "FRAME\n" + std::string(5, 'b');
     replay_test::writeText(dir.file("cut.y4m"), text);
-    Y4mReader r;
-    r.open(dir.file("cut.y4m"));
-    I420Image g;
-    EXPECT_TRUE(r.read(g));
-    EXPECT_NE(replay_test::errorOf([&] { r.read(g); }).find("truncated"), std::string::npos);
+    Y4mReader cut;
+    cut.open(dir.file("cut.y4m"));
+    EXPECT_TRUE(cut.read(g));
+    EXPECT_THAT(replay_test::errorOf([&] { cut.read(g); }), HasSubstr("truncated"));
     replay_test::writeText(dir.file("444.y4m"), "YUV4MPEG2 W4 H2 F25:1 C444\n");
     EXPECT_THROW(Y4mReader().open(dir.file("444.y4m")), ReplayError);
     replay_test::writeText(dir.file("odd.y4m"), "YUV4MPEG2 W5 H2 F25:1\n");
     EXPECT_THROW(Y4mReader().open(dir.file("odd.y4m")), ReplayError);
+}
+
+// On 32-bit ARM a long file offset ends at 2 GiB. The file is sparse (only the headers are
+// written), so it takes no room and no time.
+TEST(Y4m, SkipsFramesPastTwoGibibytes) {
+    TempDir dir;
+    const std::string path = dir.file("large.y4m");
+    const std::string header = "YUV4MPEG2 W16384 H16384 F30:1 C420jpeg\n";
+    const off_t frameBytes = off_t{16384} * 16384 * 3 / 2;
+    const int frames = 6;  // 2.4 GB
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(fd, 0);
+    off_t at = 0;
+    ASSERT_EQ(pwrite(fd, header.data(), header.size(), at), static_cast<ssize_t>(header.size()));
+    at += static_cast<off_t>(header.size());
+    for (int k = 0; k < frames; ++k, at += 6 + frameBytes)
+        ASSERT_EQ(pwrite(fd, "FRAME\n", 6, at), 6);
+    ASSERT_EQ(ftruncate(fd, at), 0);
+    ::close(fd);
+    ASSERT_GT(at, off_t{1} << 31);
+
+    Y4mReader reader;
+    reader.open(path);
+    for (int k = 0; k < frames; ++k)
+        ASSERT_TRUE(reader.skip()) << "frame " << k;
+    EXPECT_FALSE(reader.skip());
 }
 
 TEST(Compose, SideBySidePlacesBothPicturesWithAGap) {
@@ -245,4 +263,159 @@ TEST(Compose, SideBySidePlacesBothPicturesWithAGap) {
     EXPECT_EQ(out.y()[3 * w + 7], 50);
     EXPECT_EQ(out.u()[w / 2 - 1], 200);
     EXPECT_EQ(out.u()[4], 128);
+}
+
+namespace {
+
+// An RGB picture with noise, so that each filter leaves non-trivial residuals.
+RgbImage noisy(int w, int h) {
+    RgbImage img = replay_test::gradient(w, h);
+    uint32_t state = 12345;
+    for (uint8_t& v : img.data) {
+        state = state * 1664525u + 1013904223u;
+        v = static_cast<uint8_t>(v + (state >> 28));
+    }
+    return img;
+}
+
+void appendBytes(png_structp png, png_bytep data, png_size_t n) {
+    auto* out = static_cast<std::vector<uint8_t>*>(png_get_io_ptr(png));
+    out->insert(out->end(), data, data + n);
+}
+void noFlush(png_structp) {}
+
+// `image` as a PNG of colour type `colour` (RGB, RGBA with alpha 200, or grey from the red
+// channel) with every row written through `filters` (PNG_FILTER_* bits), optionally interlaced.
+std::vector<uint8_t> encode(const RgbImage& image, int colour, int filters, bool interlaced) {
+    std::vector<uint8_t> out;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
+    png_infop info = png_create_info_struct(png);
+    png_set_write_fn(png, &out, appendBytes, noFlush);
+    png_set_IHDR(png, info, image.width, image.height, 8, colour,
+                 interlaced ? PNG_INTERLACE_ADAM7 : PNG_INTERLACE_NONE,
+                 PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
+    png_set_filter(png, PNG_FILTER_TYPE_BASE, filters);
+    png_write_info(png, info);
+    const int channels = colour == PNG_COLOR_TYPE_RGB_ALPHA ? 4
+                         : colour == PNG_COLOR_TYPE_GRAY    ? 1
+                                                            : 3;
+    std::vector<uint8_t> rows(static_cast<size_t>(image.width) * channels * image.height);
+    std::vector<png_bytep> pointers;
+    for (int y = 0; y < image.height; ++y) {
+        uint8_t* row = rows.data() + static_cast<size_t>(y) * image.width * channels;
+        for (int x = 0; x < image.width; ++x) {
+            const uint8_t* p = image.row(y) + 3 * x;
+            for (int c = 0; c < channels; ++c)
+                row[x * channels + c] = c < 3 ? p[c] : 200;
+        }
+        pointers.push_back(row);
+    }
+    png_write_image(png, pointers.data());
+    png_write_end(png, nullptr);
+    png_destroy_write_struct(&png, &info);
+    return out;
+}
+
+}  // namespace
+
+TEST(PngFastDecoder, EveryFilterDecodesToTheOriginalBytes) {
+    const RgbImage src = noisy(37, 11);  // odd width: no row is a whole number of vectors
+    PngFastDecoder decoder;
+    for (const int colour : {PNG_COLOR_TYPE_RGB, PNG_COLOR_TYPE_RGB_ALPHA}) {
+        for (const int filters : {PNG_FILTER_NONE, PNG_FILTER_SUB, PNG_FILTER_UP, PNG_FILTER_AVG,
+                                  PNG_FILTER_PAETH, PNG_ALL_FILTERS}) {
+            const std::vector<uint8_t> file = encode(src, colour, filters, false);
+            RgbImage out;
+            ASSERT_TRUE(decoder.decode(file.data(), file.size(), out))
+                << "colour " << colour << " filters " << filters;
+            EXPECT_EQ(out.width, src.width);
+            EXPECT_EQ(out.height, src.height);
+            EXPECT_EQ(out.data, src.data) << "colour " << colour << " filters " << filters;
+        }
+    }
+}
+
+namespace {
+
+// CRC-32 of PNG chunks (ISO 3309), bit by bit: the tests' damaged files keep valid CRCs where
+// the damage must reach the check behind them.
+uint32_t crc32(const uint8_t* p, size_t n) {
+    uint32_t c = 0xFFFFFFFFu;
+    for (size_t i = 0; i < n; ++i) {
+        c ^= p[i];
+        for (int k = 0; k < 8; ++k)
+            c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+    }
+    return ~c;
+}
+
+void putBigEndian(uint8_t* p, uint32_t v) {
+    p[0] = static_cast<uint8_t>(v >> 24);
+    p[1] = static_cast<uint8_t>(v >> 16);
+    p[2] = static_cast<uint8_t>(v >> 8);
+    p[3] = static_cast<uint8_t>(v);
+}
+
+// Offset of the first chunk of `type` in a PNG file.
+size_t chunkAt(const std::vector<uint8_t>& png, const char* type) {
+    for (size_t at = 8; at + 12 <= png.size();) {
+        if (std::memcmp(png.data() + at + 4, type, 4) == 0)
+            return at;
+        at += 12 + ((size_t(png[at]) << 24) | (size_t(png[at + 1]) << 16) |
+                    (size_t(png[at + 2]) << 8) | png[at + 3]);
+    }
+    return std::string::npos;
+}
+
+}  // namespace
+
+// Interlaced and grey files are not taken (libpng decodes them); damage fails on both paths:
+// each damage for a file the fast path takes (RGB) and one it leaves to libpng (interlaced),
+// and the fast path stays good for the next frame.
+TEST(PngFastDecoder, OtherKindsAndDamageAreLeftToLibpng) {
+    const RgbImage src = noisy(24, 10);
+    PngFastDecoder decoder;
+    RgbImage out;
+    replay_test::TempDir dir;
+    const std::vector<uint8_t> grey = encode(src, PNG_COLOR_TYPE_GRAY, PNG_ALL_FILTERS, false);
+    EXPECT_FALSE(decoder.decode(grey.data(), grey.size(), out));
+    for (const bool interlaced : {false, true}) {
+        const std::vector<uint8_t> good =
+            encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, interlaced);
+        EXPECT_EQ(decoder.decode(good.data(), good.size(), out), !interlaced);
+        writeFile(dir.file("i.png"), good.data(), good.size());
+        EXPECT_EQ(readImage(dir.file("i.png")).data, src.data);
+        // One flipped byte inside the image data: the chunk's CRC no longer matches.
+        std::vector<uint8_t> flipped = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, interlaced);
+        flipped[flipped.size() - 20] ^= 0x40;
+        // An ancillary chunk whose CRC is wrong (libpng's default drops it with a warning).
+        std::vector<uint8_t> ancillary = good;
+        const uint8_t text[] = {0, 0, 0, 4, 't', 'E', 'X', 't', 'a', 0, 'b', 'c', 1, 2, 3, 4};
+        ancillary.insert(ancillary.begin() + static_cast<long>(chunkAt(good, "IDAT")), text,
+                         text + sizeof text);
+        // The image data's zlib checksum (its last 4 bytes) wrong, the chunk's CRC made right.
+        std::vector<uint8_t> adler = good;
+        const size_t idat = chunkAt(adler, "IDAT");
+        const size_t length = chunkAt(adler, "IEND") - idat - 12;
+        adler[idat + 8 + length - 1] ^= 0x01;
+        putBigEndian(&adler[idat + 8 + length], crc32(&adler[idat + 4], length + 4));
+        // Cut short inside the image data, and without IEND.
+        const std::vector<uint8_t> cut(good.begin(), good.begin() + static_cast<long>(idat + 30));
+        const std::vector<uint8_t> noEnd(good.begin(), good.end() - 12);
+        const std::pair<const char*, const std::vector<uint8_t>*> cases[] = {
+            {"flipped byte", &flipped},
+            {"ancillary chunk CRC", &ancillary},
+            {"zlib checksum", &adler},
+            {"cut short", &cut},
+            {"no IEND", &noEnd}};
+        for (const auto& [what, damaged] : cases) {
+            EXPECT_FALSE(decoder.decode(damaged->data(), damaged->size(), out)) << what;
+            writeFile(dir.file("d.png"), damaged->data(), damaged->size());
+            EXPECT_THROW(readImage(dir.file("d.png")), ReplayError)
+                << what << (interlaced ? ", interlaced" : "");
+        }
+    }
+    const std::vector<uint8_t> whole = encode(src, PNG_COLOR_TYPE_RGB, PNG_ALL_FILTERS, false);
+    ASSERT_TRUE(decoder.decode(whole.data(), whole.size(), out));
+    EXPECT_EQ(out.data, src.data);
 }

@@ -86,26 +86,17 @@ TEST(MotionEstimator, RecoversKnownSimilarities) {
     }
 }
 
-TEST(MotionEstimator, RefusesPicturesThatDoNotFit) {
-    MotionEstimator est;
-    GrayImage a, b;
-    a.resize(100, 100);
-    b.resize(90, 100);
-    EXPECT_FALSE(est.estimate(a, b, Similarity{}, MotionOptions{}).ok);
-    b.resize(20, 20);
-    a.resize(20, 20);
-    EXPECT_FALSE(est.estimate(a, b, Similarity{}, MotionOptions{}).ok);
-}
-
 TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
     // A chain of three frames (the middle one shared by two pairs, its pyramid kept), then a
-    // zoomed pair, then pictures of different sizes, on one thread and on two.
+    // zoomed pair, then pictures of different sizes and ones too small, on one thread and on
+    // two.
     const GrayImage a = texture(320, 200);
     const GrayImage b = warped(a, {1.0, 0.0, 2.5, -1.25});
     const GrayImage c = warped(a, {1.0, 0.01, -3.0, 4.0});
     const GrayImage zoomed = warped(a, {0.8, 0.0, 1.0, 2.0});
-    GrayImage other;
+    GrayImage other, tiny;
     other.resize(300, 200);
+    tiny.resize(20, 20);
     MotionOptions plain;
     MotionOptions scaled;
     scaled.scales = {1.0, 0.8};
@@ -113,9 +104,10 @@ TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
         std::vector<PairRegistration> jobs = {{&a, &b, {}, &plain, {}},
                                               {&b, &c, {}, &plain, {}},
                                               {&a, &zoomed, {}, &scaled, {}},
-                                              {&a, &other, {}, &plain, {}}};
+                                              {&a, &other, {}, &plain, {}},
+                                              {&tiny, &tiny, {}, &plain, {}}};
         registerPairs(jobs, threads);
-        for (size_t i = 0; i + 1 < jobs.size(); ++i) {
+        for (size_t i = 0; i < 3; ++i) {
             MotionEstimator fresh;
             const MotionEstimate e =
                 fresh.estimate(*jobs[i].reference, *jobs[i].moving, {}, *jobs[i].options);
@@ -128,6 +120,7 @@ TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
         EXPECT_NEAR(jobs[1].result.motion.tx, -3.0 - 2.5, 0.3);
         EXPECT_NEAR(jobs[2].result.motion.scale, 0.8, 0.002);
         EXPECT_FALSE(jobs[3].result.ok);
+        EXPECT_FALSE(jobs[4].result.ok);
     }
 }
 
@@ -192,16 +185,13 @@ TEST(WorkerPool, CoversEveryIndexOnceAndIsReusable) {
     auto run = [] {
         WorkerPool pool(3);
         std::vector<std::atomic<int>> hits(1000);
-        struct Ctx {
-            std::vector<std::atomic<int>>* hits;
-        } ctx{&hits};
         for (int round = 0; round < 50; ++round) {
             pool.run(
-                [](void* c, int b, int e) {
+                [](void* h, int b, int e) {
                     for (int i = b; i < e; ++i)
-                        (*static_cast<Ctx*>(c)->hits)[static_cast<size_t>(i)]++;
+                        (*static_cast<std::vector<std::atomic<int>>*>(h))[static_cast<size_t>(i)]++;
                 },
-                &ctx, round % 2 ? 1000 : 7);
+                &hits, round % 2 ? 1000 : 7);
         }
         int total = 0;
         for (auto& h : hits)

@@ -1,33 +1,39 @@
-// The recorder of a session's outputs, the pass-through session, text tables, the ffmpeg
-// program (when installed) and the progress line.
+// The recorder of a session's outputs, the pass-through session, decoding ahead of the camera
+// (over a source that marks every picture with its index), text tables, the ffmpeg program
+// (when installed) and the progress line.
+#include "FinishesWithin.h"
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "input/Csv.h"
+#include "input/PrefetchFrames.h"
 #include "input/Recording.h"
 #include "media/ColorConvert.h"
 #include "media/Ffmpeg.h"
-#include "media/Y4m.h"
 #include "output/OutputRecorder.h"
 #include "output/Progress.h"
 #include "session/ReplaySession.h"
 
-#include <gtest/gtest.h>
-
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <future>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
 
 using namespace qlmr::replay;
 using replay_test::countFrames;
 using replay_test::FlatFrames;
 using replay_test::TempDir;
+using namespace std::chrono_literals;
 
 namespace {
 
-RecorderOptions recorderOptions(const TempDir& dir, int frames, bool sideBySide) {
+RecorderOptions recorderOptions(const TempDir& dir, int frames) {
     RecorderOptions o;
     o.videoPath = dir.file("v.y4m");
-    o.sideBySidePath = sideBySide ? dir.file("sbs.y4m") : "";
+    o.sideBySidePath = dir.file("sbs.y4m");
     o.expectedFrames = frames;
     o.inputWidth = o.outputWidth = 32;
     o.inputHeight = o.outputHeight = 16;
@@ -43,11 +49,24 @@ std::vector<uint8_t> flatRgba(int w, int h, uint8_t v) {
     return px;
 }
 
+// The outputs' times, surface and width (surface * 100000 + width), and the first pixel.
+struct Collect : replay_test::NullObserver {
+    std::vector<int64_t> output;
+    std::vector<int> sizes;
+    int firstPixel = -1;
+    void onFrameOutput(int surface, int64_t t, const RgbaView& v) override {
+        output.push_back(t);
+        sizes.push_back(surface * 100000 + v.width);
+        if (firstPixel < 0)
+            firstPixel = v.data[0];
+    }
+};
+
 }  // namespace
 
-TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFrames) {
+TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFramesAndBuffers) {
     TempDir dir;
-    OutputRecorder rec(recorderOptions(dir, 4, true));
+    OutputRecorder rec(recorderOptions(dir, 4));
     FlatFrames frames(4, 32, 16);
     Nv21Image nv;
     nv.resize(32, 16);
@@ -84,51 +103,37 @@ TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFrames) {
     ASSERT_EQ(rec.pairs().size(), 1u);
     EXPECT_EQ(rec.pairs()[0].inputIndex, 2);
     EXPECT_EQ(rec.pairs()[0].before.width, 16);
-}
 
-TEST(OutputRecorder, SurvivesMoreFramesInFlightThanBuffers) {
-    TempDir dir;
+    // More frames in flight than buffers: the last one still finds its input.
+    TempDir more;
     const int n = 120;
-    OutputRecorder rec(recorderOptions(dir, n, true));
-    FlatFrames frames(n, 32, 16);
-    Nv21Image nv;
-    nv.resize(32, 16);
+    OutputRecorder many(recorderOptions(more, n));
+    FlatFrames manyFrames(n, 32, 16);
     for (int i = 0; i < n; ++i) {
-        frames.read(i, nv);
-        rec.onFrameDelivered(i, frames.timestampNs(i), nv);
+        manyFrames.read(i, nv);
+        many.onFrameDelivered(i, manyFrames.timestampNs(i), nv);
     }
-    const auto px = flatRgba(32, 16, 90);
-    rec.onFrameOutput(0, frames.timestampNs(n - 1), RgbaView{32, 16, 32, px.data()});
-    rec.finish();
-    EXPECT_EQ(rec.outputs().size(), 1u);
-    EXPECT_EQ(rec.outputs()[0].inputIndex, n - 1);
-    EXPECT_EQ(countFrames(dir.file("sbs.y4m")), 1);
+    many.onFrameOutput(0, manyFrames.timestampNs(n - 1), view);
+    many.finish();
+    EXPECT_EQ(many.outputs().size(), 1u);
+    EXPECT_EQ(many.outputs()[0].inputIndex, n - 1);
+    EXPECT_EQ(countFrames(more.file("sbs.y4m")), 1);
 }
 
-namespace {
-struct Collect : SessionObserver {
-    std::vector<int64_t> delivered, output;
-    std::vector<int> sizes;
-    int firstPixel = -1;
-    void onFrameDelivered(int, int64_t t, const Nv21Image&) override { delivered.push_back(t); }
-    void onFrameOutput(int surface, int64_t t, const RgbaView& v) override {
-        output.push_back(t);
-        sizes.push_back(surface * 100000 + v.width);
-        if (firstPixel < 0)
-            firstPixel = v.data[0];
-    }
-};
-}  // namespace
-
-TEST(PassThroughSession, OutputsEveryFrameToEverySurface) {
-    FlatFrames frames(5, 32, 16);
+TEST(PassThroughSession, PacesEveryFrameToEverySurfaceByItsTimestamp) {
+    FlatFrames frames(6, 32, 16);  // 200 ms from first to last
     SessionConfig config;
     config.surfaces = {{32, 16, 1, 3}, {16, 8, 1, 3}};
+    config.realtime = true;
     Collect c;
     auto session = makePassThroughSession();
-    const SessionResult r = session->run(frames, {}, config, c);
-    EXPECT_EQ(r.framesDelivered, 5);
-    ASSERT_EQ(c.output.size(), 10u);
+    auto f = std::async(std::launch::async, [&] { return session->run(frames, {}, config, c); });
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    const SessionResult r = f.get();
+    EXPECT_EQ(r.framesDelivered, 6);
+    EXPECT_GE(r.wallSec, 0.19);
+    EXPECT_EQ(r.framesLate, 0);
+    ASSERT_EQ(c.output.size(), 12u);
     EXPECT_EQ(c.output[0], c.output[1]);
     EXPECT_EQ(c.sizes[0], 32);
     EXPECT_EQ(c.sizes[1], 100000 + 16);
@@ -137,21 +142,6 @@ TEST(PassThroughSession, OutputsEveryFrameToEverySurface) {
     EXPECT_EQ(c.firstPixel, rgb[0]);
     config.surfaces.clear();
     EXPECT_THROW(session->run(frames, {}, config, c), ReplayError);
-}
-
-TEST(PassThroughSession, RealtimePacesFramesByTheirTimestamps) {
-    FlatFrames frames(6, 32, 16);  // 200 ms from first to last
-    SessionConfig config;
-    config.surfaces = {{32, 16, 1, 3}};
-    config.realtime = true;
-    Collect c;
-    auto session = makePassThroughSession();
-    auto f = std::async(std::launch::async, [&] { return session->run(frames, {}, config, c); });
-    ASSERT_EQ(f.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    const SessionResult r = f.get();
-    EXPECT_GE(r.wallSec, 0.19);
-    EXPECT_EQ(r.framesLate, 0);
-    EXPECT_EQ(c.output.size(), 6u);
 }
 
 TEST(CsvReader, SkipsCommentsTrimsAndCountsLines) {
@@ -198,45 +188,55 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
     if (ffmpeg.empty())
         GTEST_SKIP() << "the ffmpeg program is not installed (Debian package ffmpeg)";
     TempDir dir;
+    std::string csv = "timestamp_ns\n";
     {
         // More frames than queue slots: the writer must wait for the encoder, not drop frames.
         VideoEncoder enc;
-        enc.open(ffmpeg, dir.file("video.mp4"), 64, 48, 30, 1, "veryfast", 2);
+        enc.open(ffmpeg, dir.file("video.mp4"), 320, 240, 30, 1, "veryfast", 2);
         I420Image f;
-        f.resize(64, 48);
-        for (int k = 0; k < 5; ++k) {
-            std::fill(f.data.begin(), f.data.end(), 128);
-            std::fill(f.y(), f.y() + 64 * 48, static_cast<uint8_t>(40 + 40 * k));
+        f.resize(320, 240);
+        std::fill(f.data.begin(), f.data.end(), 128);
+        for (int k = 0; k < 30; ++k) {
+            std::fill(f.y(), f.y() + 320 * 240, static_cast<uint8_t>(40 + 40 * (k % 5)));
             enc.write(f);
+            csv += std::to_string(1000000000LL + k * 33333333LL) + "\n";
         }
         I420Image wrong;
         wrong.resize(32, 48);
         EXPECT_THROW(enc.write(wrong), ReplayError);
         enc.finish();
-        EXPECT_EQ(enc.frames(), 5);
+        EXPECT_EQ(enc.frames(), 30);
     }
-    replay_test::writeRecording(dir, "timestamp_ns\n10\n20\n30\n40\n50\n");
+    replay_test::writeRecording(dir, csv, "timestamp_ns,x,y,z\n1,0,0,0\n", "vstab.gridRows=9\n");
     const Recording rec = loadRecording(dir.path());
     auto frames = openRecordingFrames(rec);
     Nv21Image nv;
-    nv.resize(64, 48);
+    nv.resize(320, 240);
     for (int k = 0; k < 5; ++k) {
         frames->read(k, nv);
-        EXPECT_NEAR(nv.y()[64 * 24 + 32], 40 + 40 * k, 4) << "frame " << k;
+        EXPECT_NEAR(nv.y()[320 * 120 + 160], 40 + 40 * k, 4) << "frame " << k;
     }
+    // A replay that reads the video in part stops ffmpeg without a word on the console.
+    TempDir out;
+    std::string err;
+    EXPECT_EQ(replay_test::runCommand("--dry-run --quiet --no-mp4 --max-frames 3 --input " +
+                                          dir.path() + " --out " + out.path(),
+                                      err),
+              0);
+    EXPECT_EQ(err, "");
     // An encoder that cannot write its file is an error with ffmpeg's own message, whether it
     // shows while frames are fed or at the end.
     VideoEncoder bad;
     bad.open(ffmpeg, dir.file("missing/folder/bad.mp4"), 640, 480, 30, 1, kDefaultH264Preset, 2);
     I420Image big;
     big.resize(640, 480);
-    const std::string err = replay_test::errorOf([&] {
+    err = replay_test::errorOf([&] {
         for (int k = 0; k < 200; ++k)
             bad.write(big);
         bad.finish();
     });
-    EXPECT_NE(err.find("ffmpeg failed"), std::string::npos) << err;
-    EXPECT_NE(err.find("missing/folder"), std::string::npos) << err;
+    EXPECT_THAT(err, HasSubstr("ffmpeg failed"));
+    EXPECT_THAT(err, HasSubstr("missing/folder"));
 }
 
 TEST(Progress, LineShowsCountsAndBar) {
@@ -244,4 +244,133 @@ TEST(Progress, LineShowsCountsAndBar) {
               "[###############...............]   150/300 frames   140 out   35.2 fps");
     EXPECT_EQ(progressLine(0, 0, 0, 0).substr(0, 32), "[..............................]");
     EXPECT_EQ(progressLine(300, 300, 300, 1).substr(0, 32), "[" + std::string(30, '#') + "]");
+}
+
+namespace {
+
+class MarkedFrames : public FrameSource {
+  public:
+    int width() const override { return 8; }
+    int height() const override { return 4; }
+    int count() const override { return 12; }
+    int64_t timestampNs(int i) const override { return 1000 + i; }
+    int exposureUs(int) const override { return 100; }
+    void read(int index, Nv21Image& out) override {
+        if (index >= consumed.load() + depth)
+            ++tooFarAhead;
+        if (std::this_thread::get_id() != reader)
+            ++offThread;
+        if (index == failAt)
+            throw ReplayError("frame.png", index, "bad picture");
+        out.resize(8, 4);
+        for (uint8_t& b : out.data)
+            b = static_cast<uint8_t>(index);
+    }
+    std::string describe() const override { return "marked"; }
+
+    std::thread::id reader = std::this_thread::get_id();
+
+    std::atomic<int> consumed{0};  // where the reader stands once its current read returns
+    int depth = 3;
+    int failAt = -1;
+    std::atomic<int> tooFarAhead{0};
+    std::atomic<int> offThread{0};
+};
+
+bool holds(const Nv21Image& p, int index) {
+    for (uint8_t b : p.data) {
+        if (b != index)
+            return false;
+    }
+    return p.width == 8 && p.height == 4;
+}
+
+}  // namespace
+
+TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepth) {
+    MarkedFrames source;
+    ASSERT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, source.depth);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        for (int i = 0; i < source.count(); ++i) {
+            // Set before the call: read(i) lets the decoding thread go on to frame i + depth
+            // before it returns, so the bound is the position read(i) leaves the reader at.
+            source.consumed = i + 1;
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+        EXPECT_EQ(prefetch.prefetchedReads(), source.count());
+    }));
+    EXPECT_EQ(source.offThread.load(), 12);
+    EXPECT_EQ(source.tooFarAhead.load(), 0);
+}
+
+// Image files: clones read on threads of their own.
+class ClonableFrames : public MarkedFrames {
+  public:
+    struct Shared {
+        std::mutex mutex;
+        std::set<std::thread::id> threads;
+    };
+    explicit ClonableFrames(std::shared_ptr<Shared> s) : shared(std::move(s)) {}
+    void read(int index, Nv21Image& out) override {
+        std::this_thread::sleep_for(2ms);  // long enough for the decoders to overlap
+        MarkedFrames::read(index, out);
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->threads.insert(std::this_thread::get_id());
+    }
+    std::unique_ptr<FrameSource> clone() const override {
+        return std::make_unique<ClonableFrames>(shared);
+    }
+    std::shared_ptr<Shared> shared;
+};
+
+TEST(PrefetchFrames, SeveralDecodersHandFramesOutInOrder) {
+    auto shared = std::make_shared<ClonableFrames::Shared>();
+    ClonableFrames source(shared);
+    ASSERT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, 4, 2);
+        EXPECT_EQ(prefetch.decoders(), 2);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        for (int i = 0; i < 6; ++i) {
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+        // A jump back while both decoders may be busy: what they were reading is dropped.
+        for (int i : {2, 3, 4, 5, 6, 7, 8, 9, 10, 11}) {
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+    }));
+    // Both decoders read, and the reader itself for the jump back.
+    EXPECT_EQ(shared->threads.size(), 3u);
+    // A source that cannot be cloned gets one decoder.
+    MarkedFrames single;
+    PrefetchFrames one(single, 4, 2);
+    EXPECT_EQ(one.decoders(), 1);
+}
+
+// Out-of-order reads are served directly and reading ahead goes on after them; a decoding
+// fault is raised by its own frame only; destroyed with the ring full, the decoding thread stops.
+TEST(PrefetchFrames, OutOfOrderReadsFaultsAndAnEarlyStop) {
+    MarkedFrames source;
+    source.depth = 100;  // bound not checked here
+    source.failAt = 5;
+    ASSERT_TRUE(finishesWithin(10s, [&] {
+        PrefetchFrames prefetch(source, 2);
+        Nv21Image picture;
+        picture.resize(8, 4);
+        for (int i : {0, 1, 7, 8, 9, 3, 4, 5, 6}) {
+            if (i == 5) {
+                EXPECT_THROW(prefetch.read(i, picture), ReplayError);
+                continue;
+            }
+            prefetch.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+        PrefetchFrames stopped(source, 2);
+        stopped.read(0, picture);
+    }));
 }

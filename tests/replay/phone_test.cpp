@@ -1,11 +1,7 @@
 // The real phone recording (read from the shared data folder when it is present).
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "input/PhoneRecording.h"
 #include "input/Recording.h"
-#include "measure/Calibration.h"
-
-#include <gtest/gtest.h>
 
 #include <sys/stat.h>
 
@@ -93,14 +89,9 @@ TEST(PhoneRecording, CalibrationKeepsTheConfiguredAxes) {
 
 TEST(PhoneRecording, MirrorImageCameraAxesAreRefused) {
     EXPECT_EQ(parseCameraAxes("-y,-x,-z").text(), "-y,-x,-z");
-    try {
-        parseCameraAxes("x,y,-z");
-        FAIL() << "a mirror image was taken for camera axes";
-    } catch (const ReplayError& e) {
-        EXPECT_STREQ(e.what(),
-                     "--camera-axes x,y,-z is a mirror image, not a rotation: flip the sign of "
-                     "one axis (for example x,y,z)");
-    }
+    EXPECT_EQ(replay_test::errorOf([] { parseCameraAxes("x,y,-z"); }),
+              "--camera-axes x,y,-z is a mirror image, not a rotation: flip the sign of one axis "
+              "(for example x,y,z)");
     // Nor is a mirror written by a caller that did not parse the text.
     replay_test::TempDir dir;
     PhoneRecording phone;

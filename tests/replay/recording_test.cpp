@@ -1,13 +1,9 @@
 // Recording folders: loading, and one clear error (file and line) for each kind of fault.
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "input/Recording.h"
 #include "media/ColorConvert.h"
 #include "media/Ffmpeg.h"
 #include "media/ImageIo.h"
-#include "media/Y4m.h"
-
-#include <gtest/gtest.h>
 
 #include <utility>
 
@@ -70,6 +66,8 @@ TEST(RecordingFolder, LoadsAValidRecordingAndSavesItBack) {
 }
 
 TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
+    // Each case spoils one part of a valid recording: a file's new text, or (no file) a shell
+    // command run in its folder; no expected error is a recording that still loads.
     struct Fault {
         const char* file;
         std::string text;
@@ -100,54 +98,43 @@ TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
          "gyro.csv:3: y -50 rad/s is beyond the gyroscope's range of ±35 rad/s"},
         {"gyro.csv", "timestamp_ns,x,y,z\n5,0,0,1e300\n", "gyro.csv:2: z 1e+300 rad/s is beyond"},
         {"config.txt", "", "config.txt: empty configuration text"},
+        {"frames/1.png", "garbage\n", "frames.csv:4: image"},
+        // A spreadsheet's byte-order mark before the header is not part of the table.
+        {"gyro.csv", "\xEF\xBB\xBFtimestamp_ns,x,y,z\n999000000,0,0,0\n", ""},
+        {nullptr, "rm gyro.csv", "gyro.csv: cannot open"},
+        {nullptr, "rm config.txt", "config.txt: cannot open"},
+        {nullptr, "rm gyro.csv && mkdir gyro.csv", "gyro.csv: not a regular file"},
+        {nullptr, "rm config.txt && mkdir config.txt", "config.txt: not a regular file"},
     };
     for (const Fault& f : faults) {
         TempDir dir;
         makeRecording(dir);
-        writeText(dir.file(f.file), f.text);
+        if (f.file != nullptr)
+            writeText(dir.file(f.file), f.text);
+        else
+            ASSERT_EQ(std::system(("cd '" + dir.path() + "' && " + f.text).c_str()), 0);
         const std::string err = loadError(dir);
-        EXPECT_NE(err.find(f.expected), std::string::npos)
-            << "got: " << err << "\nwanted: " << f.expected;
+        EXPECT_THAT(err, HasSubstr(f.expected));
+        EXPECT_EQ(err.empty(), f.expected.empty()) << err;
         EXPECT_EQ(err.find('\n'), std::string::npos) << err;
     }
 }
 
-TEST(RecordingFolder, MissingFilesAndWrongSizesAreErrors) {
-    // Each case spoils one part of a valid recording; "" is a recording that still loads.
-    const struct {
-        const char* command;  // run in the recording's folder
-        std::string expected;
-    } cases[] = {
-        {"rm gyro.csv", "gyro.csv: cannot open"},
-        {"rm config.txt", "config.txt: cannot open"},
-        {"rm gyro.csv && mkdir gyro.csv", "gyro.csv: not a regular file"},
-        {"rm config.txt && mkdir config.txt", "config.txt: not a regular file"},
-        {"echo garbage >frames/1.png", "frames.csv:4: image"},
-        // A spreadsheet's byte-order mark before the header is not part of the table.
-        {"printf '\\357\\273\\277timestamp_ns,x,y,z\\n999000000,0,0,0\\n' >gyro.csv", ""},
-    };
-    for (const auto& c : cases) {
-        TempDir dir;
-        makeRecording(dir);
-        ASSERT_EQ(std::system(("cd '" + dir.path() + "' && " + c.command).c_str()), 0);
-        const std::string err = loadError(dir);
-        EXPECT_TRUE(c.expected.empty() ? err.empty() : err.find(c.expected) != std::string::npos)
-            << c.command << ": " << err;
-    }
+TEST(RecordingFolder, FrameSizesMustMatchAndFit) {
     // A size unlike the first frame's (frame 2, line 5), or one no frame may have (frame 0).
-    for (const auto& [w, h] : {std::pair{30, 16}, std::pair{31, 16}, std::pair{8194, 16}}) {
+    const struct {
+        int frame, width;
+        const char* reason;
+    } sizes[] = {{2, 30, "is 30x16, the recording's frames are 32x16"},
+                 {0, 31, "is 31x16; frames need an even width and height of at most 8192"},
+                 {0, 8194, "is 8194x16; frames need an even width and height of at most 8192"}};
+    for (const auto& c : sizes) {
         TempDir dir;
         makeRecording(dir);
-        const std::string frame = w == 30 ? "frames/2.png" : "frames/0.png";
-        writePng(dir.file(frame), replay_test::gradient(w, h));
-        EXPECT_NE(loadError(dir).find(std::string(w == 30 ? "frames.csv:5" : "frames.csv:3") +
-                                      ": image " + dir.file(frame) + " is " + std::to_string(w) +
-                                      "x" + std::to_string(h) +
-                                      (w == 30 ? ", the recording's frames are 32x16"
-                                               : "; frames need an even width and height of at "
-                                                 "most 8192")),
-                  std::string::npos)
-            << loadError(dir);
+        const std::string frame = dir.file("frames/" + std::to_string(c.frame) + ".png");
+        writePng(frame, replay_test::gradient(c.width, 16));
+        EXPECT_THAT(loadError(dir), HasSubstr("frames.csv:" + std::to_string(c.frame + 3) +
+                                              ": image " + frame + " " + c.reason));
     }
     EXPECT_THROW(loadRecording("/nonexistent/recording"), ReplayError);
 }
@@ -164,10 +151,8 @@ TEST(RecordingFolder, CutShortImagesAreRefused) {
         TempDir dir;
         makeRecording(dir);
         writeFile(dir.file("frames/1.png"), bytes.data(), bytes.size());
-        const std::string err = loadError(dir);
-        EXPECT_NE(err.find("frames.csv:4: image " + dir.file("frames/1.png") + ": " + reason),
-                  std::string::npos)
-            << err;
+        EXPECT_THAT(loadError(dir),
+                    HasSubstr("frames.csv:4: image " + dir.file("frames/1.png") + ": " + reason));
     }
     {
         // A whole JPEG with data after its end-of-image marker (a camera maker's trailer) loads.
@@ -191,10 +176,8 @@ TEST(RecordingFolder, CutShortImagesAreRefused) {
     auto frames = openRecordingFrames(rec);
     Nv21Image nv;
     nv.resize(32, 16);
-    EXPECT_NE(replay_test::errorOf([&] {
-                  frames->read(1, nv);
-              }).find("frames.csv:4: image " + dir.file("frames/1.png") + ": Corrupt JPEG data"),
-              std::string::npos);
+    EXPECT_THAT(replay_test::errorOf([&] { frames->read(1, nv); }),
+                HasSubstr("frames.csv:4: image " + dir.file("frames/1.png") + ": Corrupt JPEG"));
     EXPECT_THROW(readImage(dir.file("frames/1.png")), ReplayError);
 }
 
@@ -213,10 +196,8 @@ TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
     // Counted before the replay.
     for (const int frames : {2, 4}) {
         writeY4m(frames);
-        EXPECT_NE(loadError(dir).find("video.y4m: the video has " + std::to_string(frames) +
-                                      " frames, frames.csv lists 3"),
-                  std::string::npos)
-            << loadError(dir);
+        EXPECT_THAT(loadError(dir), HasSubstr("video.y4m: the video has " + std::to_string(frames) +
+                                              " frames, frames.csv lists 3"));
     }
     writeY4m(3);
     const Recording rec = loadRecording(dir.path());
@@ -228,10 +209,8 @@ TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
     nv.resize(32, 16);
     frames->read(0, nv);
     frames->read(1, nv);
-    EXPECT_NE(replay_test::errorOf([&] {
-                  frames->read(2, nv);
-              }).find("video ends after 2 frames, frames.csv lists 3"),
-              std::string::npos);
+    EXPECT_THAT(replay_test::errorOf([&] { frames->read(2, nv); }),
+                HasSubstr("video ends after 2 frames, frames.csv lists 3"));
     // Other videos are counted by ffprobe.
     std::remove(dir.file("video.y4m").c_str());
     const std::string ffmpeg = ffmpegProgram();
@@ -242,7 +221,5 @@ TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
     mp4.write(f);
     mp4.write(f);
     mp4.finish();
-    EXPECT_NE(loadError(dir).find("video.mp4: the video has 2 frames, frames.csv lists 3"),
-              std::string::npos)
-        << loadError(dir);
+    EXPECT_THAT(loadError(dir), HasSubstr("video.mp4: the video has 2 frames, frames.csv lists 3"));
 }

@@ -1,34 +1,45 @@
-// metrics.json and report.html, and a report rendered by a headless browser.
+// Reading the engine's log (timing probe lines and frame-fate lines, through liblog's logger hook
+// from several threads), metrics.json and report.html, and a report rendered by a headless browser.
 #include "TestUtil.h"
+#include "measure/EngineLog.h"
 #include "measure/Metrics.h"
 #include "media/Ffmpeg.h"
 #include "media/ImageIo.h"
 #include "report/Report.h"
 
-#include <gtest/gtest.h>
+#include <android/log.h>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cmath>
+#include <future>
 #include <limits>
 #include <set>
+#include <thread>
 
 using namespace qlmr::replay;
 
-TEST(MetricsJson, WritesUnknownFiguresAsNull) {
+TEST(MetricsJson, WritesUnknownFiguresAsNullAndTheWarningsAndNotes) {
     ReplayMetrics m;
     m.inputDescription = "a \"quoted\" name\n";
     m.framesPerSurface = {3, 4};
     m.pixelJitterRatio = std::numeric_limits<double>::infinity();
     m.crop.minCropping = std::nan("");
+    m.warnings = {"12 input frame pairs could not be registered"};
+    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
+    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}};
     const auto j = nlohmann::json::parse(metricsJson(m));
     EXPECT_EQ(j["input"]["description"], m.inputDescription);
     EXPECT_EQ(j["frames"]["per_surface"], nlohmann::json({3, 4}));
     EXPECT_TRUE(j["pixel_motion"]["jitter_ratio"].is_null());
     EXPECT_TRUE(j["cropping"]["min_cropping"].is_null());
     EXPECT_TRUE(j["ground_truth"].is_null());  // no ground truth without a synthetic recording
+    EXPECT_EQ(j["notes"], nlohmann::json(m.notes));
+    EXPECT_EQ(j["warnings"], nlohmann::json(m.warnings));
+    EXPECT_EQ(j["engine_log"]["expected_lines"]["gyro_clock_ahead"], 1712);
 }
 
-TEST(Report, IsSelfContained) {
+TEST(Report, IsSelfContainedAndListsWarningsNotesAndEngineLinesApart) {
     EXPECT_EQ(base64({'M', 'a', 'n'}), "TWFu");
     EXPECT_EQ(base64({'M', 'a'}), "TWE=");
     EXPECT_EQ(base64({'M'}), "TQ==");
@@ -40,6 +51,10 @@ TEST(Report, IsSelfContained) {
     m.truth.actual.x = {0, 1};
     m.truth.actual.y = {0, 1};
     m.truth.actual.roll = {0, 1};
+    m.warnings = {"12 input frame pairs could not be registered"};
+    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
+    m.engine.warnings = 2;
+    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}, {"gl_buffer_setup", 3}};
     FramePair pair;
     pair.before = replay_test::gradient(32, 16);
     pair.after = replay_test::gradient(32, 16);
@@ -47,13 +62,13 @@ TEST(Report, IsSelfContained) {
         m, {pair},
         ReportContext{
             "qlmr_replay --dry-run", {{"metrics.json", "figures"}}, "vstab.lensK1=0.1 # <b>\n"});
-    EXPECT_NE(html.find("test &lt;input&gt;"), std::string::npos);
-    EXPECT_NE(html.find("vstab.lensK1=0.1 # &lt;b&gt;"), std::string::npos);  // the configuration
-    EXPECT_NE(html.find("data:image/jpeg;base64,/9j/"), std::string::npos);  // JPEG magic in base64
+    EXPECT_THAT(html, HasSubstr("test &lt;input&gt;"));
+    EXPECT_THAT(html, HasSubstr("vstab.lensK1=0.1 # &lt;b&gt;"));  // the configuration
+    EXPECT_THAT(html, HasSubstr("data:image/jpeg;base64,/9j/"));   // JPEG magic in base64
     // Everything is inline: no element loads a file or an address.
     for (const char* loads : {"src=\"http", "href=\"http", "<script src", "<link"})
         EXPECT_EQ(html.find(loads), std::string::npos) << loads;
-    EXPECT_NE(html.find("Residual jitter (ground truth)"), std::string::npos);
+    EXPECT_THAT(html, HasSubstr("Residual jitter (ground truth)"));
     // The plot data: three camera-path plots (with ground truth) and three from the pixels and
     // the latency; each div names its entry.
     const std::string open = "<script type=\"application/json\" id=\"plot-data\">";
@@ -62,35 +77,21 @@ TEST(Report, IsSelfContained) {
     const auto plots =
         nlohmann::json::parse(html.substr(begin, html.find("</script>", begin) - begin));
     ASSERT_EQ(plots.size(), 7u);
-    EXPECT_NE(html.find("<div class=\"plot\" data-plot=\"6\">"), std::string::npos);
+    EXPECT_THAT(html, HasSubstr("<div class=\"plot\" data-plot=\"6\">"));
     EXPECT_EQ(plots[0]["title"], "Camera path: horizontal (x)");
     EXPECT_EQ(plots[0]["series"][0]["y"], nlohmann::json({0, 1}));
     EXPECT_EQ(plots[0]["series"][2]["dashed"], true);  // the intended path
-}
-
-TEST(Report, ListsWarningsNotesAndEngineLinesApart) {
-    ReplayMetrics m;
-    m.warnings = {"12 input frame pairs could not be registered"};
-    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
-    m.engine.warnings = 2;
-    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}, {"gl_buffer_setup", 3}};
-    const std::string html = reportHtml(m, {}, ReportContext{});
+    // Each list holds its own lines only.
     const size_t warnings = html.find("<h2>Warnings</h2>");
     const size_t notes = html.find("<h2>Notes</h2>");
     ASSERT_NE(warnings, std::string::npos);
     ASSERT_NE(notes, std::string::npos);
-    // Each list holds its own lines only.
     const size_t warning = html.find(m.warnings[0]), note = html.find(m.notes[0]);
     EXPECT_TRUE(warning > warnings && (warning < notes || notes < warnings));
     EXPECT_TRUE(note > notes && (note < warnings || warnings < notes));
     EXPECT_EQ(html.find(m.notes[0], note + 1), std::string::npos);
-    EXPECT_NE(html.find("<td>2 / 0</td><td class=\"note\">expected lines, not counted: 3 "
-                        "gl_buffer_setup, 1712 gyro_clock_ahead</td>"),
-              std::string::npos);
-    const auto j = nlohmann::json::parse(metricsJson(m));
-    EXPECT_EQ(j["notes"], nlohmann::json(m.notes));
-    EXPECT_EQ(j["warnings"], nlohmann::json(m.warnings));
-    EXPECT_EQ(j["engine_log"]["expected_lines"]["gyro_clock_ahead"], 1712);
+    EXPECT_THAT(html, HasSubstr("<td>2 / 0</td><td class=\"note\">expected lines, not counted: 3 "
+                                "gl_buffer_setup, 1712 gyro_clock_ahead</td>"));
 }
 
 TEST(Report, QuotesTheCommandLineForTheShell) {
@@ -185,4 +186,118 @@ TEST(Report, RendersInHeadlessChromiumWithoutNetwork) {
         blue |= shot.data[i] == 0x1f && shot.data[i + 1] == 0x77 && shot.data[i + 2] == 0xb4;
     }
     EXPECT_TRUE(red && blue);
+}
+
+TEST(EngineLog, ParsesTimingLines) {
+    TimingLine t;
+    ASSERT_TRUE(parseTimingLine("[cTTiming][Render()] Render(8.25) popFrame(1.52) ", t));
+    EXPECT_EQ(t.probe, "Render()");
+    EXPECT_EQ(t.stages,
+              (std::vector<std::pair<std::string, double>>{{"Render", 8.25}, {"popFrame", 1.52}}));
+
+    ASSERT_TRUE(parseTimingLine("[cTTiming]VStab(0.031) sleep(1e-05) ", t));  // no probe name
+    EXPECT_EQ(t.probe, "");
+    EXPECT_EQ(t.stages.back(), std::make_pair(std::string("sleep"), 1e-05));
+
+    ASSERT_TRUE(parseTimingLine("[cTTiming][MainThread()] ", t));  // no stages
+    EXPECT_EQ(t.probe, "MainThread()");
+    EXPECT_TRUE(t.stages.empty());
+
+    EXPECT_FALSE(parseTimingLine("[VStab] Frame: 12", t));
+    EXPECT_FALSE(parseTimingLine("[cTTiming][x] label(abc) ", t));
+    EXPECT_FALSE(parseTimingLine("[cTTiming][x] label ", t));
+}
+
+TEST(EngineLog, CountsFrameFatesAndCollectsStageTimes) {
+    EngineLogStats s;
+    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
+    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
+    s.add(ANDROID_LOG_INFO, "[VStab][Status] use uniform_vrtxArr to Render");
+    s.add(ANDROID_LOG_INFO,
+          "[VStab][Status] frameQueue almost full, use uniform_vrtxArr to Render");
+    // Counted once, by the line above.
+    s.add(ANDROID_LOG_INFO, "[VStab][Status] no Gyro Information before Frame 5 (1)");
+    s.add(ANDROID_LOG_WARN, "[Exception] VStab returned error in main loop");
+    s.add(ANDROID_LOG_ERROR, " void Context::Render() 12 (1282)");
+    for (double ms : {1.0, 2.0, 3.0, 4.0}) {
+        s.add(ANDROID_LOG_WARN, "[cTTiming][Render()] Render(" + std::to_string(ms) + ") ");
+    }
+    EXPECT_EQ(s.droppedQueueFull, 2);
+    EXPECT_EQ(s.renderedUnstabilized, 2);
+    EXPECT_EQ(s.exceptions, 1);
+    EXPECT_EQ(s.exceptionTexts, std::vector<std::string>{"VStab returned error in main loop"});
+    EXPECT_EQ(s.errors, 1);
+    const auto p = s.stagePercentiles();
+    ASSERT_EQ(p.count("Render()/Render"), 1u);
+    EXPECT_DOUBLE_EQ(p.at("Render()/Render").p50, 2.0);
+    EXPECT_DOUBLE_EQ(p.at("Render()/Render").max, 4.0);
+}
+
+TEST(EngineLog, CountsExpectedLinesApartFromWarningsAndErrors) {
+    // (priority, line, counted as): w warning, e error, x expected, - neither (diagnostics).
+    const struct {
+        int priority;
+        const char* text;
+        char counted;
+    } lines[] = {
+        {ANDROID_LOG_WARN, "[Warning] Gyro and system clock deviate with more than 200ms, ", 'x'},
+        {ANDROID_LOG_ERROR, "GBM creating new GLGB for 0x7feb9c0017e0", 'x'},
+        {ANDROID_LOG_WARN, "[Warning] Received invalid gyro sample timestamp (ignoring sample)",
+         'w'},
+        {ANDROID_LOG_WARN, "[Error] Could not query clockIdGyro timer", 'w'},
+        {ANDROID_LOG_WARN, "[Exception] VStab returned error in main loop", 'w'},
+        {ANDROID_LOG_ERROR, "[Warning] Gyro and system clock deviate with more than 200ms", 'e'},
+        {ANDROID_LOG_ERROR, " void Context::Render() 12 (1282)", 'e'},
+        {ANDROID_LOG_WARN, "GBM creating new GLGB for 0x1", '-'},
+        {ANDROID_LOG_WARN, "[VStab] Gyro: 1000 ( 0.1 0.2 0.3 )", '-'},
+        {ANDROID_LOG_WARN, "[cTTiming][Render()] Render(1.5) ", '-'},
+        {ANDROID_LOG_INFO, "[Warning] at info level", '-'},
+    };
+    for (const auto& l : lines) {
+        EngineLogStats s;
+        s.add(l.priority, l.text);
+        int expected = 0;
+        for (const auto& [kind, n] : s.expectedLines)
+            expected += n;
+        EXPECT_EQ(s.warnings, l.counted == 'w' ? 1 : 0) << l.text;
+        EXPECT_EQ(s.errors, l.counted == 'e' ? 1 : 0) << l.text;
+        EXPECT_EQ(expected, l.counted == 'x' ? 1 : 0) << l.text;
+    }
+    EngineLogStats s;
+    for (const auto& l : lines)
+        s.add(l.priority, l.text);
+    EXPECT_EQ(s.expectedLines,
+              (std::map<std::string, int>{{"gl_buffer_setup", 1}, {"gyro_clock_ahead", 1}}));
+}
+
+TEST(EngineLogTap, CapturesLinesFromEveryThreadAndWritesTheLog) {
+    replay_test::TempDir dir;
+    auto run = [&] {
+        EngineLogTap tap(dir.file("engine.log"));
+        EXPECT_THROW(EngineLogTap second, ReplayError);  // one at a time
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([] {
+                for (int i = 0; i < 50; ++i) {
+                    __android_log_print(ANDROID_LOG_WARN, "[QLMR]",
+                                        "[cTTiming][gyroCallbackTimestamp()] deltaTime(%d) \n", i);
+                }
+            });
+        }
+        for (auto& t : threads)
+            t.join();
+        __android_log_print(ANDROID_LOG_WARN, "[QLMR]", "%s",
+                            "[Warning] Dropping new frame, internal buffer queue is full");
+        return tap.stats();
+    };
+    auto f = std::async(std::launch::async, run);
+    ASSERT_EQ(f.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    const EngineLogStats s = f.get();
+    ASSERT_EQ(s.stageMs.count("gyroCallbackTimestamp()/deltaTime"), 1u);
+    EXPECT_EQ(s.stageMs.at("gyroCallbackTimestamp()/deltaTime").size(), 200u);
+    EXPECT_EQ(s.droppedQueueFull, 1);
+    const std::string log = replay_test::readText(dir.file("engine.log"));
+    EXPECT_NE(log.find("5 [QLMR] [Warning] Dropping new frame"), std::string::npos);
+    // After the tap is gone a new one may be installed.
+    EngineLogTap again;
 }

@@ -1,14 +1,10 @@
 // The synthetic recording: motion, gyro, rendering geometry, and the gyro alignment's pieces
 // (row bands, axis maps).
 #include "TestUtil.h"
-#include "common/ReplayError.h"
 #include "measure/GyroAlignment.h"
 #include "measure/Motion.h"
 #include "media/ColorConvert.h"
 #include "synthetic/CameraMotion.h"
-#include "synthetic/Synthetic.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
