@@ -1,10 +1,9 @@
-#include <EGL/egl.h>
 #include <GLES2/gl2.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "GLContext.h"
+#include "GLTestSupport.h"
 #include "PwarpShaders.h"
 #include "cTGLProgram.h"
 #include "cTGLShader.h"
@@ -13,12 +12,7 @@ namespace {
 
 using WarpProgram = cTGLProgram<PwarpVS, PwarpFS>;
 
-class GLProgramTest : public ::testing::Test {
-  protected:
-    void SetUp() override { ASSERT_TRUE(context.makeCurrent(nullptr)); }
-    void TearDown() override { context.clearCurrent(); }
-    GLContext context{EGL_NO_CONTEXT};
-};
+class GLProgramTest : public gltest::CurrentContextTest {};
 
 TEST_F(GLProgramTest, WarpProgramBuildsWithFixedBindings) {
     cTGLShader vs(GL_VERTEX_SHADER), fs(GL_FRAGMENT_SHADER);
