@@ -20,8 +20,7 @@ struct Slot {
 };
 using Queue = CircularQueueThreadSafe<Slot>;
 
-// Waits for a thread that must end. On a timeout the threads are stuck on queue locks and can
-// never be joined, so the failure is reported and the program ends instead of hanging.
+// Waits for a thread that must end; on a deadlock the program ends instead of hanging.
 template <typename R>
 void mustFinish(std::future<R>& f, std::chrono::seconds limit, const char* what) {
     if (f.wait_for(limit) == std::future_status::ready)
@@ -137,9 +136,7 @@ TEST(CircularQueueThreadSafe, PeekTwiceGivesSameSlotAndNeedsTwoUnlocks) {
     EXPECT_EQ(tryLock(), 0);
 }
 
-// The write index reaches the slot that the consumer has popped but not yet released: the
-// producer must wait inside pushLock (holding the queue lock, so size() waits too) until the
-// consumer's unlock, and only then overwrite the slot.
+// A slot popped but not yet released: pushLock (and so size()) waits for the consumer's unlock.
 TEST(CircularQueueThreadSafe, ProducerWaitsForSlotConsumerStillHolds) {
     Queue q(2);
     push(q, 1);

@@ -31,9 +31,7 @@ TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksBeforeAnotherThreadGetsIt) {
     EXPECT_EQ(again.get(), 0);
 }
 
-// A mutex destroyed while its owner holds it is unlocked first and then really destroyed: the
-// C library refuses to destroy a held mutex (EBUSY, the mutex stays as it was) and marks a
-// destroyed one with the kind -1.
+// Unlocked first, then really destroyed (the C library marks a destroyed mutex with kind -1).
 TEST(cTMutex, DestroyingWhileHeldByOwnerReleasesAndDestroysIt) {
     alignas(cTMutex) unsigned char storage[sizeof(cTMutex)];
     auto* m = new (storage) cTMutex;

@@ -49,7 +49,8 @@ TEST_F(cTTimingTest, ReportListsStagesInLabelOrderAsMilliseconds) {
                   t.stages["b"] = 0;
                   t.stages["c"] = 1000000000;
               }),
-              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");    // An empty probe and one without a name.
+              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");
+    // An empty probe and one without a name.
     EXPECT_EQ(report([] { cTTiming t("MainThread()"); }), "[cTTiming][MainThread()] ");
     EXPECT_EQ(report([] { cTTiming t(nullptr); }), "[cTTiming]");
     EXPECT_EQ(report([] {
