@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <stdexcept>
 #include <string>
 
 #include "GLTestSupport.h"

@@ -4,7 +4,6 @@
 #include <ui/GraphicBuffer.h>
 
 #include <regex>
-#include <stdexcept>
 #include <string>
 
 #include "GLTestSupport.h"
@@ -28,7 +27,7 @@ class GLGraphicBufferTest : public gltest::CurrentContextTest {
     }
 };
 
-TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbuffer) {
+TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbufferFailuresStopTheBinding) {
     GLGraphicBuffer both(context, buffer(HAL_PIXEL_FORMAT_RGBA_8888), 3);
     EXPECT_NE(both.image, EGL_NO_IMAGE_KHR);
     EXPECT_TRUE(glIsRenderbuffer(both.renderbuffer));
@@ -51,9 +50,8 @@ TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbuffer) {
         EXPECT_EQ(host::graphicsCounters().imagesLive, images - 1);
     }
     EXPECT_EQ(weak.promote(), nullptr);
-}
 
-TEST_F(GLGraphicBufferTest, BindFailuresStopAtTheFailingStep) {
+    // Failures stop the binding at the failing step.
     EXPECT_EQ(thrown([&] { GLGraphicBuffer(context, nullptr, 3); }),
               "GLGraphicBuffer created with invalid GraphicBuffer");
 

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <link.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>

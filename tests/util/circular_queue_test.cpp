@@ -93,27 +93,8 @@ TEST(CircularQueueThreadSafe, FullQueueRefusesPushEmptyQueueNullsOut) {
     EXPECT_EQ(take(q), 2);
     EXPECT_EQ(take(q), 3);
     EXPECT_EQ(q.size(), 0);
-}
 
-TEST(CircularQueueThreadSafe, FullAfterWriteIndexWrapsMidRing) {
-    Queue q(3);
-    push(q, 1);
-    EXPECT_EQ(take(q), 1);  // read index now 1
-    push(q, 2);
-    push(q, 3);  // write index wraps to 0
-    EXPECT_EQ(q.size(), 2);
-    push(q, 4);
-    EXPECT_EQ(q.size(), 0);
-    Slot* s = nullptr;
-    EXPECT_FALSE(q.pushLock(s));
-    EXPECT_EQ(take(q), 2);
-    EXPECT_EQ(take(q), 3);  // read index wraps: flag flips back
-    EXPECT_EQ(take(q), 4);
-    EXPECT_FALSE(q.pop(s));
-}
-
-TEST(CircularQueueThreadSafe, PeekTwiceGivesSameSlotAndNeedsTwoUnlocks) {
-    Queue q(2);
+    // Peeking twice gives the same slot, which then needs two unlocks.
     push(q, 7);
     Slot* a = nullptr;
     Slot* b = nullptr;
@@ -134,6 +115,23 @@ TEST(CircularQueueThreadSafe, PeekTwiceGivesSameSlotAndNeedsTwoUnlocks) {
     EXPECT_EQ(tryLock(), EBUSY);
     EXPECT_EQ(q.unlock(b), 0);
     EXPECT_EQ(tryLock(), 0);
+}
+
+TEST(CircularQueueThreadSafe, FullAfterWriteIndexWrapsMidRing) {
+    Queue q(3);
+    push(q, 1);
+    EXPECT_EQ(take(q), 1);  // read index now 1
+    push(q, 2);
+    push(q, 3);  // write index wraps to 0
+    EXPECT_EQ(q.size(), 2);
+    push(q, 4);
+    EXPECT_EQ(q.size(), 0);
+    Slot* s = nullptr;
+    EXPECT_FALSE(q.pushLock(s));
+    EXPECT_EQ(take(q), 2);
+    EXPECT_EQ(take(q), 3);  // read index wraps: flag flips back
+    EXPECT_EQ(take(q), 4);
+    EXPECT_FALSE(q.pop(s));
 }
 
 // A slot popped but not yet released: pushLock (and so size()) waits for the consumer's unlock.

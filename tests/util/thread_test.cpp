@@ -67,7 +67,7 @@ public:
     }
 };
 
-TEST(cTThread, StopDuringSleepReturnsAfterOneMoreRoundAndEndsJoined) {
+TEST(cTThread, StoppedDuringSleepOrExitedOnItsOwnEndsJoined) {
     Worker w(1 << 30, 20ms);
     w.start();
     while (w.rounds.load() == 0) std::this_thread::yield();
@@ -75,19 +75,18 @@ TEST(cTThread, StopDuringSleepReturnsAfterOneMoreRoundAndEndsJoined) {
     auto stopped = std::async(std::launch::async, [&w] { w.stop(); });
     ASSERT_EQ(stopped.wait_for(5s), std::future_status::ready) << "stop did not return";
     EXPECT_EQ(w.state.load(), ThreadState::Joined);
-}
 
-TEST(cTThread, WorkerThatExitedOnItsOwnIsStillJoined) {
-    Worker w(3, 1ms);
-    w.start();
+    Worker done(3, 1ms);  // exits on its own and is still joined
+    done.start();
     auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (w.state.load() != ThreadState::Exited && std::chrono::steady_clock::now() < deadline) {
+    while (done.state.load() != ThreadState::Exited &&
+           std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(1ms);
     }
-    ASSERT_EQ(w.state.load(), ThreadState::Exited);
-    w.stop();
-    EXPECT_EQ(w.state.load(), ThreadState::Joined);
-    EXPECT_EQ(w.rounds.load(), 3);
+    ASSERT_EQ(done.state.load(), ThreadState::Exited);
+    done.stop();
+    EXPECT_EQ(done.state.load(), ThreadState::Joined);
+    EXPECT_EQ(done.rounds.load(), 3);
 }
 
 TEST(cTThread, RestartAllowedOnlyFromCreatedOrJoined) {
