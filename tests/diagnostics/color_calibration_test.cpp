@@ -91,8 +91,7 @@ TEST(ColorCalibration, ReadBackLogsFortyFivePatchCentresScaledToThePicture) {
     EXPECT_EQ(capture.lines().size(), 3u);
 }
 
-// The chart through the host path the engine uses: NV21 GraphicBuffer, EGL image, external
-// sampler. Every patch must match BT.601 limited range, and neutral patches must be grey.
+// Through the engine's host path (NV21 buffer, EGL image): BT.601 limited range, neutral greys.
 TEST(ColorCalibrationOnGl, HostConversionPassesTheChart) {
     gltest::Context gl;
     ASSERT_TRUE(gl.ok() && gl.makeCurrent()) << "no EGL context on the default display";

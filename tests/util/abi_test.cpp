@@ -1,5 +1,4 @@
-// Conversions whose result depends on the ABI (run on x86-64 and, in the armhf build, on 32-bit
-// ARM under qemu-arm): Java long handles of native objects, and nanosecond timestamps past 2^31.
+// ABI-dependent conversions (x86-64 and 32-bit ARM): Java long handles, timestamps past 2^31.
 #include <gtest/gtest.h>
 
 #include <cstdint>

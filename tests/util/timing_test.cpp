@@ -83,9 +83,8 @@ TEST_F(cTTimingTest, MeasuredStagesAreMicrosecondsAndPrintedSorted) {
             R"(\[cTTiming\]\[triggerVStab\(\)\] VStab\(([0-9.e+-]+)\) sleep\(([0-9.]+)\) )")))
         << line;
     EXPECT_GE(std::stof(m[2].str()), 30.0f);
-}
 
-TEST_F(cTTimingTest, NullLabelRestartsAndRepeatedLabelKeepsLatest) {
+    // A null label restarts the clock; a repeated label keeps only the latest duration.
     cTTiming t("p");
     std::this_thread::sleep_for(60ms);
     t(nullptr);
