@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksBeforeAnotherThreadGetsIt) {
+TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksAndDestroyingWhileHeldReleases) {
     cTMutex m;
     ASSERT_EQ(m.lock(), 0);
     ASSERT_EQ(m.lock(), 0);  // same thread again: no deadlock
@@ -29,16 +29,14 @@ TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksBeforeAnotherThreadGetsIt) {
         return r;
     });
     EXPECT_EQ(again.get(), 0);
-}
 
-// Unlocked first, then really destroyed (the C library marks a destroyed mutex with kind -1).
-TEST(cTMutex, DestroyingWhileHeldByOwnerReleasesAndDestroysIt) {
+    // Destroyed while its owner holds it: unlocked first, then really destroyed (kind -1).
     alignas(cTMutex) unsigned char storage[sizeof(cTMutex)];
-    auto* m = new (storage) cTMutex;
-    pthread_mutex_t* raw = &m->mutex;
-    ASSERT_EQ(m->lock(), 0);
+    auto* held = new (storage) cTMutex;
+    pthread_mutex_t* raw = &held->mutex;
+    ASSERT_EQ(held->lock(), 0);
     ASSERT_NE(raw->__data.__kind, -1);
-    m->~cTMutex();
+    held->~cTMutex();
     EXPECT_EQ(raw->__data.__kind, -1);
     EXPECT_EQ(raw->__data.__nusers, 0u);
 }
