@@ -11,7 +11,7 @@
 
 namespace {
 
-TEST(ColorCalibration, Nv21ChartHasBandsColumnsAndVFirstPairs) {
+TEST(ColorCalibration, Nv21ChartHasBandsColumnsAndVFirstPairsPlanarSplitsThem) {
     const int stride = 320;
     std::vector<unsigned char> luma(stride * 160, 1), chroma(stride * 80, 1);
     ColorCalibration chart;
@@ -27,14 +27,9 @@ TEST(ColorCalibration, Nv21ChartHasBandsColumnsAndVFirstPairs) {
     EXPECT_EQ(chroma[79 * stride + 2 * 100 + 1], 140);
     EXPECT_EQ(chroma[2 * 143 + 1], 70);  // last sample: vu[9] = (170, 70)
     EXPECT_EQ(chroma[2 * 144], 1);
-}
-
-TEST(ColorCalibration, PlanarChartSplitsPairsAndHalvesTheStride) {
-    const int stride = 300;
-    std::vector<unsigned char> luma(stride * 160), u(stride * 40 + 200, 1), v(stride * 40 + 200, 1);
-    ColorCalibration chart;
-    chart.setColorCalibration_YUVp(luma.data(), u.data(), v.data(), stride);
-    // Chroma row 3 starts at 3 * 300 / 2 = 450; sample 100 lies in column 6: (V 90, U 140).
+    // Planar: the pairs split, the stride halved. Chroma row 3 of stride 300 starts at 450.
+    std::vector<unsigned char> u(300 * 40 + 200, 1), v(300 * 40 + 200, 1);
+    chart.setColorCalibration_YUVp(luma.data(), u.data(), v.data(), 300);
     EXPECT_EQ(v[450 + 100], 90);
     EXPECT_EQ(u[450 + 100], 140);
     EXPECT_EQ(u[450 + 144], 1);
@@ -85,21 +80,18 @@ TEST(ColorCalibration, ReadBackLogsFortyFivePatchCentresScaledToThePicture) {
         EXPECT_EQ(lines[6].text, c.seventh);
         EXPECT_EQ(lines[44].text, c.last);
     }
-}
-
-TEST(ColorCalibration, NothingToReadWithoutAChart) {
-    ColorCalibration chart;
+    // Nothing to read without a chart, or after a stride too small for one.
+    ColorCalibration none;
     std::vector<unsigned char> rgba(288 * 160 * 4);
     LogCapture capture;
-    chart.getColorCalibration(rgba.data(), 288);
-    chart.setColorCalibration_YUV21sp(rgba.data(), rgba.data(), 100);  // stride too small
-    chart.getColorCalibration(rgba.data(), 288);
+    none.getColorCalibration(rgba.data(), 288);
+    none.setColorCalibration_YUV21sp(rgba.data(), rgba.data(), 100);
+    none.getColorCalibration(rgba.data(), 288);
     EXPECT_EQ(capture.countContaining("->"), 0);
     EXPECT_EQ(capture.lines().size(), 3u);
 }
 
-// The chart through the host path the engine uses: NV21 GraphicBuffer, EGL image, external
-// sampler. Every patch must match BT.601 limited range, and neutral patches must be grey.
+// Through the engine's host path (NV21 buffer, EGL image): BT.601 limited range, neutral greys.
 TEST(ColorCalibrationOnGl, HostConversionPassesTheChart) {
     gltest::Context gl;
     ASSERT_TRUE(gl.ok() && gl.makeCurrent()) << "no EGL context on the default display";

@@ -16,7 +16,7 @@ uint32_t pixelAt(const std::vector<unsigned char>& image, unsigned stride, unsig
     return value;
 }
 
-TEST(FrameIndexRgba, BlocksEncodeBitsLeastSignificantFirst) {
+TEST(FrameIndexRgba, BlocksEncodeBitsLeastSignificantFirstUpToThirtyTwo) {
     const unsigned w = 40, h = 64, stride = 48;
     std::vector<unsigned char> image(stride * h * 4, 0x11);
     paintFrameIndexRGBA(image.data(), w, h, stride, 5);
@@ -30,9 +30,7 @@ TEST(FrameIndexRgba, BlocksEncodeBitsLeastSignificantFirst) {
     }
     EXPECT_EQ(pixelAt(image, stride, w - 9, 0), 0x11111111u);  // left of the blocks
     EXPECT_EQ(pixelAt(image, stride, w, 0), 0x11111111u);      // stride padding
-}
-
-TEST(FrameIndexRgba, BlockCountFollowsHeightUpToThirtyTwo) {
+    // The block count follows the height, up to 32; narrow pictures get none.
     std::vector<unsigned char> narrow(31 * 64 * 4, 0x22);
     paintFrameIndexRGBA(narrow.data(), 31, 64, 31, 0xFFFFFFFFu);
     EXPECT_EQ(narrow, std::vector<unsigned char>(31 * 64 * 4, 0x22));
@@ -49,7 +47,7 @@ TEST(FrameIndexRgba, BlockCountFollowsHeightUpToThirtyTwo) {
     EXPECT_EQ(pixelAt(tall, 32, 31, 256), 0x22222222u);  // no block 32
 }
 
-TEST(FrameIndexNv21, LumaBlocksAndShiftedNeutralChroma) {
+TEST(FrameIndexNv21, LumaBlocksAndShiftedNeutralChromaInsideTheBuffer) {
     const unsigned w = 64, h = 320;  // 32 blocks, chroma writes all inside the picture
     std::vector<unsigned char> image(w * h * 3 / 2, 7);
     paintFrameIndex(image.data(), w, h, 2);
@@ -66,18 +64,15 @@ TEST(FrameIndexNv21, LumaBlocksAndShiftedNeutralChroma) {
     EXPECT_EQ(image[first + 3 * w + 7], 128);
     EXPECT_EQ(image[first + 4 * w], 128);  // block 1 starts 4 rows further
     EXPECT_EQ(image[chroma + w - 8], 7);   // the block's own chroma stays as it was
-}
 
-TEST(FrameIndexNv21, SmallPicturesStayInsideTheirBuffer) {
-    // 64 high: 8 blocks, whose last neutral rows would fall past the picture.
-    const unsigned w = 16, h = 64;
-    std::vector<unsigned char> image(w * h * 3 / 2, 7);
-    paintFrameIndex(image.data(), w, h, 0xFF);
-    EXPECT_EQ(image[w * h + 2 * (w - 8)], 128);
+    // Small pictures stay inside their buffer. 16 x 64: 8 blocks, the last rows past the picture.
+    std::vector<unsigned char> small(16 * 64 * 3 / 2, 7);
+    paintFrameIndex(small.data(), 16, 64, 0xFF);
+    EXPECT_EQ(small[16 * 64 + 2 * (16 - 8)], 128);
     // Block 7 starts at 1024 + 16 + 28 * 16 = 1488: rows at 1488, 1504 and 1520 fit, the fourth
     // (1536) would lie past the 1536-byte picture.
-    EXPECT_EQ(image[1520 + 7], 128);
-    EXPECT_EQ(image[1528], 7);
+    EXPECT_EQ(small[1520 + 7], 128);
+    EXPECT_EQ(small[1528], 7);
     std::vector<unsigned char> tiny(7 * 16 * 3 / 2, 7);
     paintFrameIndex(tiny.data(), 7, 16, 1);
     EXPECT_EQ(tiny, std::vector<unsigned char>(7 * 16 * 3 / 2, 7));

@@ -1,10 +1,9 @@
-#include <EGL/egl.h>
 #include <GLES2/gl2.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "GLContext.h"
+#include "GLTestSupport.h"
 #include "PwarpShaders.h"
 #include "cTGLProgram.h"
 #include "cTGLShader.h"
@@ -13,14 +12,9 @@ namespace {
 
 using WarpProgram = cTGLProgram<PwarpVS, PwarpFS>;
 
-class GLProgramTest : public ::testing::Test {
-  protected:
-    void SetUp() override { ASSERT_TRUE(context.makeCurrent(nullptr)); }
-    void TearDown() override { context.clearCurrent(); }
-    GLContext context{EGL_NO_CONTEXT};
-};
+class GLProgramTest : public gltest::CurrentContextTest {};
 
-TEST_F(GLProgramTest, WarpProgramBuildsWithFixedBindings) {
+TEST_F(GLProgramTest, WarpProgramBuildsWithFixedBindingsAndFailuresReachTheLog) {
     cTGLShader vs(GL_VERTEX_SHADER), fs(GL_FRAGMENT_SHADER);
     ASSERT_TRUE(vs.compile(WarpProgram::vertexSource())) << vs.log();
     ASSERT_TRUE(fs.compile(WarpProgram::fragmentSource())) << fs.log();
@@ -35,25 +29,21 @@ TEST_F(GLProgramTest, WarpProgramBuildsWithFixedBindings) {
     glGetProgramiv(program.program, GL_ATTACHED_SHADERS, &attached);
     EXPECT_EQ(attached, 0);  // detached again after linking
     EXPECT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
-}
 
-TEST_F(GLProgramTest, CompilerDiagnosticsReachTheLog) {
-    cTGLShader vs(GL_VERTEX_SHADER), fs(GL_FRAGMENT_SHADER), unset(GL_FRAGMENT_SHADER);
-    EXPECT_FALSE(vs.compile("void main() { gl_Position = undeclaredThing; }\n"));
-    const std::string compiler = vs.log();
+    // The compiler's diagnostics reach the log; a failed link leaves the sampler alone.
+    cTGLShader bad(GL_VERTEX_SHADER), unset(GL_FRAGMENT_SHADER);
+    EXPECT_FALSE(bad.compile("void main() { gl_Position = undeclaredThing; }\n"));
+    const std::string compiler = bad.log();
     EXPECT_NE(compiler.find("undeclaredThing"), std::string::npos) << compiler;
-    ASSERT_TRUE(fs.compile(WarpProgram::fragmentSource()));
-
-    WarpProgram program;
-    program.samplerLocation = 1234;
-    program.initialize(vs, fs);
-    EXPECT_FALSE(program.ok);
-    EXPECT_FALSE(program.link());
-    EXPECT_EQ(program.samplerLocation, 1234);  // untouched by a failed link
-    GLint attached = -1;
-    glGetProgramiv(program.program, GL_ATTACHED_SHADERS, &attached);
+    WarpProgram failed;
+    failed.samplerLocation = 1234;
+    failed.initialize(bad, fs);
+    EXPECT_FALSE(failed.ok);
+    EXPECT_FALSE(failed.link());
+    EXPECT_EQ(failed.samplerLocation, 1234);
+    glGetProgramiv(failed.program, GL_ATTACHED_SHADERS, &attached);
     EXPECT_EQ(attached, 0);
-    const std::string log = program.log();
+    const std::string log = failed.log();
     const std::string head = "Vertex Shader:\n" + compiler + "\n";
     EXPECT_EQ(log.compare(0, head.size(), head), 0) << log;
     EXPECT_NE(log.find("Program Link:\n", head.size()), std::string::npos) << log;

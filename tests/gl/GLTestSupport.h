@@ -15,8 +15,7 @@
 
 namespace gltest {
 
-// Runs `work` on its own thread and returns its result; fails (instead of hanging) when it takes
-// longer than 20 s.
+// Runs `work` on its own thread and returns its result; fails instead of hanging after 20 s.
 template <typename F>
 auto onOtherThread(F&& work) -> decltype(work()) {
     auto future = std::async(std::launch::async, std::forward<F>(work));

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <regex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -108,21 +107,19 @@ TEST_F(GLTextureTest, UnchangedParametersCostNoGLWork) {
         glGetIntegerv(GL_VIEWPORT, viewport);
         EXPECT_EQ(viewport[3], h);  // the read-back leaves the viewport at the texture's size
     }
-}
 
-TEST_F(GLTextureTest, NamesAreReplacedAndFreed) {
-    GLTexture t(context, GL_TEXTURE_EXTERNAL_OES, GL_LINEAR, GL_CLAMP_TO_EDGE);
-    EXPECT_EQ(t.width, 0);  // no storage for an external texture
-    EXPECT_EQ(parameter(t, GL_TEXTURE_MIN_FILTER), GL_LINEAR);
-    const GLuint old = t.name;
+    // A name is replaced and freed; with no name there is nothing to do, so no context is taken.
+    GLTexture ext(context, GL_TEXTURE_EXTERNAL_OES, GL_LINEAR, GL_CLAMP_TO_EDGE);
+    EXPECT_EQ(ext.width, 0);  // no storage for an external texture
+    EXPECT_EQ(parameter(ext, GL_TEXTURE_MIN_FILTER), GL_LINEAR);
+    const GLuint old = ext.name;
     EXPECT_TRUE(glIsTexture(old));
-    t.createName();
+    ext.createName();
     EXPECT_FALSE(glIsTexture(old));  // deleted (or reissued and not yet bound)
-    EXPECT_NE(t.name, 0u);
-    t.destroyName();
-    EXPECT_EQ(t.name, 0u);
-    // With no name there is nothing to do, so no context is taken.
-    EXPECT_EQ(fromOtherThread([&] { t.destroyName(); }), "no GL");
+    EXPECT_NE(ext.name, 0u);
+    ext.destroyName();
+    EXPECT_EQ(ext.name, 0u);
+    EXPECT_EQ(fromOtherThread([&] { ext.destroyName(); }), "no GL");
 }
 
 TEST_F(GLTextureTest, FailuresThrowTheCheckMessage) {

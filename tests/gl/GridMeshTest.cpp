@@ -20,7 +20,7 @@ std::vector<unsigned short> strip(int w, int h) {
     return indices.indices;
 }
 
-TEST(cTGridMesh, UniformBorderRepeatsTheInteriorRing) {
+TEST(cTGridMesh, UniformBorderRepeatsTheInteriorRingNormalizeAndRotate) {
     cTGridMesh mesh;
     mesh.resize(4, 4);
     mesh.uniformBorder(0.0f, 1.0f, 1.0f, 0.0f);
@@ -52,10 +52,8 @@ TEST(cTGridMesh, UniformBorderRepeatsTheInteriorRing) {
     mesh.resize(4, 5);
     EXPECT_TRUE(mesh.vertices[5] == (V{7, 8}));
     EXPECT_TRUE(mesh.vertices[19] == (V{0, 0}));
-}
 
-TEST(cTGridMesh, UniformNormalizeAndRotate) {
-    cTGridMesh mesh;
+    // Uniform fill, normalize and rotate on 3 x 2.
     mesh.resize(3, 2);
     mesh.uniform(-1.0f, 3.0f, 1.0f, -3.0f);
     EXPECT_TRUE(mesh.vertices[0] == (V{-1, -3}));

@@ -1,6 +1,5 @@
-// The warp draw on the real driver against a CPU reference: the warp program draws an RGBA
-// frame through a turned and zoomed grid, as the engine's render call does, and every output
-// pixel is compared with GL's own bilinear sampling rule evaluated on the CPU.
+// The warp program draws an RGBA frame through a turned, zoomed grid, as the engine's render call
+// does; every output pixel is compared with GL's bilinear sampling rule evaluated on the CPU.
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
 #include <gtest/gtest.h>
@@ -9,7 +8,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 #include "GLGraphicBuffer.h"
@@ -35,8 +33,7 @@ constexpr int kRows = 4;
 constexpr float kZoom = 1.15f;     // output positions span [-kZoom, kZoom]
 constexpr float kTurnRad = 0.07f;  // turned about the centre
 
-// Source picture: sines of a few pixels' period in red and green, so that a sub-pixel error in
-// the sampling position shows as a level error; a ramp in blue.
+// Sines of a few pixels' period in red and green (a sub-pixel error shows); a ramp in blue.
 uint8_t sourceTexel(int x, int y, int channel) {
     if (channel == 0)
         return static_cast<uint8_t>(std::lround(127.5 + 120.0 * std::sin(x * 0.71 + y * 0.13)));
@@ -91,9 +88,8 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
     program.initialize(vertexShader, fragmentShader);
     ASSERT_TRUE(program.link()) << program.log();
 
-    // Texture coordinates: the unit square over the interior, as the engine's mesh. Positions:
-    // the same even grid scaled by kZoom and turned, so that output point p samples the texture
-    // at ((R^-1 p) / kZoom + 1) / 2.
+    // Texture coordinates: the engine's mesh. Positions: the same grid scaled by kZoom and
+    // turned, so that output point p samples the texture at ((R^-1 p) / kZoom + 1) / 2.
     cTGridMesh mesh;
     mesh.resize(kColumns + 2, kRows + 2);
     mesh.uniformBorder(0.0f, 1.0f, 1.0f, 0.0f);
@@ -130,10 +126,8 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
     glFinish();
     ASSERT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
 
-    // Row 0 of the buffer is window y = 0. Tolerance: the reference is exact, the driver
-    // rounds its interpolated coordinates and filter weights (8-bit weights: up to about one
-    // level of error, two where a steep slope meets a rounded coordinate); a position error
-    // of a tenth of a pixel already moves these sines by up to 9 levels.
+    // Row 0 is window y = 0. The driver's 8-bit filter weights cost up to about two levels; a
+    // position error of a tenth of a pixel already moves these sines by up to 9 levels.
     ASSERT_EQ(target->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), 0);
     double sumError = 0.0;
     double maxError = 0.0;

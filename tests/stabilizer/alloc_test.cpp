@@ -1,5 +1,4 @@
-// The stabilization library allocates only while creating a handle: counted by replacing the
-// global allocation functions of this test program (the shared library's calls bind to them).
+// The library allocates only while creating a handle: counted by replacing the global allocator.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,12 +1,9 @@
-// libzef_gyro_vstab.so exports exactly the five C functions and needs neither GL nor the
-// engine: read from its ELF dynamic symbol table and dynamic section (of the ELF class being
-// built: 64-bit on the host, 32-bit in the ARM cross build; the symbol info macros are the
-// same for both classes).
+// libzef_gyro_vstab.so exports exactly the five C functions and needs neither GL nor the engine:
+// read from its ELF dynamic symbols and section (64-bit on the host, 32-bit in the ARM build).
 #include <elf.h>
 #include <gtest/gtest.h>
 #include <link.h>
 
-#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <iterator>

@@ -154,10 +154,17 @@ TEST(StabWarpGrid, VirtualCameraTurnedRightShowsTheFrameCentreLeftOfCentre) {
     const float* p = f.vertex(ci, cj);
     EXPECT_NEAR(p[0], 2.0 * 1.25 * f.camera.fx * std::tan(-yaw), 1e-6);
     EXPECT_NEAR(p[1], 0.0, 1e-6);
-    // Turning the virtual camera up (about +x, +z towards -y) shows the frame's centre lower
-    // in the output, where y grows with the image row.
+    // Turned up (about +x): the frame's centre lower in the output (y grows with the row).
     f.write(expMap({0.02, 0, 0}));
     EXPECT_GT(f.vertex(ci, cj)[1], 0.0f);
+    // Extreme turns still write finite, bounded values.
+    for (const Vec3 r : {Vec3{0, kPi, 0}, Vec3{kPi / 2, 0, 0}, Vec3{0, 0, 3.0}}) {
+        f.write(expMap(r));
+        for (float x : f.grid) {
+            ASSERT_TRUE(std::isfinite(x));
+            ASSERT_LE(std::fabs(x), 64.0f);
+        }
+    }
 }
 
 TEST(StabWarpGrid, EachRowIsProjectedWithItsOwnOrientation) {
@@ -190,17 +197,6 @@ TEST(StabWarpGrid, EachRowIsProjectedWithItsOwnOrientation) {
     EXPECT_LT(angleBetween(f.rowSet().at(0.5 / (r - 1)), mid), 1e-9);
 }
 
-TEST(StabWarpGrid, ExtremeTurnsStillWriteFiniteBoundedValues) {
-    Fixture f;
-    for (const Vec3 r : {Vec3{0, kPi, 0}, Vec3{kPi / 2, 0, 0}, Vec3{0, 0, 3.0}}) {
-        f.write(expMap(r));
-        for (float x : f.grid) {
-            ASSERT_TRUE(std::isfinite(x));
-            ASSERT_LE(std::fabs(x), 64.0f);
-        }
-    }
-}
-
 TEST(StabCropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
     Fixture f;
     const RowOrientations rows = f.rowSet();
@@ -222,6 +218,22 @@ TEST(StabCropMargins, UsageOfOneIsWhereTheOutputMeetsTheFrameEdge) {
         EXPECT_GT(usage, 0.85) << axis.x << axis.y << axis.z;
         EXPECT_LT(usage, 1.15) << axis.x << axis.y << axis.z;
         EXPECT_LT(limit(axis, 0.01), angle - 0.005) << axis.x << axis.y << axis.z;
+    }
+    // The zoom ladder finds the smallest zoom whose margins keep the usage within the limit.
+    ZoomLadder ladder;
+    ladder.prepare(f.camera, 1.0, 1.25);
+    EXPECT_DOUBLE_EQ(ladder.zoomFor({}, {}, 0.85), 1.0);
+    EXPECT_DOUBLE_EQ(ladder.zoomFor({0.0, 1.0, 0.0}, {}, 0.85), 1.25);
+    double previous = 1.0;
+    for (double share : {0.1, 0.3, 0.5, 0.7}) {
+        const Vec3 d = {0.2 * share * m.pitch, share * m.yaw, 0.01 * share};
+        const Vec3 spread = {0.0, 0.05 * m.yaw, 0.0};
+        const double z = ladder.zoomFor(d, spread, 0.85);
+        EXPECT_GT(z, previous) << share;
+        EXPECT_LT(z, 1.25) << share;
+        const CropMargins at = cropMargins(f.camera, z);
+        EXPECT_NEAR(at.usage(d) + at.usage(spread), 0.85, 0.02) << share;
+        previous = z;
     }
 }
 
@@ -258,28 +270,7 @@ TEST(StabLensDistortion, RaysUndoTheProjectionAndTheGridShowsThePinholePicture) 
     EXPECT_NEAR(f.vertex(c / 2, r / 2)[0], 0.0, 1e-6);
 }
 
-TEST(StabCropMargins, ZoomLadderFindsTheSmallestZoomWithinTheLimit) {
-    Fixture f;
-    ZoomLadder ladder;
-    ladder.prepare(f.camera, 1.0, 1.25);
-    EXPECT_DOUBLE_EQ(ladder.zoomFor({}, {}, 0.85), 1.0);
-    EXPECT_DOUBLE_EQ(ladder.zoomFor({0.0, 1.0, 0.0}, {}, 0.85), 1.25);
-    const CropMargins full = cropMargins(f.camera, 1.25);
-    double previous = 1.0;
-    for (double share : {0.1, 0.3, 0.5, 0.7}) {
-        const Vec3 d = {0.2 * share * full.pitch, share * full.yaw, 0.01 * share};
-        const Vec3 spread = {0.0, 0.05 * full.yaw, 0.0};
-        const double z = ladder.zoomFor(d, spread, 0.85);
-        EXPECT_GT(z, previous) << share;
-        EXPECT_LT(z, 1.25) << share;
-        const CropMargins m = cropMargins(f.camera, z);
-        EXPECT_NEAR(m.usage(d) + m.usage(spread), 0.85, 0.02) << share;
-        previous = z;
-    }
-}
-
-// A frame's rows are timed on the gyro's clock: the stated gyro offset moves them, the first row
-// sits at mid-exposure and a zoomed crop reads out only its own share of the sensor's rows.
+// Rows on the gyro's clock: shifted by the offset, first at mid-exposure, zoom shortens readout.
 TEST(StabFrameTiming, RowsAtMidExposureShiftedByTheGyroOffsetAndShortenedByZoom) {
     constexpr int64_t kMs = 1000000;
     StabConfig c;

@@ -1,5 +1,4 @@
-// The virtual-camera path smoother: its response to intended motion and to shake, and the
-// soft crop limit.
+// The virtual-camera path smoother: its response to motion and shake, and the soft crop limit.
 #include <gtest/gtest.h>
 
 #include <cmath>

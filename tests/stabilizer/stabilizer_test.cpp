@@ -1,5 +1,4 @@
-// One stabilization session (Stabilizer) seen from inside: what it counts, what it learns about
-// the gyro, and the crop limit under shake no margin can absorb.
+// One stabilization session (Stabilizer) seen from inside: counts, bias, crop limit, path.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -87,8 +86,7 @@ TEST(StabBiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
     EXPECT_FALSE(turning.hasEstimate());
 }
 
-// Every point of the output frame's border must sample inside the camera frame (texture
-// coordinates within [0, 1]): an uncovered pixel otherwise.
+// Every point of the output's border samples inside the camera frame: no uncovered pixel.
 void expectBorderInsideInput(const std::vector<float>& grid, const StabConfig& c, int64_t frame) {
     const qlmr::harness::WarpMesh mesh(grid.data(), static_cast<int>(c.gridColumns),
                                        static_cast<int>(c.gridRows));
@@ -144,8 +142,7 @@ TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
         previous = s.lastVirtual();
     }
     EXPECT_EQ(s.counters().pathRestarts, 1u);
-    // An exposure that jumps from 10 ms to 300 ms and back moves the frames' centre times
-    // forwards and then backwards; the path neither restarts nor jumps.
+    // An exposure of 300 ms between 10 ms ones moves the centre times: no restart, no jump.
     for (const int64_t exposureMs : {300, 10, 10}) {
         const VStabFrameInfo info{40,
                                   2,
@@ -157,8 +154,7 @@ TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
                                   0};
         ASSERT_EQ(s.warp(info, grid.data()), kStatusWarped);
         EXPECT_LT(angleBetween(previous, s.lastVirtual()), 0.3 * 0.2) << exposureMs;
-        // The 10 ms frames lie inside the committed path and are shown from it: on the pan,
-        // so the frame's centre stays at the output's centre.
+        // The 10 ms frames are shown from the committed path: their centre stays centred.
         EXPECT_NEAR(grid[3 * (9 * 33 + 16)], 0.0f, 0.005) << exposureMs;
     }
     EXPECT_EQ(s.counters().pathRestarts, 1u);
@@ -210,9 +206,7 @@ TEST(StabSession, AdaptiveZoomRisesForShakeAndFallsSlowlyAfterIt) {
     EXPECT_EQ(s.counters().framesClamped, 0u);
 }
 
-// The configured window sets where the path stops following: a 1 Hz sway, between intended
-// motion and hand shake, is kept at about 15 % with the default 1.2 s window (a time constant
-// of window / 1.2 pi); a shorter time constant would keep more than twice that.
+// The default 1.2 s window (time constant window / 1.2 pi) keeps about 15 % of a 1 Hz sway.
 TEST(StabSession, WindowSetsHowMuchOfAOneHertzSwayThePathKeeps) {
     Stabilizer s(configWithReadout());
     std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows * 3);
@@ -291,8 +285,7 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
     for (; warp(s, f, grid) == kStatusWarped; f += 33 * kMs) {
     }
     EXPECT_EQ(s.counters().framesShortLookAhead, 0u);
-    // The engine keeps asking: after kIdleAsksForGyroEnd asks without a sample the frame is
-    // warped; a sample that comes after all makes the next frame wait again.
+    // After kIdleAsksForGyroEnd asks without a sample the frame is warped; a new sample resets.
     for (uint32_t k = 2; k < Stabilizer::kIdleAsksForGyroEnd; ++k) {
         ASSERT_EQ(warp(s, f, grid), kStatusNeedMoreGyro) << k;
     }
@@ -302,9 +295,8 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
     for (uint32_t k = 2; k <= Stabilizer::kIdleAsksForGyroEnd; ++k) {
         warp(s, f + 33 * kMs, grid);
     }
-    // From then on every frame the gyro reaches is warped at the first ask, and the path
-    // goes on along the pan, not with the shake the short look-ahead shows (a free end there
-    // moves 0.25 mrad a frame off the pan); a frame beyond the gyro waits.
+    // Then every frame the gyro reaches is warped at once, along the pan, not with the shake a
+    // free end follows (0.25 mrad a frame off); one beyond the gyro waits.
     const auto panStep = [&](int64_t centreNs) {
         return (0.3 + 0.2 * static_cast<double>(centreNs - 16 * kMs - kStart) * 1e-9) * 0.033;
     };
@@ -323,10 +315,9 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
 }
 
 TEST(StabSession, StartFollowsThePanAndBesideUnwarpedFramesAtTheirZoom) {
-    // A pan with shake from the first sample; frames from the first one the gyro covers, or
-    // after 1 s of gyro history, which lets the path start with the pan's velocity although a
-    // 2 Hz shake does not average out over the look-ahead alone (4 mrad off without it). The
-    // virtual camera follows the pan (0.3 rad/s) from the first frame on.
+    // A 0.3 rad/s pan with shake, frames from the first sample, or after 1 s of gyro history
+    // (the path then starts with the pan's velocity even under a 2 Hz shake: 4 mrad off
+    // without it), or from before the gyro: followed from the first frame on.
     struct Case {
         int64_t firstFrameNs;
         double shakeHz;

@@ -20,8 +20,7 @@ struct Slot {
 };
 using Queue = CircularQueueThreadSafe<Slot>;
 
-// Waits for a thread that must end. On a timeout the threads are stuck on queue locks and can
-// never be joined, so the failure is reported and the program ends instead of hanging.
+// Waits for a thread that must end; on a deadlock the program ends instead of hanging.
 template <typename R>
 void mustFinish(std::future<R>& f, std::chrono::seconds limit, const char* what) {
     if (f.wait_for(limit) == std::future_status::ready)
@@ -94,27 +93,8 @@ TEST(CircularQueueThreadSafe, FullQueueRefusesPushEmptyQueueNullsOut) {
     EXPECT_EQ(take(q), 2);
     EXPECT_EQ(take(q), 3);
     EXPECT_EQ(q.size(), 0);
-}
 
-TEST(CircularQueueThreadSafe, FullAfterWriteIndexWrapsMidRing) {
-    Queue q(3);
-    push(q, 1);
-    EXPECT_EQ(take(q), 1);  // read index now 1
-    push(q, 2);
-    push(q, 3);  // write index wraps to 0
-    EXPECT_EQ(q.size(), 2);
-    push(q, 4);
-    EXPECT_EQ(q.size(), 0);
-    Slot* s = nullptr;
-    EXPECT_FALSE(q.pushLock(s));
-    EXPECT_EQ(take(q), 2);
-    EXPECT_EQ(take(q), 3);  // read index wraps: flag flips back
-    EXPECT_EQ(take(q), 4);
-    EXPECT_FALSE(q.pop(s));
-}
-
-TEST(CircularQueueThreadSafe, PeekTwiceGivesSameSlotAndNeedsTwoUnlocks) {
-    Queue q(2);
+    // Peeking twice gives the same slot, which then needs two unlocks.
     push(q, 7);
     Slot* a = nullptr;
     Slot* b = nullptr;
@@ -137,9 +117,24 @@ TEST(CircularQueueThreadSafe, PeekTwiceGivesSameSlotAndNeedsTwoUnlocks) {
     EXPECT_EQ(tryLock(), 0);
 }
 
-// The write index reaches the slot that the consumer has popped but not yet released: the
-// producer must wait inside pushLock (holding the queue lock, so size() waits too) until the
-// consumer's unlock, and only then overwrite the slot.
+TEST(CircularQueueThreadSafe, FullAfterWriteIndexWrapsMidRing) {
+    Queue q(3);
+    push(q, 1);
+    EXPECT_EQ(take(q), 1);  // read index now 1
+    push(q, 2);
+    push(q, 3);  // write index wraps to 0
+    EXPECT_EQ(q.size(), 2);
+    push(q, 4);
+    EXPECT_EQ(q.size(), 0);
+    Slot* s = nullptr;
+    EXPECT_FALSE(q.pushLock(s));
+    EXPECT_EQ(take(q), 2);
+    EXPECT_EQ(take(q), 3);  // read index wraps: flag flips back
+    EXPECT_EQ(take(q), 4);
+    EXPECT_FALSE(q.pop(s));
+}
+
+// A slot popped but not yet released: pushLock (and so size()) waits for the consumer's unlock.
 TEST(CircularQueueThreadSafe, ProducerWaitsForSlotConsumerStillHolds) {
     Queue q(2);
     push(q, 1);

@@ -6,7 +6,7 @@
 
 namespace {
 
-TEST(Log, LinesCarryEngineTagAndPriority) {
+TEST(Log, LinesCarryEngineTagAndPriorityThrowLoggedWarnsFirst) {
     LogCapture capture;
     QLOGI("info %d", 1);
     QLOGW("warn %s", "x");
@@ -22,10 +22,7 @@ TEST(Log, LinesCarryEngineTagAndPriority) {
     capture.clear();
     QLMR_ASSERT("util", 1 + 1 == 2);  // a passing assertion writes nothing
     EXPECT_TRUE(capture.lines().empty());
-}
-
-TEST(Log, ThrowLoggedLogsWarningThenThrowsSameText) {
-    LogCapture capture;
+    // throwLogged logs a warning, then throws the same text.
     try {
         qlmr::throwLogged("VStab config is not valid");
         FAIL() << "no exception";

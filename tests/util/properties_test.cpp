@@ -14,7 +14,7 @@ std::string get(const char* key, const char* def) {
     return value;
 }
 
-TEST(HostProperties, UnsetEmptyClearedSetAndLongValues) {
+TEST(HostProperties, UnsetEmptyClearedSetLongAndLoadedValues) {
     host::clearProperties();
     EXPECT_EQ(get("debug.camera.qlmr.EIS.log", "0"), "0");
     EXPECT_EQ(get("debug.camera.qlmr.EIS.log", nullptr), "");
@@ -27,9 +27,7 @@ TEST(HostProperties, UnsetEmptyClearedSetAndLongValues) {
     EXPECT_EQ(get("a", "d"), "d");
     host::setProperty("k", std::string(200, 'x'));  // cut to the value limit
     EXPECT_EQ(get("k", nullptr).size(), static_cast<size_t>(PROPERTY_VALUE_MAX - 1));
-}
-
-TEST(HostProperties, LoadParsesPairsAndRejectsMalformedTextWhole) {
+    // Loading parses pairs and rejects malformed text whole.
     host::clearProperties();
     EXPECT_TRUE(host::loadProperties("a=1;b=two\nc=3=x"));
     EXPECT_EQ(get("a", nullptr), "1");

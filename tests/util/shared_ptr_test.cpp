@@ -7,7 +7,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -34,8 +33,7 @@ protected:
     void SetUp() override { Tracked::destroyed = 0; }
 };
 
-// Acquire, copy, assign and release share one count; the object goes with the last owner,
-// whether released, overwritten by an empty pointer or destroyed; empty pointers are harmless.
+// Copies share one count; the object goes with the last owner, however it lets go.
 TEST_F(SharedPtrTest, OwnsSharesAndDestroysOnLastRelease) {
     shared_ptr<Tracked> a;
     a.acquire(new Tracked(7), nullptr);

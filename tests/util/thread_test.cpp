@@ -13,7 +13,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksBeforeAnotherThreadGetsIt) {
+TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksAndDestroyingWhileHeldReleases) {
     cTMutex m;
     ASSERT_EQ(m.lock(), 0);
     ASSERT_EQ(m.lock(), 0);  // same thread again: no deadlock
@@ -29,18 +29,14 @@ TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksBeforeAnotherThreadGetsIt) {
         return r;
     });
     EXPECT_EQ(again.get(), 0);
-}
 
-// A mutex destroyed while its owner holds it is unlocked first and then really destroyed: the
-// C library refuses to destroy a held mutex (EBUSY, the mutex stays as it was) and marks a
-// destroyed one with the kind -1.
-TEST(cTMutex, DestroyingWhileHeldByOwnerReleasesAndDestroysIt) {
+    // Destroyed while its owner holds it: unlocked first, then really destroyed (kind -1).
     alignas(cTMutex) unsigned char storage[sizeof(cTMutex)];
-    auto* m = new (storage) cTMutex;
-    pthread_mutex_t* raw = &m->mutex;
-    ASSERT_EQ(m->lock(), 0);
+    auto* held = new (storage) cTMutex;
+    pthread_mutex_t* raw = &held->mutex;
+    ASSERT_EQ(held->lock(), 0);
     ASSERT_NE(raw->__data.__kind, -1);
-    m->~cTMutex();
+    held->~cTMutex();
     EXPECT_EQ(raw->__data.__kind, -1);
     EXPECT_EQ(raw->__data.__nusers, 0u);
 }
@@ -69,7 +65,7 @@ public:
     }
 };
 
-TEST(cTThread, StopDuringSleepReturnsAfterOneMoreRoundAndEndsJoined) {
+TEST(cTThread, StoppedDuringSleepOrExitedOnItsOwnEndsJoined) {
     Worker w(1 << 30, 20ms);
     w.start();
     while (w.rounds.load() == 0) std::this_thread::yield();
@@ -77,19 +73,18 @@ TEST(cTThread, StopDuringSleepReturnsAfterOneMoreRoundAndEndsJoined) {
     auto stopped = std::async(std::launch::async, [&w] { w.stop(); });
     ASSERT_EQ(stopped.wait_for(5s), std::future_status::ready) << "stop did not return";
     EXPECT_EQ(w.state.load(), ThreadState::Joined);
-}
 
-TEST(cTThread, WorkerThatExitedOnItsOwnIsStillJoined) {
-    Worker w(3, 1ms);
-    w.start();
+    Worker done(3, 1ms);  // exits on its own and is still joined
+    done.start();
     auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (w.state.load() != ThreadState::Exited && std::chrono::steady_clock::now() < deadline) {
+    while (done.state.load() != ThreadState::Exited &&
+           std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(1ms);
     }
-    ASSERT_EQ(w.state.load(), ThreadState::Exited);
-    w.stop();
-    EXPECT_EQ(w.state.load(), ThreadState::Joined);
-    EXPECT_EQ(w.rounds.load(), 3);
+    ASSERT_EQ(done.state.load(), ThreadState::Exited);
+    done.stop();
+    EXPECT_EQ(done.state.load(), ThreadState::Joined);
+    EXPECT_EQ(done.rounds.load(), 3);
 }
 
 TEST(cTThread, RestartAllowedOnlyFromCreatedOrJoined) {

@@ -28,16 +28,13 @@ TEST(TimestampStatistics, PrintsOldestToNewestAcrossWrap) {
     EXPECT_EQ(printed(s), (std::vector<std::string>{"ts 20", "ts 30", "ts 40", "ts 50"}));
 }
 
-TEST(TimestampStatistics, IndexingOutsideRingThrows) {
+TEST(TimestampStatistics, IndexingOutsideRingThrowsFewerThanTwoValuesGiveNothing) {
     TimestampStatistics s(3);
     for (int i : {-1, 3})
         EXPECT_THROW(s.stack[i], std::runtime_error) << i;
     s.stack[2] = 5;
     EXPECT_THROW(TimestampStatistics(0), std::runtime_error);
-}
-
-TEST(TimestampStatistics, FewerThanTwoValuesLeaveOutputsUntouched) {
-    TimestampStatistics s(4);
+    // Fewer than two values leave the outputs untouched.
     float mean = -1, stddev = -2;
     int rejected = -3, kept = -4;
     s.calcStatistics(mean, stddev, rejected, kept);

@@ -49,7 +49,8 @@ TEST_F(cTTimingTest, ReportListsStagesInLabelOrderAsMilliseconds) {
                   t.stages["b"] = 0;
                   t.stages["c"] = 1000000000;
               }),
-              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");    // An empty probe and one without a name.
+              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");
+    // An empty probe and one without a name.
     EXPECT_EQ(report([] { cTTiming t("MainThread()"); }), "[cTTiming][MainThread()] ");
     EXPECT_EQ(report([] { cTTiming t(nullptr); }), "[cTTiming]");
     EXPECT_EQ(report([] {
@@ -82,9 +83,8 @@ TEST_F(cTTimingTest, MeasuredStagesAreMicrosecondsAndPrintedSorted) {
             R"(\[cTTiming\]\[triggerVStab\(\)\] VStab\(([0-9.e+-]+)\) sleep\(([0-9.]+)\) )")))
         << line;
     EXPECT_GE(std::stof(m[2].str()), 30.0f);
-}
 
-TEST_F(cTTimingTest, NullLabelRestartsAndRepeatedLabelKeepsLatest) {
+    // A null label restarts the clock; a repeated label keeps only the latest duration.
     cTTiming t("p");
     std::this_thread::sleep_for(60ms);
     t(nullptr);
