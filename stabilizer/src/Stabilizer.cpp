@@ -42,22 +42,22 @@ bool gyroEnded(uint32_t idleAsks, int64_t newestSampleNs, int64_t firstRowNs) {
 Stabilizer::Stabilizer(const StabConfig& config)
     : config_(config),
       history_(historyCapacity(config), config.gyroGapMaxNs),
-      smoother_(2 * static_cast<size_t>(lookAheadNodes(config.latencyNs))),
+      smoother_(3 * static_cast<size_t>(lookAheadNodes(config.latencyNs))),
       nodeCount_(lookAheadNodes(config.latencyNs)),
       nodeStepS_(nodeCount_ > 1 ? static_cast<double>(config.latencyNs) * 1e-9 / (nodeCount_ - 1)
                                 : 0.0),
       rowQ_(config.gridRows),
       rowM_(config.gridRows),
-      times_(std::max<size_t>(config.gridRows, 2 * lookAheadNodes(config.latencyNs))),
-      nodeQ_(2 * static_cast<size_t>(lookAheadNodes(config.latencyNs))),
+      times_(std::max<size_t>(config.gridRows, 3 * lookAheadNodes(config.latencyNs))),
+      nodeQ_(3 * static_cast<size_t>(lookAheadNodes(config.latencyNs))),
       nodeT_(static_cast<size_t>(nodeCount_)),
       nodeP_(static_cast<size_t>(nodeCount_)),
       nodeX_(static_cast<size_t>(nodeCount_)),
       nodeNeed_(static_cast<size_t>(nodeCount_)),
-      solveT_(2 * static_cast<size_t>(nodeCount_)),
-      solveP_(2 * static_cast<size_t>(nodeCount_)),
-      solveUsage_(2 * static_cast<size_t>(nodeCount_)),
-      solveX_(2 * static_cast<size_t>(nodeCount_)),
+      solveT_(3 * static_cast<size_t>(nodeCount_)),
+      solveP_(3 * static_cast<size_t>(nodeCount_)),
+      solveUsage_(3 * static_cast<size_t>(nodeCount_)),
+      solveX_(3 * static_cast<size_t>(nodeCount_)),
       zoom_(config.cropZoomMax > 0.0 ? config.cropZoomMax : config.overscan),
       // The crop check keeps the output kCropInset inside the frame on every side, which a
       // smaller magnification could never satisfy.
@@ -221,13 +221,14 @@ Quat Stabilizer::solvePath(int64_t centreNs, int64_t dataEndNs, const FrameTimin
     }
 
     // Otherwise the smoother over the look-ahead; on a new path with the gyro history before
-    // the frame too (up to the look-ahead's length), so the path starts with the velocity the
+    // the frame too (up to twice the look-ahead's span), so the path starts with the velocity the
     // data around the frame gives rather than the one its look-ahead alone suggests.
     int back = 0;
     if (pathRestarted_ && nodeCount_ > 1) {
         const int64_t stepNs = static_cast<int64_t>(std::llround(nodeStepS_ * 1e9));
         const int64_t available = (centreNs - history_.oldestNs()) / stepNs;
-        back = static_cast<int>(std::min<int64_t>(nodeCount_ - 1, std::max<int64_t>(0, available)));
+        back = static_cast<int>(
+            std::min<int64_t>(2 * (nodeCount_ - 1), std::max<int64_t>(0, available)));
     }
     const int total = back + nodesUsed_;
     for (int k = 0; k < total; ++k) {

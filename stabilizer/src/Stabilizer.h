@@ -145,9 +145,9 @@ class Stabilizer {
     std::vector<Vec3> nodeP_;
     std::vector<Vec3> nodeX_;       // solved path at the nodes
     std::vector<double> nodeNeed_;  // magnification each node needs
-    // The smoother's problem: gyro history before the frame (new paths only), the look-ahead
-    // the data reaches, and the rest of the horizon from the previous plan; up to twice the
-    // look-ahead's nodes. Times in seconds from the frame's centre.
+    // The smoother's problem: gyro history before the frame (new paths only, up to twice the
+    // look-ahead's span) and the look-ahead the data reaches; up to three times the look-ahead's
+    // nodes. Times in seconds from the frame's centre.
     std::vector<double> solveT_;
     std::vector<Vec3> solveP_;
     std::vector<double> solveUsage_;
