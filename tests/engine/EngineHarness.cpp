@@ -47,11 +47,7 @@ void EngineHarness::makeCamera(host::CameraSetup setup) {
 
 EngineHarness::Output& EngineHarness::addOutput(int id, uint32_t width, uint32_t height) {
     auto sink = std::make_shared<host::MemorySink>();
-    host::WindowConfig config;
-    config.defaultWidth = width;
-    config.defaultHeight = height;
-    android::sp<ANativeWindow> window = host::createWindow(sink, config);
-    native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+    android::sp<ANativeWindow> window = connectedWindow(sink, width, height);
     native_window_set_usage(window.get(), 0x30);
     engine->jsm.addSurface(id, window);
     outputs.push_back(Output{id, sink, window});
@@ -93,6 +89,16 @@ host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed f
         };
     }
     return setup;
+}
+
+android::sp<ANativeWindow> connectedWindow(std::shared_ptr<host::FrameSink> sink, uint32_t width,
+                                           uint32_t height) {
+    host::WindowConfig config;
+    config.defaultWidth = width;
+    config.defaultHeight = height;
+    android::sp<ANativeWindow> window = host::createWindow(std::move(sink), config);
+    native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+    return window;
 }
 
 bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {

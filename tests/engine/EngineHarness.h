@@ -59,8 +59,11 @@ enum class Feed {
     Live,   // on the camera's own clock: frames that find the queue full are dropped
 };
 // A camera of `frames` synthetic frames (0: endless) of `width` x `height` at `fps`.
-host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed feed,
-                                  int fps = 30);
+host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed feed, int fps = 30);
+
+// A host window of `width` x `height` feeding `sink`, connected as a CPU producer.
+android::sp<ANativeWindow> connectedWindow(std::shared_ptr<host::FrameSink> sink, uint32_t width,
+                                           uint32_t height);
 
 // Waits until `predicate` holds, polling every millisecond; false after `timeout`.
 bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout);

@@ -45,8 +45,8 @@ TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     h.start();
     ASSERT_TRUE(waitFor([&] { return log.contains("[JJJ] SensorManager Thread Exit"); }, 10s));
     // The thread logs its exit last in its body; its state turns Exited just after.
-    EXPECT_TRUE(waitFor(
-        [&] { return h.engine->sensorManager->state.load() == ThreadState::Exited; }, 5s));
+    EXPECT_TRUE(
+        waitFor([&] { return h.engine->sensorManager->state.load() == ThreadState::Exited; }, 5s));
     const size_t atGyroEnd = out.sink->count();
     ASSERT_TRUE(out.sink->waitForCount(atGyroEnd + 10, 10s));
     finishesWithin(10000ms, "stop", [&] { h.stop(); });
@@ -98,11 +98,7 @@ TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     std::vector<Removed> removed;
     for (int round = 0; round < 20; ++round) {
         auto sink = std::make_shared<host::MemorySink>();
-        host::WindowConfig config;
-        config.defaultWidth = 160;
-        config.defaultHeight = 120;
-        android::sp<ANativeWindow> window = host::createWindow(sink, config);
-        native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+        android::sp<ANativeWindow> window = connectedWindow(sink, 160, 120);
         h.engine->jsm.addSurface(7, window);
         ASSERT_TRUE(sink->waitForCount(2, 10s)) << round;
         android::sp<ANativeWindow> taken;
@@ -164,8 +160,9 @@ TEST(EngineSession, ShaderFailuresAreLoggedWithTheDriverLogAndTheResumeGoesOn) {
     h.engine->onResume();
     systemhooks::breakShaderSourcesOnThisThread(false);
     const std::vector<LogLine> lines = log.lines();
-    for (const char* text : {"Could not compile Vertex Shader: ",
-                             "Could not compile Fragment Shader: ", "Could not link gl program: "}) {
+    for (const char* text :
+         {"Could not compile Vertex Shader: ", "Could not compile Fragment Shader: ",
+          "Could not link gl program: "}) {
         auto line = std::find_if(lines.begin(), lines.end(),
                                  [&](const LogLine& l) { return l.text == text; });
         ASSERT_TRUE(line != lines.end() && line + 1 != lines.end()) << text;
@@ -208,8 +205,7 @@ TEST(EngineSensorDeathTest, EveryPlatformFailureOnTheGyroThreadIsFatal) {
     };
     for (const auto& c : cases) {
         const std::string message = c.second;
-        EXPECT_DEATH(runSensorThreadWith(c.first),
-                     message + "(.|\n)*what\\(\\): +" + message)
+        EXPECT_DEATH(runSensorThreadWith(c.first), message + "(.|\n)*what\\(\\): +" + message)
             << message;
     }
 }

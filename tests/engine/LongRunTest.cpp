@@ -86,15 +86,6 @@ class CountingSink : public host::FrameSink {
     int64_t last_ = 0;
 };
 
-android::sp<ANativeWindow> countingWindow(const std::shared_ptr<CountingSink>& sink) {
-    host::WindowConfig config;
-    config.defaultWidth = 160;
-    config.defaultHeight = 96;
-    android::sp<ANativeWindow> window = host::createWindow(sink, config);
-    native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
-    return window;
-}
-
 // Five frames per recording, numbered from 0 in each recording, stamped on CLOCK_MONOTONIC.
 host::CameraSetup fiveFramesPerRecording() {
     host::CameraSetup setup = sourceCamera(320, 240, periodicSource(5, 20000000));
@@ -106,10 +97,11 @@ host::CameraSetup fiveFramesPerRecording() {
 constexpr long kRssSlackKiB = 4096;
 
 void report(const char* what, int cycles, const ProcessFigures& warm, const ProcessFigures& end) {
-    std::printf("[long-run] %s: %d cycles; after warm-up rss %ld KiB, threads %d, fds %d; "
-                "at the end rss %ld KiB (%+ld), threads %d, fds %d\n",
-                what, cycles, warm.rssKiB, warm.threads, warm.fds, end.rssKiB,
-                end.rssKiB - warm.rssKiB, end.threads, end.fds);
+    std::printf(
+        "[long-run] %s: %d cycles; after warm-up rss %ld KiB, threads %d, fds %d; "
+        "at the end rss %ld KiB (%+ld), threads %d, fds %d\n",
+        what, cycles, warm.rssKiB, warm.threads, warm.fds, end.rssKiB, end.rssKiB - warm.rssKiB,
+        end.threads, end.fds);
 }
 
 // 200 recordings (start, five frames rendered into a window, stop) on one GL session, then 100
@@ -126,7 +118,7 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
         for (int cycle = 0; cycle < kCycles; ++cycle) {
             if (sessions && cycle > 0)
                 h.engine->onResume();
-            android::sp<ANativeWindow> window = countingWindow(sink);
+            android::sp<ANativeWindow> window = connectedWindow(sink, 160, 96);
             h.engine->jsm.addSurface(1, window);
             h.start();
             ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
@@ -161,7 +153,7 @@ TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     paceByWarps(setup);
     h.makeCamera(setup);
     auto sink = std::make_shared<CountingSink>();
-    android::sp<ANativeWindow> window = countingWindow(sink);
+    android::sp<ANativeWindow> window = connectedWindow(sink, 160, 96);
     h.engine->jsm.addSurface(1, window);
     h.start();
     ProcessFigures warm;

@@ -91,20 +91,6 @@ TEST(EnginePipeline, NotEnoughGyroKeepsFramesUntilForcedThenRendersThemUnwarped)
     }
 }
 
-// A single frame still waiting for gyro at stop: stop waits for it and forces it out rather
-// than ending the recording with it in the queue.
-TEST(EnginePipeline, StopForcesOutTheLastFrameStillWaitingForGyro) {
-    EngineHarness h;
-    vstabDouble().defaultStatus = 2;
-    h.makeCamera(syntheticCamera(640, 480, 1, Feed::Free));
-    auto& out = h.addOutput(1, 320, 240);
-    h.start();
-    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= 3; }, 10s));  // kept
-    EXPECT_EQ(out.sink->count(), 0u);
-    h.stop();
-    EXPECT_TRUE(out.sink->waitForCount(1, 5s));
-}
-
 TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
     LogCapture log;
     EngineHarness h;

@@ -12,6 +12,7 @@
 #include "ColorCalibration.h"
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
+#include "GlTestSupport.h"
 #include "LogCapture.h"
 
 namespace {
@@ -103,9 +104,9 @@ TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
         for (int y : {40, kH / 2, kH - 40}) {
             for (int x = 8; x < kW - 8; ++x) {
                 const double xin = 0.1 * kW + 0.8 * (x + 0.5) - 0.5;
-                const uint8_t luma = status == 0
-                                         ? rampLuma(std::max(0, x - kW / 4), kW)
-                                         : static_cast<uint8_t>(std::lround(60 + xin * 150.0 / (kW - 1)));
+                const uint8_t luma =
+                    status == 0 ? rampLuma(std::max(0, x - kW / 4), kW)
+                                : static_cast<uint8_t>(std::lround(60 + xin * 150.0 / (kW - 1)));
                 uint8_t rgb[3];
                 host::yuvToRgb(luma, 128, 128, rgb);
                 const uint8_t* px = pixelAt(frame, x, y);
@@ -115,16 +116,6 @@ TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
         }
         EXPECT_LE(worst, 2) << status;
     }
-}
-
-// BT.601 limited range ("video" levels), the conversion a camera's NV21 frame must get.
-void bt601(int y, int v, int u, double rgb[3]) {
-    const double l = 1.164383 * (y - 16);
-    rgb[0] = l + 1.596027 * (v - 128);
-    rgb[1] = l - 0.391762 * (u - 128) - 0.812968 * (v - 128);
-    rgb[2] = l + 2.017232 * (u - 128);
-    for (int c = 0; c < 3; ++c)
-        rgb[c] = std::clamp(rgb[c], 0.0, 255.0);
 }
 
 // The calibration chart filmed by the camera comes out of the engine (intake copy, NV21 slot
@@ -149,7 +140,7 @@ TEST(EngineRender, CalibrationChartComesOutAsBt601) {
             const int yv = ColorCalibration::y[b];
             const int v = ColorCalibration::vu[c + 1][0], u = ColorCalibration::vu[c + 1][1];
             double ref[3];
-            bt601(yv, v, u, ref);
+            gltest::referenceRgb(yv, u, v, ref);
             // The whole patch but its outer 2 pixels, where chroma and filtering blend.
             for (int row = 32 * b + 2; row < 32 * b + 30; ++row) {
                 for (int col = 32 * c + 2; col < 32 * c + 30; ++col) {
@@ -162,7 +153,6 @@ TEST(EngineRender, CalibrationChartComesOutAsBt601) {
             }
         }
     }
-
 }
 
 // RenderEmpty queues one plain frame to every window, stamped by the window itself: red that

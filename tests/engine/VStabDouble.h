@@ -39,7 +39,6 @@ struct VStabDouble {
     std::atomic<int> defaultStatus{0};
     float gridScale = 1.0f;
     float gridOffsetX = 0.0f;
-    bool writeGrid = true;
     // While set, every warp call returns `holdStatus` (the frame stays queued) without taking
     // a scripted status. May be flipped by any thread while the engine runs.
     std::atomic<bool> hold{false};
