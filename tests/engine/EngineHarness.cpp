@@ -13,8 +13,6 @@ std::string engineConfig(const std::string& extraLines) {
            extraLines;
 }
 
-EngineHarness::EngineHarness() : EngineHarness(Properties()) {}
-
 EngineHarness::EngineHarness(const Properties& properties) {
     resetVStabDouble();
     host::clearProperties();

@@ -120,9 +120,10 @@ TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     }
 }
 
-// glGenFramebuffers failing in onResume: the error line with line number 566, no shaders or
-// program, the context released. glDeleteFramebuffers failing in onPause: line 679, nothing
-// released (so that another onPause can try again). Either way the session recovers.
+// glGenFramebuffers failing in onResume: the error line with line number 566, no program, the
+// context released. glDeleteFramebuffers failing in onPause: line 679, nothing released (so that
+// another onPause can try again). Shaders the driver cannot compile: each failure is logged with
+// the driver's info log, the link failure too, and the resume goes on. The session recovers.
 TEST(EngineSession, FramebufferFailuresAreLoggedAndTheSessionRecovers) {
     EngineHarness h;
     h.engine->onPause();
@@ -147,15 +148,7 @@ TEST(EngineSession, FramebufferFailuresAreLoggedAndTheSessionRecovers) {
     EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
     h.engine->onPause();
     EXPECT_EQ(h.engine->glContext.data, nullptr);
-    h.engine->onResume();  // for the harness's own pause
-}
 
-// Shaders the driver cannot compile: each failure is logged with the driver's info log, the
-// link failure too, and the resume goes on to the end.
-TEST(EngineSession, ShaderFailuresAreLoggedWithTheDriverLogAndTheResumeGoesOn) {
-    EngineHarness h;
-    h.engine->onPause();
-    LogCapture log;
     systemhooks::breakShaderSourcesOnThisThread(true);
     h.engine->onResume();
     systemhooks::breakShaderSourcesOnThisThread(false);
@@ -173,7 +166,7 @@ TEST(EngineSession, ShaderFailuresAreLoggedWithTheDriverLogAndTheResumeGoesOn) {
     EXPECT_NE(h.engine->framebuffer, 0u);
     EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
     h.engine->onPause();
-    h.engine->onResume();
+    h.engine->onResume();  // for the harness's own pause
 }
 
 // Every failure of the sensor service or looper on the gyro thread is logged and thrown out of

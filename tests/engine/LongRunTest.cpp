@@ -8,7 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
+#include <climits>
 #include <cstdio>
 #include <mutex>
 #include <fstream>
@@ -54,36 +55,19 @@ ProcessFigures processFigures() {
     return figures;
 }
 
-// Counts what a window receives, keeping no pixels, and counts timestamps that do not rise.
-class CountingSink : public host::FrameSink {
-  public:
+// Counts what a window receives, keeping no pixels, and the timestamps that do not rise.
+struct CountingSink : host::FrameSink {
+    std::atomic<size_t> count{0};
+    std::atomic<size_t> outOfOrder{0};
+    int64_t last = INT64_MIN;  // the window's consumer thread's own
     void onFrame(const host::Frame& frame) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (count_ > 0 && frame.timestampNs <= last_)
-            ++outOfOrder_;
-        last_ = frame.timestampNs;
-        ++count_;
-        arrived_.notify_all();
+        outOfOrder += frame.timestampNs <= last ? 1 : 0;
+        last = frame.timestampNs;
+        ++count;
     }
-    size_t count() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return count_;
+    bool waitForCount(size_t n, std::chrono::milliseconds timeout) const {
+        return waitFor([&] { return count.load() >= n; }, timeout);
     }
-    size_t outOfOrder() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return outOfOrder_;
-    }
-    bool waitForCount(size_t count, std::chrono::milliseconds timeout) const {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return arrived_.wait_for(lock, timeout, [&] { return count_ >= count; });
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable arrived_;
-    size_t count_ = 0;
-    size_t outOfOrder_ = 0;
-    int64_t last_ = 0;
 };
 
 // Five frames per recording, numbered from 0 in each recording, stamped on CLOCK_MONOTONIC.
@@ -133,7 +117,7 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
         }
         const ProcessFigures end = processFigures();
         report(sessions ? "onPause/onResume" : "start/stop", kCycles, warm, end);
-        EXPECT_EQ(sink->count(), 5u * kCycles);
+        EXPECT_EQ(sink->count.load(), 5u * kCycles);
         EXPECT_EQ(h.cameraDevice->counters().released, 5u * kCycles);
         EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
         EXPECT_EQ(end.threads, warm.threads);
@@ -178,8 +162,8 @@ TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     host::CameraCounters counters = h.cameraDevice->counters();
     EXPECT_EQ(counters.delivered, kFrames);
     EXPECT_EQ(counters.released, kFrames);
-    EXPECT_EQ(sink->count(), kFrames);
-    EXPECT_EQ(sink->outOfOrder(), 0u);
+    EXPECT_EQ(sink->count.load(), kFrames);
+    EXPECT_EQ(sink->outOfOrder.load(), 0u);
     EXPECT_LT(most.rssKiB - warm.rssKiB, kRssSlackKiB);
     EXPECT_EQ(most.threads, warm.threads);
     EXPECT_EQ(most.fds, warm.fds);
