@@ -62,9 +62,7 @@ void EngineHarness::start(const std::string& config) {
 
 void EngineHarness::stop() {
     recording = false;
-    // The gyro thread marks itself running when it begins, overwriting a stop requested before
-    // that; the engine relies on a recording lasting longer than that thread's start. A test
-    // may stop at once, on a loaded machine, so it first waits as a real recording would.
+    // The gyro thread's start overwrites a stop requested before it: wait for it to begin.
     if (engine->sensorManager.data != nullptr) {
         waitFor([&] { return engine->sensorManager->state.load() != ThreadState::Created; },
                 std::chrono::seconds(10));

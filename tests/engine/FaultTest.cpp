@@ -1,6 +1,4 @@
-// What the platform does wrong, met by the real engine: a gyroscope that stops, a camera faster
-// than rendering, a window taken away while frames are drawn, GL failures in the session and
-// sensor service failures on the gyro thread.
+// Platform faults met by the real engine: gyro, camera, windows, GL session, sensor service.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -55,9 +53,8 @@ TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
 }
 
-// A camera at 60 fps and a library that needs 40 ms a frame: the queue fills and the newest
-// frames are dropped with the warning. Every frame goes back to the camera, every one is either
-// rendered once or dropped, and the outputs stay in order.
+// A 60 fps camera and a library needing 40 ms a frame: the newest frames are dropped; every
+// frame goes back to the camera and is rendered once or dropped, outputs in order.
 TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
     EngineHarness h;
     vstabDouble().warpDelayUs = 40000;
@@ -83,9 +80,8 @@ TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
 }
 
-// Windows are taken out of the registry and new ones put in while the processing thread
-// renders a live camera. Removal waits for the frame being drawn; a removed window gets
-// nothing more.
+// Windows removed and added while a live camera is rendered: removal waits for the frame being
+// drawn; a removed window gets nothing more.
 TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     EngineHarness h;
     h.makeCamera(syntheticCamera(320, 240, 0, Feed::Live, 60));
@@ -169,9 +165,7 @@ TEST(EngineSession, FramebufferFailuresAreLoggedAndTheSessionRecovers) {
     h.engine->onResume();  // for the harness's own pause
 }
 
-// Every failure of the sensor service or looper on the gyro thread is logged and thrown out of
-// the thread body, which ends the process. Child-process body: returns only if the thread
-// survived.
+// Child-process body: a sensor service fault on the gyro thread must end the process.
 void runSensorThreadWith(host::SensorFault fault) {
     ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
     resetVStabDouble();

@@ -27,10 +27,8 @@ int64_t clockDelta(clockid_t a, clockid_t b) {
     return value - (before + (after - before) / 2);
 }
 
-// Recorded gyro samples replayed through the host gyroscope, their timestamps mapped so that
-// the first one lands on CLOCK_BOOTTIME now. The sensor thread keeps the newest timestamp it
-// has delivered for the whole process, so a test that replays must end only once the host
-// clock has passed its samples (see waitPastSamples).
+// Gyro samples replayed from CLOCK_BOOTTIME now. The sensor thread's newest timestamp lives as
+// long as the process, so a replaying test ends only once the clock has passed its samples.
 struct Replay {
     std::shared_ptr<host::ReplayClock> clock;
     std::shared_ptr<host::ReplayGyroSource> source;

@@ -138,17 +138,13 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
                                         uint64_t n, int64_t, host::FrameInfo& info) {
                          if (n >= plan.size())
                              return false;
-                         // Frame-clock instants relative to the end of the start offset, sent on
-                         // the camera's CLOCK_MONOTONIC. start() wrote startRecordTimestamp before
-                         // recording.
+                         // Relative to the end of the start offset, sent on CLOCK_MONOTONIC.
                          info.timestampNs = engine->startRecordTimestamp + kStartOffsetUs * 1000LL -
                                             bootMinusMonotonic + plan[n].relativeNs;
                          produced->add(info.timestampNs);
                          return true;
                      }));
-    // The camera lets each frame go once the engine is where the plan needs it: a few frames
-    // pending at most, and an empty queue before each round of holding. A gate that waits
-    // too long opens anyway and the counts below tell what went wrong.
+    // Each frame goes once the engine is where the plan needs it (a gate stuck for 15 s opens).
     struct GateState {
         size_t waitingFor = SIZE_MAX;
         std::chrono::steady_clock::time_point since;

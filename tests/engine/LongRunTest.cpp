@@ -1,8 +1,5 @@
-// Long runs of the engine's lifecycle: hundreds of recordings and GL sessions in one process,
-// each with frames, gyro samples and an output window, checked for growth of resident memory,
-// threads and file descriptors. Labelled "long" and left out of the default test run:
-//   ctest --test-dir build/default -L long --output-on-failure
-// Each case prints its figures ("[long-run] ...") for docs/reliability.md.
+// Long runs checked for growth of memory, threads and descriptors (ctest label "long"); each
+// prints its "[long-run]" figures for docs/reliability.md.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -88,9 +85,8 @@ void report(const char* what, int cycles, const ProcessFigures& warm, const Proc
         end.threads, end.fds);
 }
 
-// 200 recordings (start, five frames rendered into a window, stop) on one GL session, then 100
-// GL sessions in the order the Java side drives them (onResume, window added, start, five
-// frames, stop, window removed, onPause), each with a live gyroscope.
+// 200 recordings of five frames on one GL session, then 100 GL sessions driven as the Java side
+// does (resume, window, start, stop, window removed, pause), with a live gyroscope.
 TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     for (bool sessions : {false, true}) {
         ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
@@ -126,9 +122,8 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     }
 }
 
-// One recording of 50,000 frames at 160 x 96 with a live gyroscope, the camera waiting for the
-// engine (offline pacing): resident memory sampled every 5,000 frames stays flat after the
-// first 5,000, and every frame comes out once, in order.
+// 50,000 paced frames with a live gyroscope: memory flat after the first 5,000, every frame out
+// once, in order.
 TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     constexpr uint64_t kFrames = 50000, kStep = 5000;
     ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);

@@ -184,10 +184,8 @@ TEST(EnginePipelineDeathTest, ErrorStatusEndsThreadWithException) {
     }
 }
 
-// A queue that is completely full reports a size of 0, so under status 2 its head frame stays:
-// the almost-full rule does not see it. stop() polls the same size, so it does not wait for
-// such a queue either: it joins at once, nothing is forced out and the queued frames go with
-// the queue (each was handed back to the camera at intake).
+// A completely full queue reports size 0: under status 2 its head stays (the almost-full rule
+// does not see it) and stop() joins at once, forcing nothing out.
 TEST(EnginePipeline, FullQueueKeepsItsHeadUnderStatus2AndStopDoesNotWaitForIt) {
     LogCapture log;
     EngineHarness h;
@@ -229,10 +227,8 @@ TEST(EnginePipeline, IdlePassSleeps5000UsAt60FpsAnd10000UsOtherwise) {
     }
 }
 
-// A GL error while drawing is logged with the function text, the context is released, the
-// dequeued buffer is dropped and the other windows are skipped. The registry lock is kept, so
-// the engine cannot be stopped cleanly afterwards: the scenario runs in a child process.
-// Child-process body: exits 0 when the error path behaved as described above.
+// Child-process body (the registry lock stays held): a GL error while drawing releases the
+// context, drops the dequeued buffer and skips the other windows; exits 0 if so.
 void runRenderWithBrokenProgram() {
     EngineHarness h;
     h.makeCamera(syntheticCamera(640, 480, 1, Feed::Paced));

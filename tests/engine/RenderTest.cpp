@@ -1,6 +1,4 @@
-// Warped rendering through the real engine: the mesh positions built around the library's grid,
-// the picture a warped frame makes in an output window, the colours of the camera's NV21 frame
-// on the way, and the plain frames of RenderEmpty.
+// Rendering through the real engine: the mesh, warped and unwarped pictures, colours, RenderEmpty.
 #include <gtest/gtest.h>
 #include <host/PixelConversion.h>
 #include <system/window.h>
@@ -32,9 +30,7 @@ const uint8_t* pixelAt(const host::MemorySink::StoredFrame& frame, int x, int y)
     return &frame.pixels[(static_cast<size_t>(y) * frame.stride + x) * 4];
 }
 
-// The mesh is the library's grid with one ring of vertices around it. The ring lies on the
-// output's edges (x or y exactly -1 or +1, evenly spread along them), the interior takes the
-// library's x and y, and no z is passed on.
+// The mesh is the library's grid (x, y; no z) inside a ring spread evenly on the output's edges.
 TEST(EngineRender, BorderRingLiesOnTheOutputEdgesAroundTheLibraryGrid) {
     Context engine;
     constexpr int kColumns = 4, kRows = 3;  // library grid; the mesh is 6 x 5
@@ -81,11 +77,9 @@ void paintRamp(uint64_t, const host::FrameImage& image) {
         std::memset(image.chroma + y * image.pitch, 128, image.width);
 }
 
-// A warped frame (status 0) is drawn through the grid the library returned: here the identity
-// grid moved a quarter of the width to the right, so output x shows camera x - W/4, and the
-// strip the grid leaves uncovered on the left is filled by the border ring with the frame's edge
-// pixels (never the red of the cleared target). An unwarped frame (status 1) ignores that grid
-// and shows the centre of the frame magnified 1.25 times: x shows 0.1 W + 0.8 (x + 0.5) - 0.5.
+// Status 0 draws through the library's grid, here moved a quarter width right (x shows x - W/4,
+// the ring fills the uncovered strip with edge pixels); status 1 ignores it and magnifies the
+// centre 1.25 times (x shows 0.1 W + 0.8 (x + 0.5) - 0.5).
 TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
     constexpr int kW = 640, kH = 480;
     for (int status : {0, 1}) {
@@ -155,9 +149,8 @@ TEST(EngineRender, CalibrationChartComesOutAsBt601) {
     }
 }
 
-// RenderEmpty queues one plain frame to every window, stamped by the window itself: red that
-// rises by 0.01 per frame from 0.0 at load and falls back to 0.0 once it passes 1.0. Without
-// windows it only takes and frees the registry lock.
+// RenderEmpty queues a window-stamped plain frame to every window: red rising by 0.01 a frame,
+// back to 0.0 once past 1.0.
 TEST(EngineRender, EmptyFramesRampTheRedLevelAndLetTheWindowStampThem) {
     EngineHarness h;
     h.engine->RenderEmpty();  // no window yet
