@@ -13,8 +13,6 @@ std::string engineConfig(const std::string& extraLines) {
            extraLines;
 }
 
-EngineHarness::EngineHarness() : EngineHarness(Properties()) {}
-
 EngineHarness::EngineHarness(const Properties& properties) {
     resetVStabDouble();
     host::clearProperties();
@@ -47,11 +45,7 @@ void EngineHarness::makeCamera(host::CameraSetup setup) {
 
 EngineHarness::Output& EngineHarness::addOutput(int id, uint32_t width, uint32_t height) {
     auto sink = std::make_shared<host::MemorySink>();
-    host::WindowConfig config;
-    config.defaultWidth = width;
-    config.defaultHeight = height;
-    android::sp<ANativeWindow> window = host::createWindow(sink, config);
-    native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+    android::sp<ANativeWindow> window = connectedWindow(sink, width, height);
     native_window_set_usage(window.get(), 0x30);
     engine->jsm.addSurface(id, window);
     outputs.push_back(Output{id, sink, window});
@@ -68,9 +62,7 @@ void EngineHarness::start(const std::string& config) {
 
 void EngineHarness::stop() {
     recording = false;
-    // The gyro thread marks itself running when it begins, overwriting a stop requested before
-    // that; the engine relies on a recording lasting longer than that thread's start. A test
-    // may stop at once, on a loaded machine, so it first waits as a real recording would.
+    // The gyro thread's start overwrites a stop requested before it: wait for it to begin.
     if (engine->sensorManager.data != nullptr) {
         waitFor([&] { return engine->sensorManager->state.load() != ThreadState::Created; },
                 std::chrono::seconds(10));
@@ -93,6 +85,16 @@ host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed f
         };
     }
     return setup;
+}
+
+android::sp<ANativeWindow> connectedWindow(std::shared_ptr<host::FrameSink> sink, uint32_t width,
+                                           uint32_t height) {
+    host::WindowConfig config;
+    config.defaultWidth = width;
+    config.defaultHeight = height;
+    android::sp<ANativeWindow> window = host::createWindow(std::move(sink), config);
+    native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+    return window;
 }
 
 bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout) {

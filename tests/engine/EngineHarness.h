@@ -16,8 +16,7 @@
 #include "Context.h"
 #include "VStabDouble.h"
 
-// Configuration text in the engine's key=value form. The test double ignores it; the engine
-// reads its "native.*" keys.
+// Configuration text in the engine's key=value form (the double ignores it).
 std::string engineConfig(const std::string& extraLines = "");
 
 // System properties by key.
@@ -34,10 +33,8 @@ struct EngineHarness {
     };
     std::deque<Output> outputs;  // deque: references to outputs stay valid
 
-    // Resets the double and the properties, builds the engine and resumes its GL session.
-    EngineHarness();
-    // The same, with these system properties set before the session is resumed.
-    explicit EngineHarness(const Properties& properties);
+    // Resets the double and the properties (then sets `properties`), builds and resumes.
+    explicit EngineHarness(const Properties& properties = {});
     // Stops (if recording), removes the outputs and pauses.
     ~EngineHarness();
 
@@ -59,20 +56,20 @@ enum class Feed {
     Live,   // on the camera's own clock: frames that find the queue full are dropped
 };
 // A camera of `frames` synthetic frames (0: endless) of `width` x `height` at `fps`.
-host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed feed,
-                                  int fps = 30);
+host::CameraSetup syntheticCamera(int width, int height, uint64_t frames, Feed feed, int fps = 30);
+
+// A host window of `width` x `height` feeding `sink`, connected as a CPU producer.
+android::sp<ANativeWindow> connectedWindow(std::shared_ptr<host::FrameSink> sink, uint32_t width,
+                                           uint32_t height);
 
 // Waits until `predicate` holds, polling every millisecond; false after `timeout`.
 bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds timeout);
 
-// A camera recording `width` x `height` (added to its video sizes) at `fps`, whose frames come
-// from `source` as fast as they are released (no gate: set setup.gate to pace them).
+// A camera recording `width` x `height` at `fps` from `source`, as fast as frames are released.
 host::CameraSetup sourceCamera(int width, int height, std::shared_ptr<host::FrameSource> source,
                                int fps = 30);
-// A frame source scripted per recording: `describe` gets the frame's number n within the
-// recording (0, 1, ...) and the recording's start on CLOCK_MONOTONIC, fills the frame's
-// timestamp and metadata and returns false to end the stream; `paint` (optional) writes the
-// picture. Both run on the camera's capture thread.
+// A frame source scripted per recording: `describe` gets frame n of the recording and its start
+// on CLOCK_MONOTONIC, fills the frame's info and returns false to end; `paint` writes the picture.
 using DescribeFrame = std::function<bool(uint64_t n, int64_t startMonotonicNs, host::FrameInfo&)>;
 using PaintFrame = std::function<void(uint64_t n, const host::FrameImage&)>;
 std::shared_ptr<host::FrameSource> scriptedSource(DescribeFrame describe,
@@ -84,21 +81,18 @@ std::shared_ptr<host::FrameSource> periodicSource(uint64_t frames, int64_t offse
                                                   FrameMeta meta = nullptr,
                                                   PaintFrame paint = nullptr);
 
-// Holds the camera back while `ahead` frames it let through have not yet been warped with status
-// 0 by the double, so that a stream in which every frame is accepted never fills the engine's
-// queue. Counts across recordings of the same camera.
+// Holds the camera back while `ahead` frames it let through are not yet warped with status 0
+// (counted across recordings), so that the engine's queue never fills.
 void paceByWarps(host::CameraSetup& setup, int ahead = 8);
 
-// A camera whose recording delivers no frame at all: for tests that need the engine running
-// but drive intake themselves, or do not need frames.
+// A camera whose recording delivers no frame at all.
 host::CameraSetup idleCamera(int width = 640, int height = 480, int fps = 30);
 
 // Current reading of a POSIX clock in nanoseconds.
 int64_t clockNs(clockid_t clock);
 
-// Installs a host gyroscope for the life of the object and removes it afterwards (declare it
-// before the harness, so that the engine's sensor thread is gone when it is removed). A null
-// source means no gyroscope at all.
+// A host gyroscope (none for a null source) for the life of the object: declare it before the
+// harness, so that the engine's sensor thread is gone when it is removed.
 class ScopedGyro {
   public:
     explicit ScopedGyro(std::shared_ptr<host::GyroSource> source, int minDelayUs = 2500,

@@ -1,12 +1,11 @@
-// Small helpers shared by the engine's behaviour tests: expected log texts, log lines by prefix,
-// thrown messages and lock probes from another thread.
+// Small helpers shared by the engine's behaviour tests: log priorities, thrown messages, lock
+// probes from another thread and a deadlock guard.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <chrono>
-#include <cstdarg>
 #include <cstdio>
 #include <future>
 #include <string>
@@ -20,28 +19,6 @@ namespace enginetest {
 constexpr int kInfo = 4;
 constexpr int kWarn = 5;
 constexpr int kError = 6;
-
-// printf-style text, for expected log lines with values in them.
-inline std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-inline std::string format(const char* fmt, ...) {
-    char text[1024];
-    va_list args;
-    va_start(args, fmt);
-    std::vsnprintf(text, sizeof(text), fmt, args);
-    va_end(args);
-    return text;
-}
-
-// Lines whose text starts with `prefix`, in order.
-inline std::vector<LogLine> linesStartingWith(const std::vector<LogLine>& lines,
-                                              const std::string& prefix) {
-    std::vector<LogLine> out;
-    for (const LogLine& l : lines) {
-        if (l.text.compare(0, prefix.size(), prefix) == 0)
-            out.push_back(l);
-    }
-    return out;
-}
 
 // The message of the std::runtime_error that `work` throws, or a note that it threw nothing.
 template <typename F>

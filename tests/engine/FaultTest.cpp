@@ -1,6 +1,4 @@
-// What the platform does wrong, met by the real engine: a gyroscope that stops, a camera faster
-// than rendering, a window taken away while frames are drawn, GL failures in the session and
-// sensor service failures on the gyro thread.
+// Platform faults met by the real engine: gyro, camera, windows, GL session, sensor service.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -45,8 +43,8 @@ TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     h.start();
     ASSERT_TRUE(waitFor([&] { return log.contains("[JJJ] SensorManager Thread Exit"); }, 10s));
     // The thread logs its exit last in its body; its state turns Exited just after.
-    EXPECT_TRUE(waitFor(
-        [&] { return h.engine->sensorManager->state.load() == ThreadState::Exited; }, 5s));
+    EXPECT_TRUE(
+        waitFor([&] { return h.engine->sensorManager->state.load() == ThreadState::Exited; }, 5s));
     const size_t atGyroEnd = out.sink->count();
     ASSERT_TRUE(out.sink->waitForCount(atGyroEnd + 10, 10s));
     finishesWithin(10000ms, "stop", [&] { h.stop(); });
@@ -55,9 +53,8 @@ TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
 }
 
-// A camera at 60 fps and a library that needs 40 ms a frame: the queue fills and the newest
-// frames are dropped with the warning. Every frame goes back to the camera, every one is either
-// rendered once or dropped, and the outputs stay in order.
+// A 60 fps camera and a library needing 40 ms a frame: the newest frames are dropped; every
+// frame goes back to the camera and is rendered once or dropped, outputs in order.
 TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
     EngineHarness h;
     vstabDouble().warpDelayUs = 40000;
@@ -83,9 +80,8 @@ TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
 }
 
-// Windows are taken out of the registry and new ones put in while the processing thread
-// renders a live camera. Removal waits for the frame being drawn; a removed window gets
-// nothing more.
+// Windows removed and added while a live camera is rendered: removal waits for the frame being
+// drawn; a removed window gets nothing more.
 TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     EngineHarness h;
     h.makeCamera(syntheticCamera(320, 240, 0, Feed::Live, 60));
@@ -98,11 +94,7 @@ TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     std::vector<Removed> removed;
     for (int round = 0; round < 20; ++round) {
         auto sink = std::make_shared<host::MemorySink>();
-        host::WindowConfig config;
-        config.defaultWidth = 160;
-        config.defaultHeight = 120;
-        android::sp<ANativeWindow> window = host::createWindow(sink, config);
-        native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
+        android::sp<ANativeWindow> window = connectedWindow(sink, 160, 120);
         h.engine->jsm.addSurface(7, window);
         ASSERT_TRUE(sink->waitForCount(2, 10s)) << round;
         android::sp<ANativeWindow> taken;
@@ -124,9 +116,10 @@ TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     }
 }
 
-// glGenFramebuffers failing in onResume: the error line with line number 566, no shaders or
-// program, the context released. glDeleteFramebuffers failing in onPause: line 679, nothing
-// released (so that another onPause can try again). Either way the session recovers.
+// glGenFramebuffers failing in onResume: the error line with line number 566, no program, the
+// context released. glDeleteFramebuffers failing in onPause: line 679, nothing released (so that
+// another onPause can try again). Shaders the driver cannot compile: each failure is logged with
+// the driver's info log, the link failure too, and the resume goes on. The session recovers.
 TEST(EngineSession, FramebufferFailuresAreLoggedAndTheSessionRecovers) {
     EngineHarness h;
     h.engine->onPause();
@@ -151,21 +144,14 @@ TEST(EngineSession, FramebufferFailuresAreLoggedAndTheSessionRecovers) {
     EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
     h.engine->onPause();
     EXPECT_EQ(h.engine->glContext.data, nullptr);
-    h.engine->onResume();  // for the harness's own pause
-}
 
-// Shaders the driver cannot compile: each failure is logged with the driver's info log, the
-// link failure too, and the resume goes on to the end.
-TEST(EngineSession, ShaderFailuresAreLoggedWithTheDriverLogAndTheResumeGoesOn) {
-    EngineHarness h;
-    h.engine->onPause();
-    LogCapture log;
     systemhooks::breakShaderSourcesOnThisThread(true);
     h.engine->onResume();
     systemhooks::breakShaderSourcesOnThisThread(false);
     const std::vector<LogLine> lines = log.lines();
-    for (const char* text : {"Could not compile Vertex Shader: ",
-                             "Could not compile Fragment Shader: ", "Could not link gl program: "}) {
+    for (const char* text :
+         {"Could not compile Vertex Shader: ", "Could not compile Fragment Shader: ",
+          "Could not link gl program: "}) {
         auto line = std::find_if(lines.begin(), lines.end(),
                                  [&](const LogLine& l) { return l.text == text; });
         ASSERT_TRUE(line != lines.end() && line + 1 != lines.end()) << text;
@@ -176,12 +162,10 @@ TEST(EngineSession, ShaderFailuresAreLoggedWithTheDriverLogAndTheResumeGoesOn) {
     EXPECT_NE(h.engine->framebuffer, 0u);
     EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
     h.engine->onPause();
-    h.engine->onResume();
+    h.engine->onResume();  // for the harness's own pause
 }
 
-// Every failure of the sensor service or looper on the gyro thread is logged and thrown out of
-// the thread body, which ends the process. Child-process body: returns only if the thread
-// survived.
+// Child-process body: a sensor service fault on the gyro thread must end the process.
 void runSensorThreadWith(host::SensorFault fault) {
     ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
     resetVStabDouble();
@@ -208,8 +192,7 @@ TEST(EngineSensorDeathTest, EveryPlatformFailureOnTheGyroThreadIsFatal) {
     };
     for (const auto& c : cases) {
         const std::string message = c.second;
-        EXPECT_DEATH(runSensorThreadWith(c.first),
-                     message + "(.|\n)*what\\(\\): +" + message)
+        EXPECT_DEATH(runSensorThreadWith(c.first), message + "(.|\n)*what\\(\\): +" + message)
             << message;
     }
 }

@@ -27,10 +27,8 @@ int64_t clockDelta(clockid_t a, clockid_t b) {
     return value - (before + (after - before) / 2);
 }
 
-// Recorded gyro samples replayed through the host gyroscope, their timestamps mapped so that
-// the first one lands on CLOCK_BOOTTIME now. The sensor thread keeps the newest timestamp it
-// has delivered for the whole process, so a test that replays must end only once the host
-// clock has passed its samples (see waitPastSamples).
+// Gyro samples replayed from CLOCK_BOOTTIME now. The sensor thread's newest timestamp lives as
+// long as the process, so a replaying test ends only once the clock has passed its samples.
 struct Replay {
     std::shared_ptr<host::ReplayClock> clock;
     std::shared_ptr<host::ReplayGyroSource> source;
@@ -50,15 +48,6 @@ struct Replay {
             std::this_thread::sleep_for(1ms);
     }
 };
-
-host::GyroSample sample(int64_t recordedNs, float x = 0.0f, float y = 0.0f, float z = 0.0f) {
-    host::GyroSample s;
-    s.timestampNs = recordedNs;
-    s.x = x;
-    s.y = y;
-    s.z = z;
-    return s;
-}
 
 TEST(EngineClocks, ClosestClockIsFoundWithinHalfASecond) {
     EXPECT_EQ(findClosestClock(clockNs(CLOCK_MONOTONIC)), 1);
@@ -88,7 +77,7 @@ TEST(EngineGyro, SensorSamplesReachTheLibraryInTheFrameClock) {
                      << "frame clock " << c.frameClock << ", gyro clock " << c.gyroClock);
         std::vector<host::GyroSample> samples;
         for (int k = 0; k < 50; ++k)
-            samples.push_back(sample(1000000000LL + k * 2 * kMs, 0.01f * k, -0.02f * k, 0.5f));
+            samples.push_back({1000000000LL + k * 2 * kMs, 0.01f * k, -0.02f * k, 0.5f});
         Replay replay(samples);
         ScopedGyro gyro(replay.source, c.minDelayUs);
         EngineHarness h;
@@ -111,7 +100,8 @@ TEST(EngineGyro, SensorSamplesReachTheLibraryInTheFrameClock) {
             EXPECT_EQ(rates[k][1], samples[k].y);
             EXPECT_EQ(rates[k][2], samples[k].z);
         }
-        EXPECT_EQ(log.count(format("SensorManager timeout = %d us", c.timeout), kWarn), 1);
+        EXPECT_EQ(log.count("SensorManager timeout = " + std::to_string(c.timeout) + " us", kWarn),
+                  1);
         replay.waitPastSamples();
     }
 }
@@ -122,7 +112,7 @@ TEST(EngineGyro, SensorThreadDropsEventsOlderThanTheLastOne) {
     const size_t kept[] = {0, 1, 2, 3, 5, 6, 8};
     std::vector<host::GyroSample> samples;
     for (int64_t ms : recordedMs)
-        samples.push_back(sample(5000000000LL + ms * kMs, static_cast<float>(ms)));
+        samples.push_back({5000000000LL + ms * kMs, static_cast<float>(ms), 0.0f, 0.0f});
     Replay replay(samples);
     ScopedGyro gyro(replay.source);
     EngineHarness h;
@@ -169,6 +159,9 @@ TEST(EngineGyro, WithoutAGyroscopeZeroRatesArriveEveryFourMilliseconds) {
     }
 }
 
+// Samples the engine loses: unset clock ids (through the stand-by stream, then directly) and a
+// zero timestamp are logged and dropped; a library refusing a sample is fatal. The library's
+// lock is free after each.
 TEST(EngineGyro, UnsetClockIdsLoseEverySampleWithTheErrorLine) {
     {
         ScopedGyro none(nullptr);  // the stand-by stream feeds samples
@@ -181,45 +174,37 @@ TEST(EngineGyro, UnsetClockIdsLoseEverySampleWithTheErrorLine) {
         h.stop();
         EXPECT_EQ(vstabDouble().addCalls.load(), 0);
     }
+    const char kInvalid[] = "[Warning] Received invalid gyro sample timestamp (ignoring sample)";
+    const char kRefused[] = "[Error] Could not add gyro to VStab ... aborting";
+    const int64_t now = clockNs(CLOCK_BOOTTIME);
+    const struct {
+        int frameClock, gyroClock;
+        int64_t timestampNs;
+        int addStatus;
+        const char* line;
+        bool thrown;
+    } cases[] = {
+        {-1, CLOCK_BOOTTIME, now, 0, kTimerNotSet, false},
+        {CLOCK_BOOTTIME, -1, now, 0, kTimerNotSet, false},
+        {-1, -1, now, 0, kTimerNotSet, false},
+        {CLOCK_BOOTTIME, CLOCK_BOOTTIME, 0, 0, kInvalid, false},
+        {CLOCK_BOOTTIME, CLOCK_BOOTTIME, now, 4, kRefused, true},
+    };
     EngineHarness h;
     float rates[3] = {1.0f, 2.0f, 3.0f};
-    for (auto ids : {std::pair<int, int>{-1, CLOCK_BOOTTIME},
-                     std::pair<int, int>{CLOCK_BOOTTIME, -1}, std::pair<int, int>{-1, -1}}) {
-        h.engine->clockIdFrame = ids.first;
-        h.engine->clockIdGyro = ids.second;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        h.engine->clockIdFrame = c.frameClock;
+        h.engine->clockIdGyro = c.gyroClock;
+        vstabDouble().addStatus = c.addStatus;
         LogCapture log;
-        h.engine->gyroCallbackTimestamp(clockNs(CLOCK_BOOTTIME), rates, nullptr);
-        EXPECT_EQ(log.count(kTimerNotSet, kWarn), 1);
-        EXPECT_EQ(vstabDouble().addCalls.load(), 0);
+        EXPECT_EQ(
+            thrownMessage([&] { h.engine->gyroCallbackTimestamp(c.timestampNs, rates, nullptr); }),
+            c.thrown ? c.line : "<nothing thrown>");
+        EXPECT_EQ(log.count(c.line, kWarn), 1);
+        EXPECT_EQ(vstabDouble().addCalls.load(), c.thrown ? 1 : 0);
         EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
     }
-}
-
-TEST(EngineGyro, ZeroTimestampIsIgnored) {
-    EngineHarness h;
-    h.engine->clockIdFrame = CLOCK_BOOTTIME;
-    h.engine->clockIdGyro = CLOCK_BOOTTIME;
-    float rates[3] = {0.1f, 0.2f, 0.3f};
-    LogCapture log;
-    h.engine->gyroCallbackTimestamp(0, rates, nullptr);
-    EXPECT_EQ(
-        log.count("[Warning] Received invalid gyro sample timestamp (ignoring sample)", kWarn), 1);
-    EXPECT_EQ(vstabDouble().addCalls.load(), 0);
-}
-
-TEST(EngineGyro, LibraryRefusingASampleIsFatalAndFreesTheLock) {
-    EngineHarness h;
-    h.engine->clockIdFrame = CLOCK_BOOTTIME;
-    h.engine->clockIdGyro = CLOCK_BOOTTIME;
-    vstabDouble().addStatus = 4;
-    float rates[3] = {0.0f, 0.0f, 0.0f};
-    LogCapture log;
-    EXPECT_EQ(thrownMessage([&] {
-                  h.engine->gyroCallbackTimestamp(clockNs(CLOCK_BOOTTIME), rates, nullptr);
-              }),
-              "[Error] Could not add gyro to VStab ... aborting");
-    EXPECT_EQ(log.count("[Error] Could not add gyro to VStab ... aborting", kWarn), 1);
-    EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
 }
 
 }  // namespace

@@ -91,14 +91,30 @@ TEST(EngineConfig, ValueIsTheTextAfterTheFirstMatchUpToTheLineFeed) {
     EXPECT_EQ(number("k=33", "k"), 33);
 }
 
+// getCamConfig reads the camera; start prepares the recording and refuses a second start; stop
+// frees everything.
 TEST(EngineLifecycle, StartPreparesTheRecordingAndStopFreesEverything) {
     EngineHarness h;
-    h.makeCamera(idleCamera(640, 480, 30));
+    host::CameraSetup setup = idleCamera(1280, 720, 24);
+    setup.cameraField = 0x5A5A1234;
+    h.makeCamera(setup);
+    int width = 0, height = 0, fps = 0, field = 0;
+    h.engine->getCamConfig(h.camera, width, height, fps, field);
+    EXPECT_EQ(std::vector<int>({width, height, fps, field}),
+              std::vector<int>({1280, 720, 24, 0x5A5A1234}));
     const std::string config = engineConfig("native.cameraUvOffset=-1\n");
     h.start(config);
+    ASSERT_TRUE(waitFor([&] { return h.engine->threadState.load() == 1; }, 5s));
+    {
+        LogCapture log;
+        EXPECT_EQ(thrownMessage([&] { h.start(); }),
+                  "Logical Error in Context Thread state on initialization");
+        EXPECT_EQ(log.countContaining("Context::start"), 0);
+    }
+    EXPECT_EQ(vstabDouble().createCalls.load(), 1);
+    EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
     h.stop();
     EXPECT_EQ(h.engine->forceRecordStop.load(), 0) << "an empty queue needs no forcing";
-
     // The library got the whole text; the camera was set to record with the engine.
     EXPECT_EQ(vstabDouble().lastConfigText, config);
     android::CameraParameters params(h.camera->getParameters());
@@ -221,68 +237,41 @@ TEST(EngineLifecycle, StopBeforeTheProcessingThreadStartedStillEndsIt) {
     EXPECT_EQ(h.engine->threadState.load(), 4);
 }
 
-TEST(EngineLifecycle, StartWhileRecordingIsRefused) {
-    EngineHarness h;
-    h.makeCamera(idleCamera());
-    h.start();
-    ASSERT_TRUE(waitFor([&] { return h.engine->threadState.load() == 1; }, 5s));
-    LogCapture log;
-    EXPECT_EQ(thrownMessage([&] { h.start(); }),
-              "Logical Error in Context Thread state on initialization");
-    EXPECT_EQ(log.countContaining("Context::start"), 0);
-    EXPECT_EQ(vstabDouble().createCalls.load(), 1);
-    EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
-    h.stop();
-    EXPECT_EQ(h.engine->threadState.load(), 4);
-    EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
-}
-
+// The queue holds the library's latency (or half its window, the longer) at the preview rate
+// plus 13 frames, truncated; "native.bufferFrameCount" overrides it (16 at least) and
+// "native.cameraHeight" sets the slot buffers' height.
 TEST(EngineLifecycle, QueueHoldsTheLibraryLatencyAtThePreviewRatePlusThirteen) {
-    struct Case {
+    const struct {
         int fps;
-        int64_t latencyNs;
-        int64_t windowNs;
-        int expected;
-    };
-    const Case cases[] = {
-        {30, 100000000, 200000000, 16},   // latency rules: 3 frames
-        {24, 250000000, 300000000, 19},   // 6 frames
-        {30, 50000000, 800000000, 25},    // half the window rules: 12 frames
-        {15, 10000000, 1300000000, 22},   // half the window: 9.75 frames, truncated
-        {30, 150000000, 0, 17},           // 4.5 frames, truncated
-        {60, 0, 0, 13},                   // the margin alone
-        {30, -150000000, -400000000, 8},  // signed: 13 - 4.5, truncated toward zero
-    };
-    for (const Case& c : cases) {
-        EngineHarness h;
-        vstabDouble().latencyNs = c.latencyNs;
-        vstabDouble().windowNs = c.windowNs;
-        h.makeCamera(idleCamera(640, 480, c.fps));
-        h.start();
-        EXPECT_EQ(h.engine->frameQueue->getCapacity(), c.expected) << c.fps << " " << c.latencyNs;
-        h.stop();
-    }
-}
-
-TEST(EngineLifecycle, ConfiguredBufferCountAndCameraHeightShapeTheQueue) {
-    struct Case {
+        int64_t latencyNs, windowNs;
         const char* lines;
         int capacity;
         bool tooSmall;
         int bufferHeight;
+    } cases[] = {
+        {30, 100000000, 200000000, "", 16, false, 480},   // latency rules: 3 frames
+        {24, 250000000, 300000000, "", 19, false, 480},   // 6 frames
+        {30, 50000000, 800000000, "", 25, false, 480},    // half the window: 12 frames
+        {15, 10000000, 1300000000, "", 22, false, 480},   // 9.75 frames, truncated
+        {30, 150000000, 0, "", 17, false, 480},           // 4.5 frames, truncated
+        {60, 0, 0, "", 13, false, 480},                   // the margin alone
+        {30, -150000000, -400000000, "", 8, false, 480},  // signed: 13 - 4.5, toward zero
+        {30, 100000000, 200000000, "native.bufferFrameCount=5\n", 16, true, 480},
+        {30, 100000000, 200000000, "native.bufferFrameCount=16\n", 16, false, 480},
+        {30, 100000000, 200000000, "native.bufferFrameCount=40\nnative.cameraHeight=360\n", 40,
+         false, 360},
     };
-    const Case cases[] = {
-        {"native.bufferFrameCount=5\n", 16, true, 480},
-        {"native.bufferFrameCount=16\n", 16, false, 480},
-        {"native.bufferFrameCount=40\nnative.cameraHeight=360\n", 40, false, 360},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << c.fps << " fps, latency " << c.latencyNs << " " << c.lines);
         EngineHarness h;
-        h.makeCamera(idleCamera(640, 480, 30));
+        vstabDouble().latencyNs = c.latencyNs;
+        vstabDouble().windowNs = c.windowNs;
+        h.makeCamera(idleCamera(640, 480, c.fps));
         LogCapture log;
         h.start(engineConfig(c.lines));
         auto* queue = h.engine->frameQueue.data;
-        ASSERT_EQ(queue->getCapacity(), c.capacity) << c.lines;
+        ASSERT_EQ(queue->getCapacity(), c.capacity);
         EXPECT_EQ(log.count("Internal Buffer size set in config is too small: 5 < 16, using "
                             "minimum count",
                             kWarn),
@@ -323,9 +312,9 @@ TEST(EngineLifecycle, BuffersThatCannotBeMadeAreRefused) {
         h.makeCamera(setup);
         LogCapture log;
         const std::string config = engineConfig(c.config);
-        EXPECT_EQ(thrownMessage(
-                      [&] { h.engine->start(h.camera, c.width, c.height, config.c_str()); }),
-                  c.message);
+        EXPECT_EQ(
+            thrownMessage([&] { h.engine->start(h.camera, c.width, c.height, config.c_str()); }),
+            c.message);
         EXPECT_EQ(log.count(c.message, kWarn), 1);
         auto* queue = h.engine->frameQueue.data;
         ASSERT_NE(queue, nullptr);
@@ -367,8 +356,7 @@ TEST(EngineLifecycle, StartAndStopFailuresAreThrownAndLeaveTheLocksFree) {
         vstabDouble().createStatus = c.createStatus;
         vstabDouble().configNull = c.configNull;
         LogCapture log;
-        EXPECT_EQ(thrownMessage([&] { h.engine->start(h.camera, 640, 480, c.config); }),
-                  c.message);
+        EXPECT_EQ(thrownMessage([&] { h.engine->start(h.camera, 640, 480, c.config); }), c.message);
         EXPECT_EQ(log.count(c.logged, kWarn), 1) << c.message;
         EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex)) << c.message;
         EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex)) << c.message;
@@ -391,19 +379,6 @@ TEST(EngineLifecycle, StartAndStopFailuresAreThrownAndLeaveTheLocksFree) {
     EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
     vstabDouble().destroyStatus = 0;
     vStabDestroy(h.engine->vstabHandle);  // the handle the failed destroy kept
-}
-
-TEST(EngineLifecycle, CamConfigReportsVideoSizeFrameRateAndCameraField) {
-    EngineHarness h;
-    host::CameraSetup setup = idleCamera(1280, 720, 24);
-    setup.cameraField = 0x5A5A1234;
-    h.makeCamera(setup);
-    int width = 0, height = 0, fps = 0, field = 0;
-    h.engine->getCamConfig(h.camera, width, height, fps, field);
-    EXPECT_EQ(width, 1280);
-    EXPECT_EQ(height, 720);
-    EXPECT_EQ(fps, 24);
-    EXPECT_EQ(field, 0x5A5A1234);
 }
 
 }  // namespace

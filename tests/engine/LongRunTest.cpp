@@ -1,14 +1,12 @@
-// Long runs of the engine's lifecycle: hundreds of recordings and GL sessions in one process,
-// each with frames, gyro samples and an output window, checked for growth of resident memory,
-// threads and file descriptors. Labelled "long" and left out of the default test run:
-//   ctest --test-dir build/default -L long --output-on-failure
-// Each case prints its figures ("[long-run] ...") for docs/reliability.md.
+// Long runs checked for growth of memory, threads and descriptors (ctest label "long"); each
+// prints its "[long-run]" figures for docs/reliability.md.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
+#include <climits>
 #include <cstdio>
 #include <mutex>
 #include <fstream>
@@ -54,46 +52,20 @@ ProcessFigures processFigures() {
     return figures;
 }
 
-// Counts what a window receives, keeping no pixels, and counts timestamps that do not rise.
-class CountingSink : public host::FrameSink {
-  public:
+// Counts what a window receives, keeping no pixels, and the timestamps that do not rise.
+struct CountingSink : host::FrameSink {
+    std::atomic<size_t> count{0};
+    std::atomic<size_t> outOfOrder{0};
+    int64_t last = INT64_MIN;  // the window's consumer thread's own
     void onFrame(const host::Frame& frame) override {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (count_ > 0 && frame.timestampNs <= last_)
-            ++outOfOrder_;
-        last_ = frame.timestampNs;
-        ++count_;
-        arrived_.notify_all();
+        outOfOrder += frame.timestampNs <= last ? 1 : 0;
+        last = frame.timestampNs;
+        ++count;
     }
-    size_t count() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return count_;
+    bool waitForCount(size_t n, std::chrono::milliseconds timeout) const {
+        return waitFor([&] { return count.load() >= n; }, timeout);
     }
-    size_t outOfOrder() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return outOfOrder_;
-    }
-    bool waitForCount(size_t count, std::chrono::milliseconds timeout) const {
-        std::unique_lock<std::mutex> lock(mutex_);
-        return arrived_.wait_for(lock, timeout, [&] { return count_ >= count; });
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable arrived_;
-    size_t count_ = 0;
-    size_t outOfOrder_ = 0;
-    int64_t last_ = 0;
 };
-
-android::sp<ANativeWindow> countingWindow(const std::shared_ptr<CountingSink>& sink) {
-    host::WindowConfig config;
-    config.defaultWidth = 160;
-    config.defaultHeight = 96;
-    android::sp<ANativeWindow> window = host::createWindow(sink, config);
-    native_window_api_connect(window.get(), NATIVE_WINDOW_API_CPU);
-    return window;
-}
 
 // Five frames per recording, numbered from 0 in each recording, stamped on CLOCK_MONOTONIC.
 host::CameraSetup fiveFramesPerRecording() {
@@ -106,15 +78,15 @@ host::CameraSetup fiveFramesPerRecording() {
 constexpr long kRssSlackKiB = 4096;
 
 void report(const char* what, int cycles, const ProcessFigures& warm, const ProcessFigures& end) {
-    std::printf("[long-run] %s: %d cycles; after warm-up rss %ld KiB, threads %d, fds %d; "
-                "at the end rss %ld KiB (%+ld), threads %d, fds %d\n",
-                what, cycles, warm.rssKiB, warm.threads, warm.fds, end.rssKiB,
-                end.rssKiB - warm.rssKiB, end.threads, end.fds);
+    std::printf(
+        "[long-run] %s: %d cycles; after warm-up rss %ld KiB, threads %d, fds %d; "
+        "at the end rss %ld KiB (%+ld), threads %d, fds %d\n",
+        what, cycles, warm.rssKiB, warm.threads, warm.fds, end.rssKiB, end.rssKiB - warm.rssKiB,
+        end.threads, end.fds);
 }
 
-// 200 recordings (start, five frames rendered into a window, stop) on one GL session, then 100
-// GL sessions in the order the Java side drives them (onResume, window added, start, five
-// frames, stop, window removed, onPause), each with a live gyroscope.
+// 200 recordings of five frames on one GL session, then 100 GL sessions driven as the Java side
+// does (resume, window, start, stop, window removed, pause), with a live gyroscope.
 TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     for (bool sessions : {false, true}) {
         ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
@@ -126,7 +98,7 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
         for (int cycle = 0; cycle < kCycles; ++cycle) {
             if (sessions && cycle > 0)
                 h.engine->onResume();
-            android::sp<ANativeWindow> window = countingWindow(sink);
+            android::sp<ANativeWindow> window = connectedWindow(sink, 160, 96);
             h.engine->jsm.addSurface(1, window);
             h.start();
             ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
@@ -141,7 +113,7 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
         }
         const ProcessFigures end = processFigures();
         report(sessions ? "onPause/onResume" : "start/stop", kCycles, warm, end);
-        EXPECT_EQ(sink->count(), 5u * kCycles);
+        EXPECT_EQ(sink->count.load(), 5u * kCycles);
         EXPECT_EQ(h.cameraDevice->counters().released, 5u * kCycles);
         EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
         EXPECT_EQ(end.threads, warm.threads);
@@ -150,9 +122,8 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     }
 }
 
-// One recording of 50,000 frames at 160 x 96 with a live gyroscope, the camera waiting for the
-// engine (offline pacing): resident memory sampled every 5,000 frames stays flat after the
-// first 5,000, and every frame comes out once, in order.
+// 50,000 paced frames with a live gyroscope: memory flat after the first 5,000, every frame out
+// once, in order.
 TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     constexpr uint64_t kFrames = 50000, kStep = 5000;
     ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
@@ -161,7 +132,7 @@ TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     paceByWarps(setup);
     h.makeCamera(setup);
     auto sink = std::make_shared<CountingSink>();
-    android::sp<ANativeWindow> window = countingWindow(sink);
+    android::sp<ANativeWindow> window = connectedWindow(sink, 160, 96);
     h.engine->jsm.addSurface(1, window);
     h.start();
     ProcessFigures warm;
@@ -186,8 +157,8 @@ TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     host::CameraCounters counters = h.cameraDevice->counters();
     EXPECT_EQ(counters.delivered, kFrames);
     EXPECT_EQ(counters.released, kFrames);
-    EXPECT_EQ(sink->count(), kFrames);
-    EXPECT_EQ(sink->outOfOrder(), 0u);
+    EXPECT_EQ(sink->count.load(), kFrames);
+    EXPECT_EQ(sink->outOfOrder.load(), 0u);
     EXPECT_LT(most.rssKiB - warm.rssKiB, kRssSlackKiB);
     EXPECT_EQ(most.threads, warm.threads);
     EXPECT_EQ(most.fds, warm.fds);

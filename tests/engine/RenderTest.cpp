@@ -1,6 +1,4 @@
-// Warped rendering through the real engine: the mesh positions built around the library's grid,
-// the picture a warped frame makes in an output window, the colours of the camera's NV21 frame
-// on the way, and the plain frames of RenderEmpty.
+// Rendering through the real engine: the mesh, warped and unwarped pictures, colours, RenderEmpty.
 #include <gtest/gtest.h>
 #include <host/PixelConversion.h>
 #include <system/window.h>
@@ -12,6 +10,7 @@
 #include "ColorCalibration.h"
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
+#include "GlTestSupport.h"
 #include "LogCapture.h"
 
 namespace {
@@ -31,9 +30,7 @@ const uint8_t* pixelAt(const host::MemorySink::StoredFrame& frame, int x, int y)
     return &frame.pixels[(static_cast<size_t>(y) * frame.stride + x) * 4];
 }
 
-// The mesh is the library's grid with one ring of vertices around it. The ring lies on the
-// output's edges (x or y exactly -1 or +1, evenly spread along them), the interior takes the
-// library's x and y, and no z is passed on.
+// The mesh is the library's grid (x, y; no z) inside a ring spread evenly on the output's edges.
 TEST(EngineRender, BorderRingLiesOnTheOutputEdgesAroundTheLibraryGrid) {
     Context engine;
     constexpr int kColumns = 4, kRows = 3;  // library grid; the mesh is 6 x 5
@@ -80,11 +77,9 @@ void paintRamp(uint64_t, const host::FrameImage& image) {
         std::memset(image.chroma + y * image.pitch, 128, image.width);
 }
 
-// A warped frame (status 0) is drawn through the grid the library returned: here the identity
-// grid moved a quarter of the width to the right, so output x shows camera x - W/4, and the
-// strip the grid leaves uncovered on the left is filled by the border ring with the frame's edge
-// pixels (never the red of the cleared target). An unwarped frame (status 1) ignores that grid
-// and shows the centre of the frame magnified 1.25 times: x shows 0.1 W + 0.8 (x + 0.5) - 0.5.
+// Status 0 draws through the library's grid, here moved a quarter width right (x shows x - W/4,
+// the ring fills the uncovered strip with edge pixels); status 1 ignores it and magnifies the
+// centre 1.25 times (x shows 0.1 W + 0.8 (x + 0.5) - 0.5).
 TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
     constexpr int kW = 640, kH = 480;
     for (int status : {0, 1}) {
@@ -103,9 +98,9 @@ TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
         for (int y : {40, kH / 2, kH - 40}) {
             for (int x = 8; x < kW - 8; ++x) {
                 const double xin = 0.1 * kW + 0.8 * (x + 0.5) - 0.5;
-                const uint8_t luma = status == 0
-                                         ? rampLuma(std::max(0, x - kW / 4), kW)
-                                         : static_cast<uint8_t>(std::lround(60 + xin * 150.0 / (kW - 1)));
+                const uint8_t luma =
+                    status == 0 ? rampLuma(std::max(0, x - kW / 4), kW)
+                                : static_cast<uint8_t>(std::lround(60 + xin * 150.0 / (kW - 1)));
                 uint8_t rgb[3];
                 host::yuvToRgb(luma, 128, 128, rgb);
                 const uint8_t* px = pixelAt(frame, x, y);
@@ -115,16 +110,6 @@ TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
         }
         EXPECT_LE(worst, 2) << status;
     }
-}
-
-// BT.601 limited range ("video" levels), the conversion a camera's NV21 frame must get.
-void bt601(int y, int v, int u, double rgb[3]) {
-    const double l = 1.164383 * (y - 16);
-    rgb[0] = l + 1.596027 * (v - 128);
-    rgb[1] = l - 0.391762 * (u - 128) - 0.812968 * (v - 128);
-    rgb[2] = l + 2.017232 * (u - 128);
-    for (int c = 0; c < 3; ++c)
-        rgb[c] = std::clamp(rgb[c], 0.0, 255.0);
 }
 
 // The calibration chart filmed by the camera comes out of the engine (intake copy, NV21 slot
@@ -149,7 +134,7 @@ TEST(EngineRender, CalibrationChartComesOutAsBt601) {
             const int yv = ColorCalibration::y[b];
             const int v = ColorCalibration::vu[c + 1][0], u = ColorCalibration::vu[c + 1][1];
             double ref[3];
-            bt601(yv, v, u, ref);
+            gltest::referenceRgb(yv, u, v, ref);
             // The whole patch but its outer 2 pixels, where chroma and filtering blend.
             for (int row = 32 * b + 2; row < 32 * b + 30; ++row) {
                 for (int col = 32 * c + 2; col < 32 * c + 30; ++col) {
@@ -162,12 +147,10 @@ TEST(EngineRender, CalibrationChartComesOutAsBt601) {
             }
         }
     }
-
 }
 
-// RenderEmpty queues one plain frame to every window, stamped by the window itself: red that
-// rises by 0.01 per frame from 0.0 at load and falls back to 0.0 once it passes 1.0. Without
-// windows it only takes and frees the registry lock.
+// RenderEmpty queues a window-stamped plain frame to every window: red rising by 0.01 a frame,
+// back to 0.0 once past 1.0.
 TEST(EngineRender, EmptyFramesRampTheRedLevelAndLetTheWindowStampThem) {
     EngineHarness h;
     h.engine->RenderEmpty();  // no window yet

@@ -1,6 +1,4 @@
-// The engine's threads at work together for a few seconds: the camera's callback thread
-// filling the queue, the gyro sensor thread feeding the library and the processing thread
-// warping and rendering into an output. Meant above all for the ThreadSanitizer build.
+// Camera, gyro and processing threads at work together (above all for ThreadSanitizer).
 #include <gtest/gtest.h>
 
 #include <thread>

@@ -1,7 +1,5 @@
-// Seams at the C library for the engine tests: the engine calls clock_gettime and usleep
-// directly, and this test program defines both (the program's definitions take precedence
-// over the C library's for every object linked into it). Both forward to the kernel unless a
-// test asks otherwise.
+// The test program's own clock_gettime, usleep and a few GL calls, which take the libraries'
+// place for the engine and forward to them unless a test asks otherwise.
 #pragma once
 
 #include <pthread.h>
@@ -21,10 +19,8 @@ void recordSleepsOf(pthread_t thread);
 // The arguments recorded so far, in µs, in call order.
 std::vector<useconds_t> recordedSleeps();
 
-// GL calls of the engine that a test can make fail on the calling thread (the engine links
-// against the GL library, so these definitions take its place and forward to it):
-// glGenFramebuffers and glDeleteFramebuffers raise GL_INVALID_VALUE instead of doing their work;
-// glShaderSource hands the driver a text that is not GLSL, so compiling and linking fail.
+// On the calling thread: glGen/DeleteFramebuffers raise GL_INVALID_VALUE; glShaderSource hands
+// the driver a text that is not GLSL, so compiling and linking fail.
 void failFramebufferCallsOnThisThread(bool fail);
 void breakShaderSourcesOnThisThread(bool broken);
 

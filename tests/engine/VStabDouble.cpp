@@ -90,12 +90,13 @@ int vStabWarpGrid(void* handle, const void* frameInfo, VStabOutput* output) {
     }
     if (status == 0)
         d.warpedOk++;
-    if (status == 0 && d.writeGrid) {
+    if (status == 0) {
         const VStabConfigRecord& r = static_cast<Handle*>(handle)->record;
         float* v = output->warpVertices;
         for (uint32_t j = 0; j < r.gridRows; ++j) {
             for (uint32_t i = 0; i < r.gridColumns; ++i) {
-                *v++ = (2.0f * i / (r.gridColumns - 1) - 1.0f) * 1.25f * d.gridScale + d.gridOffsetX;
+                *v++ =
+                    (2.0f * i / (r.gridColumns - 1) - 1.0f) * 1.25f * d.gridScale + d.gridOffsetX;
                 *v++ = (2.0f * j / (r.gridRows - 1) - 1.0f) * 1.25f * d.gridScale;
                 *v++ = 0.0f;
             }

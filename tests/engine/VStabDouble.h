@@ -1,9 +1,6 @@
-// A conforming stand-in for the stabilization library, linked into engine tests so that every
-// status the engine tells apart can be produced on demand and every call can be inspected.
-//
-// Thread-safety: the engine serialises library calls with its own mutex; the control block is
-// also read by the test thread, so its counters are atomics and the scripted statuses sit
-// behind a mutex.
+// A stand-in for the stabilization library in the engine tests: every status the engine tells
+// apart on demand, every call recorded. Read by the test thread too: counters are atomics, the
+// records sit behind `mutex`.
 #pragma once
 
 #include <array>
@@ -32,16 +29,12 @@ struct VStabDouble {
     int addStatus = 0;
     int destroyStatus = 0;
 
-    // Warp behaviour: scripted statuses are used first, one per call; then `defaultStatus`.
-    // On status 0 the grid written is the unwarped ±1.25 grid scaled by `gridScale`, then moved
-    // right by `gridOffsetX` (normalised device coordinates).
-    // May be changed by the test thread while the engine runs.
+    // Warp statuses: scripted ones first, one per call, then `defaultStatus`. On status 0 the
+    // grid written is the unwarped ±1.25 grid scaled by `gridScale`, moved right by `gridOffsetX`.
     std::atomic<int> defaultStatus{0};
     float gridScale = 1.0f;
     float gridOffsetX = 0.0f;
-    bool writeGrid = true;
-    // While set, every warp call returns `holdStatus` (the frame stays queued) without taking
-    // a scripted status. May be flipped by any thread while the engine runs.
+    // While set, every warp call returns `holdStatus` (the frame stays queued).
     std::atomic<bool> hold{false};
     int holdStatus = ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN;
     // Time every warp call takes, µs: a slow library or a slow device.

@@ -18,20 +18,15 @@ Context::Context() {
     display_ = eglGetDisplay(EGL_DEFAULT_DISPLAY);
     if (display_ == EGL_NO_DISPLAY || !eglInitialize(display_, nullptr, nullptr))
         return;
-    const EGLint configAttribs[] = {EGL_RED_SIZE,
-                                    8,
-                                    EGL_GREEN_SIZE,
-                                    8,
-                                    EGL_BLUE_SIZE,
-                                    8,
-                                    EGL_SURFACE_TYPE,
-                                    EGL_PBUFFER_BIT,
-                                    EGL_RENDERABLE_TYPE,
-                                    EGL_OPENGL_ES2_BIT,
-                                    EGL_NONE};
+    const EGLint configAttribs[][2] = {{EGL_RED_SIZE, 8},
+                                       {EGL_GREEN_SIZE, 8},
+                                       {EGL_BLUE_SIZE, 8},
+                                       {EGL_SURFACE_TYPE, EGL_PBUFFER_BIT},
+                                       {EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT},
+                                       {EGL_NONE, 0}};
     EGLConfig config = nullptr;
     EGLint count = 0;
-    if (!eglChooseConfig(display_, configAttribs, &config, 1, &count) || count < 1)
+    if (!eglChooseConfig(display_, configAttribs[0], &config, 1, &count) || count < 1)
         return;
     const EGLint pbufferAttribs[] = {EGL_HEIGHT, 1, EGL_WIDTH, 1, EGL_NONE};
     surface_ = eglCreatePbufferSurface(display_, config, pbufferAttribs);

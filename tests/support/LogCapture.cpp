@@ -2,23 +2,17 @@
 
 #include <android/log.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <mutex>
 
 namespace {
 
 std::mutex gMutex;
 std::vector<LogLine>* gLines = nullptr;  // non-null while a capture is installed
-bool gEcho = false;
 
 void captureLogger(const __android_logger_data* data, const char* message) {
     std::lock_guard<std::mutex> lock(gMutex);
-    if (gEcho) {
-        std::fprintf(stderr, "[log %d %s] %s\n", data->priority, data->tag ? data->tag : "",
-                     message);
-    }
-    if (gLines == nullptr) return;
+    if (gLines == nullptr)
+        return;
     gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message});
 }
 
@@ -28,8 +22,6 @@ LogCapture::LogCapture() {
     {
         std::lock_guard<std::mutex> lock(gMutex);
         gLines = new std::vector<LogLine>();
-        const char* echo = std::getenv("QLMR_TEST_ECHO_LOG");
-        gEcho = echo != nullptr && echo[0] == '1';
     }
     // Outside gMutex: liblog holds its own logger lock while it calls captureLogger, which takes
     // gMutex, so taking liblog's lock under gMutex here would invert the order.
@@ -52,7 +44,8 @@ std::vector<std::string> LogCapture::texts(const char* tag) const {
     std::lock_guard<std::mutex> lock(gMutex);
     std::vector<std::string> out;
     for (const auto& l : *gLines) {
-        if (tag == nullptr || l.tag == tag) out.push_back(l.text);
+        if (tag == nullptr || l.tag == tag)
+            out.push_back(l.text);
     }
     return out;
 }
@@ -61,7 +54,8 @@ int LogCapture::count(const std::string& text, int priority) const {
     std::lock_guard<std::mutex> lock(gMutex);
     int n = 0;
     for (const auto& l : *gLines) {
-        if (l.text == text && (priority < 0 || l.priority == priority)) ++n;
+        if (l.text == text && (priority < 0 || l.priority == priority))
+            ++n;
     }
     return n;
 }
@@ -70,7 +64,8 @@ int LogCapture::countContaining(const std::string& part) const {
     std::lock_guard<std::mutex> lock(gMutex);
     int n = 0;
     for (const auto& l : *gLines) {
-        if (l.text.find(part) != std::string::npos) ++n;
+        if (l.text.find(part) != std::string::npos)
+            ++n;
     }
     return n;
 }

@@ -2,7 +2,6 @@
 // logger hook, so that tests can check lines, priorities and tags exactly.
 //
 // One instance at a time (the hook is process-wide). Lines from every thread are captured.
-// Set QLMR_TEST_ECHO_LOG=1 to copy captured lines to stderr as well.
 #pragma once
 
 #include <string>
@@ -15,7 +14,7 @@ struct LogLine {
 };
 
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
