@@ -204,8 +204,7 @@ Quat Stabilizer::solvePath(int64_t centreNs, int64_t dataEndNs, const FrameTimin
     Vec3 rate, accel;
     if (nodesUsed_ < nodeCount_ && !pathRestarted_ && committedCourse(rate, accel)) {
         const double sinceLastS = static_cast<double>(centreNs - last->centreNs) * 1e-9;
-        times_[0] = centreNs;
-        for (int i = 1; i < nodesUsed_; ++i) {
+        for (int i = 0; i < nodesUsed_; ++i) {
             times_[i] = centreNs + static_cast<int64_t>(std::llround(nodeT_[i] * 1e9));
         }
         history_.orientationsAt(times_.data(), static_cast<size_t>(nodesUsed_), nodeQ_.data());

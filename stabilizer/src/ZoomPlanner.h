@@ -4,13 +4,14 @@
 //
 // Per frame the stabilizer hands over the magnification each look-ahead node needs (from the
 // zoom ladder) and the time since the previous frame. A path starts kStartMargin above the
-// largest need it sees (at the lowest zoom if nothing needs more). It then moves with a velocity that changes by at most kAccelPerS2:
-// towards kRisePerS while a need lies above the zoom, towards -kFallPerS while every need lies
-// more than kFallGap below it, towards rest otherwise. Its motion above 0.5 Hz stays below
-// 0.05 % of it in the harness's scenarios; a zoom that tracked each need (rising 0.3 per second
-// of look-ahead, falling 0.05 per second) moved about 1 % with a walk's shake. The price is
-// picture: a walk keeps about 76 % of the frame instead of 80 %. Where a need outruns the plan,
-// the stabilizer's crop limit magnifies the frame and the plan continues from there.
+// largest need it sees (at the lowest zoom if nothing needs more). It then moves with a speed
+// that changes by at most kAccelPerS2: towards kRisePerS while a need lies above the zoom,
+// towards -kFallPerS while every need lies more than kFallGap below it, towards rest
+// otherwise. Its motion above 0.5 Hz stays below 0.05 % of it in the harness's scenarios; a
+// zoom that tracked each need (rising 0.3 per second of look-ahead, falling 0.05 per second)
+// moved about 1 % with a walk's shake. The price is picture: a walk keeps about 75 % of the
+// frame instead of 80 %. Where a need outruns the plan, the stabilizer's crop limit magnifies
+// the frame and the plan continues from there, at rest.
 //
 // Pure value type; called on the engine's processing thread. No allocation.
 #ifndef ZEF_VSTAB_ZOOM_PLANNER_H

@@ -1,8 +1,6 @@
 #include "Metrics.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cmath>
 #include <complex>
 
@@ -395,13 +393,6 @@ Figures summarize(const std::vector<FrameEvaluation>& frames, const sim::CameraS
         for (size_t k = 0; k < n; ++k) {
             high[a][k] = deviation[a][k] - low[k];
         }
-    }
-    if (getenv("DBG_DEV")) {
-        for (size_t k = 0; k < n; ++k)
-            fprintf(stderr, "DEV %zu %.3f %.3f %.3f %.3f %.3f %.3f\n", k,
-                    deviation[0][k] * focalOut, deviation[1][k] * focalOut,
-                    deviation[2][k] * focalOut, high[0][k] * focalOut, high[1][k] * focalOut,
-                    high[2][k] * rmsRadius);
     }
     double sum = 0.0;
     size_t used = 0;

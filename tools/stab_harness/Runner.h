@@ -18,7 +18,7 @@ struct GyroDelivery {
     // the gyroscope with the camera, whose first frame comes later; the replay tool's
     // recordings keep 1 s of gyro before it.
     double leadS = 1.0;
-    double tailS = 2.5;      // and ends this long after the last frame
+    double tailS = 2.5;      // it ends this long after the last frame
     double stallAtS = -1.0;  // samples of [stallAtS, stallAtS + stallS) never come (< 0: none)
     double stallS = 0.0;
 };
