@@ -38,7 +38,7 @@ TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly)
     EXPECT_EQ(c.statedAxes, "-y,-x,-z");
     EXPECT_DOUBLE_EQ(c.statedOffsetMs, 2.0);
     EXPECT_EQ(c.bestAxes, "-y,-x,-z");
-    EXPECT_NEAR(c.bestOffsetMs, 17.0, 1.5);
+    EXPECT_NEAR(c.bestOffsetMs, 17.0, 0.2);  // pictures of 320x180 over 4 s
     EXPECT_GT(c.bestAgreement, c.agreement);
     EXPECT_LT(c.bestRmsPx, 0.5 * c.statedRmsPx);
     EXPECT_TRUE(c.changed);
@@ -53,7 +53,10 @@ TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly)
         times.push_back(t * 1e-9);
     in.motion = measureFrameMotion(in.lumas, times, 2);
     in.measuredWidth = in.lumas.front().width;
+    const std::vector<GrayImage> lumas = std::move(in.lumas);
     in.lumas.clear();
+    for (const GrayImage& g : lumas)
+        in.pictures.push_back(&g);
     const CalibrationStats shared = calibrate(in);
     ASSERT_TRUE(shared.measured);
     EXPECT_EQ(shared.pairs, c.pairs);
@@ -100,9 +103,10 @@ TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly)
     EXPECT_GE(wild.outlierPairs, 2);
     EXPECT_LE(wild.outlierPairs, 4);
     EXPECT_NEAR(wild.agreement, clean.agreement, 0.01);
-    EXPECT_LT(wild.statedRmsPx, 1.2 * clean.statedRmsPx);
+    // Each outlier counts at the limit (about a pixel), not at its own 40 px.
+    EXPECT_LT(wild.statedRmsPx, 2.5 * clean.statedRmsPx);
     EXPECT_EQ(wild.bestAxes, "-y,-x,-z");
-    EXPECT_NEAR(wild.bestOffsetMs, 17.0, 1.5);
+    EXPECT_NEAR(wild.bestOffsetMs, 17.0, 0.2);
     EXPECT_TRUE(wild.warnings.empty()) << wild.warnings.front();
 }
 

@@ -466,6 +466,7 @@ ReplayOutcome runReplay(const ReplayOptions& options, ReplaySession& session, st
         for (int i = 0; i < delivered; ++i) {
             ci.timestampsNs.push_back(inputs[static_cast<size_t>(i)].timestampNs);
             ci.exposureUs.push_back(frames->exposureUs(i));
+            ci.pictures.push_back(&inputs[static_cast<size_t>(i)].luma);
         }
         // The pairs the pixel-motion measure registered, not registered again.
         ci.motion = std::move(m.inputPairMotion);

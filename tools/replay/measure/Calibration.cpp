@@ -266,17 +266,45 @@ CalibrationStats calibrate(const CalibrationInput& in) {
     const ComponentFit fit = fitComponents(motion, *in.gyro, stated, searchStatedMs, search);
     for (int k = 0; k < 3; ++k)
         st.componentCorrelation[k] = fit.correlation[k];
-    AlignmentSearch statedOnly = search;
-    statedOnly.offsetMinMs = statedOnly.offsetMaxMs = searchStatedMs;
-    const std::vector<AlignmentScore> statedCurve =
-        offsetCurve(motion, *in.gyro, stated, statedOnly);
-    st.statedRmsPx = statedCurve.empty() ? 0 : statedCurve.front().rmsPx / scale;
+
+    // The pictures for the registration's response (responseCorrected), when at hand.
+    std::vector<const GrayImage*> pictures = in.pictures;
+    if (!premeasured) {
+        pictures.clear();
+        for (const GrayImage& g : in.lumas)
+            pictures.push_back(&g);
+    }
+    const bool reregister = pictures.size() == motion.size() + 1;
+
+    // Each candidate with the motion it was scored on (corrected by the registration's
+    // response for its mapping, when the pictures are at hand) and its pairs' squared errors
+    // (outliers at their limit), for the pair-by-pair comparison of clearlyBetter.
+    struct Candidate {
+        AlignmentScore score;
+        std::vector<FrameMotion> motion;
+        std::vector<double> squared;
+    };
+    // The best offset of a mapping near a search minimum.
+    const auto refine = [&](const AlignmentScore& start) {
+        Candidate c;
+        if (reregister) {
+            c.score = refineByRegistration(pictures, motion, *in.gyro, start, search, in.threads,
+                                           c.motion);
+        } else {
+            c.motion = motion;
+            c.score = refineOffset(motion, *in.gyro, start, search);
+        }
+        scoreAlignment(c.motion, *in.gyro, c.score.map, c.score.offsetMs, search, &c.squared);
+        return c;
+    };
 
     std::vector<AlignmentScore> ranked = rankQuickly(motion, *in.gyro, search);
-    const auto best = std::find_if(ranked.begin(), ranked.end(),
-                                   [](const AlignmentScore& a) { return a.map.isRotation(); });
-    if (best == ranked.end())
+    const auto quickBest = std::find_if(ranked.begin(), ranked.end(),
+                                        [](const AlignmentScore& a) { return a.map.isRotation(); });
+    if (quickBest == ranked.end())
         return st;
+    const Candidate bestC = refine(*quickBest);
+    const AlignmentScore* best = &bestC.score;
     const auto agreementOf = [&](const AxisMap& map, double offsetMs) {
         return stackedCorrelation(
             predictionSeries(motion, *in.gyro, map, offsetMs, search, t0, 1.0 / scale), 300);
@@ -288,34 +316,31 @@ CalibrationStats calibrate(const CalibrationInput& in) {
 
     // The configured mapping at its own best offset: the alternative that changes the offset
     // only.
-    AlignmentScore statedBest = *best;
+    Candidate statedBestC = bestC;
     if (st.bestAxes != st.statedAxes) {
         const auto it = std::find_if(ranked.begin(), ranked.end(), [&](const AlignmentScore& a) {
             return a.map.text() == st.statedAxes;
         });
-        statedBest = refineOffset(motion, *in.gyro, *it, search);
+        statedBestC = refine(*it);
     }
+    const AlignmentScore& statedBest = statedBestC.score;
     st.statedMapOffsetMs = statedBest.offsetMs - exposureUs * 0.5e-3;
     st.statedMapRmsPx = statedBest.rmsPx / scale;
     st.statedMapAgreement = st.bestAxes == st.statedAxes
                                 ? st.bestAgreement
                                 : agreementOf(statedBest.map, statedBest.offsetMs);
+    // The configured values, on the motion corrected for the configured mapping.
+    Candidate statedC;
+    statedC.score = scoreAlignment(statedBestC.motion, *in.gyro, stated, searchStatedMs, search,
+                                   &statedC.squared);
+    st.statedRmsPx = statedC.score.rmsPx / scale;
 
     // Is a candidate clearly better than the values it would replace? Compared pair by pair
-    // on the squared prediction errors (outliers at their limit).
-    std::vector<double> statedSq;
-    scoreAlignment(motion, *in.gyro, stated, searchStatedMs, search, &statedSq);
-    const auto compare = [&](const AlignmentScore& a, const AlignmentScore& b, double& noisePx) {
-        std::vector<double> aSq, bSq;
-        scoreAlignment(motion, *in.gyro, a.map, a.offsetMs, search, &aSq);
-        scoreAlignment(motion, *in.gyro, b.map, b.offsetMs, search, &bSq);
-        noisePx = errorDropNoise(aSq, bSq) / scale;
-        return clearlyBetter(a.rmsPx / scale, b.rmsPx / scale, noisePx);
+    // on the squared prediction errors.
+    const auto compare = [&](const Candidate& a, const Candidate& b, double& noisePx) {
+        noisePx = errorDropNoise(a.squared, b.squared) / scale;
+        return clearlyBetter(a.score.rmsPx / scale, b.score.rmsPx / scale, noisePx);
     };
-    AlignmentScore statedScore;
-    statedScore.map = stated;
-    statedScore.offsetMs = searchStatedMs;
-    statedScore.rmsPx = st.statedRmsPx * scale;
 
     char buf[600];
     st.useAxes = st.statedAxes;
@@ -325,9 +350,9 @@ CalibrationStats calibrate(const CalibrationInput& in) {
     const bool otherMapping = st.bestAxes != st.statedAxes;
     // A mapping change must beat the configured mapping at its best offset, clearly, and
     // agree better with the pictures.
-    const bool mappingBetter = otherMapping && compare(statedBest, *best, mapNoise) &&
+    const bool mappingBetter = otherMapping && compare(statedBestC, bestC, mapNoise) &&
                                st.bestAgreement > st.statedMapAgreement;
-    const bool offsetBetter = compare(statedScore, statedBest, offsetNoise);
+    const bool offsetBetter = compare(statedC, statedBestC, offsetNoise);
     if (mappingBetter) {
         st.changed = true;
         st.useAxes = st.bestAxes;

@@ -73,6 +73,9 @@ struct CalibrationInput {
     // (frameMotionFrom / measureFrameMotion) on pictures `measuredWidth` pixels wide.
     std::vector<FrameMotion> motion;
     int measuredWidth = 0;
+    // With `motion`: the pictures it was measured on (one more than its pairs), for the
+    // offset's refinement by re-registration; without them the band model alone decides.
+    std::vector<const GrayImage*> pictures;
     std::vector<int64_t> timestampsNs;  // start of each frame (first row), recording clock
     std::vector<int> exposureUs;
     int frameWidth = 0;  // the recording's frame width (the lumas may be smaller)

@@ -1,8 +1,10 @@
 #include "measure/GyroAlignment.h"
 
 #include "common/ReplayError.h"
+#include "common/WorkerPool.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 
@@ -446,6 +448,163 @@ std::vector<AlignmentScore> rankAlignments(const std::vector<FrameMotion>& motio
     }
     std::sort(best.begin(), best.end(),
               [](const AlignmentScore& a, const AlignmentScore& b) { return a.rmsPx < b.rmsPx; });
+    return best;
+}
+
+void gyroWarpedPicture(const GrayImage& first, const FrameMotion& f,
+                       const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
+                       double readoutMs, double focalPx, GrayImage& out) {
+    const int w = first.width, h = first.height;
+    out.resize(w, h);
+    if (w < 2 || h < 2)
+        return;
+    const double offsetSec = offsetMs * 1e-3, readoutSec = readoutMs * 1e-3;
+    const auto rowTime = [&](double frameSec, int row) {
+        return frameSec + offsetSec + (row + 0.5) / h * readoutSec;
+    };
+    // Camera orientations at every row's read time in both frames, relative to the first
+    // frame's top row, composed from row to row.
+    std::vector<sim::M3> firstRows(static_cast<size_t>(h)), secondRows(static_cast<size_t>(h));
+    sim::Q a = sim::Q::Identity();
+    sim::Q b = sim::fromRotationVector(
+        integrateRotation(gyro, map, rowTime(f.startSec, 0), rowTime(f.endSec, 0)));
+    for (int y = 0; y < h; ++y) {
+        if (y > 0) {
+            a = a * sim::fromRotationVector(integrateRotation(gyro, map, rowTime(f.startSec, y - 1),
+                                                              rowTime(f.startSec, y)));
+            b = b * sim::fromRotationVector(integrateRotation(gyro, map, rowTime(f.endSec, y - 1),
+                                                              rowTime(f.endSec, y)));
+        }
+        firstRows[static_cast<size_t>(y)] = a.toRotationMatrix();
+        secondRows[static_cast<size_t>(y)] = b.toRotationMatrix();
+    }
+    const double cx = w / 2.0, cy = h / 2.0;
+    // Source point (continuous coordinates, pixel centres at +0.5) of output point (x, y):
+    // the ray turned from the second frame's row time into the first frame's camera at the
+    // time of the row it lands on (three fixed-point steps settle it far below a pixel).
+    const auto source = [&](double x, int row, double& sx, double& sy) {
+        const V3 ray = secondRows[static_cast<size_t>(row)] *
+                       V3((x - cx) / focalPx, (row + 0.5 - cy) / focalPx, 1.0);
+        double landRow = row + 0.5;
+        for (int step = 0; step < 3; ++step) {
+            const double r = std::clamp(landRow - 0.5, 0.0, h - 1.0);
+            const int r0 = std::min(h - 2, static_cast<int>(r));
+            const double u = r - r0;
+            const V3 d = ((1 - u) * firstRows[static_cast<size_t>(r0)] +
+                          u * firstRows[static_cast<size_t>(r0) + 1])
+                             .transpose() *
+                         ray;
+            sx = focalPx * d.x() / d.z() + cx;
+            sy = focalPx * d.y() / d.z() + cy;
+            landRow = sy;
+        }
+    };
+    // Bilinear sample of `first` at a source point, the edge repeated outside.
+    const auto sample = [&](double sx, double sy) {
+        const double px = std::clamp(sx - 0.5, 0.0, w - 1.0);
+        const double py = std::clamp(sy - 0.5, 0.0, h - 1.0);
+        const int ix = std::min(w - 2, static_cast<int>(px));
+        const int iy = std::min(h - 2, static_cast<int>(py));
+        const double fx = px - ix, fy = py - iy;
+        const uint8_t* p = first.data.data() + static_cast<size_t>(iy) * w + ix;
+        const double top = p[0] + fx * (p[1] - p[0]);
+        const double bottom = p[w] + fx * (p[w + 1] - p[w]);
+        return static_cast<uint8_t>(top + fy * (bottom - top) + 0.5);
+    };
+    // Exact every kSpan pixels and at the last column, linear in between: over a span the
+    // mapping is affine far below a hundredth of a pixel.
+    constexpr int kSpan = 16;
+    for (int y = 0; y < h; ++y) {
+        uint8_t* dst = out.data.data() + static_cast<size_t>(y) * w;
+        double ax = 0, ay = 0, bx = 0, by = 0;
+        source(0.5, y, ax, ay);
+        for (int x0 = 0; x0 < w - 1; x0 += kSpan) {
+            const int x1 = std::min(x0 + kSpan, w - 1);
+            source(x1 + 0.5, y, bx, by);
+            for (int x = x0; x < x1; ++x) {
+                const double t = static_cast<double>(x - x0) / (x1 - x0);
+                dst[x] = sample(ax + t * (bx - ax), ay + t * (by - ay));
+            }
+            ax = bx;
+            ay = by;
+        }
+        dst[w - 1] = sample(ax, ay);
+    }
+}
+
+namespace {
+
+// One registrationResponse run: the pairs of `motion` split over the pool's threads.
+struct ResponseRun {
+    const std::vector<const GrayImage*>* pictures;
+    const std::vector<FrameMotion>* motion;
+    const std::vector<GyroSample>* gyro;
+    const AxisMap* map;
+    double offsetMs;
+    const AlignmentSearch* search;
+    std::vector<FrameMotion>* out;
+};
+
+void respondRun(void* context, int begin, int end) {
+    const ResponseRun& run = *static_cast<const ResponseRun*>(context);
+    const MotionOptions options = frameMotionOptions();
+    MotionEstimator estimator;
+    GrayImage warped;
+    for (int i = begin; i < end; ++i) {
+        FrameMotion& f = (*run.out)[static_cast<size_t>(i)];
+        if (!f.ok)
+            continue;
+        const GrayImage& picture = *(*run.pictures)[static_cast<size_t>(i)];
+        gyroWarpedPicture(picture, f, *run.gyro, *run.map, run.offsetMs, run.search->readoutMs,
+                          run.search->focalPx, warped);
+        // Started from the measured motion, which the warped picture's lies close to.
+        Similarity near;
+        near.tx = f.tx;
+        near.ty = f.ty;
+        near.angle = f.angle;
+        const MotionEstimate e = estimator.estimate(picture, warped, near, options);
+        if (!e.ok)
+            continue;
+        double band[3];
+        predictPairMotion(f, *run.gyro, *run.map, run.offsetMs, run.search->readoutMs,
+                          run.search->focalPx, band);
+        f.tx -= e.motion.tx - band[0];
+        f.ty -= e.motion.ty - band[1];
+        f.angle -= e.motion.angle - band[2];
+    }
+}
+
+}  // namespace
+
+std::vector<FrameMotion> responseCorrected(const std::vector<const GrayImage*>& pictures,
+                                           const std::vector<FrameMotion>& motion,
+                                           const std::vector<GyroSample>& gyro, const AxisMap& map,
+                                           double offsetMs, const AlignmentSearch& search,
+                                           int threads) {
+    if (pictures.size() != motion.size() + 1)
+        throw ReplayError("responseCorrected: one picture more than frame pairs expected");
+    std::vector<FrameMotion> out = motion;
+    ResponseRun run{&pictures, &motion, &gyro, &map, offsetMs, &search, &out};
+    if (!out.empty()) {
+        WorkerPool pool(std::max(1, threads));
+        pool.run(&respondRun, &run, static_cast<int>(out.size()));
+    }
+    return out;
+}
+
+AlignmentScore refineByRegistration(const std::vector<const GrayImage*>& pictures,
+                                    const std::vector<FrameMotion>& motion,
+                                    const std::vector<GyroSample>& gyro,
+                                    const AlignmentScore& start, const AlignmentSearch& search,
+                                    int threads, std::vector<FrameMotion>& corrected) {
+    AlignmentScore best = start;
+    for (int round = 0; round < kResponseRounds; ++round) {
+        corrected =
+            responseCorrected(pictures, motion, gyro, best.map, best.offsetMs, search, threads);
+        best =
+            refineOffset(corrected, gyro,
+                         scoreAlignment(corrected, gyro, best.map, best.offsetMs, search), search);
+    }
     return best;
 }
 

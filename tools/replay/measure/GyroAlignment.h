@@ -166,6 +166,46 @@ ComponentFit fitComponents(const std::vector<FrameMotion>& motion,
                            const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
                            const AlignmentSearch& search);
 
+// The picture the second frame of pair `f` would show if the camera turned as the gyro says:
+// `first` (the pair's first picture) warped row by row. Each output row is read at its own
+// time in the second frame, and its source point at the time its source row is read in the
+// first (found by iteration), both `offsetMs` after the frame times, rows read out over
+// `readoutMs` (row centres, as bandTimeMs). Pinhole of `focalPx` centred in the picture;
+// bilinear sampling, the edge repeated outside. `out` is resized to `first`'s size.
+void gyroWarpedPicture(const GrayImage& first, const FrameMotion& f,
+                       const std::vector<GyroSample>& gyro, const AxisMap& map, double offsetMs,
+                       double readoutMs, double focalPx, GrayImage& out);
+
+// The band model (predictPairMotion) follows the registration only linearly, while the
+// registration answers a rolling shutter's distortion nonlinearly (its robust weights, which
+// rows drop out at the edge): with a 30 ms readout that leaves the best offset about a
+// millisecond late. The registration's own answer fixes it: for every registered pair i of
+// `motion`, pictures[i] warped as the gyro says (gyroWarpedPicture, `map`, `offsetMs`) is
+// registered on pictures[i] with frameMotionOptions(), and what that registration measures
+// beyond the band model's prediction is taken off the measured motion. The band model then
+// predicts the corrected motion without that bias near `offsetMs` (the response barely
+// changes over a few milliseconds). Pairs not registered are returned as they were.
+// `pictures` has one more entry than `motion`; throws ReplayError otherwise.
+std::vector<FrameMotion> responseCorrected(const std::vector<const GrayImage*>& pictures,
+                                           const std::vector<FrameMotion>& motion,
+                                           const std::vector<GyroSample>& gyro, const AxisMap& map,
+                                           double offsetMs, const AlignmentSearch& search,
+                                           int threads);
+
+// Rounds of correction and refinement in refineByRegistration: the second corrects at the
+// first's answer, a few tenths of a millisecond from where the band model alone put it.
+constexpr int kResponseRounds = 2;
+
+// The best offset of `start.map` near `start.offsetMs` (a search minimum): the motion is
+// corrected by the registration's response at the current offset (responseCorrected) and the
+// offset refined on it (refineOffset), kResponseRounds times. `corrected` receives the last
+// corrected motion, on which the returned score was made.
+AlignmentScore refineByRegistration(const std::vector<const GrayImage*>& pictures,
+                                    const std::vector<FrameMotion>& motion,
+                                    const std::vector<GyroSample>& gyro,
+                                    const AlignmentScore& start, const AlignmentSearch& search,
+                                    int threads, std::vector<FrameMotion>& corrected);
+
 // The prediction error of one map over the whole offset range (for plotting the curve).
 std::vector<AlignmentScore> offsetCurve(const std::vector<FrameMotion>& motion,
                                         const std::vector<GyroSample>& gyro, const AxisMap& map,
