@@ -1,6 +1,4 @@
-// The recorder of a session's outputs, the pass-through session, decoding ahead of the camera
-// (over a source that marks every picture with its index), text tables, the ffmpeg program
-// (when installed) and the progress line.
+// Output recorder, pass-through session, decoding ahead, text tables, ffmpeg and progress line.
 #include "FinishesWithin.h"
 #include "TestUtil.h"
 #include "input/Csv.h"
@@ -76,8 +74,7 @@ TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFramesAndBuffers) {
     }
     const auto px = flatRgba(32, 16, 200);
     const RgbaView view{32, 16, 32, px.data()};
-    // Frame 1 never comes out (dropped); frame 2 comes out; then an output with a timestamp
-    // no camera frame had; then frame 3 on a second surface only.
+    // Frame 1 dropped, frame 2 out, an output of no camera frame, frame 3 on surface 1 only.
     rec.onFrameOutput(0, frames.timestampNs(0), view);
     rec.onFrameOutput(0, frames.timestampNs(2), view);
     rec.onFrameOutput(0, frames.timestampNs(2) + 1, view);
@@ -224,8 +221,7 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
                                       err),
               0);
     EXPECT_EQ(err, "");
-    // An encoder that cannot write its file is an error with ffmpeg's own message, whether it
-    // shows while frames are fed or at the end.
+    // An encoder that cannot write its file fails with ffmpeg's message, while fed or at the end.
     VideoEncoder bad;
     bad.open(ffmpeg, dir.file("missing/folder/bad.mp4"), 640, 480, 30, 1, kDefaultH264Preset, 2);
     I420Image big;
@@ -287,20 +283,36 @@ bool holds(const Nv21Image& p, int index) {
 
 }  // namespace
 
-TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepth) {
-    MarkedFrames source;
+// In-order reads come from the decoding thread within its depth; out-of-order reads are served
+// directly, a fault is raised by its own frame only, and a full ring stops on destruction.
+TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepthOthersDirectly) {
+    MarkedFrames source, faulty;
+    faulty.depth = 100;  // bound not checked here
+    faulty.failAt = 5;
     ASSERT_TRUE(finishesWithin(10s, [&] {
-        PrefetchFrames prefetch(source, source.depth);
         Nv21Image picture;
         picture.resize(8, 4);
-        for (int i = 0; i < source.count(); ++i) {
-            // Set before the call: read(i) lets the decoding thread go on to frame i + depth
-            // before it returns, so the bound is the position read(i) leaves the reader at.
-            source.consumed = i + 1;
+        {
+            PrefetchFrames prefetch(source, source.depth);
+            for (int i = 0; i < source.count(); ++i) {
+                // read(i) lets the decoding thread go on to i + depth before it returns.
+                source.consumed = i + 1;
+                prefetch.read(i, picture);
+                EXPECT_TRUE(holds(picture, i)) << i;
+            }
+            EXPECT_EQ(prefetch.prefetchedReads(), source.count());
+        }
+        PrefetchFrames prefetch(faulty, 2);
+        for (int i : {0, 1, 7, 8, 9, 3, 4, 5, 6}) {
+            if (i == 5) {
+                EXPECT_THROW(prefetch.read(i, picture), ReplayError);
+                continue;
+            }
             prefetch.read(i, picture);
             EXPECT_TRUE(holds(picture, i)) << i;
         }
-        EXPECT_EQ(prefetch.prefetchedReads(), source.count());
+        PrefetchFrames stopped(faulty, 2);
+        stopped.read(0, picture);
     }));
     EXPECT_EQ(source.offThread.load(), 12);
     EXPECT_EQ(source.tooFarAhead.load(), 0);
@@ -350,27 +362,4 @@ TEST(PrefetchFrames, SeveralDecodersHandFramesOutInOrder) {
     MarkedFrames single;
     PrefetchFrames one(single, 4, 2);
     EXPECT_EQ(one.decoders(), 1);
-}
-
-// Out-of-order reads are served directly and reading ahead goes on after them; a decoding
-// fault is raised by its own frame only; destroyed with the ring full, the decoding thread stops.
-TEST(PrefetchFrames, OutOfOrderReadsFaultsAndAnEarlyStop) {
-    MarkedFrames source;
-    source.depth = 100;  // bound not checked here
-    source.failAt = 5;
-    ASSERT_TRUE(finishesWithin(10s, [&] {
-        PrefetchFrames prefetch(source, 2);
-        Nv21Image picture;
-        picture.resize(8, 4);
-        for (int i : {0, 1, 7, 8, 9, 3, 4, 5, 6}) {
-            if (i == 5) {
-                EXPECT_THROW(prefetch.read(i, picture), ReplayError);
-                continue;
-            }
-            prefetch.read(i, picture);
-            EXPECT_TRUE(holds(picture, i)) << i;
-        }
-        PrefetchFrames stopped(source, 2);
-        stopped.read(0, picture);
-    }));
 }
