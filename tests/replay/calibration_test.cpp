@@ -1,5 +1,4 @@
-// Gyro calibration from the pictures: the configuration rewrite, and the search finding an
-// offset and an axis swap that a synthetic recording's configuration does not state.
+// Gyro calibration from the pictures: the configuration rewrite and the offset and axes search.
 #include "TestUtil.h"
 
 #include <cmath>
@@ -23,9 +22,7 @@ TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
               "vstab.gyroTimeOffsetNs=-3000000\nvstab.gyroAxes=x,y,z\n");
 }
 
-// A short synthetic walk (true gyro offset 17 ms) calibrated under configurations that state
-// a wrong offset, swapped axes, and the true values; from its lumas, and from the pairs the
-// replay's pixel measure registered (the picture scale taken from measuredWidth).
+// A walk (gyro offset 17 ms) under wrong, swapped and true configurations; from lumas and pairs.
 TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly) {
     SyntheticOptions o = replay_test::walk(640, 360, 4);
     o.gyro.timeOffsetNs = 17000000;
@@ -106,24 +103,8 @@ TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly)
     EXPECT_TRUE(wild.warnings.empty()) << wild.warnings.front();
 }
 
-TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndTwoPercent) {
-    const struct {
-        double configured, candidate, noise;
-        bool better;
-    } cases[] = {
-        {1.00, 0.90, 0.02, true},    // 0.10 px drop, 5 noise
-        {1.00, 0.95, 0.02, false},   // 2.5 noise
-        {1.44, 1.32, 0.165, false},  // the phone's other mapping at a quarter size
-        {1.00, 0.99, 0.001, false},  // significant, but 1 %
-        {1.00, 1.10, 0.001, false},  // worse
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(clearlyBetter(c.configured, c.candidate, c.noise), c.better) << c.candidate;
-}
-
 TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
-    // Motion measured exactly as predicted at 7.37 ms: the 1 ms grid, the 0.1 ms steps and
-    // the parabola through the squared errors find it to a hundredth of a millisecond.
+    // Motion exactly as predicted at 7.37 ms is found to a hundredth of a millisecond.
     constexpr double kTwoPi = 6.283185307179586;
     std::vector<GyroSample> gyro;
     for (int i = 0; i < 1600; ++i) {
@@ -157,7 +138,20 @@ TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
     EXPECT_NEAR(ranked[0].offsetMs, 7.37, 0.01);
 }
 
-TEST(Calibration, OutliersAreFarBeyondTheMedianSpread) {
+// Better: beyond the noise and 2 %; outliers: far beyond the median spread; refusal: an error.
+TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndOutliersAreFarBeyondTheMedianSpread) {
+    const struct {
+        double configured, candidate, noise;
+        bool better;
+    } fits[] = {
+        {1.00, 0.90, 0.02, true},    // 0.10 px drop, 5 noise
+        {1.00, 0.95, 0.02, false},   // 2.5 noise
+        {1.44, 1.32, 0.165, false},  // the phone's other mapping at a quarter size
+        {1.00, 0.99, 0.001, false},  // significant, but 1 %
+        {1.00, 1.10, 0.001, false},  // worse
+    };
+    for (const auto& c : fits)
+        EXPECT_EQ(clearlyBetter(c.configured, c.candidate, c.noise), c.better) << c.candidate;
     const double nan = std::nan("");
     const struct {
         std::vector<double> errors;
@@ -177,12 +171,9 @@ TEST(Calibration, OutliersAreFarBeyondTheMedianSpread) {
         EXPECT_EQ(kept, c.kept) << c.errors.size();
         EXPECT_NEAR(robustRms(c.errors, limit), c.rms, 1e-4) << c.errors.size();
     }
-}
-
-TEST(Calibration, RefusedConfigurationIsAnError) {
-    CalibrationInput in;
-    in.configText = "vstab.gridRows=1\n";
-    EXPECT_THROW(calibrate(in), ReplayError);
+    CalibrationInput refused;
+    refused.configText = "vstab.gridRows=1\n";
+    EXPECT_THROW(calibrate(refused), ReplayError);
 }
 
 }  // namespace

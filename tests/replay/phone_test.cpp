@@ -68,9 +68,7 @@ TEST(PhoneRecording, ConvertsIntoALoadableRecordingTheEngineSteadies) {
 }
 
 TEST(PhoneRecording, CalibrationKeepsTheConfiguredAxes) {
-    // At a quarter size another mapping (-y,z,-x) scores a lower error, by less than the
-    // noise and with a lower agreement; at the replay's half size the configured mapping is
-    // the best fit, its best offset too small a gain. Neither is written.
+    // At a quarter size -y,z,-x fits a little better, within the noise: neither size changes it.
     if (!havePhoneData())
         GTEST_SKIP() << "the phone recording is not in " << kPhoneDir;
     const PhoneRecording phone = loadPhoneRecording(kPhoneDir);
