@@ -18,7 +18,7 @@
 using namespace qlmr::replay;
 using replay_test::TempDir;
 
-TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
+TEST(ColorConvert, Bt601ReferenceColoursRoundTripsAndLumaBlockMeans) {
     struct Case {
         uint8_t r, g, b, y, u, v;
     } cases[] = {{255, 255, 255, 235, 128, 128},
@@ -44,15 +44,11 @@ TEST(ColorConvert, Bt601LimitedRangeReferenceColours) {
         EXPECT_NEAR(nv.vu()[0], c.v, 1);
         EXPECT_NEAR(nv.vu()[1], c.u, 1);
     }
-}
-
-TEST(ColorConvert, RoundTripsThroughNv21I420AndRgba) {
     const RgbImage src = replay_test::gradient(64, 32);
     Nv21Image nv;
     nv.resize(64, 32);
     rgbToNv21(src, nv);
-    // NV21 -> RGBA (what a window receives) -> I420 gives back the NV21 planes, and RGB from
-    // either, the grey level of every pixel within 3 of the source's.
+    // NV21 -> RGBA (a window's) -> I420 gives back NV21; RGB from either within 3 grey levels.
     std::vector<uint8_t> rgba(64 * 32 * 4);
     nv21ToRgba(nv, rgba.data(), 64);
     EXPECT_EQ(rgba[3], 255);
@@ -82,16 +78,13 @@ TEST(ColorConvert, RoundTripsThroughNv21I420AndRgba) {
     // Chroma planes keep U and V apart (a swap would move blue into red).
     EXPECT_EQ(direct.v()[0], nv.vu()[0]);
     EXPECT_EQ(direct.u()[0], nv.vu()[1]);
-}
-
-TEST(ColorConvert, DownsampleLumaAveragesBlocks) {
-    std::vector<uint8_t> y = {0, 10, 20, 30, 40, 50, 60, 70};  // 4x2, stride 4
+    // Luma reduced by 2 (4x2, stride 4) and by 3 (7x4: a remainder column and row left out).
+    std::vector<uint8_t> y = {0, 10, 20, 30, 40, 50, 60, 70};
     GrayImage out;
     out.resize(2, 1);
     downsampleLuma(y.data(), 4, 2, 4, 2, out);
     EXPECT_EQ(out.at(0, 0), 25);  // (0+10+40+50)/4
     EXPECT_EQ(out.at(1, 0), 45);  // (20+30+60+70)/4
-    // Factor 3 on 7x4 (a remainder column and row left out): block means within one level.
     std::vector<uint8_t> z(7 * 4);
     for (size_t i = 0; i < z.size(); ++i)
         z[i] = static_cast<uint8_t>(i % 7 * 30 + i / 7 * 3);
@@ -130,8 +123,6 @@ TEST(ColorConvert, JfifPlanesToLimitedRangeNv21) {
         ASSERT_EQ(portable.vu()[2 * x], chroma(cr[x])) << x;
         ASSERT_EQ(portable.vu()[2 * x + 1], chroma(cb[x])) << x;
     }
-    EXPECT_EQ(chroma(0), 16);
-    EXPECT_EQ(chroma(255), 240);
     EXPECT_EQ(portable.vu()[kWidth + 1], chroma(cb[kCStride]));  // second chroma row
 }
 
@@ -306,23 +297,6 @@ std::vector<uint8_t> encode(const RgbImage& image, int colour, int filters, bool
 
 }  // namespace
 
-TEST(PngFastDecoder, EveryFilterDecodesToTheOriginalBytes) {
-    const RgbImage src = noisy(37, 11);  // odd width: no row is a whole number of vectors
-    PngFastDecoder decoder;
-    for (const int colour : {PNG_COLOR_TYPE_RGB, PNG_COLOR_TYPE_RGB_ALPHA}) {
-        for (const int filters : {PNG_FILTER_NONE, PNG_FILTER_SUB, PNG_FILTER_UP, PNG_FILTER_AVG,
-                                  PNG_FILTER_PAETH, PNG_ALL_FILTERS}) {
-            const std::vector<uint8_t> file = encode(src, colour, filters, false);
-            RgbImage out;
-            ASSERT_TRUE(decoder.decode(file.data(), file.size(), out))
-                << "colour " << colour << " filters " << filters;
-            EXPECT_EQ(out.width, src.width);
-            EXPECT_EQ(out.height, src.height);
-            EXPECT_EQ(out.data, src.data) << "colour " << colour << " filters " << filters;
-        }
-    }
-}
-
 namespace {
 
 // CRC-32 of PNG chunks (ISO 3309): damage behind a valid CRC reaches the check beyond it.
@@ -357,10 +331,22 @@ size_t chunkAt(const std::vector<uint8_t>& png, const char* type) {
 }  // namespace
 
 // Interlaced and grey files go to libpng; damage fails on both paths; the fast path stays good.
-TEST(PngFastDecoder, OtherKindsAndDamageAreLeftToLibpng) {
-    const RgbImage src = noisy(24, 10);
+TEST(PngFastDecoder, EveryFilterDecodesToTheOriginalBytesOtherKindsAndDamageGoToLibpng) {
     PngFastDecoder decoder;
     RgbImage out;
+    const RgbImage odd = noisy(37, 11);  // no row is a whole number of vectors
+    for (const int colour : {PNG_COLOR_TYPE_RGB, PNG_COLOR_TYPE_RGB_ALPHA}) {
+        for (const int filters : {PNG_FILTER_NONE, PNG_FILTER_SUB, PNG_FILTER_UP, PNG_FILTER_AVG,
+                                  PNG_FILTER_PAETH, PNG_ALL_FILTERS}) {
+            const std::vector<uint8_t> file = encode(odd, colour, filters, false);
+            ASSERT_TRUE(decoder.decode(file.data(), file.size(), out))
+                << "colour " << colour << " filters " << filters;
+            EXPECT_EQ(out.width, odd.width);
+            EXPECT_EQ(out.height, odd.height);
+            EXPECT_EQ(out.data, odd.data) << "colour " << colour << " filters " << filters;
+        }
+    }
+    const RgbImage src = noisy(24, 10);
     replay_test::TempDir dir;
     const std::vector<uint8_t> grey = encode(src, PNG_COLOR_TYPE_GRAY, PNG_ALL_FILTERS, false);
     EXPECT_FALSE(decoder.decode(grey.data(), grey.size(), out));

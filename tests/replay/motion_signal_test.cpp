@@ -122,7 +122,7 @@ TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
     }
 }
 
-TEST(Signal, StabilityScoreSeparatesSlowFromFastMotion) {
+TEST(Signal, StabilityScoreSeparatesSlowFromFastMotionPercentilesUseNearestRank) {
     std::vector<double> slow(120), fast(120), constant(120, 2.0);
     for (int i = 0; i < 120; ++i) {
         slow[i] = std::sin(2 * kPi * 3 * i / 120.0);   // bin 3
@@ -141,6 +141,18 @@ TEST(Signal, StabilityScoreSeparatesSlowFromFastMotion) {
         bin6[i] = std::cos(2 * kPi * 6 * i / 120.0);
     EXPECT_NEAR(stabilityScore(bin6), 0.0, 1e-9);
     EXPECT_TRUE(std::isnan(stabilityScore(std::vector<double>(5, 1.0))));
+    std::vector<double> v;
+    for (int i = 100; i >= 1; --i)
+        v.push_back(i);
+    const Percentiles p = percentiles(v);
+    EXPECT_EQ(p.count, 100);
+    EXPECT_DOUBLE_EQ(p.p50, 50);
+    EXPECT_DOUBLE_EQ(p.p90, 90);
+    EXPECT_DOUBLE_EQ(p.p99, 99);
+    EXPECT_DOUBLE_EQ(p.max, 100);
+    EXPECT_DOUBLE_EQ(p.mean, 50.5);
+    EXPECT_DOUBLE_EQ(percentiles({7}).p99, 7);
+    EXPECT_EQ(percentiles({}).count, 0);
 }
 
 TEST(Signal, HighPassKeepsShakeAndDropsSlowMotion) {
@@ -162,21 +174,6 @@ TEST(Signal, HighPassKeepsShakeAndDropsSlowMotion) {
     EXPECT_NEAR(smooth[150], ramp[150], 1e-9);
     EXPECT_NEAR(smooth[0], ramp[0], 1e-9);
     EXPECT_NEAR(smooth[299], ramp[299], 1e-9);
-}
-
-TEST(Signal, PercentilesUseNearestRank) {
-    std::vector<double> v;
-    for (int i = 100; i >= 1; --i)
-        v.push_back(i);
-    const Percentiles p = percentiles(v);
-    EXPECT_EQ(p.count, 100);
-    EXPECT_DOUBLE_EQ(p.p50, 50);
-    EXPECT_DOUBLE_EQ(p.p90, 90);
-    EXPECT_DOUBLE_EQ(p.p99, 99);
-    EXPECT_DOUBLE_EQ(p.max, 100);
-    EXPECT_DOUBLE_EQ(p.mean, 50.5);
-    EXPECT_DOUBLE_EQ(percentiles({7}).p99, 7);
-    EXPECT_EQ(percentiles({}).count, 0);
 }
 
 TEST(WorkerPool, CoversEveryIndexOnceAndIsReusable) {

@@ -126,7 +126,7 @@ TEST(SceneRenderer, RotationMovesThePictureTheWayTheGyroPredicts) {
     EXPECT_NEAR(across.motion.tx, -cam.focalPx * 0.4 * 0.075, 0.5);
 }
 
-TEST(SyntheticRecording, FramesGyroAndConfigAreConsistent) {
+TEST(SyntheticRecording, FramesGyroAndConfigTextAreConsistent) {
     SyntheticRecording rec(small());
     EXPECT_EQ(rec.count(), 45);
     EXPECT_EQ(rec.timestampNs(30), 2000000000);
@@ -152,9 +152,6 @@ TEST(SyntheticRecording, FramesGyroAndConfigAreConsistent) {
     bad = small();
     bad.scene = "/nonexistent.jpg";
     EXPECT_THROW(SyntheticRecording{bad}, ReplayError);
-}
-
-TEST(CameraFacts, ConfigTextUsesTheLibraryKeysAndKeepsKeysOutOfComments) {
     CameraFacts f;
     f.width = 800;
     f.height = 600;
