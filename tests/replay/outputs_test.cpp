@@ -281,12 +281,33 @@ bool holds(const Nv21Image& p, int index) {
 
 }  // namespace
 
-// In-order reads come from the decoding thread within its depth; out-of-order reads are served
-// directly, a fault is raised by its own frame only, and a full ring stops on destruction.
-TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepthOthersDirectly) {
-    MarkedFrames source, faulty;
+// Image files: clones read on threads of their own.
+class ClonableFrames : public MarkedFrames {
+  public:
+    struct Shared {
+        std::mutex mutex;
+        std::set<std::thread::id> threads;
+    };
+    explicit ClonableFrames(std::shared_ptr<Shared> s) : shared(std::move(s)) {}
+    void read(int index, Nv21Image& out) override {
+        std::this_thread::sleep_for(2ms);  // long enough for the decoders to overlap
+        MarkedFrames::read(index, out);
+        std::lock_guard<std::mutex> lock(shared->mutex);
+        shared->threads.insert(std::this_thread::get_id());
+    }
+    std::unique_ptr<FrameSource> clone() const override {
+        return std::make_unique<ClonableFrames>(shared);
+    }
+    std::shared_ptr<Shared> shared;
+};
+
+// Reads in order come ahead from every decoder, others directly; a fault stays with its frame.
+TEST(PrefetchFrames, InOrderReadsComeAheadFromEveryDecoderOthersDirectly) {
+    MarkedFrames source, faulty, single;
     faulty.depth = 100;  // bound not checked here
     faulty.failAt = 5;
+    auto shared = std::make_shared<ClonableFrames::Shared>();
+    ClonableFrames clonable(shared);
     ASSERT_TRUE(finishesWithin(10s, [&] {
         Nv21Image picture;
         picture.resize(8, 4);
@@ -309,55 +330,18 @@ TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepthOthersDi
             prefetch.read(i, picture);
             EXPECT_TRUE(holds(picture, i)) << i;
         }
-        PrefetchFrames stopped(faulty, 2);
+        PrefetchFrames stopped(faulty, 2);  // destroyed with its ring full
         stopped.read(0, picture);
+        PrefetchFrames two(clonable, 4, 2);
+        EXPECT_EQ(two.decoders(), 2);
+        // In order, then a jump back while both decoders may be busy.
+        for (int i : {0, 1, 2, 3, 4, 5, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}) {
+            two.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+        EXPECT_EQ(PrefetchFrames(single, 4, 2).decoders(), 1);  // a source that cannot be cloned
     }));
     EXPECT_EQ(source.offThread.load(), 12);
     EXPECT_EQ(source.tooFarAhead.load(), 0);
-}
-
-// Image files: clones read on threads of their own.
-class ClonableFrames : public MarkedFrames {
-  public:
-    struct Shared {
-        std::mutex mutex;
-        std::set<std::thread::id> threads;
-    };
-    explicit ClonableFrames(std::shared_ptr<Shared> s) : shared(std::move(s)) {}
-    void read(int index, Nv21Image& out) override {
-        std::this_thread::sleep_for(2ms);  // long enough for the decoders to overlap
-        MarkedFrames::read(index, out);
-        std::lock_guard<std::mutex> lock(shared->mutex);
-        shared->threads.insert(std::this_thread::get_id());
-    }
-    std::unique_ptr<FrameSource> clone() const override {
-        return std::make_unique<ClonableFrames>(shared);
-    }
-    std::shared_ptr<Shared> shared;
-};
-
-TEST(PrefetchFrames, SeveralDecodersHandFramesOutInOrder) {
-    auto shared = std::make_shared<ClonableFrames::Shared>();
-    ClonableFrames source(shared);
-    ASSERT_TRUE(finishesWithin(10s, [&] {
-        PrefetchFrames prefetch(source, 4, 2);
-        EXPECT_EQ(prefetch.decoders(), 2);
-        Nv21Image picture;
-        picture.resize(8, 4);
-        for (int i = 0; i < 6; ++i) {
-            prefetch.read(i, picture);
-            EXPECT_TRUE(holds(picture, i)) << i;
-        }
-        // A jump back while both decoders may be busy: what they were reading is dropped.
-        for (int i : {2, 3, 4, 5, 6, 7, 8, 9, 10, 11}) {
-            prefetch.read(i, picture);
-            EXPECT_TRUE(holds(picture, i)) << i;
-        }
-    }));
-    // Both decoders read, and the reader itself for the jump back.
-    EXPECT_EQ(shared->threads.size(), 3u);
-    // A source that cannot be cloned gets one decoder.
-    MarkedFrames single;
-    PrefetchFrames one(single, 4, 2);
-    EXPECT_EQ(one.decoders(), 1);
+    EXPECT_EQ(shared->threads.size(), 3u);  // both decoders, and the reader for the jump back
 }

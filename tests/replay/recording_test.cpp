@@ -32,7 +32,7 @@ std::string loadError(const TempDir& dir) {
 
 }  // namespace
 
-TEST(RecordingFolder, LoadsAValidRecordingAndSavesItBack) {
+TEST(RecordingFolder, LoadsAValidRecordingSavesItBackAndVideoFramesMustMatchTheTimestampList) {
     TempDir dir;
     makeRecording(dir);
     const Recording rec = loadRecording(dir.path());
@@ -63,6 +63,43 @@ TEST(RecordingFolder, LoadsAValidRecordingAndSavesItBack) {
     ASSERT_EQ(back.gyro.size(), rec.gyro.size());
     EXPECT_FLOAT_EQ(back.gyro[0].y, 0.2f);
     EXPECT_EQ(back.configText, rec.configText);
+    // A video instead of images: its frames must match frames.csv.
+    I420Image f;
+    f.resize(32, 16);
+    const auto writeY4m = [&](int n) {
+        Y4mWriter w;
+        w.open(dir.file("video.y4m"), 32, 16, 30, 1);
+        for (int i = 0; i < n; ++i)
+            w.write(f);
+    };
+    writeText(dir.file("frames.csv"), "timestamp_ns\n1000\n2000\n3000\n");
+    // Counted before the replay.
+    for (const int n : {2, 4}) {
+        writeY4m(n);
+        EXPECT_THAT(loadError(dir), HasSubstr("video.y4m: the video has " + std::to_string(n) +
+                                              " frames, frames.csv lists 3"));
+    }
+    writeY4m(3);
+    const Recording video = loadRecording(dir.path());
+    EXPECT_EQ(video.videoPath, dir.file("video.y4m"));
+    // And checked again while reading (the file changed since).
+    writeY4m(2);
+    auto videoFrames = openRecordingFrames(video);
+    videoFrames->read(0, nv);
+    videoFrames->read(1, nv);
+    EXPECT_THAT(replay_test::errorOf([&] { videoFrames->read(2, nv); }),
+                HasSubstr("video ends after 2 frames, frames.csv lists 3"));
+    // Other videos are counted by ffprobe.
+    std::remove(dir.file("video.y4m").c_str());
+    const std::string ffmpeg = ffmpegProgram();
+    if (ffmpeg.empty() || ffprobeBeside(ffmpeg).empty())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian package ffmpeg)";
+    VideoEncoder mp4;
+    mp4.open(ffmpeg, dir.file("video.mp4"), 32, 16, 30, 1);
+    mp4.write(f);
+    mp4.write(f);
+    mp4.finish();
+    EXPECT_THAT(loadError(dir), HasSubstr("video.mp4: the video has 2 frames, frames.csv lists 3"));
 }
 
 TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
@@ -165,47 +202,4 @@ TEST(RecordingFolder, FrameSizesMustMatchAndImagesMustBeWhole) {
     EXPECT_THAT(replay_test::errorOf([&] { frames->read(1, nv); }),
                 HasSubstr("frames.csv:4: image " + dir.file("frames/1.png") + ": Corrupt JPEG"));
     EXPECT_THROW(readImage(dir.file("frames/1.png")), ReplayError);
-}
-
-TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
-    TempDir dir;
-    makeRecording(dir);
-    I420Image f;
-    f.resize(32, 16);
-    const auto writeY4m = [&](int frames) {
-        Y4mWriter w;
-        w.open(dir.file("video.y4m"), 32, 16, 30, 1);
-        for (int i = 0; i < frames; ++i)
-            w.write(f);
-    };
-    writeText(dir.file("frames.csv"), "timestamp_ns\n1000\n2000\n3000\n");
-    // Counted before the replay.
-    for (const int frames : {2, 4}) {
-        writeY4m(frames);
-        EXPECT_THAT(loadError(dir), HasSubstr("video.y4m: the video has " + std::to_string(frames) +
-                                              " frames, frames.csv lists 3"));
-    }
-    writeY4m(3);
-    const Recording rec = loadRecording(dir.path());
-    EXPECT_EQ(rec.videoPath, dir.file("video.y4m"));
-    // And checked again while reading (the file changed since).
-    writeY4m(2);
-    auto frames = openRecordingFrames(rec);
-    Nv21Image nv;
-    nv.resize(32, 16);
-    frames->read(0, nv);
-    frames->read(1, nv);
-    EXPECT_THAT(replay_test::errorOf([&] { frames->read(2, nv); }),
-                HasSubstr("video ends after 2 frames, frames.csv lists 3"));
-    // Other videos are counted by ffprobe.
-    std::remove(dir.file("video.y4m").c_str());
-    const std::string ffmpeg = ffmpegProgram();
-    if (ffmpeg.empty() || ffprobeBeside(ffmpeg).empty())
-        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian package ffmpeg)";
-    VideoEncoder mp4;
-    mp4.open(ffmpeg, dir.file("video.mp4"), 32, 16, 30, 1);
-    mp4.write(f);
-    mp4.write(f);
-    mp4.finish();
-    EXPECT_THAT(loadError(dir), HasSubstr("video.mp4: the video has 2 frames, frames.csv lists 3"));
 }

@@ -218,22 +218,6 @@ TEST(ReplayApp, FailedOrInterruptedRunLeavesTheEarlierOutputsAsTheyWere) {
     EXPECT_EQ(names, std::set<std::string>(out.files.begin(), out.files.end()));
 }
 
-TEST(ReplayApp, DescribesAFailureForTheCommand) {
-    const ReplayFailure error = describeFailure(ReplayError("a.csv", 2, "bad"), "out");
-    EXPECT_EQ(error.message, "error: a.csv:2: bad; the outputs in out/ are unchanged");
-    EXPECT_EQ(error.exitStatus, 1);
-    const ReplayFailure stopped = describeFailure(Interrupted(), "replay-out/");
-    EXPECT_EQ(stopped.message, "interrupted; the outputs in replay-out/ are unchanged");
-    EXPECT_EQ(stopped.exitStatus, 130);
-    // SIGTERM's handler raises the flag; any error that follows counts as the interruption.
-    installInterruptHandlers();
-    std::raise(SIGTERM);
-    const ReplayFailure terminated = describeFailure(ReplayError("read: EINTR"), "o");
-    clearInterrupt();
-    EXPECT_EQ(terminated.message, "interrupted; the outputs in o/ are unchanged");
-    EXPECT_EQ(terminated.exitStatus, 143);
-}
-
 TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
     TempDir rec, out;
     replay_test::writeRecording(rec, "timestamp_ns,file\n1000,frames/missing.png\n");
@@ -272,18 +256,30 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
             << usage << ": " << err;
         EXPECT_FALSE(err.empty()) << usage;
     }
-}
 
-// --set replaces the line that sets the key (never a comment) or appends one; lines keep origins.
-TEST(ReplayApp, OverridesReplaceOrAppendConfigurationLines) {
-    const ConfigurationText c = applyOverrides(
+    // The sentence and status for an error, an interruption, and an error after SIGTERM.
+    const ReplayFailure error = describeFailure(ReplayError("a.csv", 2, "bad"), "out");
+    EXPECT_EQ(error.message, "error: a.csv:2: bad; the outputs in out/ are unchanged");
+    EXPECT_EQ(error.exitStatus, 1);
+    const ReplayFailure stopped = describeFailure(Interrupted(), "replay-out/");
+    EXPECT_EQ(stopped.message, "interrupted; the outputs in replay-out/ are unchanged");
+    EXPECT_EQ(stopped.exitStatus, 130);
+    // SIGTERM's handler raises the flag; any error that follows counts as the interruption.
+    installInterruptHandlers();
+    std::raise(SIGTERM);
+    const ReplayFailure terminated = describeFailure(ReplayError("read: EINTR"), "o");
+    clearInterrupt();
+    EXPECT_EQ(terminated.message, "interrupted; the outputs in o/ are unchanged");
+    EXPECT_EQ(terminated.exitStatus, 143);
+    // --set replaces the line setting the key (never a comment) or appends one, naming origins.
+    const ConfigurationText overridden = applyOverrides(
         "# vstab.windowNs=1 is the window\n vstab.windowNs = 800000000\nvstab.gridRows=9\n",
         "rec/config.txt",
         {parseOverride("vstab.windowNs=1000000000"), parseOverride(" vstab.lensK1 = 0.02")});
-    EXPECT_EQ(c.text,
+    EXPECT_EQ(overridden.text,
               "# vstab.windowNs=1 is the window\nvstab.windowNs=1000000000\nvstab.gridRows=9\n"
               "vstab.lensK1=0.02\n");
-    EXPECT_EQ(c.lineOrigins,
+    EXPECT_EQ(overridden.lineOrigins,
               (std::vector<std::string>{"rec/config.txt:1", "--set vstab.windowNs=1000000000",
                                         "rec/config.txt:3", "--set vstab.lensK1=0.02"}));
     EXPECT_EQ(checkConfiguration(applyOverrides("vstab.gridRow=9\n", "c.txt", {})),
