@@ -6,7 +6,7 @@
 namespace qlmr::replay {
 namespace {
 
-TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
+TEST(Calibration, RewritesTheTwoKeysJudgesFitsAndOutliersAndRefusesBadConfiguration) {
     const std::string text =
         "# comment vstab.gyroAxes=x,y,z\n"
         "vstab.readoutNs=30000000\n"
@@ -20,6 +20,41 @@ TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
               "vstab.gyroTimeOffsetNs=17250000\n");
     EXPECT_EQ(withCalibration("vstab.gyroTimeOffsetNs=5\n", "x,y,z", -3.0),
               "vstab.gyroTimeOffsetNs=-3000000\nvstab.gyroAxes=x,y,z\n");
+    // Better: beyond the noise and 2 %; outliers: far beyond the median spread; refusal: an error.
+    const struct {
+        double configured, candidate, noise;
+        bool better;
+    } fits[] = {
+        {1.00, 0.90, 0.02, true},    // 0.10 px drop, 5 noise
+        {1.00, 0.95, 0.02, false},   // 2.5 noise
+        {1.44, 1.32, 0.165, false},  // the phone's other mapping at a quarter size
+        {1.00, 0.99, 0.001, false},  // significant, but 1 %
+        {1.00, 1.10, 0.001, false},  // worse
+    };
+    for (const auto& c : fits)
+        EXPECT_EQ(clearlyBetter(c.configured, c.candidate, c.noise), c.better) << c.candidate;
+    const double nan = std::nan("");
+    const struct {
+        std::vector<double> errors;
+        std::vector<bool> kept;
+        double rms;  // each outlier counted at the limit
+    } cases[] = {
+        {{1.0, 1.2, 0.9, 1.1, 1.0, 9.0}, {1, 1, 1, 1, 1, 0}, 1.3346},
+        {{1.0, 1.0, 1.0, 1.0, 1.9}, {1, 1, 1, 1, 1}, 1.2337},  // no spread: kOutlierMinPx
+        {{0.5, 0.7, nan, 0.6}, {1, 1, 0, 1}, 1.6231},
+        {{5.0, 80.0}, {1, 1}, 56.6789},  // too few to judge
+    };
+    for (const auto& c : cases) {
+        const double limit = outlierLimit(c.errors);
+        std::vector<bool> kept;
+        for (const double e : c.errors)
+            kept.push_back(e <= limit);
+        EXPECT_EQ(kept, c.kept) << c.errors.size();
+        EXPECT_NEAR(robustRms(c.errors, limit), c.rms, 1e-4) << c.errors.size();
+    }
+    CalibrationInput refused;
+    refused.configText = "vstab.gridRows=1\n";
+    EXPECT_THROW(calibrate(refused), ReplayError);
 }
 
 // A walk (gyro offset 17 ms) under wrong, swapped and true configurations; from lumas and pairs.
@@ -136,44 +171,6 @@ TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
     const std::vector<AlignmentScore> ranked = rankAlignments(motion, gyro, search);
     EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
     EXPECT_NEAR(ranked[0].offsetMs, 7.37, 0.01);
-}
-
-// Better: beyond the noise and 2 %; outliers: far beyond the median spread; refusal: an error.
-TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndOutliersAreFarBeyondTheMedianSpread) {
-    const struct {
-        double configured, candidate, noise;
-        bool better;
-    } fits[] = {
-        {1.00, 0.90, 0.02, true},    // 0.10 px drop, 5 noise
-        {1.00, 0.95, 0.02, false},   // 2.5 noise
-        {1.44, 1.32, 0.165, false},  // the phone's other mapping at a quarter size
-        {1.00, 0.99, 0.001, false},  // significant, but 1 %
-        {1.00, 1.10, 0.001, false},  // worse
-    };
-    for (const auto& c : fits)
-        EXPECT_EQ(clearlyBetter(c.configured, c.candidate, c.noise), c.better) << c.candidate;
-    const double nan = std::nan("");
-    const struct {
-        std::vector<double> errors;
-        std::vector<bool> kept;
-        double rms;  // each outlier counted at the limit
-    } cases[] = {
-        {{1.0, 1.2, 0.9, 1.1, 1.0, 9.0}, {1, 1, 1, 1, 1, 0}, 1.3346},
-        {{1.0, 1.0, 1.0, 1.0, 1.9}, {1, 1, 1, 1, 1}, 1.2337},  // no spread: kOutlierMinPx
-        {{0.5, 0.7, nan, 0.6}, {1, 1, 0, 1}, 1.6231},
-        {{5.0, 80.0}, {1, 1}, 56.6789},  // too few to judge
-    };
-    for (const auto& c : cases) {
-        const double limit = outlierLimit(c.errors);
-        std::vector<bool> kept;
-        for (const double e : c.errors)
-            kept.push_back(e <= limit);
-        EXPECT_EQ(kept, c.kept) << c.errors.size();
-        EXPECT_NEAR(robustRms(c.errors, limit), c.rms, 1e-4) << c.errors.size();
-    }
-    CalibrationInput refused;
-    refused.configText = "vstab.gridRows=1\n";
-    EXPECT_THROW(calibrate(refused), ReplayError);
 }
 
 }  // namespace

@@ -94,7 +94,7 @@ TEST(ColorConvert, Bt601ReferenceColoursRoundTripsAndLumaBlockMeans) {
     EXPECT_NEAR(out.at(1, 0), 123, 1);  // columns 3..5 (90, 120, 150) + 3
 }
 
-TEST(ColorConvert, JfifPlanesToLimitedRangeNv21) {
+TEST(ImageIo, JfifPlanesToLimitedRangeNv21AsCloseToThePictureAsTheRgbRoute) {
     // Every level in each plane, padded rows, whole vector blocks and remainders on every row.
     constexpr int kWidth = 72, kHeight = 16, kYStride = 80, kCStride = 40;
     std::vector<uint8_t> y(kYStride * kHeight), cb(kCStride * kHeight / 2), cr(cb.size());
@@ -124,9 +124,6 @@ TEST(ColorConvert, JfifPlanesToLimitedRangeNv21) {
         ASSERT_EQ(portable.vu()[2 * x + 1], chroma(cb[x])) << x;
     }
     EXPECT_EQ(portable.vu()[kWidth + 1], chroma(cb[kCStride]));  // second chroma row
-}
-
-TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
     // JPEG 4:2:0 planes taken straight, against the RGB route, at a size of partial MCUs.
     TempDir dir;
     const RgbImage src = replay_test::gradient(70, 38);
@@ -144,15 +141,15 @@ TEST(ImageIo, Nv21DecodingIsAsCloseToThePictureAsTheRgbRoute) {
     EXPECT_EQ(readImageSize(dir.file("a.jpg")).width, 70);
     EXPECT_EQ(readImageSize(dir.file("a.png")).height, 38);
     const size_t luma = 70 * 38;
-    const size_t chroma = direct.data.size() - luma;
-    double err[2][2] = {{0, 0}, {0, 0}};  // [direct, via RGB][luma, chroma]
+    const size_t chromaBytes = direct.data.size() - luma;
+    double err[2][2] = {{0, 0}, {0, 0}};  // [direct, via RGB][luma, chromaBytes]
     for (size_t i = 0; i < truth.data.size(); ++i) {
         err[0][i >= luma] += std::abs(int(direct.data[i]) - int(truth.data[i]));
         err[1][i >= luma] += std::abs(int(viaRgb.data[i]) - int(truth.data[i]));
     }
     EXPECT_LT(err[0][0] / luma, 1.0);
     EXPECT_LE(err[0][0], err[1][0] * 1.1);
-    EXPECT_LT(err[0][1] / chroma, 3.0);
+    EXPECT_LT(err[0][1] / chromaBytes, 3.0);
     EXPECT_LE(err[0][1], err[1][1] * 1.1);
     Nv21Image png;
     reader.readNv21(dir.file("a.png"), png);
@@ -257,8 +254,7 @@ RgbImage noisy(int w, int h) {
     return img;
 }
 
-// `image` as a PNG of colour type `colour` (RGB, RGBA with alpha 200, or grey from the red
-// channel) with every row written through `filters` (PNG_FILTER_* bits), optionally interlaced.
+// `image` as a PNG (RGB, RGBA with alpha 200, or grey from red), rows through `filters`.
 std::vector<uint8_t> encode(const RgbImage& image, int colour, int filters, bool interlaced) {
     std::vector<uint8_t> out;
     png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);

@@ -52,7 +52,7 @@ GrayImage warped(const GrayImage& ref, const Similarity& sim) {
 
 }  // namespace
 
-TEST(MotionEstimator, RecoversKnownSimilarities) {
+TEST(MotionEstimator, RecoversKnownSimilaritiesAlsoInPairRuns) {
     // 320x200: every finest-level pixel used; 640x400: every other row and column.
     for (const int scale : {1, 2}) {
         const GrayImage ref = texture(320 * scale, 200 * scale);
@@ -84,9 +84,6 @@ TEST(MotionEstimator, RecoversKnownSimilarities) {
             EXPECT_NEAR(p.motion.scale, e.motion.scale, 1e-5);
         }
     }
-}
-
-TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
     // A chain (a shared middle frame), a zoomed pair, unequal and tiny pictures; 1 and 2 threads.
     const GrayImage a = texture(320, 200);
     const GrayImage b = warped(a, {1.0, 0.0, 2.5, -1.25});
@@ -122,7 +119,7 @@ TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
     }
 }
 
-TEST(Signal, StabilityScoreSeparatesSlowFromFastMotionPercentilesUseNearestRank) {
+TEST(Signal, HighPassKeepsShakeStabilityScoreSeparatesSlowFromFastPercentilesUseNearestRank) {
     std::vector<double> slow(120), fast(120), constant(120, 2.0);
     for (int i = 0; i < 120; ++i) {
         slow[i] = std::sin(2 * kPi * 3 * i / 120.0);   // bin 3
@@ -153,9 +150,6 @@ TEST(Signal, StabilityScoreSeparatesSlowFromFastMotionPercentilesUseNearestRank)
     EXPECT_DOUBLE_EQ(p.mean, 50.5);
     EXPECT_DOUBLE_EQ(percentiles({7}).p99, 7);
     EXPECT_EQ(percentiles({}).count, 0);
-}
-
-TEST(Signal, HighPassKeepsShakeAndDropsSlowMotion) {
     std::vector<double> ramp(300), shake(300);
     for (int i = 0; i < 300; ++i) {
         ramp[i] = 0.5 * i;                     // steady pan

@@ -61,7 +61,7 @@ struct Collect : replay_test::NullObserver {
 
 }  // namespace
 
-TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFramesAndBuffers) {
+TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesFramesThePassThroughSessionPaces) {
     TempDir dir;
     OutputRecorder rec(recorderOptions(dir, 4));
     FlatFrames frames(4, 32, 16);
@@ -114,17 +114,15 @@ TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFramesAndBuffers) {
     EXPECT_EQ(many.outputs().size(), 1u);
     EXPECT_EQ(many.outputs()[0].inputIndex, n - 1);
     EXPECT_EQ(countFrames(more.file("sbs.y4m")), 1);
-}
-
-TEST(PassThroughSession, PacesEveryFrameToEverySurfaceByItsTimestamp) {
-    FlatFrames frames(6, 32, 16);  // 200 ms from first to last
+    // The pass-through session paces every frame to every surface by its timestamp.
+    FlatFrames paced(6, 32, 16);  // 200 ms from first to last
     SessionConfig config;
     config.surfaces = {{32, 16, 1, 3}, {16, 8, 1, 3}};
     config.realtime = true;
     Collect c;
     auto session = makePassThroughSession();
     SessionResult r;
-    ASSERT_TRUE(finishesWithin(20s, [&] { r = session->run(frames, {}, config, c); }));
+    ASSERT_TRUE(finishesWithin(20s, [&] { r = session->run(paced, {}, config, c); }));
     EXPECT_EQ(r.framesDelivered, 6);
     EXPECT_GE(r.wallSec, 0.19);
     EXPECT_EQ(r.framesLate, 0);
@@ -136,10 +134,10 @@ TEST(PassThroughSession, PacesEveryFrameToEverySurfaceByItsTimestamp) {
     yuvToRgb(20, 128, 128, rgb);
     EXPECT_EQ(c.firstPixel, rgb[0]);
     config.surfaces.clear();
-    EXPECT_THROW(session->run(frames, {}, config, c), ReplayError);
+    EXPECT_THROW(session->run(paced, {}, config, c), ReplayError);
 }
 
-TEST(CsvReader, SkipsCommentsTrimsAndCountsLines) {
+TEST(CsvReader, SkipsCommentsTrimsAndCountsLinesAndTheProgressLineShowsCountsAndBar) {
     TempDir dir;
     replay_test::writeText(dir.file("t.csv"), "# head\r\n a , b \r\n\r\n  # note\n1,2.5e3,-7\n");
     CsvReader csv(dir.file("t.csv"));
@@ -164,6 +162,11 @@ TEST(CsvReader, SkipsCommentsTrimsAndCountsLines) {
     } catch (const ReplayError& e) {
         EXPECT_EQ(e.line(), 2);
     }
+    // The progress line.
+    EXPECT_EQ(progressLine(150, 300, 140, 35.25),
+              "[###############...............]   150/300 frames   140 out   35.2 fps");
+    EXPECT_EQ(progressLine(0, 0, 0, 0).substr(0, 32), "[..............................]");
+    EXPECT_EQ(progressLine(300, 300, 300, 1).substr(0, 32), "[" + std::string(30, '#') + "]");
 }
 
 TEST(Ffmpeg, FindsProgramsAndHonoursTheOverride) {
@@ -231,13 +234,6 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
     });
     EXPECT_THAT(err, HasSubstr("ffmpeg failed"));
     EXPECT_THAT(err, HasSubstr("missing/folder"));
-}
-
-TEST(Progress, LineShowsCountsAndBar) {
-    EXPECT_EQ(progressLine(150, 300, 140, 35.25),
-              "[###############...............]   150/300 frames   140 out   35.2 fps");
-    EXPECT_EQ(progressLine(0, 0, 0, 0).substr(0, 32), "[..............................]");
-    EXPECT_EQ(progressLine(300, 300, 300, 1).substr(0, 32), "[" + std::string(30, '#') + "]");
 }
 
 namespace {

@@ -3,15 +3,14 @@
 #include "input/PhoneRecording.h"
 #include "input/Recording.h"
 
-#include <sys/stat.h>
+#include <filesystem>
 
 using namespace qlmr::replay;
 
 namespace {
 const char* kPhoneDir = QLMR_PHONE_DATA_DIR;
 bool havePhoneData() {
-    struct stat st;
-    return stat((std::string(kPhoneDir) + "/gyro.txt").c_str(), &st) == 0;
+    return std::filesystem::exists(std::string(kPhoneDir) + "/gyro.txt");
 }
 // The phone recording as the converter writes it by default, loaded back.
 Recording convertedRecording(const PhoneRecording& phone, const replay_test::TempDir& dir) {
@@ -96,6 +95,5 @@ TEST(PhoneRecording, MirrorImageCameraAxesAreRefused) {
     EXPECT_THROW(
         writePhoneRecording(phone, PhoneCamera(), AxisMap::parse("-y,-x,z"), 0, dir.file("out")),
         ReplayError);
-    struct stat st;
-    EXPECT_NE(stat(dir.file("out").c_str(), &st), 0);
+    EXPECT_FALSE(std::filesystem::exists(dir.file("out")));
 }

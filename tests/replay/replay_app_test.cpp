@@ -289,7 +289,7 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
 }
 
 // The library, and a perfect stabilizer (the metrics' upper reference), on the same walk.
-TEST(LibrarySession, StabilizesTheSyntheticWalk) {
+TEST(LibrarySession, StabilizesTheWalkTimesRowsByTheExposureAndKeepsTheColourOfEveryColumn) {
     TempDir dir;
     const ReplayOptions o = replay_test::replayOf(dir, 320, 180, 3, 2);
     std::ostringstream log;
@@ -311,10 +311,8 @@ TEST(LibrarySession, StabilizesTheSyntheticWalk) {
     EXPECT_GT(best.pixelJitterRatio, 5.0);
     EXPECT_NEAR(best.crop.meanScale, 0.8, 0.01);
     EXPECT_NEAR(best.crop.cropping, 0.64, 0.02);
-}
 
-// 60 ms exposures, gyro from 15 ms after the first frame: rows timed by the exposure in ns.
-TEST(LibrarySession, TimesRowsByTheExposureAndKeepsTheColourOfEveryColumn) {
+    // 60 ms exposures, gyro from 15 ms after the first frame: rows timed by the exposure in ns.
     replay_test::FlatFrames frames(10, 64, 48);
     frames.firstNs = 1000000000;
     frames.stepNs = 33333333;

@@ -144,18 +144,14 @@ TEST(Report, RendersInHeadlessChromiumWithoutNetwork) {
     EXPECT_EQ(pageRequests(dir.file("net2.json")),
               std::vector<std::string>{"http://example.invalid/a.png"});
 
-    // uPlot drew every plot: a chart with its canvas and a legend.
+    // uPlot drew all 11 plots (camera path 3, from pixels 3, picture kept 1, gyro 3, latency 1).
     const std::string dom = replay_test::readText(dir.file("dom.html"));
-    auto count = [&](const std::string& what) {
+    for (const std::string what : {"data-plot=", "<canvas", "class=\"u-legend"}) {
         size_t n = 0;
         for (size_t p = dom.find(what); p != std::string::npos; p = dom.find(what, p + 1))
             ++n;
-        return n;
-    };
-    // Camera path 3 + path from pixels 3 + picture kept 1 + gyro calibration 3 + latency 1.
-    EXPECT_EQ(count("data-plot="), 11u);
-    EXPECT_EQ(count("<canvas"), 11u);
-    EXPECT_EQ(count("class=\"u-legend"), 11u);
+        EXPECT_EQ(n, 11u) << what;
+    }
 
     browse(dir.file("out/report.html"), "--screenshot=" + dir.file("shot.png"),
            dir.file("screenshot.log"));
@@ -168,7 +164,7 @@ TEST(Report, RendersInHeadlessChromiumWithoutNetwork) {
     EXPECT_TRUE(colours.count(0xd62728) && colours.count(0x1f77b4));  // the red and blue series
 }
 
-TEST(EngineLog, ParsesTimingLinesCountsFrameFatesAndExpectedLinesApartFromWarningsAndErrors) {
+TEST(EngineLog, ParsesAndCountsTheLinesTheTapCapturesFromEveryThread) {
     // (priority, line, counted as): w warning, e error, x expected, - neither (diagnostics).
     const struct {
         int priority;
@@ -237,16 +233,14 @@ TEST(EngineLog, ParsesTimingLinesCountsFrameFatesAndExpectedLinesApartFromWarnin
     for (const char* bad :
          {"[VStab] Frame: 12", "[cTTiming][x] label(abc) ", "[cTTiming][x] label "})
         EXPECT_FALSE(parseTimingLine(bad, t)) << bad;
-}
-
-TEST(EngineLogTap, CapturesLinesFromEveryThreadAndWritesTheLog) {
+    // The tap captures lines from every thread and writes the log.
     replay_test::TempDir dir;
-    EngineLogStats s;
+    EngineLogStats tapped;
     ASSERT_TRUE(finishesWithin(std::chrono::seconds(30), [&] {
         EngineLogTap tap(dir.file("engine.log"));
         EXPECT_THROW(EngineLogTap second, ReplayError);  // one at a time
         std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
+        for (int k = 0; k < 4; ++k) {
             threads.emplace_back([] {
                 for (int i = 0; i < 50; ++i) {
                     __android_log_print(ANDROID_LOG_WARN, "[QLMR]",
@@ -254,15 +248,15 @@ TEST(EngineLogTap, CapturesLinesFromEveryThreadAndWritesTheLog) {
                 }
             });
         }
-        for (auto& t : threads)
-            t.join();
+        for (auto& thread : threads)
+            thread.join();
         __android_log_print(ANDROID_LOG_WARN, "[QLMR]", "%s",
                             "[Warning] Dropping new frame, internal buffer queue is full");
-        s = tap.stats();
+        tapped = tap.stats();
     }));
-    ASSERT_EQ(s.stageMs.count("gyroCallbackTimestamp()/deltaTime"), 1u);
-    EXPECT_EQ(s.stageMs.at("gyroCallbackTimestamp()/deltaTime").size(), 200u);
-    EXPECT_EQ(s.droppedQueueFull, 1);
+    ASSERT_EQ(tapped.stageMs.count("gyroCallbackTimestamp()/deltaTime"), 1u);
+    EXPECT_EQ(tapped.stageMs.at("gyroCallbackTimestamp()/deltaTime").size(), 200u);
+    EXPECT_EQ(tapped.droppedQueueFull, 1);
     const std::string log = replay_test::readText(dir.file("engine.log"));
     EXPECT_NE(log.find("5 [QLMR] [Warning] Dropping new frame"), std::string::npos);
     // After the tap is gone a new one may be installed.

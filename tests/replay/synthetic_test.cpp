@@ -38,10 +38,6 @@ GrayImage lumaOf(const Nv21Image& nv, int x0, int y0, int w, int h) {
     return g;
 }
 
-SyntheticOptions small() {
-    return replay_test::walk(320, 240, 1.5);
-}
-
 }  // namespace
 
 TEST(CameraMotion, TrajectoriesAreRotationsOfDifferentShakeThatTheGyroMeasures) {
@@ -127,7 +123,8 @@ TEST(SceneRenderer, RotationMovesThePictureTheWayTheGyroPredicts) {
 }
 
 TEST(SyntheticRecording, FramesGyroAndConfigTextAreConsistent) {
-    SyntheticRecording rec(small());
+    const SyntheticOptions small = replay_test::walk(320, 240, 1.5);
+    SyntheticRecording rec(small);
     EXPECT_EQ(rec.count(), 45);
     EXPECT_EQ(rec.timestampNs(30), 2000000000);
     ASSERT_FALSE(rec.gyro().empty());
@@ -146,10 +143,10 @@ TEST(SyntheticRecording, FramesGyroAndConfigTextAreConsistent) {
     EXPECT_EQ(a.data, b.data);  // deterministic
     rec.read(11, b);
     EXPECT_NE(a.data, b.data);  // and shaking
-    SyntheticOptions bad = small();
+    SyntheticOptions bad = small;
     bad.width = 321;
     EXPECT_THROW(SyntheticRecording{bad}, ReplayError);
-    bad = small();
+    bad = small;
     bad.scene = "/nonexistent.jpg";
     EXPECT_THROW(SyntheticRecording{bad}, ReplayError);
     CameraFacts f;
@@ -174,7 +171,7 @@ TEST(SyntheticRecording, FramesGyroAndConfigTextAreConsistent) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2);  // the description stays one line
 }
 
-TEST(GyroAlignment, RowBandsAreMixedAsTheRegistrationFitsThem) {
+TEST(GyroAlignment, RowBandsAreMixedAsTheRegistrationFitsThemAndAxisMapsArePermutations) {
     // Texture in the top quarter: the top band's motion; everywhere: every band, shear as rotation.
     GrayImage top, even;
     top.resize(64, 48);
@@ -213,12 +210,10 @@ TEST(GyroAlignment, RowBandsAreMixedAsTheRegistrationFitsThem) {
     EXPECT_DOUBLE_EQ(m[1].endSec, 1.2);
     EXPECT_DOUBLE_EQ(m[1].tx, 1.5);
     EXPECT_TRUE(m[1].ok);
-}
-
-TEST(AxisMap, ParsesAndEnumeratesSignedPermutations) {
-    const AxisMap m = AxisMap::parse("-y,x,-z");
-    EXPECT_EQ(m.apply(V3(1, 2, 3)), V3(-2, 1, -3));
-    EXPECT_EQ(m.text(), "-y,x,-z");
+    // Axis maps: signed permutations, half of them rotations.
+    const AxisMap map = AxisMap::parse("-y,x,-z");
+    EXPECT_EQ(map.apply(V3(1, 2, 3)), V3(-2, 1, -3));
+    EXPECT_EQ(map.text(), "-y,x,-z");
     EXPECT_THROW(AxisMap::parse("x,x,z"), ReplayError);
     EXPECT_THROW(AxisMap::parse("x,y"), ReplayError);
     EXPECT_THROW(AxisMap::parse("x,y,z,x"), ReplayError);
