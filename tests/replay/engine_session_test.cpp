@@ -16,7 +16,6 @@ namespace {
 
 TEST(EngineSession, StabilizesTheSyntheticWalkTenTimes) {
     TempDir dir;
-    // The walk of the default recording, at a test-friendly size.
     const ReplayOptions o = replay_test::replayOf(dir, 480, 270, 6, 1);
     auto session = makeDefaultSession();
     std::ostringstream log;

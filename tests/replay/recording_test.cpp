@@ -5,8 +5,6 @@
 #include "media/Ffmpeg.h"
 #include "media/ImageIo.h"
 
-#include <utility>
-
 using namespace qlmr::replay;
 using replay_test::TempDir;
 using replay_test::writeText;

@@ -40,7 +40,7 @@ GrayImage lumaOf(const Nv21Image& nv, int x0, int y0, int w, int h) {
 
 }  // namespace
 
-TEST(CameraMotion, TrajectoriesAreRotationsOfDifferentShakeThatTheGyroMeasures) {
+TEST(CameraMotion, TrajectoriesAreRotationsOfDifferentShakeThatGyroAndRendererFollow) {
     auto motion = makeHandheldMotion(Trajectory::Walk, 5);
     GyroModel model;
     model.noiseRadPerS = 0;
@@ -81,19 +81,17 @@ TEST(CameraMotion, TrajectoriesAreRotationsOfDifferentShakeThatTheGyroMeasures) 
     EXPECT_EQ(shakeRms(Trajectory::Still), 0.0);  // the reference scenario's camera rests
     EXPECT_GT(shakeRms(Trajectory::Violent), shakeRms(Trajectory::Walk));
     EXPECT_THROW(parseTrajectory("run"), ReplayError);
-}
-
-TEST(SceneRenderer, RotationMovesThePictureTheWayTheGyroPredicts) {
+    // The renderer moves the picture the way the gyro predicts.
     const Scene scene = Scene::procedural(1024, 768, 90, 2);
     const PinholeCamera cam = PinholeCamera::withFov(320, 240, 60);
     SceneRenderer renderer(scene, cam, 2);
     Nv21Image a, b, rs, gsTop, gsBottom;
     for (Nv21Image* p : {&a, &b, &rs, &gsTop, &gsBottom})
         p->resize(320, 240);
-    const ConstantYaw motion(0.05);  // rad/s
+    const ConstantYaw yaw(0.05);  // rad/s
     // Global shutter (readout 0): frames 0.2 s apart differ by a 0.01 rad yaw.
-    renderer.render(motion, 0.0, 0.0, 0.0, a);
-    renderer.render(motion, 0.2, 0.0, 0.0, b);
+    renderer.render(yaw, 0.0, 0.0, 0.0, a);
+    renderer.render(yaw, 0.2, 0.0, 0.0, b);
     MotionEstimator est;
     const MotionEstimate e = est.estimate(lumaOf(a, 0, 0, 320, 240), lumaOf(b, 0, 0, 320, 240),
                                           Similarity{}, MotionOptions{});
