@@ -31,14 +31,11 @@ TEST(FrameIndexRgba, BlocksEncodeBitsLeastSignificantFirstUpToThirtyTwo) {
     EXPECT_EQ(pixelAt(image, stride, w - 9, 0), 0x11111111u);  // left of the blocks
     EXPECT_EQ(pixelAt(image, stride, w, 0), 0x11111111u);      // stride padding
     // The block count follows the height, up to 32; narrow pictures get none.
-    std::vector<unsigned char> narrow(31 * 64 * 4, 0x22);
-    paintFrameIndexRGBA(narrow.data(), 31, 64, 31, 0xFFFFFFFFu);
-    EXPECT_EQ(narrow, std::vector<unsigned char>(31 * 64 * 4, 0x22));
-
-    std::vector<unsigned char> flat(32 * 7 * 4, 0x22);
-    paintFrameIndexRGBA(flat.data(), 32, 7, 32, 0xFFFFFFFFu);
-    EXPECT_EQ(flat, std::vector<unsigned char>(32 * 7 * 4, 0x22));
-
+    for (const auto& [width, height] : {std::pair{31u, 64u}, std::pair{32u, 7u}}) {
+        std::vector<unsigned char> none(width * height * 4, 0x22);
+        paintFrameIndexRGBA(none.data(), width, height, width, 0xFFFFFFFFu);
+        EXPECT_EQ(none, std::vector<unsigned char>(width * height * 4, 0x22)) << width;
+    }
     std::vector<unsigned char> tall(32 * 300 * 4, 0x22);
     paintFrameIndexRGBA(tall.data(), 32, 300, 32, 0x80000001u);
     EXPECT_EQ(pixelAt(tall, 32, 31, 0), 0xFFFFFFFFu);

@@ -1,5 +1,4 @@
-// Helpers shared by the replay tool's tests: scratch folders, small pictures, and the one
-// builder of the recordings they replay (a synthetic walk, or a recording folder on disk).
+// Helpers shared by the replay tool's tests: scratch folders, pictures, recordings, the command.
 #pragma once
 
 #include "app/ReplayApp.h"

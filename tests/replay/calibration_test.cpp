@@ -1,5 +1,4 @@
-// Gyro calibration from the pictures: the configuration rewrite, and the search finding an
-// offset and an axis swap that a synthetic recording's configuration does not state.
+// Gyro calibration from the pictures: the configuration rewrite and the offset and axes search.
 #include "TestUtil.h"
 
 #include <cmath>
@@ -7,7 +6,7 @@
 namespace qlmr::replay {
 namespace {
 
-TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
+TEST(Calibration, RewritesTheTwoKeysJudgesFitsAndOutliersAndRefusesBadConfiguration) {
     const std::string text =
         "# comment vstab.gyroAxes=x,y,z\n"
         "vstab.readoutNs=30000000\n"
@@ -21,11 +20,44 @@ TEST(Calibration, RewritesTheTwoKeysInPlaceOrAppendsThem) {
               "vstab.gyroTimeOffsetNs=17250000\n");
     EXPECT_EQ(withCalibration("vstab.gyroTimeOffsetNs=5\n", "x,y,z", -3.0),
               "vstab.gyroTimeOffsetNs=-3000000\nvstab.gyroAxes=x,y,z\n");
+    // Better: beyond the noise and 2 %; outliers: far beyond the median spread; refusal: an error.
+    const struct {
+        double configured, candidate, noise;
+        bool better;
+    } fits[] = {
+        {1.00, 0.90, 0.02, true},    // 0.10 px drop, 5 noise
+        {1.00, 0.95, 0.02, false},   // 2.5 noise
+        {1.44, 1.32, 0.165, false},  // the phone's other mapping at a quarter size
+        {1.00, 0.99, 0.001, false},  // significant, but 1 %
+        {1.00, 1.10, 0.001, false},  // worse
+    };
+    for (const auto& c : fits)
+        EXPECT_EQ(clearlyBetter(c.configured, c.candidate, c.noise), c.better) << c.candidate;
+    const double nan = std::nan("");
+    const struct {
+        std::vector<double> errors;
+        std::vector<bool> kept;
+        double rms;  // each outlier counted at the limit
+    } cases[] = {
+        {{1.0, 1.2, 0.9, 1.1, 1.0, 9.0}, {1, 1, 1, 1, 1, 0}, 1.3346},
+        {{1.0, 1.0, 1.0, 1.0, 1.9}, {1, 1, 1, 1, 1}, 1.2337},  // no spread: kOutlierMinPx
+        {{0.5, 0.7, nan, 0.6}, {1, 1, 0, 1}, 1.6231},
+        {{5.0, 80.0}, {1, 1}, 56.6789},  // too few to judge
+    };
+    for (const auto& c : cases) {
+        const double limit = outlierLimit(c.errors);
+        std::vector<bool> kept;
+        for (const double e : c.errors)
+            kept.push_back(e <= limit);
+        EXPECT_EQ(kept, c.kept) << c.errors.size();
+        EXPECT_NEAR(robustRms(c.errors, limit), c.rms, 1e-4) << c.errors.size();
+    }
+    CalibrationInput refused;
+    refused.configText = "vstab.gridRows=1\n";
+    EXPECT_THROW(calibrate(refused), ReplayError);
 }
 
-// A short synthetic walk (true gyro offset 17 ms) calibrated under configurations that state
-// a wrong offset, swapped axes, and the true values; from its lumas, and from the pairs the
-// replay's pixel measure registered (the picture scale taken from measuredWidth).
+// A walk (gyro offset 17 ms) under wrong, swapped and true configurations; from lumas and pairs.
 TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly) {
     SyntheticOptions o = replay_test::walk(640, 360, 4);
     o.gyro.timeOffsetNs = 17000000;
@@ -110,24 +142,8 @@ TEST(Calibration, FindsWhatTheConfigurationMisstatesAndKeepsWhatItStatesRightly)
     EXPECT_TRUE(wild.warnings.empty()) << wild.warnings.front();
 }
 
-TEST(Calibration, ClearlyBetterMeansBeyondTheNoiseAndTwoPercent) {
-    const struct {
-        double configured, candidate, noise;
-        bool better;
-    } cases[] = {
-        {1.00, 0.90, 0.02, true},    // 0.10 px drop, 5 noise
-        {1.00, 0.95, 0.02, false},   // 2.5 noise
-        {1.44, 1.32, 0.165, false},  // the phone's other mapping at a quarter size
-        {1.00, 0.99, 0.001, false},  // significant, but 1 %
-        {1.00, 1.10, 0.001, false},  // worse
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(clearlyBetter(c.configured, c.candidate, c.noise), c.better) << c.candidate;
-}
-
 TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
-    // Motion measured exactly as predicted at 7.37 ms: the 1 ms grid, the 0.1 ms steps and
-    // the parabola through the squared errors find it to a hundredth of a millisecond.
+    // Motion exactly as predicted at 7.37 ms is found to a hundredth of a millisecond.
     constexpr double kTwoPi = 6.283185307179586;
     std::vector<GyroSample> gyro;
     for (int i = 0; i < 1600; ++i) {
@@ -159,34 +175,6 @@ TEST(GyroAlignment, OffsetIsResolvedBetweenTheSearchSteps) {
     const std::vector<AlignmentScore> ranked = rankAlignments(motion, gyro, search);
     EXPECT_EQ(ranked[0].map.text(), "-y,-x,-z");
     EXPECT_NEAR(ranked[0].offsetMs, 7.37, 0.01);
-}
-
-TEST(Calibration, OutliersAreFarBeyondTheMedianSpread) {
-    const double nan = std::nan("");
-    const struct {
-        std::vector<double> errors;
-        std::vector<bool> kept;
-        double rms;  // each outlier counted at the limit
-    } cases[] = {
-        {{1.0, 1.2, 0.9, 1.1, 1.0, 9.0}, {1, 1, 1, 1, 1, 0}, 1.3346},
-        {{1.0, 1.0, 1.0, 1.0, 1.9}, {1, 1, 1, 1, 1}, 1.2337},  // no spread: kOutlierMinPx
-        {{0.5, 0.7, nan, 0.6}, {1, 1, 0, 1}, 1.6231},
-        {{5.0, 80.0}, {1, 1}, 56.6789},  // too few to judge
-    };
-    for (const auto& c : cases) {
-        const double limit = outlierLimit(c.errors);
-        std::vector<bool> kept;
-        for (const double e : c.errors)
-            kept.push_back(e <= limit);
-        EXPECT_EQ(kept, c.kept) << c.errors.size();
-        EXPECT_NEAR(robustRms(c.errors, limit), c.rms, 1e-4) << c.errors.size();
-    }
-}
-
-TEST(Calibration, RefusedConfigurationIsAnError) {
-    CalibrationInput in;
-    in.configText = "vstab.gridRows=1\n";
-    EXPECT_THROW(calibrate(in), ReplayError);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // Global motion estimation, path statistics and the worker pool.
+#include "FinishesWithin.h"
 #include "common/WorkerPool.h"
 #include "measure/Motion.h"
 #include "measure/Signal.h"
@@ -9,7 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <future>
 
 using namespace qlmr::replay;
 
@@ -52,8 +52,8 @@ GrayImage warped(const GrayImage& ref, const Similarity& sim) {
 
 }  // namespace
 
-TEST(MotionEstimator, RecoversKnownSimilarities) {
-    // 320x200: every finest-level pixel is used; 640x400: every other row and column.
+TEST(MotionEstimator, RecoversKnownSimilaritiesAlsoInPairRuns) {
+    // 320x200: every finest-level pixel used; 640x400: every other row and column.
     for (const int scale : {1, 2}) {
         const GrayImage ref = texture(320 * scale, 200 * scale);
         struct Case {
@@ -84,12 +84,7 @@ TEST(MotionEstimator, RecoversKnownSimilarities) {
             EXPECT_NEAR(p.motion.scale, e.motion.scale, 1e-5);
         }
     }
-}
-
-TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
-    // A chain of three frames (the middle one shared by two pairs, its pyramid kept), then a
-    // zoomed pair, then pictures of different sizes and ones too small, on one thread and on
-    // two.
+    // A chain (a shared middle frame), a zoomed pair, unequal and tiny pictures; 1 and 2 threads.
     const GrayImage a = texture(320, 200);
     const GrayImage b = warped(a, {1.0, 0.0, 2.5, -1.25});
     const GrayImage c = warped(a, {1.0, 0.01, -3.0, 4.0});
@@ -124,7 +119,7 @@ TEST(MotionEstimator, PairRunsGiveWhatSeparateRegistrationsGive) {
     }
 }
 
-TEST(Signal, StabilityScoreSeparatesSlowFromFastMotion) {
+TEST(Signal, HighPassKeepsShakeStabilityScoreSeparatesSlowFromFastPercentilesUseNearestRank) {
     std::vector<double> slow(120), fast(120), constant(120, 2.0);
     for (int i = 0; i < 120; ++i) {
         slow[i] = std::sin(2 * kPi * 3 * i / 120.0);   // bin 3
@@ -143,9 +138,18 @@ TEST(Signal, StabilityScoreSeparatesSlowFromFastMotion) {
         bin6[i] = std::cos(2 * kPi * 6 * i / 120.0);
     EXPECT_NEAR(stabilityScore(bin6), 0.0, 1e-9);
     EXPECT_TRUE(std::isnan(stabilityScore(std::vector<double>(5, 1.0))));
-}
-
-TEST(Signal, HighPassKeepsShakeAndDropsSlowMotion) {
+    std::vector<double> v;
+    for (int i = 100; i >= 1; --i)
+        v.push_back(i);
+    const Percentiles p = percentiles(v);
+    EXPECT_EQ(p.count, 100);
+    EXPECT_DOUBLE_EQ(p.p50, 50);
+    EXPECT_DOUBLE_EQ(p.p90, 90);
+    EXPECT_DOUBLE_EQ(p.p99, 99);
+    EXPECT_DOUBLE_EQ(p.max, 100);
+    EXPECT_DOUBLE_EQ(p.mean, 50.5);
+    EXPECT_DOUBLE_EQ(percentiles({7}).p99, 7);
+    EXPECT_EQ(percentiles({}).count, 0);
     std::vector<double> ramp(300), shake(300);
     for (int i = 0; i < 300; ++i) {
         ramp[i] = 0.5 * i;                     // steady pan
@@ -166,25 +170,10 @@ TEST(Signal, HighPassKeepsShakeAndDropsSlowMotion) {
     EXPECT_NEAR(smooth[299], ramp[299], 1e-9);
 }
 
-TEST(Signal, PercentilesUseNearestRank) {
-    std::vector<double> v;
-    for (int i = 100; i >= 1; --i)
-        v.push_back(i);
-    const Percentiles p = percentiles(v);
-    EXPECT_EQ(p.count, 100);
-    EXPECT_DOUBLE_EQ(p.p50, 50);
-    EXPECT_DOUBLE_EQ(p.p90, 90);
-    EXPECT_DOUBLE_EQ(p.p99, 99);
-    EXPECT_DOUBLE_EQ(p.max, 100);
-    EXPECT_DOUBLE_EQ(p.mean, 50.5);
-    EXPECT_DOUBLE_EQ(percentiles({7}).p99, 7);
-    EXPECT_EQ(percentiles({}).count, 0);
-}
-
 TEST(WorkerPool, CoversEveryIndexOnceAndIsReusable) {
-    auto run = [] {
+    std::vector<std::atomic<int>> hits(1000);
+    ASSERT_TRUE(finishesWithin(std::chrono::seconds(30), [&] {
         WorkerPool pool(3);
-        std::vector<std::atomic<int>> hits(1000);
         for (int round = 0; round < 50; ++round) {
             pool.run(
                 [](void* h, int b, int e) {
@@ -193,13 +182,9 @@ TEST(WorkerPool, CoversEveryIndexOnceAndIsReusable) {
                 },
                 &hits, round % 2 ? 1000 : 7);
         }
-        int total = 0;
-        for (auto& h : hits)
-            total += h.load();
-        return total;
-    };
-    auto f = std::async(std::launch::async, run);
-    ASSERT_EQ(f.wait_for(std::chrono::seconds(30)), std::future_status::ready)
-        << "worker pool deadlocked";
-    EXPECT_EQ(f.get(), 25 * 1000 + 25 * 7);
+    })) << "worker pool deadlocked";
+    int total = 0;
+    for (auto& h : hits)
+        total += h.load();
+    EXPECT_EQ(total, 25 * 1000 + 25 * 7);
 }

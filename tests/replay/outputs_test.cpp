@@ -1,6 +1,4 @@
-// The recorder of a session's outputs, the pass-through session, decoding ahead of the camera
-// (over a source that marks every picture with its index), text tables, the ffmpeg program
-// (when installed) and the progress line.
+// Output recorder, pass-through session, decoding ahead, text tables, ffmpeg and progress line.
 #include "FinishesWithin.h"
 #include "TestUtil.h"
 #include "input/Csv.h"
@@ -15,7 +13,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -64,7 +61,7 @@ struct Collect : replay_test::NullObserver {
 
 }  // namespace
 
-TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFramesAndBuffers) {
+TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesFramesThePassThroughSessionPaces) {
     TempDir dir;
     OutputRecorder rec(recorderOptions(dir, 4));
     FlatFrames frames(4, 32, 16);
@@ -76,8 +73,7 @@ TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFramesAndBuffers) {
     }
     const auto px = flatRgba(32, 16, 200);
     const RgbaView view{32, 16, 32, px.data()};
-    // Frame 1 never comes out (dropped); frame 2 comes out; then an output with a timestamp
-    // no camera frame had; then frame 3 on a second surface only.
+    // Frame 1 dropped, frame 2 out, an output of no camera frame, frame 3 on surface 1 only.
     rec.onFrameOutput(0, frames.timestampNs(0), view);
     rec.onFrameOutput(0, frames.timestampNs(2), view);
     rec.onFrameOutput(0, frames.timestampNs(2) + 1, view);
@@ -118,18 +114,15 @@ TEST(OutputRecorder, MatchesOutputsToInputsAndRecyclesDroppedFramesAndBuffers) {
     EXPECT_EQ(many.outputs().size(), 1u);
     EXPECT_EQ(many.outputs()[0].inputIndex, n - 1);
     EXPECT_EQ(countFrames(more.file("sbs.y4m")), 1);
-}
-
-TEST(PassThroughSession, PacesEveryFrameToEverySurfaceByItsTimestamp) {
-    FlatFrames frames(6, 32, 16);  // 200 ms from first to last
+    // The pass-through session paces every frame to every surface by its timestamp.
+    FlatFrames paced(6, 32, 16);  // 200 ms from first to last
     SessionConfig config;
     config.surfaces = {{32, 16, 1, 3}, {16, 8, 1, 3}};
     config.realtime = true;
     Collect c;
     auto session = makePassThroughSession();
-    auto f = std::async(std::launch::async, [&] { return session->run(frames, {}, config, c); });
-    ASSERT_EQ(f.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    const SessionResult r = f.get();
+    SessionResult r;
+    ASSERT_TRUE(finishesWithin(20s, [&] { r = session->run(paced, {}, config, c); }));
     EXPECT_EQ(r.framesDelivered, 6);
     EXPECT_GE(r.wallSec, 0.19);
     EXPECT_EQ(r.framesLate, 0);
@@ -141,10 +134,10 @@ TEST(PassThroughSession, PacesEveryFrameToEverySurfaceByItsTimestamp) {
     yuvToRgb(20, 128, 128, rgb);
     EXPECT_EQ(c.firstPixel, rgb[0]);
     config.surfaces.clear();
-    EXPECT_THROW(session->run(frames, {}, config, c), ReplayError);
+    EXPECT_THROW(session->run(paced, {}, config, c), ReplayError);
 }
 
-TEST(CsvReader, SkipsCommentsTrimsAndCountsLines) {
+TEST(CsvReader, SkipsCommentsTrimsAndCountsLinesAndTheProgressLineShowsCountsAndBar) {
     TempDir dir;
     replay_test::writeText(dir.file("t.csv"), "# head\r\n a , b \r\n\r\n  # note\n1,2.5e3,-7\n");
     CsvReader csv(dir.file("t.csv"));
@@ -169,6 +162,11 @@ TEST(CsvReader, SkipsCommentsTrimsAndCountsLines) {
     } catch (const ReplayError& e) {
         EXPECT_EQ(e.line(), 2);
     }
+    // The progress line.
+    EXPECT_EQ(progressLine(150, 300, 140, 35.25),
+              "[###############...............]   150/300 frames   140 out   35.2 fps");
+    EXPECT_EQ(progressLine(0, 0, 0, 0).substr(0, 32), "[..............................]");
+    EXPECT_EQ(progressLine(300, 300, 300, 1).substr(0, 32), "[" + std::string(30, '#') + "]");
 }
 
 TEST(Ffmpeg, FindsProgramsAndHonoursTheOverride) {
@@ -224,8 +222,7 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
                                       err),
               0);
     EXPECT_EQ(err, "");
-    // An encoder that cannot write its file is an error with ffmpeg's own message, whether it
-    // shows while frames are fed or at the end.
+    // An encoder that cannot write its file fails with ffmpeg's message, while fed or at the end.
     VideoEncoder bad;
     bad.open(ffmpeg, dir.file("missing/folder/bad.mp4"), 640, 480, 30, 1, kDefaultH264Preset, 2);
     I420Image big;
@@ -237,13 +234,6 @@ TEST(Ffmpeg, EncodesWhileFedAndDecodesVideoRecordings) {
     });
     EXPECT_THAT(err, HasSubstr("ffmpeg failed"));
     EXPECT_THAT(err, HasSubstr("missing/folder"));
-}
-
-TEST(Progress, LineShowsCountsAndBar) {
-    EXPECT_EQ(progressLine(150, 300, 140, 35.25),
-              "[###############...............]   150/300 frames   140 out   35.2 fps");
-    EXPECT_EQ(progressLine(0, 0, 0, 0).substr(0, 32), "[..............................]");
-    EXPECT_EQ(progressLine(300, 300, 300, 1).substr(0, 32), "[" + std::string(30, '#') + "]");
 }
 
 namespace {
@@ -287,25 +277,6 @@ bool holds(const Nv21Image& p, int index) {
 
 }  // namespace
 
-TEST(PrefetchFrames, InOrderReadsComeFromTheDecodingThreadWithinItsDepth) {
-    MarkedFrames source;
-    ASSERT_TRUE(finishesWithin(10s, [&] {
-        PrefetchFrames prefetch(source, source.depth);
-        Nv21Image picture;
-        picture.resize(8, 4);
-        for (int i = 0; i < source.count(); ++i) {
-            // Set before the call: read(i) lets the decoding thread go on to frame i + depth
-            // before it returns, so the bound is the position read(i) leaves the reader at.
-            source.consumed = i + 1;
-            prefetch.read(i, picture);
-            EXPECT_TRUE(holds(picture, i)) << i;
-        }
-        EXPECT_EQ(prefetch.prefetchedReads(), source.count());
-    }));
-    EXPECT_EQ(source.offThread.load(), 12);
-    EXPECT_EQ(source.tooFarAhead.load(), 0);
-}
-
 // Image files: clones read on threads of their own.
 class ClonableFrames : public MarkedFrames {
   public:
@@ -326,42 +297,27 @@ class ClonableFrames : public MarkedFrames {
     std::shared_ptr<Shared> shared;
 };
 
-TEST(PrefetchFrames, SeveralDecodersHandFramesOutInOrder) {
+// Reads in order come ahead from every decoder, others directly; a fault stays with its frame.
+TEST(PrefetchFrames, InOrderReadsComeAheadFromEveryDecoderOthersDirectly) {
+    MarkedFrames source, faulty, single;
+    faulty.depth = 100;  // bound not checked here
+    faulty.failAt = 5;
     auto shared = std::make_shared<ClonableFrames::Shared>();
-    ClonableFrames source(shared);
+    ClonableFrames clonable(shared);
     ASSERT_TRUE(finishesWithin(10s, [&] {
-        PrefetchFrames prefetch(source, 4, 2);
-        EXPECT_EQ(prefetch.decoders(), 2);
         Nv21Image picture;
         picture.resize(8, 4);
-        for (int i = 0; i < 6; ++i) {
-            prefetch.read(i, picture);
-            EXPECT_TRUE(holds(picture, i)) << i;
+        {
+            PrefetchFrames prefetch(source, source.depth);
+            for (int i = 0; i < source.count(); ++i) {
+                // read(i) lets the decoding thread go on to i + depth before it returns.
+                source.consumed = i + 1;
+                prefetch.read(i, picture);
+                EXPECT_TRUE(holds(picture, i)) << i;
+            }
+            EXPECT_EQ(prefetch.prefetchedReads(), source.count());
         }
-        // A jump back while both decoders may be busy: what they were reading is dropped.
-        for (int i : {2, 3, 4, 5, 6, 7, 8, 9, 10, 11}) {
-            prefetch.read(i, picture);
-            EXPECT_TRUE(holds(picture, i)) << i;
-        }
-    }));
-    // Both decoders read, and the reader itself for the jump back.
-    EXPECT_EQ(shared->threads.size(), 3u);
-    // A source that cannot be cloned gets one decoder.
-    MarkedFrames single;
-    PrefetchFrames one(single, 4, 2);
-    EXPECT_EQ(one.decoders(), 1);
-}
-
-// Out-of-order reads are served directly and reading ahead goes on after them; a decoding
-// fault is raised by its own frame only; destroyed with the ring full, the decoding thread stops.
-TEST(PrefetchFrames, OutOfOrderReadsFaultsAndAnEarlyStop) {
-    MarkedFrames source;
-    source.depth = 100;  // bound not checked here
-    source.failAt = 5;
-    ASSERT_TRUE(finishesWithin(10s, [&] {
-        PrefetchFrames prefetch(source, 2);
-        Nv21Image picture;
-        picture.resize(8, 4);
+        PrefetchFrames prefetch(faulty, 2);
         for (int i : {0, 1, 7, 8, 9, 3, 4, 5, 6}) {
             if (i == 5) {
                 EXPECT_THROW(prefetch.read(i, picture), ReplayError);
@@ -370,7 +326,18 @@ TEST(PrefetchFrames, OutOfOrderReadsFaultsAndAnEarlyStop) {
             prefetch.read(i, picture);
             EXPECT_TRUE(holds(picture, i)) << i;
         }
-        PrefetchFrames stopped(source, 2);
+        PrefetchFrames stopped(faulty, 2);  // destroyed with its ring full
         stopped.read(0, picture);
+        PrefetchFrames two(clonable, 4, 2);
+        EXPECT_EQ(two.decoders(), 2);
+        // In order, then a jump back while both decoders may be busy.
+        for (int i : {0, 1, 2, 3, 4, 5, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}) {
+            two.read(i, picture);
+            EXPECT_TRUE(holds(picture, i)) << i;
+        }
+        EXPECT_EQ(PrefetchFrames(single, 4, 2).decoders(), 1);  // a source that cannot be cloned
     }));
+    EXPECT_EQ(source.offThread.load(), 12);
+    EXPECT_EQ(source.tooFarAhead.load(), 0);
+    EXPECT_EQ(shared->threads.size(), 3u);  // both decoders, and the reader for the jump back
 }

@@ -5,8 +5,6 @@
 #include "media/Ffmpeg.h"
 #include "media/ImageIo.h"
 
-#include <utility>
-
 using namespace qlmr::replay;
 using replay_test::TempDir;
 using replay_test::writeText;
@@ -32,7 +30,7 @@ std::string loadError(const TempDir& dir) {
 
 }  // namespace
 
-TEST(RecordingFolder, LoadsAValidRecordingAndSavesItBack) {
+TEST(RecordingFolder, LoadsAValidRecordingSavesItBackAndVideoFramesMustMatchTheTimestampList) {
     TempDir dir;
     makeRecording(dir);
     const Recording rec = loadRecording(dir.path());
@@ -63,6 +61,43 @@ TEST(RecordingFolder, LoadsAValidRecordingAndSavesItBack) {
     ASSERT_EQ(back.gyro.size(), rec.gyro.size());
     EXPECT_FLOAT_EQ(back.gyro[0].y, 0.2f);
     EXPECT_EQ(back.configText, rec.configText);
+    // A video instead of images: its frames must match frames.csv.
+    I420Image f;
+    f.resize(32, 16);
+    const auto writeY4m = [&](int n) {
+        Y4mWriter w;
+        w.open(dir.file("video.y4m"), 32, 16, 30, 1);
+        for (int i = 0; i < n; ++i)
+            w.write(f);
+    };
+    writeText(dir.file("frames.csv"), "timestamp_ns\n1000\n2000\n3000\n");
+    // Counted before the replay.
+    for (const int n : {2, 4}) {
+        writeY4m(n);
+        EXPECT_THAT(loadError(dir), HasSubstr("video.y4m: the video has " + std::to_string(n) +
+                                              " frames, frames.csv lists 3"));
+    }
+    writeY4m(3);
+    const Recording video = loadRecording(dir.path());
+    EXPECT_EQ(video.videoPath, dir.file("video.y4m"));
+    // And checked again while reading (the file changed since).
+    writeY4m(2);
+    auto videoFrames = openRecordingFrames(video);
+    videoFrames->read(0, nv);
+    videoFrames->read(1, nv);
+    EXPECT_THAT(replay_test::errorOf([&] { videoFrames->read(2, nv); }),
+                HasSubstr("video ends after 2 frames, frames.csv lists 3"));
+    // Other videos are counted by ffprobe.
+    std::remove(dir.file("video.y4m").c_str());
+    const std::string ffmpeg = ffmpegProgram();
+    if (ffmpeg.empty() || ffprobeBeside(ffmpeg).empty())
+        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian package ffmpeg)";
+    VideoEncoder mp4;
+    mp4.open(ffmpeg, dir.file("video.mp4"), 32, 16, 30, 1);
+    mp4.write(f);
+    mp4.write(f);
+    mp4.finish();
+    EXPECT_THAT(loadError(dir), HasSubstr("video.mp4: the video has 2 frames, frames.csv lists 3"));
 }
 
 TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
@@ -120,52 +155,38 @@ TEST(RecordingFolder, EachFaultIsReportedWithFileAndLine) {
     }
 }
 
-TEST(RecordingFolder, FrameSizesMustMatchAndFit) {
-    // A size unlike the first frame's (frame 2, line 5), or one no frame may have (frame 0).
-    const struct {
-        int frame, width;
-        const char* reason;
-    } sizes[] = {{2, 30, "is 30x16, the recording's frames are 32x16"},
-                 {0, 31, "is 31x16; frames need an even width and height of at most 8192"},
-                 {0, 8194, "is 8194x16; frames need an even width and height of at most 8192"}};
-    for (const auto& c : sizes) {
-        TempDir dir;
-        makeRecording(dir);
-        const std::string frame = dir.file("frames/" + std::to_string(c.frame) + ".png");
-        writePng(frame, replay_test::gradient(c.width, 16));
-        EXPECT_THAT(loadError(dir), HasSubstr("frames.csv:" + std::to_string(c.frame + 3) +
-                                              ": image " + frame + " " + c.reason));
-    }
-    EXPECT_THROW(loadRecording("/nonexistent/recording"), ReplayError);
-}
-
-TEST(RecordingFolder, CutShortImagesAreRefused) {
+TEST(RecordingFolder, FrameSizesMustMatchAndImagesMustBeWhole) {
     const std::vector<uint8_t> jpeg = encodeJpeg(replay_test::gradient(32, 16), 95);
     const std::vector<uint8_t> png = encodePng(replay_test::gradient(32, 16));
     const std::vector<uint8_t> cutJpeg(jpeg.begin(), jpeg.end() - 16);  // inside the scan
-    // Before the replay: a JPEG without its end-of-image marker, a PNG without IEND.
-    const std::pair<std::vector<uint8_t>, std::string> cutFiles[] = {
-        {{png.begin(), png.end() - 12}, "the file does not end with the PNG IEND chunk"},
-        {cutJpeg, "the file does not end with the JPEG end-of-image marker (FF D9)"}};
-    for (const auto& [bytes, reason] : cutFiles) {
+    std::vector<uint8_t> trailed = jpeg;  // a camera maker's trailer after the end marker loads
+    for (const char c : std::string("SEFH trailer \xff\xd8 SEFT"))
+        trailed.push_back(static_cast<uint8_t>(c));
+    const auto sized = [](int width) { return encodePng(replay_test::gradient(width, 16)); };
+    const std::string fit = "; frames need an even width and height of at most 8192";
+    const struct {
+        int frame;
+        std::vector<uint8_t> bytes;
+        std::string reason;  // after "frames.csv:<line>: image <path>"; "" when it loads
+    } cases[] = {
+        {2, sized(30), " is 30x16, the recording's frames are 32x16"},
+        {0, sized(31), " is 31x16" + fit},
+        {0, sized(8194), " is 8194x16" + fit},
+        {1, {png.begin(), png.end() - 12}, ": the file does not end with the PNG IEND chunk"},
+        {1, cutJpeg, ": the file does not end with the JPEG end-of-image marker (FF D9)"},
+        {1, trailed, ""}};
+    for (const auto& c : cases) {
         TempDir dir;
         makeRecording(dir);
-        writeFile(dir.file("frames/1.png"), bytes.data(), bytes.size());
-        EXPECT_THAT(loadError(dir),
-                    HasSubstr("frames.csv:4: image " + dir.file("frames/1.png") + ": " + reason));
+        const std::string frame = dir.file("frames/" + std::to_string(c.frame) + ".png");
+        writeFile(frame, c.bytes.data(), c.bytes.size());
+        const std::string line = "frames.csv:" + std::to_string(c.frame + 3) + ": image ";
+        const std::string err = loadError(dir);
+        EXPECT_EQ(err.empty(), c.reason.empty()) << err;
+        EXPECT_THAT(err, HasSubstr(c.reason.empty() ? "" : line + frame + c.reason));
     }
-    {
-        // A whole JPEG with data after its end-of-image marker (a camera maker's trailer) loads.
-        TempDir dir;
-        makeRecording(dir);
-        std::vector<uint8_t> trailed = jpeg;
-        for (const char c : std::string("SEFH trailer \xff\xd8 SEFT"))
-            trailed.push_back(static_cast<uint8_t>(c));
-        writeFile(dir.file("frames/1.png"), trailed.data(), trailed.size());
-        EXPECT_EQ(loadError(dir), "");
-    }
-    // While replaying, whatever the file's end says: the decoder's own reason at the frame's
-    // line, on both JPEG paths (4:2:0 straight to NV21, and through RGB).
+    EXPECT_THROW(loadRecording("/nonexistent/recording"), ReplayError);
+    // While replaying, the decoder's own reason at the frame's line, on both JPEG paths.
     TempDir dir;
     makeRecording(dir);
     std::vector<uint8_t> patched = cutJpeg;
@@ -179,47 +200,4 @@ TEST(RecordingFolder, CutShortImagesAreRefused) {
     EXPECT_THAT(replay_test::errorOf([&] { frames->read(1, nv); }),
                 HasSubstr("frames.csv:4: image " + dir.file("frames/1.png") + ": Corrupt JPEG"));
     EXPECT_THROW(readImage(dir.file("frames/1.png")), ReplayError);
-}
-
-TEST(RecordingFolder, VideoFramesMustMatchTheTimestampList) {
-    TempDir dir;
-    makeRecording(dir);
-    I420Image f;
-    f.resize(32, 16);
-    const auto writeY4m = [&](int frames) {
-        Y4mWriter w;
-        w.open(dir.file("video.y4m"), 32, 16, 30, 1);
-        for (int i = 0; i < frames; ++i)
-            w.write(f);
-    };
-    writeText(dir.file("frames.csv"), "timestamp_ns\n1000\n2000\n3000\n");
-    // Counted before the replay.
-    for (const int frames : {2, 4}) {
-        writeY4m(frames);
-        EXPECT_THAT(loadError(dir), HasSubstr("video.y4m: the video has " + std::to_string(frames) +
-                                              " frames, frames.csv lists 3"));
-    }
-    writeY4m(3);
-    const Recording rec = loadRecording(dir.path());
-    EXPECT_EQ(rec.videoPath, dir.file("video.y4m"));
-    // And checked again while reading (the file changed since).
-    writeY4m(2);
-    auto frames = openRecordingFrames(rec);
-    Nv21Image nv;
-    nv.resize(32, 16);
-    frames->read(0, nv);
-    frames->read(1, nv);
-    EXPECT_THAT(replay_test::errorOf([&] { frames->read(2, nv); }),
-                HasSubstr("video ends after 2 frames, frames.csv lists 3"));
-    // Other videos are counted by ffprobe.
-    std::remove(dir.file("video.y4m").c_str());
-    const std::string ffmpeg = ffmpegProgram();
-    if (ffmpeg.empty() || ffprobeBeside(ffmpeg).empty())
-        GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian package ffmpeg)";
-    VideoEncoder mp4;
-    mp4.open(ffmpeg, dir.file("video.mp4"), 32, 16, 30, 1);
-    mp4.write(f);
-    mp4.write(f);
-    mp4.finish();
-    EXPECT_THAT(loadError(dir), HasSubstr("video.mp4: the video has 2 frames, frames.csv lists 3"));
 }

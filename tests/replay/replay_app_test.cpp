@@ -1,5 +1,4 @@
-// The replay command end to end without an engine: the dry run's outputs, metrics that tell a
-// perfect stabilizer from none, and the command's error handling.
+// The replay command without an engine: the dry run's outputs, metrics, and error handling.
 #include "TestUtil.h"
 #include "common/Interrupt.h"
 #include "input/Configuration.h"
@@ -11,7 +10,7 @@
 
 #include <csignal>
 #include <cstdio>
-#include <dirent.h>
+#include <filesystem>
 #include <map>
 #include <set>
 
@@ -21,12 +20,7 @@ using replay_test::TempDir;
 
 namespace {
 
-ReplayOptions smallSynthetic(const TempDir& dir) {
-    return replay_test::replayOf(dir, 320, 180, 3, 2);
-}
-
-// A stabilizer that knows the truth: every output frame shows the intended view, magnified
-// 1.25 times, as a real engine's output would look at best.
+// A stabilizer that knows the truth: every output shows the intended view, magnified 1.25 times.
 class OracleSession : public ReplaySession {
   public:
     explicit OracleSession(const SyntheticOptions& o) : options_(o) {}
@@ -97,35 +91,25 @@ struct FailingSession : ReplaySession {
 };
 
 // Every file under a folder (hidden ones too) with its content; a folder is "name/".
-std::map<std::string, std::string> folderContents(const std::string& path,
-                                                  const std::string& prefix = "") {
+std::map<std::string, std::string> folderContents(const std::string& path) {
     std::map<std::string, std::string> files;
-    DIR* d = opendir(path.c_str());
-    if (d == nullptr)
-        return files;
-    while (const dirent* e = readdir(d)) {
-        const std::string name = e->d_name;
-        if (name == "." || name == "..")
-            continue;
-        if (e->d_type == DT_DIR) {
-            files[prefix + name + "/"] = "";
-            files.merge(folderContents(path + "/" + name, prefix + name + "/"));
-        } else {
-            files[prefix + name] = replay_test::readText(path + "/" + name);
-        }
+    std::error_code none;  // a missing folder has no files
+    for (const auto& e : std::filesystem::recursive_directory_iterator(path, none)) {
+        const std::string name = std::filesystem::relative(e.path(), path).string();
+        if (e.is_directory())
+            files[name + "/"] = "";
+        else
+            files[name] = replay_test::readText(e.path());
     }
-    closedir(d);
     return files;
 }
 
 }  // namespace
 
-// --calibrate measures what the check after the replay measures: the check finds the
-// calibrated values its best fit. A gyro that then stalls while frames come is named: the
-// library bridges the gap as no rotation, which no other figure shows.
+// --calibrate's values are the check's best fit; a gyro that then stalls is named in a warning.
 TEST(ReplayApp, DryRunCalibratesWritesItsOutputsAndWarnsOfAGyroThatStalls) {
     TempDir dir;
-    ReplayOptions o = smallSynthetic(dir);
+    ReplayOptions o = replay_test::replayOf(dir, 320, 180, 3, 2);
     o.synthetic.gyro.timeOffsetNs = 17000000;
     o.synthetic.statedGyroOffsetMs = 2;
     o.calibrate = true;
@@ -195,7 +179,7 @@ TEST(ReplayApp, DryRunCalibratesWritesItsOutputsAndWarnsOfAGyroThatStalls) {
 
 TEST(ReplayApp, FailedOrInterruptedRunLeavesTheEarlierOutputsAsTheyWere) {
     TempDir dir;
-    ReplayOptions o = smallSynthetic(dir);
+    ReplayOptions o = replay_test::replayOf(dir, 320, 180, 3, 2);
     o.synthetic.seconds = 1;
     o.mp4 = !ffmpegProgram().empty();
     o.saveRecording = dir.file("saved");
@@ -232,37 +216,6 @@ TEST(ReplayApp, FailedOrInterruptedRunLeavesTheEarlierOutputsAsTheyWere) {
     for (const auto& [name, content] : folderContents(o.outDir))
         names.insert(name);
     EXPECT_EQ(names, std::set<std::string>(out.files.begin(), out.files.end()));
-}
-
-TEST(ReplayApp, DescribesAFailureForTheCommand) {
-    const ReplayFailure error = describeFailure(ReplayError("a.csv", 2, "bad"), "out");
-    EXPECT_EQ(error.message, "error: a.csv:2: bad; the outputs in out/ are unchanged");
-    EXPECT_EQ(error.exitStatus, 1);
-    const ReplayFailure stopped = describeFailure(Interrupted(), "replay-out/");
-    EXPECT_EQ(stopped.message, "interrupted; the outputs in replay-out/ are unchanged");
-    EXPECT_EQ(stopped.exitStatus, 130);
-    // SIGTERM's handler raises the flag; any error that follows counts as the interruption.
-    installInterruptHandlers();
-    std::raise(SIGTERM);
-    const ReplayFailure terminated = describeFailure(ReplayError("read: EINTR"), "o");
-    clearInterrupt();
-    EXPECT_EQ(terminated.message, "interrupted; the outputs in o/ are unchanged");
-    EXPECT_EQ(terminated.exitStatus, 143);
-}
-
-TEST(ReplayApp, MetricsRecogniseAPerfectStabilizer) {
-    TempDir dir;
-    ReplayOptions o = smallSynthetic(dir);
-    OracleSession oracle(o.synthetic);
-    std::ostringstream log;
-    const ReplayMetrics m = runReplay(o, oracle, log).metrics;
-    EXPECT_EQ(m.framesDropped, 1);
-    ASSERT_TRUE(m.hasTruth);
-    EXPECT_GT(m.truth.jitterRatio, 10.0)
-        << "input " << m.truth.inputJitterPx << " output " << m.truth.outputJitterPx;
-    EXPECT_GT(m.pixelJitterRatio, 5.0);
-    EXPECT_NEAR(m.crop.meanScale, 0.8, 0.01);
-    EXPECT_NEAR(m.crop.cropping, 0.64, 0.02);
 }
 
 TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
@@ -303,19 +256,30 @@ TEST(ReplayCommand, BadInputGivesOneErrorLineAndFailure) {
             << usage << ": " << err;
         EXPECT_FALSE(err.empty()) << usage;
     }
-}
 
-// --set replaces the value of the line that sets the key (never a comment that names it) or
-// appends a line, and each line remembers where it came from for the library's sentences.
-TEST(ReplayApp, OverridesReplaceOrAppendConfigurationLines) {
-    const ConfigurationText c = applyOverrides(
+    // The sentence and status for an error, an interruption, and an error after SIGTERM.
+    const ReplayFailure error = describeFailure(ReplayError("a.csv", 2, "bad"), "out");
+    EXPECT_EQ(error.message, "error: a.csv:2: bad; the outputs in out/ are unchanged");
+    EXPECT_EQ(error.exitStatus, 1);
+    const ReplayFailure stopped = describeFailure(Interrupted(), "replay-out/");
+    EXPECT_EQ(stopped.message, "interrupted; the outputs in replay-out/ are unchanged");
+    EXPECT_EQ(stopped.exitStatus, 130);
+    // SIGTERM's handler raises the flag; any error that follows counts as the interruption.
+    installInterruptHandlers();
+    std::raise(SIGTERM);
+    const ReplayFailure terminated = describeFailure(ReplayError("read: EINTR"), "o");
+    clearInterrupt();
+    EXPECT_EQ(terminated.message, "interrupted; the outputs in o/ are unchanged");
+    EXPECT_EQ(terminated.exitStatus, 143);
+    // --set replaces the line setting the key (never a comment) or appends one, naming origins.
+    const ConfigurationText overridden = applyOverrides(
         "# vstab.windowNs=1 is the window\n vstab.windowNs = 800000000\nvstab.gridRows=9\n",
         "rec/config.txt",
         {parseOverride("vstab.windowNs=1000000000"), parseOverride(" vstab.lensK1 = 0.02")});
-    EXPECT_EQ(c.text,
+    EXPECT_EQ(overridden.text,
               "# vstab.windowNs=1 is the window\nvstab.windowNs=1000000000\nvstab.gridRows=9\n"
               "vstab.lensK1=0.02\n");
-    EXPECT_EQ(c.lineOrigins,
+    EXPECT_EQ(overridden.lineOrigins,
               (std::vector<std::string>{"rec/config.txt:1", "--set vstab.windowNs=1000000000",
                                         "rec/config.txt:3", "--set vstab.lensK1=0.02"}));
     EXPECT_EQ(checkConfiguration(applyOverrides("vstab.gridRow=9\n", "c.txt", {})),
@@ -324,27 +288,31 @@ TEST(ReplayApp, OverridesReplaceOrAppendConfigurationLines) {
     EXPECT_THROW(parseOverride("novalue"), ReplayError);
 }
 
-TEST(LibrarySession, StabilizesTheSyntheticWalk) {
+// The library, and a perfect stabilizer (the metrics' upper reference), on the same walk.
+TEST(LibrarySession, StabilizesTheWalkTimesRowsByTheExposureAndKeepsTheColourOfEveryColumn) {
     TempDir dir;
-    ReplayOptions o = smallSynthetic(dir);
-    auto session = makeLibrarySession();
+    const ReplayOptions o = replay_test::replayOf(dir, 320, 180, 3, 2);
     std::ostringstream log;
-    const ReplayMetrics m = runReplay(o, *session, log).metrics;
+    const ReplayMetrics m = runReplay(o, *makeLibrarySession(), log).metrics;
     EXPECT_EQ(m.framesOut, 90);
     ASSERT_TRUE(m.hasTruth);
     EXPECT_GT(m.truth.jitterRatio, 4.0)
         << m.truth.inputJitterPx << " -> " << m.truth.outputJitterPx;
-    // The adaptive crop keeps more than the fixed 1.25 overscan's 64 % on this shaky walk, but
-    // not all of it.
+    // The adaptive crop keeps more than the fixed 1.25 overscan's 64 %, but not all of it.
     EXPECT_GT(m.crop.cropping, 0.70);
     EXPECT_LT(m.crop.cropping, 0.95);
-}
 
-// A frame of one colour, 60 ms exposures, and a still gyro that starts 15 ms after the first
-// frame: the library gets the exposure in ns (so the first frame's mid-exposure rows lie after
-// the gyro's start and are warped), and every output pixel shows the frame's colour, whichever
-// column it samples.
-TEST(LibrarySession, TimesRowsByTheExposureAndKeepsTheColourOfEveryColumn) {
+    OracleSession oracle(o.synthetic);
+    const ReplayMetrics best = runReplay(o, oracle, log).metrics;
+    EXPECT_EQ(best.framesDropped, 1);
+    ASSERT_TRUE(best.hasTruth);
+    EXPECT_GT(best.truth.jitterRatio, 10.0)
+        << "input " << best.truth.inputJitterPx << " output " << best.truth.outputJitterPx;
+    EXPECT_GT(best.pixelJitterRatio, 5.0);
+    EXPECT_NEAR(best.crop.meanScale, 0.8, 0.01);
+    EXPECT_NEAR(best.crop.cropping, 0.64, 0.02);
+
+    // 60 ms exposures, gyro from 15 ms after the first frame: rows timed by the exposure in ns.
     replay_test::FlatFrames frames(10, 64, 48);
     frames.firstNs = 1000000000;
     frames.stepNs = 33333333;
@@ -373,15 +341,8 @@ TEST(LibrarySession, TimesRowsByTheExposureAndKeepsTheColourOfEveryColumn) {
     yuvToRgb(128, 60, 200, rgb);
     EXPECT_EQ(colours.seen,
               (std::set<uint32_t>{static_cast<uint32_t>(rgb[0] << 16 | rgb[1] << 8 | rgb[2])}));
-}
-
-TEST(LibrarySession, ReportsARefusedConfiguration) {
-    SyntheticRecording rec(replay_test::walk(64, 48, 0.5));
-    SessionConfig config;
     config.configText = "vstab.gridColumns=1\n";
-    config.surfaces = {{64, 48, 1, 3}};
-    replay_test::NullObserver nothing;
     EXPECT_THAT(
-        replay_test::errorOf([&] { makeLibrarySession()->run(rec, rec.gyro(), config, nothing); }),
+        replay_test::errorOf([&] { makeLibrarySession()->run(frames, gyro, config, colours); }),
         HasSubstr("refused the configuration text"));
 }

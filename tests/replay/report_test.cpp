@@ -1,5 +1,5 @@
-// Reading the engine's log (timing probe lines and frame-fate lines, through liblog's logger hook
-// from several threads), metrics.json and report.html, and a report rendered by a headless browser.
+// The engine's log (timing and frame-fate lines, from every thread), metrics.json and report.html.
+#include "FinishesWithin.h"
 #include "TestUtil.h"
 #include "measure/EngineLog.h"
 #include "measure/Metrics.h"
@@ -12,49 +12,41 @@
 
 #include <chrono>
 #include <cmath>
-#include <future>
 #include <limits>
 #include <set>
 #include <thread>
 
 using namespace qlmr::replay;
 
-TEST(MetricsJson, WritesUnknownFiguresAsNullAndTheWarningsAndNotes) {
+TEST(Report, IsSelfContainedQuotesTheCommandAndListsWarningsNotesAndEngineLinesApart) {
+    EXPECT_EQ(base64({'M', 'a', 'n'}), "TWFu");
+    EXPECT_EQ(base64({'M', 'a'}), "TWE=");
+    EXPECT_EQ(base64({'M'}), "TQ==");
     ReplayMetrics m;
-    m.inputDescription = "a \"quoted\" name\n";
+    m.inputDescription = "a \"quoted\" <input>\n";
+    m.framesIn = 2;
     m.framesPerSurface = {3, 4};
     m.pixelJitterRatio = std::numeric_limits<double>::infinity();
     m.crop.minCropping = std::nan("");
     m.warnings = {"12 input frame pairs could not be registered"};
     m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
-    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}};
+    m.engine.warnings = 2;
+    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}, {"gl_buffer_setup", 3}};
+    // metrics.json: unknown figures are null, no ground truth without a synthetic recording.
     const auto j = nlohmann::json::parse(metricsJson(m));
     EXPECT_EQ(j["input"]["description"], m.inputDescription);
     EXPECT_EQ(j["frames"]["per_surface"], nlohmann::json({3, 4}));
     EXPECT_TRUE(j["pixel_motion"]["jitter_ratio"].is_null());
     EXPECT_TRUE(j["cropping"]["min_cropping"].is_null());
-    EXPECT_TRUE(j["ground_truth"].is_null());  // no ground truth without a synthetic recording
+    EXPECT_TRUE(j["ground_truth"].is_null());
     EXPECT_EQ(j["notes"], nlohmann::json(m.notes));
     EXPECT_EQ(j["warnings"], nlohmann::json(m.warnings));
     EXPECT_EQ(j["engine_log"]["expected_lines"]["gyro_clock_ahead"], 1712);
-}
-
-TEST(Report, IsSelfContainedAndListsWarningsNotesAndEngineLinesApart) {
-    EXPECT_EQ(base64({'M', 'a', 'n'}), "TWFu");
-    EXPECT_EQ(base64({'M', 'a'}), "TWE=");
-    EXPECT_EQ(base64({'M'}), "TQ==");
-    ReplayMetrics m;
-    m.inputDescription = "test <input>";
-    m.framesIn = 2;
     m.hasTruth = true;
     m.truth.actual.t = {0, 1};
     m.truth.actual.x = {0, 1};
     m.truth.actual.y = {0, 1};
     m.truth.actual.roll = {0, 1};
-    m.warnings = {"12 input frame pairs could not be registered"};
-    m.notes = {"engine session: 103 frames delivered, 0 dropped by the camera"};
-    m.engine.warnings = 2;
-    m.engine.expectedLines = {{"gyro_clock_ahead", 1712}, {"gl_buffer_setup", 3}};
     FramePair pair;
     pair.before = replay_test::gradient(32, 16);
     pair.after = replay_test::gradient(32, 16);
@@ -62,7 +54,7 @@ TEST(Report, IsSelfContainedAndListsWarningsNotesAndEngineLinesApart) {
         m, {pair},
         ReportContext{
             "qlmr_replay --dry-run", {{"metrics.json", "figures"}}, "vstab.lensK1=0.1 # <b>\n"});
-    EXPECT_THAT(html, HasSubstr("test &lt;input&gt;"));
+    EXPECT_THAT(html, HasSubstr("a &quot;quoted&quot; &lt;input&gt;"));
     EXPECT_THAT(html, HasSubstr("vstab.lensK1=0.1 # &lt;b&gt;"));  // the configuration
     EXPECT_THAT(html, HasSubstr("data:image/jpeg;base64,/9j/"));   // JPEG magic in base64
     // Everything is inline: no element loads a file or an address.
@@ -92,9 +84,6 @@ TEST(Report, IsSelfContainedAndListsWarningsNotesAndEngineLinesApart) {
     EXPECT_EQ(html.find(m.notes[0], note + 1), std::string::npos);
     EXPECT_THAT(html, HasSubstr("<td>2 / 0</td><td class=\"note\">expected lines, not counted: 3 "
                                 "gl_buffer_setup, 1712 gyro_clock_ahead</td>"));
-}
-
-TEST(Report, QuotesTheCommandLineForTheShell) {
     const struct {
         std::vector<std::string> args;
         const char* quoted;
@@ -112,8 +101,7 @@ TEST(Report, QuotesTheCommandLineForTheShell) {
     EXPECT_EQ(shellQuote(3, argv), "qlmr_replay --scene 'a b.png'");
 }
 
-// Requests the browser made for the page (not its own background traffic) in a NetLog file:
-// the ones whose network isolation key is the page's file:// site.
+// Requests the browser made for the page (network isolation key file://) in a NetLog file.
 static std::vector<std::string> pageRequests(const std::string& netLogPath) {
     const auto log = nlohmann::json::parse(replay_test::readText(netLogPath));
     const int startJob = log["constants"]["logEventTypes"]["URL_REQUEST_START_JOB"];
@@ -156,84 +144,27 @@ TEST(Report, RendersInHeadlessChromiumWithoutNetwork) {
     EXPECT_EQ(pageRequests(dir.file("net2.json")),
               std::vector<std::string>{"http://example.invalid/a.png"});
 
-    // uPlot drew every plot: a chart with its canvas and a legend.
+    // uPlot drew all 11 plots (camera path 3, from pixels 3, picture kept 1, gyro 3, latency 1).
     const std::string dom = replay_test::readText(dir.file("dom.html"));
-    auto count = [&](const std::string& what) {
+    for (const std::string what : {"data-plot=", "<canvas", "class=\"u-legend"}) {
         size_t n = 0;
         for (size_t p = dom.find(what); p != std::string::npos; p = dom.find(what, p + 1))
             ++n;
-        return n;
-    };
-    // Camera path 3 + path from pixels 3 + picture kept 1 + gyro calibration 3 + latency 1.
-    EXPECT_EQ(count("data-plot="), 11u);
-    EXPECT_EQ(count("<canvas"), 11u);
-    EXPECT_EQ(count("class=\"u-legend"), 11u);
+        EXPECT_EQ(n, 11u) << what;
+    }
 
     browse(dir.file("out/report.html"), "--screenshot=" + dir.file("shot.png"),
            dir.file("screenshot.log"));
     const RgbImage shot = readImage(dir.file("shot.png"));
     EXPECT_EQ(shot.height, 2400);
-    // A rendered page with plots and pictures has many colours; a blank or error page does not.
     std::set<uint32_t> colours;
-    for (size_t i = 0; i < shot.data.size(); i += 3 * 7) {
+    for (size_t i = 0; i < shot.data.size(); i += 3)
         colours.insert(shot.data[i] << 16 | shot.data[i + 1] << 8 | shot.data[i + 2]);
-    }
-    EXPECT_GT(colours.size(), 500u);
-    // The plots' red and blue series are drawn.
-    bool red = false, blue = false;
-    for (size_t i = 0; i < shot.data.size(); i += 3) {
-        red |= shot.data[i] == 0xd6 && shot.data[i + 1] == 0x27 && shot.data[i + 2] == 0x28;
-        blue |= shot.data[i] == 0x1f && shot.data[i + 1] == 0x77 && shot.data[i + 2] == 0xb4;
-    }
-    EXPECT_TRUE(red && blue);
+    EXPECT_GT(colours.size(), 500u);  // a blank or error page has few
+    EXPECT_TRUE(colours.count(0xd62728) && colours.count(0x1f77b4));  // the red and blue series
 }
 
-TEST(EngineLog, ParsesTimingLines) {
-    TimingLine t;
-    ASSERT_TRUE(parseTimingLine("[cTTiming][Render()] Render(8.25) popFrame(1.52) ", t));
-    EXPECT_EQ(t.probe, "Render()");
-    EXPECT_EQ(t.stages,
-              (std::vector<std::pair<std::string, double>>{{"Render", 8.25}, {"popFrame", 1.52}}));
-
-    ASSERT_TRUE(parseTimingLine("[cTTiming]VStab(0.031) sleep(1e-05) ", t));  // no probe name
-    EXPECT_EQ(t.probe, "");
-    EXPECT_EQ(t.stages.back(), std::make_pair(std::string("sleep"), 1e-05));
-
-    ASSERT_TRUE(parseTimingLine("[cTTiming][MainThread()] ", t));  // no stages
-    EXPECT_EQ(t.probe, "MainThread()");
-    EXPECT_TRUE(t.stages.empty());
-
-    EXPECT_FALSE(parseTimingLine("[VStab] Frame: 12", t));
-    EXPECT_FALSE(parseTimingLine("[cTTiming][x] label(abc) ", t));
-    EXPECT_FALSE(parseTimingLine("[cTTiming][x] label ", t));
-}
-
-TEST(EngineLog, CountsFrameFatesAndCollectsStageTimes) {
-    EngineLogStats s;
-    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
-    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
-    s.add(ANDROID_LOG_INFO, "[VStab][Status] use uniform_vrtxArr to Render");
-    s.add(ANDROID_LOG_INFO,
-          "[VStab][Status] frameQueue almost full, use uniform_vrtxArr to Render");
-    // Counted once, by the line above.
-    s.add(ANDROID_LOG_INFO, "[VStab][Status] no Gyro Information before Frame 5 (1)");
-    s.add(ANDROID_LOG_WARN, "[Exception] VStab returned error in main loop");
-    s.add(ANDROID_LOG_ERROR, " void Context::Render() 12 (1282)");
-    for (double ms : {1.0, 2.0, 3.0, 4.0}) {
-        s.add(ANDROID_LOG_WARN, "[cTTiming][Render()] Render(" + std::to_string(ms) + ") ");
-    }
-    EXPECT_EQ(s.droppedQueueFull, 2);
-    EXPECT_EQ(s.renderedUnstabilized, 2);
-    EXPECT_EQ(s.exceptions, 1);
-    EXPECT_EQ(s.exceptionTexts, std::vector<std::string>{"VStab returned error in main loop"});
-    EXPECT_EQ(s.errors, 1);
-    const auto p = s.stagePercentiles();
-    ASSERT_EQ(p.count("Render()/Render"), 1u);
-    EXPECT_DOUBLE_EQ(p.at("Render()/Render").p50, 2.0);
-    EXPECT_DOUBLE_EQ(p.at("Render()/Render").max, 4.0);
-}
-
-TEST(EngineLog, CountsExpectedLinesApartFromWarningsAndErrors) {
+TEST(EngineLog, ParsesAndCountsTheLinesTheTapCapturesFromEveryThread) {
     // (priority, line, counted as): w warning, e error, x expected, - neither (diagnostics).
     const struct {
         int priority;
@@ -253,9 +184,11 @@ TEST(EngineLog, CountsExpectedLinesApartFromWarningsAndErrors) {
         {ANDROID_LOG_WARN, "[cTTiming][Render()] Render(1.5) ", '-'},
         {ANDROID_LOG_INFO, "[Warning] at info level", '-'},
     };
+    EngineLogStats all;
     for (const auto& l : lines) {
         EngineLogStats s;
         s.add(l.priority, l.text);
+        all.add(l.priority, l.text);
         int expected = 0;
         for (const auto& [kind, n] : s.expectedLines)
             expected += n;
@@ -263,20 +196,51 @@ TEST(EngineLog, CountsExpectedLinesApartFromWarningsAndErrors) {
         EXPECT_EQ(s.errors, l.counted == 'e' ? 1 : 0) << l.text;
         EXPECT_EQ(expected, l.counted == 'x' ? 1 : 0) << l.text;
     }
-    EngineLogStats s;
-    for (const auto& l : lines)
-        s.add(l.priority, l.text);
-    EXPECT_EQ(s.expectedLines,
+    EXPECT_EQ(all.expectedLines,
               (std::map<std::string, int>{{"gl_buffer_setup", 1}, {"gyro_clock_ahead", 1}}));
-}
 
-TEST(EngineLogTap, CapturesLinesFromEveryThreadAndWritesTheLog) {
+    EngineLogStats s;
+    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
+    s.add(ANDROID_LOG_WARN, "[Warning] Dropping new frame, internal buffer queue is full");
+    s.add(ANDROID_LOG_INFO, "[VStab][Status] use uniform_vrtxArr to Render");
+    s.add(ANDROID_LOG_INFO,
+          "[VStab][Status] frameQueue almost full, use uniform_vrtxArr to Render");
+    s.add(ANDROID_LOG_INFO, "[VStab][Status] no Gyro Information before Frame 5 (1)");  // not again
+    s.add(ANDROID_LOG_WARN, "[Exception] VStab returned error in main loop");
+    s.add(ANDROID_LOG_ERROR, " void Context::Render() 12 (1282)");
+    for (double ms : {1.0, 2.0, 3.0, 4.0})
+        s.add(ANDROID_LOG_WARN, "[cTTiming][Render()] Render(" + std::to_string(ms) + ") ");
+    EXPECT_EQ(s.droppedQueueFull, 2);
+    EXPECT_EQ(s.renderedUnstabilized, 2);
+    EXPECT_EQ(s.exceptions, 1);
+    EXPECT_EQ(s.exceptionTexts, std::vector<std::string>{"VStab returned error in main loop"});
+    EXPECT_EQ(s.errors, 1);
+    const auto p = s.stagePercentiles();
+    ASSERT_EQ(p.count("Render()/Render"), 1u);
+    EXPECT_DOUBLE_EQ(p.at("Render()/Render").p50, 2.0);
+    EXPECT_DOUBLE_EQ(p.at("Render()/Render").max, 4.0);
+    TimingLine t;
+    ASSERT_TRUE(parseTimingLine("[cTTiming][Render()] Render(8.25) popFrame(1.52) ", t));
+    EXPECT_EQ(t.probe, "Render()");
+    EXPECT_EQ(t.stages,
+              (std::vector<std::pair<std::string, double>>{{"Render", 8.25}, {"popFrame", 1.52}}));
+    ASSERT_TRUE(parseTimingLine("[cTTiming]VStab(0.031) sleep(1e-05) ", t));  // no probe name
+    EXPECT_EQ(t.probe, "");
+    EXPECT_EQ(t.stages.back(), std::make_pair(std::string("sleep"), 1e-05));
+    ASSERT_TRUE(parseTimingLine("[cTTiming][MainThread()] ", t));  // no stages
+    EXPECT_EQ(t.probe, "MainThread()");
+    EXPECT_TRUE(t.stages.empty());
+    for (const char* bad :
+         {"[VStab] Frame: 12", "[cTTiming][x] label(abc) ", "[cTTiming][x] label "})
+        EXPECT_FALSE(parseTimingLine(bad, t)) << bad;
+    // The tap captures lines from every thread and writes the log.
     replay_test::TempDir dir;
-    auto run = [&] {
+    EngineLogStats tapped;
+    ASSERT_TRUE(finishesWithin(std::chrono::seconds(30), [&] {
         EngineLogTap tap(dir.file("engine.log"));
         EXPECT_THROW(EngineLogTap second, ReplayError);  // one at a time
         std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
+        for (int k = 0; k < 4; ++k) {
             threads.emplace_back([] {
                 for (int i = 0; i < 50; ++i) {
                     __android_log_print(ANDROID_LOG_WARN, "[QLMR]",
@@ -284,18 +248,15 @@ TEST(EngineLogTap, CapturesLinesFromEveryThreadAndWritesTheLog) {
                 }
             });
         }
-        for (auto& t : threads)
-            t.join();
+        for (auto& thread : threads)
+            thread.join();
         __android_log_print(ANDROID_LOG_WARN, "[QLMR]", "%s",
                             "[Warning] Dropping new frame, internal buffer queue is full");
-        return tap.stats();
-    };
-    auto f = std::async(std::launch::async, run);
-    ASSERT_EQ(f.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    const EngineLogStats s = f.get();
-    ASSERT_EQ(s.stageMs.count("gyroCallbackTimestamp()/deltaTime"), 1u);
-    EXPECT_EQ(s.stageMs.at("gyroCallbackTimestamp()/deltaTime").size(), 200u);
-    EXPECT_EQ(s.droppedQueueFull, 1);
+        tapped = tap.stats();
+    }));
+    ASSERT_EQ(tapped.stageMs.count("gyroCallbackTimestamp()/deltaTime"), 1u);
+    EXPECT_EQ(tapped.stageMs.at("gyroCallbackTimestamp()/deltaTime").size(), 200u);
+    EXPECT_EQ(tapped.droppedQueueFull, 1);
     const std::string log = replay_test::readText(dir.file("engine.log"));
     EXPECT_NE(log.find("5 [QLMR] [Warning] Dropping new frame"), std::string::npos);
     // After the tap is gone a new one may be installed.

@@ -1,5 +1,4 @@
-// The synthetic recording: motion, gyro, rendering geometry, and the gyro alignment's pieces
-// (row bands, axis maps).
+// The synthetic recording (motion, gyro, rendering) and the gyro alignment's row bands and axes.
 #include "TestUtil.h"
 #include "measure/GyroAlignment.h"
 #include "measure/Motion.h"
@@ -39,13 +38,9 @@ GrayImage lumaOf(const Nv21Image& nv, int x0, int y0, int w, int h) {
     return g;
 }
 
-SyntheticOptions small() {
-    return replay_test::walk(320, 240, 1.5);
-}
-
 }  // namespace
 
-TEST(CameraMotion, GyroMeasuresTheMotionInDeviceAxes) {
+TEST(CameraMotion, TrajectoriesAreRotationsOfDifferentShakeThatGyroAndRendererFollow) {
     auto motion = makeHandheldMotion(Trajectory::Walk, 5);
     GyroModel model;
     model.noiseRadPerS = 0;
@@ -63,9 +58,6 @@ TEST(CameraMotion, GyroMeasuresTheMotionInDeviceAxes) {
     const V3 rt = qlmr::sim::toRotationVector(truth);
     EXPECT_LT((r - rt).norm(), 2e-4);
     EXPECT_GT(rt.norm(), 0.005);  // the walk does move the camera
-}
-
-TEST(CameraMotion, TrajectoriesDifferInShakeAndAreRotations) {
     auto shakeRms = [](Trajectory t) {
         auto m = makeHandheldMotion(t, 1);
         double sum = 0;
@@ -89,19 +81,17 @@ TEST(CameraMotion, TrajectoriesDifferInShakeAndAreRotations) {
     EXPECT_EQ(shakeRms(Trajectory::Still), 0.0);  // the reference scenario's camera rests
     EXPECT_GT(shakeRms(Trajectory::Violent), shakeRms(Trajectory::Walk));
     EXPECT_THROW(parseTrajectory("run"), ReplayError);
-}
-
-TEST(SceneRenderer, RotationMovesThePictureTheWayTheGyroPredicts) {
+    // The renderer moves the picture the way the gyro predicts.
     const Scene scene = Scene::procedural(1024, 768, 90, 2);
     const PinholeCamera cam = PinholeCamera::withFov(320, 240, 60);
     SceneRenderer renderer(scene, cam, 2);
     Nv21Image a, b, rs, gsTop, gsBottom;
     for (Nv21Image* p : {&a, &b, &rs, &gsTop, &gsBottom})
         p->resize(320, 240);
-    const ConstantYaw motion(0.05);  // rad/s
+    const ConstantYaw yaw(0.05);  // rad/s
     // Global shutter (readout 0): frames 0.2 s apart differ by a 0.01 rad yaw.
-    renderer.render(motion, 0.0, 0.0, 0.0, a);
-    renderer.render(motion, 0.2, 0.0, 0.0, b);
+    renderer.render(yaw, 0.0, 0.0, 0.0, a);
+    renderer.render(yaw, 0.2, 0.0, 0.0, b);
     MotionEstimator est;
     const MotionEstimate e = est.estimate(lumaOf(a, 0, 0, 320, 240), lumaOf(b, 0, 0, 320, 240),
                                           Similarity{}, MotionOptions{});
@@ -112,9 +102,7 @@ TEST(SceneRenderer, RotationMovesThePictureTheWayTheGyroPredicts) {
     EXPECT_NEAR(e.motion.ty, ty, 0.25);
     EXPECT_LT(tx, -2.0);  // turning right moves the content left
 
-    // Rolling shutter: with a 100 ms readout each band of rows is read at its own time, so it
-    // matches a global-shutter frame taken at that time, and the bands differ by the yaw
-    // turned in between.
+    // Rolling shutter (100 ms readout): each row band matches a global-shutter frame of its time.
     const ConstantYaw fast(0.4);
     renderer.render(fast, 0.0, 0.1, 0.0, rs);
     renderer.render(fast, 30.0 / 240 * 0.1, 0.0, 0.0, gsTop);      // time of row 30
@@ -132,18 +120,18 @@ TEST(SceneRenderer, RotationMovesThePictureTheWayTheGyroPredicts) {
     EXPECT_NEAR(across.motion.tx, -cam.focalPx * 0.4 * 0.075, 0.5);
 }
 
-TEST(SyntheticRecording, FramesGyroAndConfigAreConsistent) {
-    SyntheticRecording rec(small());
+TEST(SyntheticRecording, FramesGyroAndConfigTextAreConsistent) {
+    const SyntheticOptions small = replay_test::walk(320, 240, 1.5);
+    SyntheticRecording rec(small);
     EXPECT_EQ(rec.count(), 45);
     EXPECT_EQ(rec.timestampNs(30), 2000000000);
     ASSERT_FALSE(rec.gyro().empty());
     EXPECT_LT(rec.gyro().front().timestampNs, rec.timestampNs(0));
     EXPECT_GT(rec.gyro().back().timestampNs, rec.timestampNs(44));
     const std::string config = rec.configText();
-    EXPECT_NE(config.find("\nvstab.readoutNs=30000000\n"), std::string::npos) << config;
-    EXPECT_NE(config.find("\nvstab.gyroTimeOffsetNs=2000000\n"), std::string::npos) << config;
-    EXPECT_NE(config.find("\nvstab.gyroAxes=-y,-x,-z\n"), std::string::npos) << config;
-    EXPECT_NE(config.find("\nvstab.fovHorizontalDeg=64.0000\n"), std::string::npos) << config;
+    for (const char* line : {"readoutNs=30000000", "gyroTimeOffsetNs=2000000", "gyroAxes=-y,-x,-z",
+                             "fovHorizontalDeg=64.0000"})
+        EXPECT_THAT(config, HasSubstr("\nvstab." + std::string(line) + "\n"));
     EXPECT_EQ(config.find("native."), std::string::npos) << config;
     Nv21Image a, b;
     a.resize(320, 240);
@@ -153,15 +141,12 @@ TEST(SyntheticRecording, FramesGyroAndConfigAreConsistent) {
     EXPECT_EQ(a.data, b.data);  // deterministic
     rec.read(11, b);
     EXPECT_NE(a.data, b.data);  // and shaking
-    SyntheticOptions bad = small();
+    SyntheticOptions bad = small;
     bad.width = 321;
     EXPECT_THROW(SyntheticRecording{bad}, ReplayError);
-    bad = small();
+    bad = small;
     bad.scene = "/nonexistent.jpg";
     EXPECT_THROW(SyntheticRecording{bad}, ReplayError);
-}
-
-TEST(CameraFacts, ConfigTextUsesTheLibraryKeysAndKeepsKeysOutOfComments) {
     CameraFacts f;
     f.width = 800;
     f.height = 600;
@@ -174,21 +159,18 @@ TEST(CameraFacts, ConfigTextUsesTheLibraryKeysAndKeepsKeysOutOfComments) {
     f.gyroOffsetMs = -2.425;
     f.description = "copied from vstab.readoutNs=1 and native.cameraHeight=2\nsecond line";
     const std::string text = configTextFor(f);
-    EXPECT_NE(text.find("\nvstab.fovHorizontalDeg=90.0000\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nvstab.fovVerticalDeg=90.0000\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nvstab.principalPointY=0.55000\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nvstab.readoutNs=33312500\n"), std::string::npos) << text;
-    EXPECT_NE(text.find("\nvstab.gyroTimeOffsetNs=-2425000\n"), std::string::npos) << text;
+    for (const char* line :
+         {"fovHorizontalDeg=90.0000", "fovVerticalDeg=90.0000", "principalPointY=0.55000",
+          "readoutNs=33312500", "gyroTimeOffsetNs=-2425000"})
+        EXPECT_THAT(text, HasSubstr("\nvstab." + std::string(line) + "\n"));
     // The first occurrence of each key (the engine's and the library's lookup) is the real line.
     EXPECT_EQ(text.find("vstab.readoutNs"), text.find("\nvstab.readoutNs") + 1);
     EXPECT_EQ(text.find("native.cameraHeight"), std::string::npos);
     EXPECT_EQ(std::count(text.begin(), text.end(), '#'), 2);  // the description stays one line
 }
 
-TEST(GyroAlignment, RowBandsAreMixedAsTheRegistrationFitsThem) {
-    // Texture only in the top quarter: the pair's motion is that of the top band. Texture
-    // everywhere: every band counts, and a sideways motion that grows down the picture (the
-    // rolling shutter's shear of a yaw) partly shows as a rotation.
+TEST(GyroAlignment, RowBandsAreMixedAsTheRegistrationFitsThemAndAxisMapsArePermutations) {
+    // Texture in the top quarter: the top band's motion; everywhere: every band, shear as rotation.
     GrayImage top, even;
     top.resize(64, 48);
     even.resize(64, 48);
@@ -219,20 +201,17 @@ TEST(GyroAlignment, RowBandsAreMixedAsTheRegistrationFitsThem) {
             EXPECT_NEAR(sum, k == j ? 1.0 : 0.0, 1e-9) << k << j;
         }
     }
-    // Content moving right in the top band alone turns the fit one way, in the bottom band
-    // alone the other.
+    // Content moving right in the top band turns the fit one way, in the bottom band the other.
     EXPECT_GT(m[1].mix[0][2][0], 0);
     EXPECT_LT(m[1].mix[3][2][0], 0);
     EXPECT_DOUBLE_EQ(m[1].startSec, 1.1);
     EXPECT_DOUBLE_EQ(m[1].endSec, 1.2);
     EXPECT_DOUBLE_EQ(m[1].tx, 1.5);
     EXPECT_TRUE(m[1].ok);
-}
-
-TEST(AxisMap, ParsesAndEnumeratesSignedPermutations) {
-    const AxisMap m = AxisMap::parse("-y,x,-z");
-    EXPECT_EQ(m.apply(V3(1, 2, 3)), V3(-2, 1, -3));
-    EXPECT_EQ(m.text(), "-y,x,-z");
+    // Axis maps: signed permutations, half of them rotations.
+    const AxisMap map = AxisMap::parse("-y,x,-z");
+    EXPECT_EQ(map.apply(V3(1, 2, 3)), V3(-2, 1, -3));
+    EXPECT_EQ(map.text(), "-y,x,-z");
     EXPECT_THROW(AxisMap::parse("x,x,z"), ReplayError);
     EXPECT_THROW(AxisMap::parse("x,y"), ReplayError);
     EXPECT_THROW(AxisMap::parse("x,y,z,x"), ReplayError);
