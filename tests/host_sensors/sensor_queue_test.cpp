@@ -1,6 +1,5 @@
 // The host sensor service through the NDK API: the installed gyroscope, event rates and what a
-// real-time replay drops. (Order, batches, gating and restarts are checked where the engine's
-// sensor thread consumes them: tests/engine.)
+// real-time replay drops. (Order, batches, gating and restarts: tests/engine.)
 #include <android/looper.h>
 #include <android/sensor.h>
 #include <gtest/gtest.h>
@@ -86,33 +85,24 @@ host::GyroSetup replaySetup(size_t count, host::Pacing pacing, size_t capacity) 
 
 }  // namespace
 
-TEST(SensorManager, DescribesTheInstalledGyroscope) {
-    host::GyroSetup setup = replaySetup(1, Pacing::RealTime, 8);
+TEST(SensorQueue, DescribesTheInstalledGyroscopeEnableRateAndDisableSemantics) {
+    ASSERT_TRUE(host::removeGyro());
+    EXPECT_EQ(Queue().sensor, nullptr);
+    EXPECT_THROW(host::installGyro(host::GyroSetup{}), std::invalid_argument);
+    EXPECT_THROW(host::installGyro(replaySetup(1, Pacing::RealTime, 0)), std::invalid_argument);
+    host::GyroSetup setup = replaySetup(1000, Pacing::AsFastAsConsumed, 4);
     setup.name = "Test Gyro";
     setup.minDelayUs = 5000;
-    ASensorManager* manager = ASensorManager_getInstance();
-    ASSERT_TRUE(host::removeGyro());
-    EXPECT_EQ(ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE), nullptr);
-    ASSERT_TRUE(host::installGyro(setup));
-    const ASensor* gyro = ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
-    ASSERT_NE(gyro, nullptr);
-    EXPECT_STREQ(ASensor_getName(gyro), "Test Gyro");
-    EXPECT_EQ(ASensor_getMinDelay(gyro), 5000);
-    EXPECT_THROW(host::installGyro(host::GyroSetup{}), std::invalid_argument);
-    host::GyroSetup bad = replaySetup(1, Pacing::RealTime, 0);
-    EXPECT_THROW(host::installGyro(bad), std::invalid_argument);
-}
-
-TEST(SensorQueue, EnableRateAndDisableSemantics) {
-    host::GyroSetup setup = replaySetup(1000, Pacing::AsFastAsConsumed, 4);
     setup.gate = [](int64_t) { return false; };  // nothing flows: only the bookkeeping counts
     ASSERT_TRUE(host::installGyro(setup));
     Queue q;
     ASSERT_NE(q.queue, nullptr);
+    EXPECT_STREQ(ASensor_getName(q.sensor), "Test Gyro");
+    EXPECT_EQ(ASensor_getMinDelay(q.sensor), 5000);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 5000), -EINVAL);  // not enabled
     ASSERT_EQ(ASensorEventQueue_enableSensor(q.queue, q.sensor), 0);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 1000), 0);
-    EXPECT_EQ(host::sensorCounters().periodNs, 2500000);  // raised to the minimum delay
+    EXPECT_EQ(host::sensorCounters().periodNs, 5000000);  // raised to the minimum delay
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 20000), 0);
     EXPECT_EQ(host::sensorCounters().periodNs, 20000000);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, -1), -EINVAL);
