@@ -60,8 +60,7 @@ TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
     EXPECT_EQ(in, out);
     EXPECT_EQ(context->count, 1);  // every operation gave its level back
 
-    // A non-zero alignment is reset to 0 afterwards, which this driver rejects: the data is in,
-    // and the check reports the upload's signature and GL_INVALID_VALUE.
+    // A non-zero alignment is reset to 0 afterwards, which the driver rejects: GL_INVALID_VALUE.
     std::vector<uint8_t> second = pattern(37, 23);
     second[0] ^= 0xFF;
     const std::string upload = gltest::thrown([&] { t.upload(second.data(), 4); });
@@ -76,8 +75,7 @@ TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
 TEST_F(GLTextureTest, UnchangedParametersCostNoGLWork) {
     GLTexture t(context, GL_TEXTURE_2D, 8, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR,
                 GL_CLAMP_TO_EDGE);
-    // Unchanged values do not even take the context, so they pass on a non-owning thread;
-    // changed ones take it and are refused there.
+    // Unchanged values do not take the context (so pass on a non-owning thread), changed ones do.
     EXPECT_EQ(fromOtherThread([&] { t.setFilter(GL_LINEAR, GL_CLAMP_TO_EDGE); }), "no GL");
     EXPECT_EQ(fromOtherThread([&] {
                   t.update(8, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE);

@@ -1,5 +1,4 @@
-// The warp program draws an RGBA frame through a turned, zoomed grid, as the engine's render call
-// does; every output pixel is compared with GL's bilinear sampling rule evaluated on the CPU.
+// The warp program draws through a turned, zoomed grid as the engine does, to GL's bilinear rule.
 #include <GLES2/gl2.h>
 #include <GLES2/gl2ext.h>
 #include <gtest/gtest.h>
@@ -97,8 +96,7 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
     glGetProgramiv(program.program, GL_ATTACHED_SHADERS, &attached);
     EXPECT_EQ(attached, 0);  // detached again after linking
 
-    // Texture coordinates: the engine's mesh. Positions: the same grid scaled by kZoom and
-    // turned, so that output point p samples the texture at ((R^-1 p) / kZoom + 1) / 2.
+    // The engine's mesh, scaled by kZoom and turned: p samples at ((R^-1 p) / kZoom + 1) / 2.
     cTGridMesh mesh;
     mesh.resize(kColumns + 2, kRows + 2);
     mesh.uniformBorder(0.0f, 1.0f, 1.0f, 0.0f);
@@ -135,8 +133,7 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
     glFinish();
     ASSERT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
 
-    // Row 0 is window y = 0. The driver's 8-bit filter weights cost up to about two levels; a
-    // position error of a tenth of a pixel already moves these sines by up to 9 levels.
+    // 8-bit filter weights cost about two levels; a 0.1 pixel shift moves the sines up to 9.
     ASSERT_EQ(target->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), 0);
     double sumError = 0.0;
     double maxError = 0.0;

@@ -1,6 +1,4 @@
 // Recording frames: the memory layout the engine reads, and recordings that do not fit.
-// (Frame content, order, pacing and timestamps are checked where the engine and the replay tool
-// consume them: tests/engine, tests/replay.)
 #include <camera/Camera.h>
 #include <gtest/gtest.h>
 

@@ -85,8 +85,7 @@ TEST(PixelConversion, Bt601LimitedRangeWithinOneOfTheExactFormula) {
     }
 }
 
-// The vectorised NV21 conversion over every (U, V) pair and every luma value: within 3 levels
-// of the exact formula (libyuv's 6-bit coefficients), alpha 255.
+// NV21 over every (U, V) pair and luma value: within 3 levels (libyuv's 6-bit coefficients).
 TEST(PixelConversion, Nv21WithinThreeOfTheExactFormula) {
     constexpr uint32_t kW = 512;  // luma x / 2 at column x: all 256 values, in 2 x 2 blocks
     constexpr uint32_t kH = 2;

@@ -1,5 +1,4 @@
-// The host sensor service through the NDK API: the installed gyroscope, event rates and what a
-// real-time replay drops. (Order, batches, gating and restarts: tests/engine.)
+// The host sensor service through the NDK API: the gyroscope, event rates, real-time drops.
 #include <android/looper.h>
 #include <android/sensor.h>
 #include <gtest/gtest.h>
@@ -22,8 +21,7 @@ constexpr int kIdent = 5565;
 struct Queue {
     explicit Queue(const ASensor* s = nullptr) {
         looper = ALooper_prepare(ALOOPER_PREPARE_ALLOW_NON_CALLBACKS);
-        // The test thread's looper outlives each test: take a wake left by an earlier
-        // replay's end, so that it does not end this test's first poll.
+        // Take a wake left on this thread's looper by an earlier test's replay end.
         while (ALooper_pollAll(0, nullptr, nullptr, nullptr) == ALOOPER_POLL_WAKE) {
         }
         manager = ASensorManager_getInstance();
@@ -38,8 +36,7 @@ struct Queue {
     Queue(const Queue&) = delete;
     Queue& operator=(const Queue&) = delete;
 
-    // Polls and reads events one at a time until `count` have arrived or a poll returns a
-    // negative result (stored in lastPoll).
+    // Reads events until `count` have arrived or a poll returns a negative lastPoll.
     std::vector<ASensorEvent> read(size_t count, int timeoutMs = 5000) {
         std::vector<ASensorEvent> events;
         while (events.size() < count) {

@@ -91,8 +91,7 @@ TEST(VStabAllocation, NoHeapUseAfterCreation) {
     const long long start = 50000 * kMs;
     int statuses[3] = {0, 0, 0};
     long long nextFrame = start + 200 * kMs;
-    // 6 s: smooth motion, a violent stretch that forces the crop limit, a gap, bad samples,
-    // repeated and stale frames; the history (sized for 200 Hz) wraps many times at 400 Hz.
+    // Smooth and violent motion, a gap, bad samples, repeated and stale frames, a wrapped history.
     for (long long t = start; t < start + 6000 * kMs; t += 2500000) {
         if (t > start + 4000 * kMs && t < start + 4300 * kMs) {
             continue;  // gap

@@ -1,5 +1,4 @@
-// libzef_gyro_vstab.so exports exactly the five C functions and needs neither GL nor the engine:
-// read from its ELF dynamic symbols and section (64-bit on the host, 32-bit in the ARM build).
+// libzef_gyro_vstab.so's ELF dynamic symbols and needed libraries (64-bit host, 32-bit ARM).
 #include <elf.h>
 #include <gtest/gtest.h>
 #include <link.h>

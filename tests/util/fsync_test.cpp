@@ -107,8 +107,7 @@ TEST(FSync, EmptyRingZeroQueryAndRemovedSamples) {
     EXPECT_EQ(f.findClosest(1000), 2000u);  // 1000 is gone
     f.removeSamples(5000);                  // empties the ring
     EXPECT_EQ(f.findClosest(2000), 2000u);  // empty: the query comes back
-    // On the empty ring the slot at the read position is still examined: the zeroed slots are
-    // skipped until the old 1000 stops the scan, and the old samples are in the ring again.
+    // The empty ring's read slot is still scanned: past zeroed slots to the old samples.
     f.removeSamples(500);
     EXPECT_EQ(f.findClosest(2100), 2000u);
 }
