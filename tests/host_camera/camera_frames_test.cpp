@@ -10,23 +10,6 @@
 using host::CameraDevice;
 using host::FrameLayout;
 
-namespace {
-
-// A small camera (64x48) fed by `source`.
-host::CameraSetup smallSetup(std::shared_ptr<host::FrameSource> source) {
-    host::CameraSetup setup;
-    setup.videoSizes = setup.previewSizes = setup.pictureSizes = {{64, 48}};
-    setup.videoSize = setup.previewSize = setup.pictureSize = {64, 48};
-    setup.frameRates = {30, 120};
-    setup.frameRate = 30;
-    setup.bufferCount = 2;
-    setup.pacing = host::Pacing::AsFastAsConsumed;
-    setup.source = std::move(source);
-    return setup;
-}
-
-}  // namespace
-
 TEST(FrameLayout, PitchChromaOffsetAndSize) {
     struct Case {
         int w, h, pitch;
@@ -68,9 +51,16 @@ class ErrorListener : public android::CameraListener {
 
 TEST(FrameSources, ARecordingOfTheWrongSizeFailsWithAnError) {
     LogCapture log;
+    host::CameraSetup setup;  // a 64x48 camera fed 32x16 frames
+    setup.videoSizes = setup.previewSizes = setup.pictureSizes = {{64, 48}};
+    setup.videoSize = setup.previewSize = setup.pictureSize = {64, 48};
+    setup.frameRates = {30, 120};
+    setup.frameRate = 30;
+    setup.bufferCount = 2;
+    setup.pacing = host::Pacing::AsFastAsConsumed;
     std::vector<host::RecordedFrame> frames(3);
-    auto source = std::make_shared<host::VectorFrameSource>(32, 16, frames);
-    auto device = CameraDevice::create(smallSetup(source));
+    setup.source = std::make_shared<host::VectorFrameSource>(32, 16, frames);
+    auto device = CameraDevice::create(std::move(setup));
     auto camera = device->connect();
     android::sp<ErrorListener> listener = new ErrorListener;
     camera->setListener(listener);

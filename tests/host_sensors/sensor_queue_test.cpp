@@ -60,21 +60,17 @@ struct Queue {
     int lastPoll = 0;
 };
 
-// `count` samples 1 ms apart from `firstNs`, with rates that identify each sample.
-std::vector<host::GyroSample> samples(size_t count, int64_t firstNs = 1000000000) {
+// `count` samples 1 ms apart, with rates that identify each sample.
+host::GyroSetup replaySetup(size_t count, host::Pacing pacing, size_t capacity) {
     std::vector<host::GyroSample> list(count);
     for (size_t i = 0; i < count; ++i) {
-        list[i].timestampNs = firstNs + static_cast<int64_t>(i) * 1000000;
+        list[i].timestampNs = 1000000000 + static_cast<int64_t>(i) * 1000000;
         list[i].x = static_cast<float>(i);
         list[i].y = -static_cast<float>(i);
         list[i].z = 0.5f;
     }
-    return list;
-}
-
-host::GyroSetup replaySetup(size_t count, host::Pacing pacing, size_t capacity) {
     host::GyroSetup setup;
-    setup.source = std::make_shared<host::ReplayGyroSource>(samples(count));
+    setup.source = std::make_shared<host::ReplayGyroSource>(list);
     setup.pacing = pacing;
     setup.queueCapacity = capacity;
     return setup;

@@ -17,7 +17,7 @@ std::vector<std::string> errors(const LogCapture& capture) {
     return out;
 }
 
-TEST(FSync, FirstLapAcceptsAnyNonZeroSampleAgainstZeroedSlots) {
+TEST(FSync, FirstLapAcceptsAnyNonZeroSampleTieGoesToEarlierFarMatchIsReported) {
     LogCapture capture;
     FSync f;
     f.setExpectedDelta(1000);
@@ -28,6 +28,19 @@ TEST(FSync, FirstLapAcceptsAnyNonZeroSampleAgainstZeroedSlots) {
                                    "[VSTAB][FSync][Error] Trying to add same sample twice (0)"});
     EXPECT_EQ(f.findClosest(1100), 1000u);
     EXPECT_EQ(f.findClosest(3900), 4000u);
+
+    // A tie goes to the earlier sample; a far match is reported.
+    f = FSync();
+    capture.clear();
+    f.addSample(1000);
+    f.addSample(3000);
+    EXPECT_EQ(f.findClosest(2000), 1000u);
+    EXPECT_EQ(f.getExpectedDelta(), -1000);
+    EXPECT_TRUE(capture.lines().empty());
+    EXPECT_EQ(f.findClosest(20000000), 3000u);
+    EXPECT_EQ(errors(capture),
+              std::vector<std::string>{
+                  "[VSTAB][FSync][Error] Closest FSync timestamp found is more than 10ms away."});
 }
 
 TEST(FSync, FullRingDropsOldestAndLaterLapsCompareWithSlotAhead) {
@@ -69,20 +82,6 @@ TEST(FSync, ClosestLearnsAverageErrorDropsOlderSamplesAndChecksNewQueries) {
               std::vector<std::string>{
                   "[VSTAB][FSync][Error] Closest FSync timestamp found is not monotonically "
                   "increasing"});
-}
-
-TEST(FSync, TieGoesToEarlierSampleAndFarMatchIsReported) {
-    LogCapture capture;
-    FSync f;
-    f.addSample(1000);
-    f.addSample(3000);
-    EXPECT_EQ(f.findClosest(2000), 1000u);
-    EXPECT_EQ(f.getExpectedDelta(), -1000);
-    EXPECT_TRUE(capture.lines().empty());
-    EXPECT_EQ(f.findClosest(20000000), 3000u);
-    EXPECT_EQ(errors(capture),
-              std::vector<std::string>{
-                  "[VSTAB][FSync][Error] Closest FSync timestamp found is more than 10ms away."});
 }
 
 TEST(FSync, EmptyRingZeroQueryAndRemovedSamples) {
