@@ -27,8 +27,7 @@ class GLGraphicBufferTest : public gltest::CurrentContextTest {
     }
 };
 
-TEST_F(GLGraphicBufferTest,
-       UsageSelectsTextureAndRenderbufferFailuresStopTheBindingMapperBindsOnce) {
+TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbufferFailuresStopBindingMapperBindsOnce) {
     GLGraphicBuffer both(context, buffer(HAL_PIXEL_FORMAT_RGBA_8888), 3);
     EXPECT_NE(both.image, EGL_NO_IMAGE_KHR);
     EXPECT_TRUE(glIsRenderbuffer(both.renderbuffer));

@@ -1,6 +1,5 @@
 // The warp program draws through a turned, zoomed grid as the engine does, to GL's bilinear rule.
 #include <GLES2/gl2.h>
-#include <GLES2/gl2ext.h>
 #include <gtest/gtest.h>
 #include <ui/GraphicBuffer.h>
 

@@ -7,9 +7,6 @@
 #include "LogCapture.h"
 #include "host/HostCamera.h"
 
-using host::CameraDevice;
-using host::FrameLayout;
-
 TEST(FrameLayout, PitchChromaOffsetAndSize) {
     struct Case {
         int w, h, pitch;
@@ -23,12 +20,12 @@ TEST(FrameLayout, PitchChromaOffsetAndSize) {
         {130, 34, 256, 256u * 64, 256u * 96},
     };
     for (const Case& c : cases) {
-        FrameLayout l = FrameLayout::forSize(c.w, c.h);
+        const host::FrameLayout l = host::FrameLayout::forSize(c.w, c.h);
         EXPECT_EQ(l.pitch, c.pitch) << c.w << "x" << c.h;
         EXPECT_EQ(l.chromaOffset, c.chroma) << c.w << "x" << c.h;
         EXPECT_EQ(l.bytes, c.bytes) << c.w << "x" << c.h;
     }
-    EXPECT_THROW(FrameLayout::forSize(0, 1080), std::invalid_argument);
+    EXPECT_THROW(host::FrameLayout::forSize(0, 1080), std::invalid_argument);
 }
 
 class ErrorListener : public android::CameraListener {
@@ -60,7 +57,7 @@ TEST(FrameSources, ARecordingOfTheWrongSizeFailsWithAnError) {
     setup.pacing = host::Pacing::AsFastAsConsumed;
     std::vector<host::RecordedFrame> frames(3);
     setup.source = std::make_shared<host::VectorFrameSource>(32, 16, frames);
-    auto device = CameraDevice::create(std::move(setup));
+    auto device = host::CameraDevice::create(std::move(setup));
     auto camera = device->connect();
     android::sp<ErrorListener> listener = new ErrorListener;
     camera->setListener(listener);

@@ -37,8 +37,7 @@ TEST(StabHarnessMetrics, FitRotationRecoversAKnownRotation) {
     EXPECT_LT(fitRotation(a.data(), b.data(), 12).angularDistance(truth), 1e-9);
 }
 
-TEST(StabHarnessMetrics,
-     UnwarpedGridIsFoundWhereDrawnAtItsZoomShowsNothingWrongWhenStillAndWobbleWhenTurning) {
+TEST(StabHarnessMetrics, UniformGridIsFoundAtItsZoomShowsNothingWhenStillAndWobbleWhenTurning) {
     const std::vector<float> g = uniformGrid(33, 19);
     const WarpMesh mesh(g.data(), 33, 19);
     double u, v;

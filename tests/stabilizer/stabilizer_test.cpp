@@ -138,14 +138,8 @@ TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
     EXPECT_EQ(s.counters().pathRestarts, 1u);
     // An exposure of 300 ms between 10 ms ones moves the centre times: no restart, no jump.
     for (const int64_t exposureMs : {300, 10, 10}) {
-        const VStabFrameInfo info{40,
-                                  2,
-                                  kStart + (2000 + 33 * (exposureMs == 300 ? 0 : 1)) * kMs,
-                                  exposureMs * kMs,
-                                  1.0f,
-                                  1.0f,
-                                  0,
-                                  0};
+        const int64_t t = kStart + (exposureMs == 300 ? 2000 : 2033) * kMs;
+        const VStabFrameInfo info{40, 2, t, exposureMs * kMs, 1.0f, 1.0f, 0, 0};
         ASSERT_EQ(s.warp(info, grid.data()), kStatusWarped);
         EXPECT_LT(angleBetween(previous, s.lastVirtual()), 0.3 * 0.2) << exposureMs;
         // The 10 ms frames are shown from the committed path: their centre stays centred.
