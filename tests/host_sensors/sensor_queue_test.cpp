@@ -19,14 +19,13 @@ constexpr int kIdent = 5565;
 
 // An event queue on the calling thread's looper; destroyed with the object.
 struct Queue {
-    explicit Queue(const ASensor* s = nullptr) {
+    Queue() {
         looper = ALooper_prepare(ALOOPER_PREPARE_ALLOW_NON_CALLBACKS);
         // Take a wake left on this thread's looper by an earlier test's replay end.
         while (ALooper_pollAll(0, nullptr, nullptr, nullptr) == ALOOPER_POLL_WAKE) {
         }
         manager = ASensorManager_getInstance();
-        sensor =
-            s != nullptr ? s : ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
+        sensor = ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
         queue = ASensorManager_createEventQueue(manager, looper, kIdent, nullptr, nullptr);
     }
     ~Queue() {
