@@ -161,7 +161,7 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
 }
 
 // The compiler's diagnostics reach the log; a failed link leaves the sampler alone.
-TEST_F(WarpDrawTest, ProgramFailuresReachTheLog) {
+TEST_F(WarpDrawTest, GLProgramFailuresReachTheLog) {
     cTGLShader bad(GL_VERTEX_SHADER), fs(GL_FRAGMENT_SHADER), unset(GL_FRAGMENT_SHADER);
     ASSERT_TRUE(fs.compile(WarpProgram::fragmentSource()));
     EXPECT_FALSE(bad.compile("void main() { gl_Position = undeclaredThing; }\n"));
