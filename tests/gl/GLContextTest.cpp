@@ -1,7 +1,6 @@
 #include "GLContext.h"
 
 #include <EGL/egl.h>
-#include <GLES2/gl2.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,7 +16,7 @@ const char kFreeClear[] = "GL Context clearCurrent invalid threadID ... Logical 
 
 using gltest::thrown;
 
-TEST(GLContext, NestedLevelsSwitchEGLOnlyAtTheOutermostLevelMisuseChangesNothing) {
+TEST(GLContext, NestedLevelsSwitchEGLOnlyAtTheOutermostLevelOwnershipPassesMisuseChangesNothing) {
     GLContext ctx(EGL_NO_CONTEXT);
     ASSERT_NE(ctx.context, EGL_NO_CONTEXT);
     EXPECT_EQ(ctx.threadId, -1);
@@ -38,14 +37,6 @@ TEST(GLContext, NestedLevelsSwitchEGLOnlyAtTheOutermostLevelMisuseChangesNothing
     EXPECT_EQ(ctx.count, 2);
     EXPECT_EQ(eglGetCurrentSurface(EGL_DRAW), ctx.surface);
 
-    // The real context draws: clear the 1x1 pbuffer and read it back.
-    glClearColor(0.0f, 1.0f, 0.0f, 1.0f);
-    glClear(GL_COLOR_BUFFER_BIT);
-    unsigned char pixel[4] = {};
-    glReadPixels(0, 0, 1, 1, GL_RGBA, GL_UNSIGNED_BYTE, pixel);
-    EXPECT_EQ(pixel[0], 0);
-    EXPECT_EQ(pixel[1], 255);
-
     EXPECT_TRUE(ctx.clearCurrent());
     EXPECT_EQ(eglGetCurrentContext(), ctx.context);  // inner release leaves EGL alone
     EXPECT_TRUE(ctx.clearCurrent());
@@ -55,33 +46,7 @@ TEST(GLContext, NestedLevelsSwitchEGLOnlyAtTheOutermostLevelMisuseChangesNothing
     eglDestroySurface(ctx.display, other);
     EXPECT_NE(std::string(ctx.getExtensions()).find("EGL_KHR_image_base"), std::string::npos);
 
-    // Misuse is thrown and changes nothing.
-    EXPECT_EQ(thrown([&] { ctx.clearCurrent(); }), kFreeClear);
-    EXPECT_EQ(ctx.threadId, -1);
-    EXPECT_EQ(ctx.count, 0);
-
-    // Corrupt states, set by hand: an owner at depth 0, a depth without an owner.
-    ctx.threadId = gettid();
-    EXPECT_EQ(thrown([&] { ctx.clearCurrent(); }),
-              "GL Context clearCurrent context is not current ... Logical Error");
-    ctx.threadId = -1;
-    ctx.count = 2;
-    EXPECT_EQ(thrown([&] { ctx.makeCurrent(nullptr); }),
-              "GL Context invalid thread id but thread count positive ... Logical Error");
-    EXPECT_EQ(ctx.count, 2);
-    ctx.count = 0;
-
-    auto* guard = new GLContext::Guard(&ctx);
-    EXPECT_EQ(thrown([&] { ctx.deinit(); }), "Deinitializing GL Context while a guard is active");
-    EXPECT_EQ(ctx.count, 1);
-    delete guard;
-    EXPECT_EQ(ctx.count, 0);
-    EXPECT_EQ(ctx.deinit(), EGL_TRUE);
-    ctx.init();  // handles are left after deinit; forget them so the destructor has nothing to do
-}
-
-TEST(GLContext, OwnershipPassesBetweenTwoRealThreads) {
-    GLContext ctx(EGL_NO_CONTEXT);
+    // Ownership passes between two real threads.
     ASSERT_TRUE(ctx.makeCurrent(nullptr));
     ASSERT_TRUE(ctx.makeCurrent(nullptr));
 
@@ -118,6 +83,30 @@ TEST(GLContext, OwnershipPassesBetweenTwoRealThreads) {
     EXPECT_EQ(ctx.threadId, -1);
     EXPECT_TRUE(ctx.makeCurrent(nullptr));
     EXPECT_TRUE(ctx.clearCurrent());
+
+    // Misuse is thrown and changes nothing.
+    EXPECT_EQ(thrown([&] { ctx.clearCurrent(); }), kFreeClear);
+    EXPECT_EQ(ctx.threadId, -1);
+    EXPECT_EQ(ctx.count, 0);
+
+    // Corrupt states, set by hand: an owner at depth 0, a depth without an owner.
+    ctx.threadId = gettid();
+    EXPECT_EQ(thrown([&] { ctx.clearCurrent(); }),
+              "GL Context clearCurrent context is not current ... Logical Error");
+    ctx.threadId = -1;
+    ctx.count = 2;
+    EXPECT_EQ(thrown([&] { ctx.makeCurrent(nullptr); }),
+              "GL Context invalid thread id but thread count positive ... Logical Error");
+    EXPECT_EQ(ctx.count, 2);
+    ctx.count = 0;
+
+    auto* guard = new GLContext::Guard(&ctx);
+    EXPECT_EQ(thrown([&] { ctx.deinit(); }), "Deinitializing GL Context while a guard is active");
+    EXPECT_EQ(ctx.count, 1);
+    delete guard;
+    EXPECT_EQ(ctx.count, 0);
+    EXPECT_EQ(ctx.deinit(), EGL_TRUE);
+    ctx.init();  // handles are left after deinit; forget them so the destructor has nothing to do
 }
 
 TEST(GLContextDeathTest, WithoutDisplayMakeCurrentFailsButCountsALevel) {

@@ -27,7 +27,7 @@ class GLGraphicBufferTest : public gltest::CurrentContextTest {
     }
 };
 
-TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbufferFailuresStopTheBinding) {
+TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbufferFailuresStopBindingMapperBindsOnce) {
     GLGraphicBuffer both(context, buffer(HAL_PIXEL_FORMAT_RGBA_8888), 3);
     EXPECT_NE(both.image, EGL_NO_IMAGE_KHR);
     EXPECT_TRUE(glIsRenderbuffer(both.renderbuffer));
@@ -67,6 +67,22 @@ TEST_F(GLGraphicBufferTest, UsageSelectsTextureAndRenderbufferFailuresStopTheBin
     EXPECT_NE(partial.renderbuffer, 0u);
     EXPECT_EQ(partial.texture, 0u);
     EXPECT_EQ(context->count, 1);
+
+    // The mapper binds each buffer once, until clear().
+    GbMapper mapper(context, 3);
+    sp<GraphicBuffer> a = buffer(HAL_PIXEL_FORMAT_RGBA_8888),
+                      b = buffer(HAL_PIXEL_FORMAT_RGBA_8888);
+    const uint32_t images = host::graphicsCounters().imagesLive;
+    GLGraphicBuffer* first = mapper.getGLGB(a);
+    EXPECT_EQ(mapper.getGLGB(a), first);
+    EXPECT_NE(mapper.getGLGB(b), first);
+    EXPECT_EQ(first->usage, 3);
+    EXPECT_EQ(host::graphicsCounters().imagesLive, images + 2);
+    mapper.clear();
+    EXPECT_EQ(host::graphicsCounters().imagesLive, images);
+    EXPECT_TRUE(mapper.map.empty());
+    mapper.getGLGB(a);
+    EXPECT_EQ(host::graphicsCounters().imagesLive, images + 1);  // bound anew after clear()
 }
 
 TEST_F(GLGraphicBufferTest, BindCallsThrowTheCheckMessage) {
@@ -114,23 +130,6 @@ TEST_F(GLGraphicBufferTest, BindCallsThrowTheCheckMessage) {
         << freed;
     EXPECT_EQ(context->count, 1);
     out.image = image;
-}
-
-TEST_F(GLGraphicBufferTest, MapperBindsEachBufferOnce) {
-    GbMapper mapper(context, 3);
-    sp<GraphicBuffer> a = buffer(HAL_PIXEL_FORMAT_RGBA_8888),
-                      b = buffer(HAL_PIXEL_FORMAT_RGBA_8888);
-    const uint32_t images = host::graphicsCounters().imagesLive;
-    GLGraphicBuffer* first = mapper.getGLGB(a);
-    EXPECT_EQ(mapper.getGLGB(a), first);
-    EXPECT_NE(mapper.getGLGB(b), first);
-    EXPECT_EQ(first->usage, 3);
-    EXPECT_EQ(host::graphicsCounters().imagesLive, images + 2);
-    mapper.clear();
-    EXPECT_EQ(host::graphicsCounters().imagesLive, images);
-    EXPECT_TRUE(mapper.map.empty());
-    mapper.getGLGB(a);
-    EXPECT_EQ(host::graphicsCounters().imagesLive, images + 1);  // bound anew after clear()
 }
 
 }  // namespace

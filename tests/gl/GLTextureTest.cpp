@@ -36,7 +36,7 @@ std::vector<uint8_t> pattern(int w, int h) {
     return p;
 }
 
-TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
+TEST_F(GLTextureTest, UploadAndDownloadRoundTripFailuresThrowTheCheckMessage) {
     GLTexture t(context, GL_TEXTURE_2D, 37, 23, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_NEAREST,
                 GL_CLAMP_TO_EDGE);
     ASSERT_NE(t.name, 0u);
@@ -60,8 +60,7 @@ TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
     EXPECT_EQ(in, out);
     EXPECT_EQ(context->count, 1);  // every operation gave its level back
 
-    // A non-zero alignment is reset to 0 afterwards, which this driver rejects: the data is in,
-    // and the check reports the upload's signature and GL_INVALID_VALUE.
+    // A non-zero alignment is reset to 0 afterwards, which the driver rejects: GL_INVALID_VALUE.
     std::vector<uint8_t> second = pattern(37, 23);
     second[0] ^= 0xFF;
     const std::string upload = gltest::thrown([&] { t.upload(second.data(), 4); });
@@ -71,13 +70,38 @@ TEST_F(GLTextureTest, UploadAndDownloadRoundTrip) {
     EXPECT_EQ(context->count, 1);
     t.download(out.data());
     EXPECT_EQ(second, out);
+
+    // Failures throw the check message.
+    shared_ptr<GLContext> none;
+    EXPECT_EQ(gltest::thrown([&] { GLTexture(none, GL_TEXTURE_2D, GL_LINEAR, GL_CLAMP_TO_EDGE); }),
+              "shared_ptr data is null");
+
+    GLTexture small(context, GL_TEXTURE_2D, 4, 4, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR,
+                    GL_CLAMP_TO_EDGE);
+    // Internal format and format disagree: glTexImage2D fails; the new values stay stored.
+    const std::string update = gltest::thrown([&] {
+        small.update(4, 4, GL_RGBA, GL_RGB, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE);
+    });
+    EXPECT_TRUE(std::regex_match(
+        update, std::regex(R"(void GLTexture::update\(int, int, GLint, GLenum, GLenum, )"
+                           R"(GLint, GLint\):\d+ \(1282\))")))
+        << update;
+    EXPECT_EQ(small.format, static_cast<GLenum>(GL_RGB));
+    EXPECT_EQ(context->count, 1);
+
+    // Luminance is not colour-renderable: the read-back framebuffer is incomplete.
+    GLTexture lum(context, GL_TEXTURE_2D, 4, 4, GL_LUMINANCE, GL_LUMINANCE, GL_UNSIGNED_BYTE,
+                  GL_LINEAR, GL_CLAMP_TO_EDGE);
+    EXPECT_EQ(gltest::thrown([&] { lum.download(out.data()); }),
+              "GLTexture::downloadBase(...) Could not bind texture to framebuffer");
+    EXPECT_EQ(context->count, 1);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
 }
 
 TEST_F(GLTextureTest, UnchangedParametersCostNoGLWork) {
     GLTexture t(context, GL_TEXTURE_2D, 8, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR,
                 GL_CLAMP_TO_EDGE);
-    // Unchanged values do not even take the context, so they pass on a non-owning thread;
-    // changed ones take it and are refused there.
+    // Unchanged values do not take the context (so pass on a non-owning thread), changed ones do.
     EXPECT_EQ(fromOtherThread([&] { t.setFilter(GL_LINEAR, GL_CLAMP_TO_EDGE); }), "no GL");
     EXPECT_EQ(fromOtherThread([&] {
                   t.update(8, 8, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE);
@@ -120,33 +144,6 @@ TEST_F(GLTextureTest, UnchangedParametersCostNoGLWork) {
     ext.destroyName();
     EXPECT_EQ(ext.name, 0u);
     EXPECT_EQ(fromOtherThread([&] { ext.destroyName(); }), "no GL");
-}
-
-TEST_F(GLTextureTest, FailuresThrowTheCheckMessage) {
-    shared_ptr<GLContext> none;
-    EXPECT_EQ(gltest::thrown([&] { GLTexture(none, GL_TEXTURE_2D, GL_LINEAR, GL_CLAMP_TO_EDGE); }),
-              "shared_ptr data is null");
-
-    GLTexture t(context, GL_TEXTURE_2D, 4, 4, GL_RGBA, GL_RGBA, GL_UNSIGNED_BYTE, GL_LINEAR,
-                GL_CLAMP_TO_EDGE);
-    // Internal format and format disagree: glTexImage2D fails; the new values stay stored.
-    const std::string update = gltest::thrown(
-        [&] { t.update(4, 4, GL_RGBA, GL_RGB, GL_UNSIGNED_BYTE, GL_LINEAR, GL_CLAMP_TO_EDGE); });
-    EXPECT_TRUE(std::regex_match(
-        update, std::regex(R"(void GLTexture::update\(int, int, GLint, GLenum, GLenum, )"
-                           R"(GLint, GLint\):\d+ \(1282\))")))
-        << update;
-    EXPECT_EQ(t.format, static_cast<GLenum>(GL_RGB));
-    EXPECT_EQ(context->count, 1);
-
-    // Luminance is not colour-renderable: the read-back framebuffer is incomplete.
-    GLTexture lum(context, GL_TEXTURE_2D, 4, 4, GL_LUMINANCE, GL_LUMINANCE, GL_UNSIGNED_BYTE,
-                  GL_LINEAR, GL_CLAMP_TO_EDGE);
-    std::vector<uint8_t> out(64);
-    EXPECT_EQ(gltest::thrown([&] { lum.download(out.data()); }),
-              "GLTexture::downloadBase(...) Could not bind texture to framebuffer");
-    EXPECT_EQ(context->count, 1);
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
 }
 
 }  // namespace

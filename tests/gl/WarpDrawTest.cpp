@@ -1,13 +1,12 @@
-// The warp program draws an RGBA frame through a turned, zoomed grid, as the engine's render call
-// does; every output pixel is compared with GL's bilinear sampling rule evaluated on the CPU.
+// The warp program draws through a turned, zoomed grid as the engine does, to GL's bilinear rule.
 #include <GLES2/gl2.h>
-#include <GLES2/gl2ext.h>
 #include <gtest/gtest.h>
 #include <ui/GraphicBuffer.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "GLGraphicBuffer.h"
@@ -58,6 +57,8 @@ double referenceSample(double u, double v, int channel) {
            ay * ((1 - ax) * texel(x0, y0 + 1) + ax * texel(x0 + 1, y0 + 1));
 }
 
+using WarpProgram = cTGLProgram<PwarpVS, PwarpFS>;
+
 class WarpDrawTest : public gltest::CurrentContextTest {};
 
 TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
@@ -80,16 +81,21 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
     }
     source->unlock();
 
-    cTGLShader vertexShader(PwarpVS::type);
-    cTGLShader fragmentShader(PwarpFS::type);
-    vertexShader.compile(PwarpVS::source);
-    fragmentShader.compile(PwarpFS::source);
-    cTGLProgram<PwarpVS, PwarpFS> program;
-    program.initialize(vertexShader, fragmentShader);
+    cTGLShader vs(GL_VERTEX_SHADER), fs(GL_FRAGMENT_SHADER);
+    ASSERT_TRUE(vs.compile(WarpProgram::vertexSource())) << vs.log();
+    ASSERT_TRUE(fs.compile(WarpProgram::fragmentSource())) << fs.log();
+    WarpProgram program;
+    program.initialize(vs, fs);
     ASSERT_TRUE(program.link()) << program.log();
+    EXPECT_EQ(program.log(), "<Blank Log>");
+    EXPECT_GE(program.samplerLocation, 0);
+    EXPECT_EQ(glGetAttribLocation(program.program, "aPosition"), 0);
+    EXPECT_EQ(glGetAttribLocation(program.program, "aTexCoord"), 1);
+    GLint attached = -1;
+    glGetProgramiv(program.program, GL_ATTACHED_SHADERS, &attached);
+    EXPECT_EQ(attached, 0);  // detached again after linking
 
-    // Texture coordinates: the engine's mesh. Positions: the same grid scaled by kZoom and
-    // turned, so that output point p samples the texture at ((R^-1 p) / kZoom + 1) / 2.
+    // The engine's mesh, scaled by kZoom and turned: p samples at ((R^-1 p) / kZoom + 1) / 2.
     cTGridMesh mesh;
     mesh.resize(kColumns + 2, kRows + 2);
     mesh.uniformBorder(0.0f, 1.0f, 1.0f, 0.0f);
@@ -126,8 +132,7 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
     glFinish();
     ASSERT_EQ(glGetError(), static_cast<GLenum>(GL_NO_ERROR));
 
-    // Row 0 is window y = 0. The driver's 8-bit filter weights cost up to about two levels; a
-    // position error of a tenth of a pixel already moves these sines by up to 9 levels.
+    // 8-bit filter weights cost about two levels; a 0.1 pixel shift moves the sines up to 9.
     ASSERT_EQ(target->lock(GraphicBuffer::USAGE_SW_READ_OFTEN, &address), 0);
     double sumError = 0.0;
     double maxError = 0.0;
@@ -153,6 +158,33 @@ TEST_F(WarpDrawTest, TurnedGridMatchesBilinearReference) {
     const double meanError = sumError / count;
     EXPECT_LT(meanError, 0.6);
     EXPECT_LT(maxError, 2.5);
+}
+
+// The compiler's diagnostics reach the log; a failed link leaves the sampler alone.
+TEST_F(WarpDrawTest, GLProgramFailuresReachTheLog) {
+    cTGLShader bad(GL_VERTEX_SHADER), fs(GL_FRAGMENT_SHADER), unset(GL_FRAGMENT_SHADER);
+    ASSERT_TRUE(fs.compile(WarpProgram::fragmentSource()));
+    EXPECT_FALSE(bad.compile("void main() { gl_Position = undeclaredThing; }\n"));
+    const std::string compiler = bad.log();
+    EXPECT_NE(compiler.find("undeclaredThing"), std::string::npos) << compiler;
+    WarpProgram failed;
+    failed.samplerLocation = 1234;
+    failed.initialize(bad, fs);
+    EXPECT_FALSE(failed.ok);
+    EXPECT_FALSE(failed.link());
+    EXPECT_EQ(failed.samplerLocation, 1234);
+    GLint attached = -1;
+    glGetProgramiv(failed.program, GL_ATTACHED_SHADERS, &attached);
+    EXPECT_EQ(attached, 0);
+    const std::string log = failed.log();
+    const std::string head = "Vertex Shader:\n" + compiler + "\n";
+    EXPECT_EQ(log.compare(0, head.size(), head), 0) << log;
+    EXPECT_NE(log.find("Program Link:\n", head.size()), std::string::npos) << log;
+
+    // A shader never given source counts as failed, with the shader's blank log.
+    WarpProgram second;
+    second.initialize(fs, unset);
+    EXPECT_EQ(second.message, "Fragment Shader:\n<Blank Log>\n");
 }
 
 }  // namespace

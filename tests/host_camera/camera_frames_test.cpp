@@ -1,6 +1,4 @@
 // Recording frames: the memory layout the engine reads, and recordings that do not fit.
-// (Frame content, order, pacing and timestamps are checked where the engine and the replay tool
-// consume them: tests/engine, tests/replay.)
 #include <camera/Camera.h>
 #include <gtest/gtest.h>
 
@@ -8,26 +6,6 @@
 
 #include "LogCapture.h"
 #include "host/HostCamera.h"
-
-using host::CameraDevice;
-using host::FrameLayout;
-
-namespace {
-
-// A small camera (64x48) fed by `source`.
-host::CameraSetup smallSetup(std::shared_ptr<host::FrameSource> source) {
-    host::CameraSetup setup;
-    setup.videoSizes = setup.previewSizes = setup.pictureSizes = {{64, 48}};
-    setup.videoSize = setup.previewSize = setup.pictureSize = {64, 48};
-    setup.frameRates = {30, 120};
-    setup.frameRate = 30;
-    setup.bufferCount = 2;
-    setup.pacing = host::Pacing::AsFastAsConsumed;
-    setup.source = std::move(source);
-    return setup;
-}
-
-}  // namespace
 
 TEST(FrameLayout, PitchChromaOffsetAndSize) {
     struct Case {
@@ -42,12 +20,12 @@ TEST(FrameLayout, PitchChromaOffsetAndSize) {
         {130, 34, 256, 256u * 64, 256u * 96},
     };
     for (const Case& c : cases) {
-        FrameLayout l = FrameLayout::forSize(c.w, c.h);
+        const host::FrameLayout l = host::FrameLayout::forSize(c.w, c.h);
         EXPECT_EQ(l.pitch, c.pitch) << c.w << "x" << c.h;
         EXPECT_EQ(l.chromaOffset, c.chroma) << c.w << "x" << c.h;
         EXPECT_EQ(l.bytes, c.bytes) << c.w << "x" << c.h;
     }
-    EXPECT_THROW(FrameLayout::forSize(0, 1080), std::invalid_argument);
+    EXPECT_THROW(host::FrameLayout::forSize(0, 1080), std::invalid_argument);
 }
 
 class ErrorListener : public android::CameraListener {
@@ -70,9 +48,16 @@ class ErrorListener : public android::CameraListener {
 
 TEST(FrameSources, ARecordingOfTheWrongSizeFailsWithAnError) {
     LogCapture log;
+    host::CameraSetup setup;  // a 64x48 camera fed 32x16 frames
+    setup.videoSizes = setup.previewSizes = setup.pictureSizes = {{64, 48}};
+    setup.videoSize = setup.previewSize = setup.pictureSize = {64, 48};
+    setup.frameRates = {30, 120};
+    setup.frameRate = 30;
+    setup.bufferCount = 2;
+    setup.pacing = host::Pacing::AsFastAsConsumed;
     std::vector<host::RecordedFrame> frames(3);
-    auto source = std::make_shared<host::VectorFrameSource>(32, 16, frames);
-    auto device = CameraDevice::create(smallSetup(source));
+    setup.source = std::make_shared<host::VectorFrameSource>(32, 16, frames);
+    auto device = host::CameraDevice::create(std::move(setup));
     auto camera = device->connect();
     android::sp<ErrorListener> listener = new ErrorListener;
     camera->setListener(listener);

@@ -12,7 +12,7 @@ using android::Size;
 using android::String8;
 using android::Vector;
 
-TEST(CameraParameters, TextRoundTripsSortedByKeyAndMalformedEntriesAreRefused) {
+TEST(CameraParameters, TextRoundTripsSortedByKeyMalformedEntriesAreRefusedSizesAndLists) {
     CameraParameters p(String8("video-size=1920x1080;recording-hint=true;a=b=c"));
     EXPECT_STREQ(p.get("video-size"), "1920x1080");
     EXPECT_STREQ(p.get("recording-hint"), "true");
@@ -29,10 +29,9 @@ TEST(CameraParameters, TextRoundTripsSortedByKeyAndMalformedEntriesAreRefused) {
     CameraParameters m(String8("a=1;junk;=3;;b=2;"));
     EXPECT_EQ(std::string(m.flatten().string()), "a=1;b=2");
     EXPECT_EQ(log.countContaining("malformed camera parameter"), 2);
-}
 
-TEST(CameraParameters, SizesNumbersAndLists) {
-    CameraParameters p;
+    // Sizes, numbers and lists.
+    p = CameraParameters();
     int w = 0;
     int h = 0;
     p.getVideoSize(&w, &h);

@@ -1,6 +1,4 @@
-// GL helpers for tests and benchmarks that run on the host driver: an engine-like EGL context on
-// the default display, image import, and draw/read helpers. Programs using them also link
-// qlmr_gl_test_process (tests/support), which keeps the driver loaded.
+// GL helpers on the host driver (link qlmr_gl_test_process too): context, image import, drawing.
 #pragma once
 
 #include <EGL/egl.h>
@@ -14,8 +12,7 @@
 
 namespace gltest {
 
-// An ES2 context with a 1 x 1 pbuffer on eglGetDisplay(EGL_DEFAULT_DISPLAY), as the engine
-// makes it. The destructor destroys the context (the display stays initialised).
+// The engine's ES2 context with a 1 x 1 pbuffer on the default display (left initialised).
 class Context {
   public:
     Context();
@@ -37,8 +34,7 @@ class Context {
 // eglCreateImageKHR for a GraphicBuffer as the engine calls it.
 EGLImageKHR importBuffer(EGLDisplay display, const android::sp<android::GraphicBuffer>& buffer);
 
-// Draws `image` through a samplerExternalOES into a width x height RGBA framebuffer (texel
-// centres hit exactly) and returns its pixels, row 0 first. Needs a current context.
+// `image` drawn through samplerExternalOES at texel centres: RGBA rows, row 0 first. Needs GL.
 std::vector<uint8_t> sampleExternal(EGLImageKHR image, int width, int height);
 
 // The exact BT.601 limited-range conversion, for references.

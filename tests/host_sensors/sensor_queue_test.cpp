@@ -1,6 +1,4 @@
-// The host sensor service through the NDK API: the installed gyroscope, event rates and what a
-// real-time replay drops. (Order, batches, gating and restarts are checked where the engine's
-// sensor thread consumes them: tests/engine.)
+// The host sensor service through the NDK API: the gyroscope, event rates, real-time drops.
 #include <android/looper.h>
 #include <android/sensor.h>
 #include <gtest/gtest.h>
@@ -21,15 +19,13 @@ constexpr int kIdent = 5565;
 
 // An event queue on the calling thread's looper; destroyed with the object.
 struct Queue {
-    explicit Queue(const ASensor* s = nullptr) {
+    Queue() {
         looper = ALooper_prepare(ALOOPER_PREPARE_ALLOW_NON_CALLBACKS);
-        // The test thread's looper outlives each test: take a wake left by an earlier
-        // replay's end, so that it does not end this test's first poll.
+        // Take a wake left on this thread's looper by an earlier test's replay end.
         while (ALooper_pollAll(0, nullptr, nullptr, nullptr) == ALOOPER_POLL_WAKE) {
         }
         manager = ASensorManager_getInstance();
-        sensor =
-            s != nullptr ? s : ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
+        sensor = ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
         queue = ASensorManager_createEventQueue(manager, looper, kIdent, nullptr, nullptr);
     }
     ~Queue() {
@@ -39,8 +35,7 @@ struct Queue {
     Queue(const Queue&) = delete;
     Queue& operator=(const Queue&) = delete;
 
-    // Polls and reads events one at a time until `count` have arrived or a poll returns a
-    // negative result (stored in lastPoll).
+    // Reads events until `count` have arrived or a poll returns a negative lastPoll.
     std::vector<ASensorEvent> read(size_t count, int timeoutMs = 5000) {
         std::vector<ASensorEvent> events;
         while (events.size() < count) {
@@ -64,21 +59,17 @@ struct Queue {
     int lastPoll = 0;
 };
 
-// `count` samples 1 ms apart from `firstNs`, with rates that identify each sample.
-std::vector<host::GyroSample> samples(size_t count, int64_t firstNs = 1000000000) {
+// `count` samples 1 ms apart, with rates that identify each sample.
+host::GyroSetup replaySetup(size_t count, host::Pacing pacing, size_t capacity) {
     std::vector<host::GyroSample> list(count);
     for (size_t i = 0; i < count; ++i) {
-        list[i].timestampNs = firstNs + static_cast<int64_t>(i) * 1000000;
+        list[i].timestampNs = 1000000000 + static_cast<int64_t>(i) * 1000000;
         list[i].x = static_cast<float>(i);
         list[i].y = -static_cast<float>(i);
         list[i].z = 0.5f;
     }
-    return list;
-}
-
-host::GyroSetup replaySetup(size_t count, host::Pacing pacing, size_t capacity) {
     host::GyroSetup setup;
-    setup.source = std::make_shared<host::ReplayGyroSource>(samples(count));
+    setup.source = std::make_shared<host::ReplayGyroSource>(list);
     setup.pacing = pacing;
     setup.queueCapacity = capacity;
     return setup;
@@ -86,33 +77,24 @@ host::GyroSetup replaySetup(size_t count, host::Pacing pacing, size_t capacity) 
 
 }  // namespace
 
-TEST(SensorManager, DescribesTheInstalledGyroscope) {
-    host::GyroSetup setup = replaySetup(1, Pacing::RealTime, 8);
+TEST(SensorQueue, DescribesTheInstalledGyroscopeEnableRateAndDisableSemantics) {
+    ASSERT_TRUE(host::removeGyro());
+    EXPECT_EQ(Queue().sensor, nullptr);
+    EXPECT_THROW(host::installGyro(host::GyroSetup{}), std::invalid_argument);
+    EXPECT_THROW(host::installGyro(replaySetup(1, Pacing::RealTime, 0)), std::invalid_argument);
+    host::GyroSetup setup = replaySetup(1000, Pacing::AsFastAsConsumed, 4);
     setup.name = "Test Gyro";
     setup.minDelayUs = 5000;
-    ASensorManager* manager = ASensorManager_getInstance();
-    ASSERT_TRUE(host::removeGyro());
-    EXPECT_EQ(ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE), nullptr);
-    ASSERT_TRUE(host::installGyro(setup));
-    const ASensor* gyro = ASensorManager_getDefaultSensor(manager, ASENSOR_TYPE_GYROSCOPE);
-    ASSERT_NE(gyro, nullptr);
-    EXPECT_STREQ(ASensor_getName(gyro), "Test Gyro");
-    EXPECT_EQ(ASensor_getMinDelay(gyro), 5000);
-    EXPECT_THROW(host::installGyro(host::GyroSetup{}), std::invalid_argument);
-    host::GyroSetup bad = replaySetup(1, Pacing::RealTime, 0);
-    EXPECT_THROW(host::installGyro(bad), std::invalid_argument);
-}
-
-TEST(SensorQueue, EnableRateAndDisableSemantics) {
-    host::GyroSetup setup = replaySetup(1000, Pacing::AsFastAsConsumed, 4);
     setup.gate = [](int64_t) { return false; };  // nothing flows: only the bookkeeping counts
     ASSERT_TRUE(host::installGyro(setup));
     Queue q;
     ASSERT_NE(q.queue, nullptr);
+    EXPECT_STREQ(ASensor_getName(q.sensor), "Test Gyro");
+    EXPECT_EQ(ASensor_getMinDelay(q.sensor), 5000);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 5000), -EINVAL);  // not enabled
     ASSERT_EQ(ASensorEventQueue_enableSensor(q.queue, q.sensor), 0);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 1000), 0);
-    EXPECT_EQ(host::sensorCounters().periodNs, 2500000);  // raised to the minimum delay
+    EXPECT_EQ(host::sensorCounters().periodNs, 5000000);  // raised to the minimum delay
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, 20000), 0);
     EXPECT_EQ(host::sensorCounters().periodNs, 20000000);
     EXPECT_EQ(ASensorEventQueue_setEventRate(q.queue, q.sensor, -1), -EINVAL);

@@ -6,9 +6,8 @@
 #include <cstring>
 #include <future>
 #include <limits>
-#include <mutex>
+#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <android/log.h>
@@ -112,15 +111,13 @@ TEST(VStabApi, ConfigRecordFieldsSitAtTheEnginesOffsetsUnknownKeysAreReportedOnc
 }
 
 TEST(VStabApi, RefusedConfigurationExplainsItselfWithinTheBuffer) {
-    const std::string bad = "vstab.gridRows=1\n";
+    const char bad[] = "vstab.gridRows=1\n";
     for (unsigned int capacity : {0u, 1u, 10u, 512u}) {
         char buf[600];
         std::memset(buf, 0x5a, sizeof buf);
         unsigned int size = capacity;
         void* handle = reinterpret_cast<void*>(0x1);
-        EXPECT_NE(vStabCreateUseCharCnfgBuff(&handle, bad.data(), static_cast<int>(bad.size()), buf,
-                                             &size),
-                  0);
+        EXPECT_NE(vStabCreateUseCharCnfgBuff(&handle, bad, sizeof bad - 1, buf, &size), 0);
         EXPECT_EQ(handle, nullptr);
         for (size_t k = capacity; k < sizeof buf; ++k)
             ASSERT_EQ(buf[k], 0x5a) << "written past the capacity " << capacity;
@@ -135,7 +132,7 @@ TEST(VStabApi, RefusedConfigurationExplainsItselfWithinTheBuffer) {
     EXPECT_NE(vStabCreateUseCharCnfgBuff(&h, "", -1, nullptr, nullptr), 0);
 }
 
-TEST(VStabApi, StatusFollowsTheGyroCoverageOfTheFrame) {
+TEST(VStabApi, StatusFollowsTheGyroCoverageOfTheFrameContractViolationsAreErrors) {
     Lib lib;
     ASSERT_EQ(lib.status, 0);
     const int64_t frame = kStart + 1000 * kMs;
@@ -147,8 +144,28 @@ TEST(VStabApi, StatusFollowsTheGyroCoverageOfTheFrame) {
     const int64_t latency = fresh.config().latencyNs;
     fresh.feedStill(frame - 500 * kMs, frame + latency);
     EXPECT_EQ(fresh.warp(frame), 2) << "look-ahead not yet complete";
-    fresh.feedStill(frame + latency, frame + latency + 50 * kMs);
+    fresh.feedStill(frame + latency, frame + latency + 100 * kMs);
     EXPECT_EQ(fresh.warp(frame), 0);
+    // Contract violations are errors the engine stops on; odd but legal values are warped.
+    const std::set<int> notFatal = {0, 1, 2, 5, 25, 26, 27, 20000, 20001};
+    auto fatal = [&](int s) { return notFatal.count(s) == 0; };
+    VStabFrameInfo info{40, 2, frame + 33 * kMs, 0, 1.0f, 1.0f, 0, 0};
+    EXPECT_TRUE(fatal(vStabWarpGrid(nullptr, &info, &fresh.out)));
+    EXPECT_TRUE(fatal(vStabWarpGrid(fresh.handle, nullptr, &fresh.out)));
+    EXPECT_TRUE(fatal(vStabWarpGrid(fresh.handle, &info, nullptr)));
+    VStabOutput empty{0, 0, nullptr};
+    EXPECT_TRUE(fatal(vStabWarpGrid(fresh.handle, &info, &empty)));
+    VStabFrameInfo wrong = info;
+    wrong.recordSize = 36;
+    EXPECT_TRUE(fatal(vStabWarpGrid(fresh.handle, &wrong, &fresh.out)));
+    EXPECT_NE(vStabAddAngularVelocity(nullptr, kStart, nullptr), 0);
+    EXPECT_NE(vStabDestroy(nullptr), 0);
+    VStabFrameInfo odd = info;
+    odd.exposureNs = -5;
+    odd.zoom = std::numeric_limits<float>::quiet_NaN();
+    EXPECT_EQ(vStabWarpGrid(fresh.handle, &odd, &fresh.out), 0);
+    odd.timestampNs = std::numeric_limits<int64_t>::min();
+    EXPECT_EQ(vStabWarpGrid(fresh.handle, &odd, &fresh.out), 1);
 
     Lib shortHistory("vstab.gyroRateMaxHz=50\n");  // about 4 s at 400 Hz
     shortHistory.feedStill(kStart, kStart + 20000 * kMs);
@@ -184,54 +201,23 @@ TEST(VStabApi, StillCameraGetsTheUnwarpedGridAtItsSmallestZoom) {
     }
 }
 
-TEST(VStabApi, ShakeIsCancelledAndAPanIsFollowed) {
-    // A 0.2 rad/s yaw pan with 5 Hz yaw and 4 Hz pitch shake: the grid centre cancels the shake.
-    Lib lib;
+// A 0.2 rad/s yaw pan with 5 Hz yaw and 4 Hz pitch shake: the grid centre cancels the shake.
+// Unusable samples and a repeated frame change nothing: the same grids as on a clean handle.
+TEST(VStabApi, ShakeIsCancelledAndUnusableSamplesOrRepeatedFramesChangeNothing) {
+    Lib clean, dirty;
     const double pi = 3.14159265358979;
     const double wy = 2 * pi * 5.0, wx = 2 * pi * 4.0;
-    lib.feed(kStart, kStart + 4000 * kMs, [&](double t, float* r) {
+    auto rate = [&](double t, float* r) {
         r[0] = static_cast<float>(0.006 * wx * std::cos(wx * t));
         r[1] = static_cast<float>(0.2 + 0.01 * wy * std::cos(wy * t));
         r[2] = 0.0f;
-    });
-    const VStabConfigRecord& c = lib.config();
-    const size_t centre = 3 * ((c.gridRows / 2) * c.gridColumns + c.gridColumns / 2);
-    const double fx = 0.5 / std::tan(33.0 * pi / 180.0);
-    const double fy = 0.5 / std::tan(20.07 * pi / 180.0);
-    double worst = 0.0, spreadX = 0.0, spreadY = 0.0;
-    for (int64_t f = kStart + 500 * kMs; f < kStart + 3000 * kMs; f += 33 * kMs) {
-        ASSERT_EQ(lib.warp(f), 0);
-        if (f < kStart + 1500 * kMs) {
-            continue;  // the path starts at the shaken pose and settles first
-        }
-        // The shake turns the camera right and down: the frame centre shows right of and above.
-        const double t = static_cast<double>(f + 5 * kMs + 15 * kMs - kStart) * 1e-9;
-        const double x = 2.5 * fx * std::tan(0.01 * std::sin(wy * t));
-        const double y = -2.5 * fy * std::tan(0.006 * std::sin(wx * t));
-        worst = std::fmax(worst, std::fabs(lib.vertices[centre] - x));
-        worst = std::fmax(worst, std::fabs(lib.vertices[centre + 1] - y));
-        spreadX = std::fmax(spreadX, std::fabs(lib.vertices[centre]));
-        spreadY = std::fmax(spreadY, std::fabs(lib.vertices[centre + 1]));
-    }
-    EXPECT_LT(worst, 0.004) << "shake left in the output (NDC)";
-    EXPECT_GT(spreadX, 0.015) << "the grid does not move with the yaw shake";
-    EXPECT_GT(spreadY, 0.015) << "the grid does not move with the pitch shake";
-}
-
-// Unusable samples and a repeated frame change nothing: the same grids as on a clean handle.
-TEST(VStabApi, UnusableSamplesAndRepeatedFramesChangeNothing) {
-    Lib clean, dirty;
+    };
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();
-    auto rate = [](double t, float* r) {
-        r[0] = static_cast<float>(0.1 * std::sin(9 * t));
-        r[1] = static_cast<float>(0.2 * std::cos(13 * t));
-        r[2] = 0.05f;
-    };
-    for (int64_t t = kStart; t < kStart + 2000 * kMs; t += 100 * kMs) {
+    const float garbage[4][3] = {{nan, 0, 0}, {0, inf, 0}, {1e30f, 0, 0}, {0, 0, -inf}};
+    for (int64_t t = kStart; t < kStart + 4000 * kMs; t += 100 * kMs) {
         clean.feed(t, t + 100 * kMs, rate);
         dirty.feed(t, t + 100 * kMs, rate);
-        const float garbage[4][3] = {{nan, 0, 0}, {0, inf, 0}, {1e30f, 0, 0}, {0, 0, -inf}};
         for (const auto& g : garbage) {
             EXPECT_EQ(vStabAddAngularVelocity(dirty.handle, t + 100 * kMs - 1, g), 0);
         }
@@ -241,44 +227,34 @@ TEST(VStabApi, UnusableSamplesAndRepeatedFramesChangeNothing) {
                                           garbage[2]),
                   0);
     }
-    for (int64_t f = kStart + 300 * kMs; f < kStart + 1300 * kMs; f += 33 * kMs) {
+    const VStabConfigRecord& c = clean.config();
+    const size_t centre = 3 * ((c.gridRows / 2) * c.gridColumns + c.gridColumns / 2);
+    const double fx = 0.5 / std::tan(33.0 * pi / 180.0);
+    const double fy = 0.5 / std::tan(20.07 * pi / 180.0);
+    double worst = 0.0, spreadX = 0.0, spreadY = 0.0;
+    for (int64_t f = kStart + 500 * kMs; f < kStart + 3000 * kMs; f += 33 * kMs) {
         ASSERT_EQ(clean.warp(f), 0);
         ASSERT_EQ(dirty.warp(f), 0);
         ASSERT_EQ(dirty.warp(f), 0);  // the same frame again does not advance the path
         ASSERT_EQ(clean.vertices, dirty.vertices);
+        if (f < kStart + 1500 * kMs) {
+            continue;  // the path starts at the shaken pose and settles first
+        }
+        // The shake turns the camera right and down: the frame centre shows right of and above.
+        const double t = static_cast<double>(f + 5 * kMs + 15 * kMs - kStart) * 1e-9;
+        const double x = 2.5 * fx * std::tan(0.01 * std::sin(wy * t));
+        const double y = -2.5 * fy * std::tan(0.006 * std::sin(wx * t));
+        worst = std::fmax(worst, std::fabs(clean.vertices[centre] - x));
+        worst = std::fmax(worst, std::fabs(clean.vertices[centre + 1] - y));
+        spreadX = std::fmax(spreadX, std::fabs(clean.vertices[centre]));
+        spreadY = std::fmax(spreadY, std::fabs(clean.vertices[centre + 1]));
     }
+    EXPECT_LT(worst, 0.004) << "shake left in the output (NDC)";
+    EXPECT_GT(spreadX, 0.015) << "the grid does not move with the yaw shake";
+    EXPECT_GT(spreadY, 0.015) << "the grid does not move with the pitch shake";
 }
 
-TEST(VStabApi, ContractViolationsAreErrorsTheEngineStopsOn) {
-    Lib lib;
-    lib.feedStill(kStart, kStart + 2000 * kMs);
-    auto fatal = [](int s) {
-        for (int notFatal : {0, 1, 2, 5, 25, 26, 27, 20000, 20001})
-            if (s == notFatal)
-                return false;
-        return true;
-    };
-    VStabFrameInfo info{40, 2, kStart + 500 * kMs, 0, 1.0f, 1.0f, 0, 0};
-    EXPECT_TRUE(fatal(vStabWarpGrid(nullptr, &info, &lib.out)));
-    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, nullptr, &lib.out)));
-    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, &info, nullptr)));
-    VStabOutput empty{0, 0, nullptr};
-    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, &info, &empty)));
-    VStabFrameInfo wrong = info;
-    wrong.recordSize = 36;
-    EXPECT_TRUE(fatal(vStabWarpGrid(lib.handle, &wrong, &lib.out)));
-    EXPECT_NE(vStabAddAngularVelocity(nullptr, kStart, nullptr), 0);
-    EXPECT_NE(vStabDestroy(nullptr), 0);
-    // Odd but legal frame values are warped, not refused.
-    VStabFrameInfo odd = info;
-    odd.exposureNs = -5;
-    odd.zoom = std::numeric_limits<float>::quiet_NaN();
-    EXPECT_EQ(vStabWarpGrid(lib.handle, &odd, &lib.out), 0);
-    odd.timestampNs = std::numeric_limits<int64_t>::min();
-    EXPECT_EQ(vStabWarpGrid(lib.handle, &odd, &lib.out), 1);
-}
-
-// Handles share no state; the engine's pattern (two threads, one handle, a mutex) finishes.
+// Handles on two threads share no state: the same gyro gives the same grids.
 TEST(VStabApi, HandlesShareNoStateAcrossThreads) {
     auto run = []() {
         Lib lib;
@@ -302,40 +278,6 @@ TEST(VStabApi, HandlesShareNoStateAcrossThreads) {
     const std::vector<float> ra = a.get();
     EXPECT_FALSE(ra.empty());
     EXPECT_EQ(ra, b.get());
-
-    Lib shared;
-    std::mutex m;
-    auto gyro = std::async(std::launch::async, [&] {
-        for (int64_t t = kStart; t < kStart + 2000 * kMs; t += 2500000) {
-            const float r[3] = {0.01f, -0.02f, 0.0f};
-            std::lock_guard<std::mutex> lock(m);
-            if (vStabAddAngularVelocity(shared.handle, t, r) != 0) {
-                return false;
-            }
-        }
-        return true;
-    });
-    auto frames = std::async(std::launch::async, [&] {
-        int warped = 0;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        for (int64_t f = kStart + 100 * kMs;
-             f < kStart + 1300 * kMs && std::chrono::steady_clock::now() < deadline;) {
-            std::unique_lock<std::mutex> lock(m);
-            const int s = shared.warp(f);
-            lock.unlock();
-            if (s == 2) {
-                std::this_thread::yield();
-                continue;
-            }
-            warped += s == 0;
-            f += 33 * kMs;
-        }
-        return warped;
-    });
-    ASSERT_EQ(gyro.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    ASSERT_EQ(frames.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    EXPECT_TRUE(gyro.get());
-    EXPECT_GT(frames.get(), 30);
 }
 
 }  // namespace

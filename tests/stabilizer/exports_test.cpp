@@ -1,5 +1,4 @@
-// libzef_gyro_vstab.so exports exactly the five C functions and needs neither GL nor the engine:
-// read from its ELF dynamic symbols and section (64-bit on the host, 32-bit in the ARM build).
+// libzef_gyro_vstab.so's ELF dynamic symbols and needed libraries (64-bit host, 32-bit ARM).
 #include <elf.h>
 #include <gtest/gtest.h>
 #include <link.h>
@@ -19,52 +18,35 @@ struct Elf {
     std::vector<std::string> needed;
 };
 
-template <typename T>
-const T* at(const std::vector<char>& b, size_t offset) {
-    return offset + sizeof(T) <= b.size() ? reinterpret_cast<const T*>(b.data() + offset) : nullptr;
-}
-
+// Reads the dynamic symbols and needed libraries of a shared object of this ABI's class.
 bool readElf(const char* path, Elf& e) {
     std::ifstream in(path, std::ios::binary);
     e.bytes.assign(std::istreambuf_iterator<char>(in), {});
-    const ElfW(Ehdr)* h = at<ElfW(Ehdr)>(e.bytes, 0);
-    if (h == nullptr || std::memcmp(h->e_ident, ELFMAG, SELFMAG) != 0 ||
-        h->e_ident[EI_CLASS] != (__ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : ELFCLASS32)) {
+    const auto* h = reinterpret_cast<const ElfW(Ehdr)*>(e.bytes.data());
+    if (e.bytes.size() < sizeof *h || std::memcmp(h->e_ident, ELFMAG, SELFMAG) != 0 ||
+        h->e_ident[EI_CLASS] != (__ELF_NATIVE_CLASS == 64 ? ELFCLASS64 : ELFCLASS32) ||
+        h->e_shoff + h->e_shnum * sizeof(ElfW(Shdr)) > e.bytes.size()) {
         return false;
     }
-    std::vector<const ElfW(Shdr)*> sections;
+    const auto* sections = reinterpret_cast<const ElfW(Shdr)*>(e.bytes.data() + h->e_shoff);
     for (size_t i = 0; i < h->e_shnum; ++i) {
-        const ElfW(Shdr)* s = at<ElfW(Shdr)>(e.bytes, h->e_shoff + i * h->e_shentsize);
-        if (s == nullptr) {
-            return false;
-        }
-        sections.push_back(s);
-    }
-    auto str = [&](const ElfW(Shdr) * table, size_t index) {
-        const size_t o = table->sh_offset + index;
-        return o < e.bytes.size() ? std::string(e.bytes.data() + o) : std::string();
-    };
-    for (const ElfW(Shdr) * s : sections) {
-        if (s->sh_link >= sections.size()) {
-            continue;
-        }
-        const ElfW(Shdr)* strings = sections[s->sh_link];
-        if (s->sh_type == SHT_DYNSYM) {
-            for (size_t o = s->sh_offset; o + sizeof(ElfW(Sym)) <= s->sh_offset + s->sh_size;
-                 o += sizeof(ElfW(Sym))) {
-                const ElfW(Sym)* sym = at<ElfW(Sym)>(e.bytes, o);
+        const ElfW(Shdr)& s = sections[i];
+        const char* strings = e.bytes.data() + sections[s.sh_link].sh_offset;
+        const char* data = e.bytes.data() + s.sh_offset;
+        if (s.sh_type == SHT_DYNSYM) {
+            for (size_t o = 0; o + sizeof(ElfW(Sym)) <= s.sh_size; o += sizeof(ElfW(Sym))) {
+                const auto* sym = reinterpret_cast<const ElfW(Sym)*>(data + o);
                 const int bind = ELF32_ST_BIND(sym->st_info);
                 if (sym->st_shndx != SHN_UNDEF && (bind == STB_GLOBAL || bind == STB_WEAK) &&
                     ELF32_ST_VISIBILITY(sym->st_other) == STV_DEFAULT) {
-                    e.definedGlobals.insert(str(strings, sym->st_name));
+                    e.definedGlobals.insert(strings + sym->st_name);
                 }
             }
-        } else if (s->sh_type == SHT_DYNAMIC) {
-            for (size_t o = s->sh_offset; o + sizeof(ElfW(Dyn)) <= s->sh_offset + s->sh_size;
-                 o += sizeof(ElfW(Dyn))) {
-                const ElfW(Dyn)* d = at<ElfW(Dyn)>(e.bytes, o);
+        } else if (s.sh_type == SHT_DYNAMIC) {
+            for (size_t o = 0; o + sizeof(ElfW(Dyn)) <= s.sh_size; o += sizeof(ElfW(Dyn))) {
+                const auto* d = reinterpret_cast<const ElfW(Dyn)*>(data + o);
                 if (d->d_tag == DT_NEEDED) {
-                    e.needed.push_back(str(strings, d->d_un.d_val));
+                    e.needed.push_back(strings + d->d_un.d_val);
                 }
             }
         }

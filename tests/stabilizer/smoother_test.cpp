@@ -11,8 +11,7 @@ namespace {
 
 constexpr double kPi = 3.14159265358979323846;
 
-// Runs the smoother as the library does, one committed pose per 30 fps frame, on a sine of
-// frequency f (unit amplitude, yaw axis) and returns gain and phase (degrees) of its output.
+// Gain and phase (degrees) of the smoother, one pose per 30 fps frame, on a unit yaw sine of f.
 struct Response {
     double gain;
     double phaseDeg;

@@ -36,28 +36,7 @@ int warp(Stabilizer& s, int64_t t, std::vector<float>& grid) {
     return s.warp(info, grid.data());
 }
 
-TEST(StabSession, CountsEveryDroppedSample) {
-    Stabilizer s(configWithReadout());
-    const float nan = std::numeric_limits<float>::quiet_NaN();
-    const float ok[3] = {0.1f, 0.0f, 0.0f};
-    const float bad[3] = {nan, 0.0f, 0.0f};
-    const float huge[3] = {0.0f, 3e3f, 0.0f};
-    s.addAngularVelocity(kStart, ok);
-    s.addAngularVelocity(kStart + kMs, ok);
-    s.addAngularVelocity(kStart + 2 * kMs, bad);
-    s.addAngularVelocity(kStart + 2 * kMs, nullptr);
-    s.addAngularVelocity(kStart + 2 * kMs, huge);
-    s.addAngularVelocity(kStart, ok);
-    s.addAngularVelocity(kStart + kMs, ok);
-    const Stabilizer::Counters& c = s.counters();
-    EXPECT_EQ(c.samplesAccepted, 2u);
-    EXPECT_EQ(c.samplesNonFinite, 2u);
-    EXPECT_EQ(c.samplesImplausible, 1u);
-    EXPECT_EQ(c.samplesOutOfOrder, 1u);
-    EXPECT_EQ(c.samplesDuplicate, 1u);
-}
-
-TEST(StabBiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
+TEST(StabBiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRestsSessionCountsDroppedSamples) {
     const Vec3 offset = {0.004, -0.015, 0.002};  // within the 0.02 rad/s a bias may have
     BiasEstimator still, shaken, turning;
     Stabilizer session(configWithReadout());
@@ -84,6 +63,21 @@ TEST(StabBiasEstimator, LearnsTheOffsetOnlyWhileTheCameraRests) {
     EXPECT_LT(angleBetween(a, b), 1e-3);
     EXPECT_FALSE(shaken.hasEstimate());
     EXPECT_FALSE(turning.hasEstimate());
+    // Samples the session cannot use are dropped and counted by kind.
+    const int64_t last = kStart + 1199 * 2500000LL;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float bad[3] = {nan, 0.0f, 0.0f}, huge[3] = {0.0f, 3e3f, 0.0f}, ok[3] = {};
+    session.addAngularVelocity(last + kMs, bad);
+    session.addAngularVelocity(last + kMs, nullptr);
+    session.addAngularVelocity(last + kMs, huge);
+    session.addAngularVelocity(last - kMs, ok);
+    session.addAngularVelocity(last, ok);
+    const Stabilizer::Counters& c = session.counters();
+    EXPECT_EQ(c.samplesAccepted, 1200u);
+    EXPECT_EQ(c.samplesNonFinite, 2u);
+    EXPECT_EQ(c.samplesImplausible, 1u);
+    EXPECT_EQ(c.samplesOutOfOrder, 1u);
+    EXPECT_EQ(c.samplesDuplicate, 1u);
 }
 
 // Every point of the output's border samples inside the camera frame: no uncovered pixel.
@@ -144,14 +138,8 @@ TEST(StabSession, PathContinuesFromFrameToFrameAndRestartsAfterALongBreak) {
     EXPECT_EQ(s.counters().pathRestarts, 1u);
     // An exposure of 300 ms between 10 ms ones moves the centre times: no restart, no jump.
     for (const int64_t exposureMs : {300, 10, 10}) {
-        const VStabFrameInfo info{40,
-                                  2,
-                                  kStart + (2000 + 33 * (exposureMs == 300 ? 0 : 1)) * kMs,
-                                  exposureMs * kMs,
-                                  1.0f,
-                                  1.0f,
-                                  0,
-                                  0};
+        const int64_t t = kStart + (exposureMs == 300 ? 2000 : 2033) * kMs;
+        const VStabFrameInfo info{40, 2, t, exposureMs * kMs, 1.0f, 1.0f, 0, 0};
         ASSERT_EQ(s.warp(info, grid.data()), kStatusWarped);
         EXPECT_LT(angleBetween(previous, s.lastVirtual()), 0.3 * 0.2) << exposureMs;
         // The 10 ms frames are shown from the committed path: their centre stays centred.
@@ -194,8 +182,7 @@ TEST(StabSession, AdaptiveZoomRisesForShakeAndFallsSlowlyAfterIt) {
     EXPECT_GT(zoomAt(4.5), zoomAt(2.0));   // the shake needs a margin
     EXPECT_LT(zoomAt(4.5), c.overscan);    // but not the whole overscan
     EXPECT_GT(zoomAt(8.0), zoomAt(11.5));  // falls back afterwards
-    // Smoothly, except where the sudden shake (seen 0.6 s ahead) outruns the plan and the crop
-    // limit magnifies.
+    // Smoothly, except where the sudden shake outruns the plan and the crop limit magnifies.
     double worst = 0.0;
     for (size_t k = 1; k < zooms.size(); ++k) {
         if (zooms[k].first < 2.4 || zooms[k].first > 6.5) {
@@ -268,8 +255,7 @@ TEST(StabZoomPlanner, MovesSmoothlyAboveTheNeeds) {
 }
 
 TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
-    // A pan speeding up (0.3 rad/s + 0.2 rad/s^2), with 2 Hz shake; the gyro stops at 3 s, as
-    // a recording's log ends with the video.
+    // A pan speeding up (0.3 rad/s + 0.2 rad/s^2), with 2 Hz shake; the gyro stops at 3 s.
     Stabilizer s(configWithReadout());
     std::vector<float> grid(static_cast<size_t>(s.config().gridColumns) * s.config().gridRows * 3);
     const int64_t end = kStart + 3000 * kMs;
@@ -295,8 +281,7 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
     for (uint32_t k = 2; k <= Stabilizer::kIdleAsksForGyroEnd; ++k) {
         warp(s, f + 33 * kMs, grid);
     }
-    // Then every frame the gyro reaches is warped at once, along the pan, not with the shake a
-    // free end follows (0.25 mrad a frame off); one beyond the gyro waits.
+    // Then each frame the gyro reaches is warped at once along the pan; one beyond it waits.
     const auto panStep = [&](int64_t centreNs) {
         return (0.3 + 0.2 * static_cast<double>(centreNs - 16 * kMs - kStart) * 1e-9) * 0.033;
     };
@@ -315,10 +300,8 @@ TEST(StabSession, FramesAtTheEndOfTheGyroAreWarpedWithTheLookAheadThereIs) {
 }
 
 TEST(StabSession, StartFollowsThePanAndBesideUnwarpedFramesAtTheirZoom) {
-    // A 0.3 rad/s pan with shake, frames from the first sample, or after 1 s of gyro history
-    // (the path then starts with the pan's velocity even under a 1.5 Hz shake: 11 mrad off
-    // without the history, 1.4 mrad without the start pose committed with the first frame), or
-    // from before the gyro: followed from the first frame on.
+    // A 0.3 rad/s pan with shake, frames from the first sample, after 1 s of history (1.5 Hz
+    // shake) or from before the gyro: followed from the first frame on.
     struct Case {
         int64_t firstFrameNs;
         double shakeHz;

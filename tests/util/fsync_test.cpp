@@ -17,7 +17,7 @@ std::vector<std::string> errors(const LogCapture& capture) {
     return out;
 }
 
-TEST(FSync, FirstLapAcceptsAnyNonZeroSampleAgainstZeroedSlots) {
+TEST(FSync, FirstLapAcceptsAnyNonZeroSampleTieGoesToEarlierFarMatchIsReported) {
     LogCapture capture;
     FSync f;
     f.setExpectedDelta(1000);
@@ -28,6 +28,19 @@ TEST(FSync, FirstLapAcceptsAnyNonZeroSampleAgainstZeroedSlots) {
                                    "[VSTAB][FSync][Error] Trying to add same sample twice (0)"});
     EXPECT_EQ(f.findClosest(1100), 1000u);
     EXPECT_EQ(f.findClosest(3900), 4000u);
+
+    // A tie goes to the earlier sample; a far match is reported.
+    f = FSync();
+    capture.clear();
+    f.addSample(1000);
+    f.addSample(3000);
+    EXPECT_EQ(f.findClosest(2000), 1000u);
+    EXPECT_EQ(f.getExpectedDelta(), -1000);
+    EXPECT_TRUE(capture.lines().empty());
+    EXPECT_EQ(f.findClosest(20000000), 3000u);
+    EXPECT_EQ(errors(capture),
+              std::vector<std::string>{
+                  "[VSTAB][FSync][Error] Closest FSync timestamp found is more than 10ms away."});
 }
 
 TEST(FSync, FullRingDropsOldestAndLaterLapsCompareWithSlotAhead) {
@@ -71,20 +84,6 @@ TEST(FSync, ClosestLearnsAverageErrorDropsOlderSamplesAndChecksNewQueries) {
                   "increasing"});
 }
 
-TEST(FSync, TieGoesToEarlierSampleAndFarMatchIsReported) {
-    LogCapture capture;
-    FSync f;
-    f.addSample(1000);
-    f.addSample(3000);
-    EXPECT_EQ(f.findClosest(2000), 1000u);
-    EXPECT_EQ(f.getExpectedDelta(), -1000);
-    EXPECT_TRUE(capture.lines().empty());
-    EXPECT_EQ(f.findClosest(20000000), 3000u);
-    EXPECT_EQ(errors(capture),
-              std::vector<std::string>{
-                  "[VSTAB][FSync][Error] Closest FSync timestamp found is more than 10ms away."});
-}
-
 TEST(FSync, EmptyRingZeroQueryAndRemovedSamples) {
     LogCapture capture;
     FSync f;
@@ -107,8 +106,7 @@ TEST(FSync, EmptyRingZeroQueryAndRemovedSamples) {
     EXPECT_EQ(f.findClosest(1000), 2000u);  // 1000 is gone
     f.removeSamples(5000);                  // empties the ring
     EXPECT_EQ(f.findClosest(2000), 2000u);  // empty: the query comes back
-    // On the empty ring the slot at the read position is still examined: the zeroed slots are
-    // skipped until the old 1000 stops the scan, and the old samples are in the ring again.
+    // The empty ring's read slot is still scanned: past zeroed slots to the old samples.
     f.removeSamples(500);
     EXPECT_EQ(f.findClosest(2100), 2000u);
 }

@@ -25,7 +25,8 @@ TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksAndDestroyingWhileHeldReleases) {
     ASSERT_EQ(m.unlock(), 0);
     auto again = std::async(std::launch::async, [&m] {
         int r = pthread_mutex_trylock(&m.mutex);
-        if (r == 0) pthread_mutex_unlock(&m.mutex);
+        if (r == 0)
+            pthread_mutex_unlock(&m.mutex);
         return r;
     });
     EXPECT_EQ(again.get(), 0);
@@ -43,7 +44,7 @@ TEST(cTMutex, RecursiveLockNeedsAsManyUnlocksAndDestroyingWhileHeldReleases) {
 
 // A worker with the engine's loop shape: Running first, poll the state each round, Exited last.
 class Worker : public cTThread {
-public:
+  public:
     std::atomic<int32_t> state{ThreadState::Created};
     std::atomic<int> rounds{0};
     int maxRounds;
@@ -58,23 +59,30 @@ public:
     void Run() override {
         state = ThreadState::Running;
         while (state.load(std::memory_order_relaxed) == ThreadState::Running) {
-            if (rounds.fetch_add(1) + 1 >= maxRounds) break;
+            if (rounds.fetch_add(1) + 1 >= maxRounds)
+                break;
             std::this_thread::sleep_for(sleep);
         }
         state = ThreadState::Exited;
     }
 };
 
-TEST(cTThread, StoppedDuringSleepOrExitedOnItsOwnEndsJoined) {
+// Stopped during its sleep, restarted, stopped again; exited on its own, it is still joined.
+TEST(cTThread, StoppedDuringSleepOrExitedOnItsOwnEndsJoinedAndRestartsFromJoined) {
     Worker w(1 << 30, 20ms);
-    w.start();
-    while (w.rounds.load() == 0) std::this_thread::yield();
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(ThreadState::canStart(w.state.load()));
+        const int before = w.rounds.load();
+        w.start();
+        while (w.rounds.load() == before)
+            std::this_thread::yield();
+        EXPECT_FALSE(ThreadState::canStart(w.state.load()));
+        auto stopped = std::async(std::launch::async, [&w] { w.stop(); });
+        ASSERT_EQ(stopped.wait_for(5s), std::future_status::ready) << "stop did not return";
+        EXPECT_EQ(w.state.load(), ThreadState::Joined);
+    }
 
-    auto stopped = std::async(std::launch::async, [&w] { w.stop(); });
-    ASSERT_EQ(stopped.wait_for(5s), std::future_status::ready) << "stop did not return";
-    EXPECT_EQ(w.state.load(), ThreadState::Joined);
-
-    Worker done(3, 1ms);  // exits on its own and is still joined
+    Worker done(3, 1ms);
     done.start();
     auto deadline = std::chrono::steady_clock::now() + 5s;
     while (done.state.load() != ThreadState::Exited &&
@@ -85,17 +93,6 @@ TEST(cTThread, StoppedDuringSleepOrExitedOnItsOwnEndsJoined) {
     done.stop();
     EXPECT_EQ(done.state.load(), ThreadState::Joined);
     EXPECT_EQ(done.rounds.load(), 3);
-}
-
-TEST(cTThread, RestartAllowedOnlyFromCreatedOrJoined) {
-    Worker w(1 << 30, 1ms);
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_TRUE(ThreadState::canStart(w.state.load()));
-        w.start();
-        while (w.state.load() != ThreadState::Running) std::this_thread::yield();
-        EXPECT_FALSE(ThreadState::canStart(w.state.load()));
-        w.stop();
-    }
 }
 
 }  // namespace

@@ -36,34 +36,27 @@ class cTTimingTest : public ::testing::Test {
 };
 
 TEST_F(cTTimingTest, ReportListsStagesInLabelOrderAsMilliseconds) {
-    EXPECT_EQ(report([] {
-                  cTTiming t("Render()");
-                  t.stages["popFrame"] = 1520;
-                  t.stages["Render"] = 8250;
-              }),
-              "[cTTiming][Render()] Render(8.25) popFrame(1.52) ");
-    // Six significant digits, no fixed notation.
-    EXPECT_EQ(report([] {
-                  cTTiming t("p");
-                  t.stages["a"] = 1234567;
-                  t.stages["b"] = 0;
-                  t.stages["c"] = 1000000000;
-              }),
-              "[cTTiming][p] a(1234.57) b(0) c(1e+06) ");
-    // An empty probe and one without a name.
-    EXPECT_EQ(report([] { cTTiming t("MainThread()"); }), "[cTTiming][MainThread()] ");
-    EXPECT_EQ(report([] { cTTiming t(nullptr); }), "[cTTiming]");
-    EXPECT_EQ(report([] {
-                  cTTiming t(nullptr);
-                  t.stages["x"] = 2000;
-              }),
-              "[cTTiming]x(2) ");
+    const struct {
+        const char* name;
+        std::map<std::string, int64_t> stages;  // us
+        const char* line;
+    } cases[] = {
+        {"Render()",
+         {{"popFrame", 1520}, {"Render", 8250}},
+         "[cTTiming][Render()] Render(8.25) popFrame(1.52) "},
+        // Six significant digits, no fixed notation.
+        {"p",
+         {{"a", 1234567}, {"b", 0}, {"c", 1000000000}},
+         "[cTTiming][p] a(1234.57) b(0) c(1e+06) "},
+        {"MainThread()", {}, "[cTTiming][MainThread()] "},
+        {nullptr, {}, "[cTTiming]"},
+        {nullptr, {{"x", 2000}}, "[cTTiming]x(2) "},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(report([&] { cTTiming(c.name).stages = c.stages; }), c.line);
+    }
     eis_debug = 0;  // nothing is logged when debug is off
-    EXPECT_EQ(report([] {
-                  cTTiming t("Render()");
-                  t("Render");
-              }),
-              "");
+    EXPECT_EQ(report([] { cTTiming("Render()")("Render"); }), "");
 }
 
 TEST_F(cTTimingTest, MeasuredStagesAreMicrosecondsAndPrintedSorted) {
