@@ -6,7 +6,6 @@
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 #include "SystemHooks.h"
 
 namespace {

@@ -6,12 +6,10 @@
 
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <mutex>
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 #include "SystemHooks.h"
 
 namespace {

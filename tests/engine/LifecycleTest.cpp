@@ -15,7 +15,6 @@
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 
 namespace {
 

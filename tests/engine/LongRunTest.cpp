@@ -2,19 +2,16 @@
 // prints its "[long-run]" figures for docs/reliability.md.
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdio>
-#include <mutex>
 #include <fstream>
 #include <string>
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 
 namespace {
 

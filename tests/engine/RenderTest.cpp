@@ -1,7 +1,6 @@
 // Rendering through the real engine: the mesh, warped and unwarped pictures, colours, RenderEmpty.
 #include <gtest/gtest.h>
 #include <host/PixelConversion.h>
-#include <system/window.h>
 
 #include <algorithm>
 #include <cmath>
@@ -11,7 +10,6 @@
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
 #include "GlTestSupport.h"
-#include "LogCapture.h"
 
 namespace {
 

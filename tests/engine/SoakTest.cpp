@@ -5,7 +5,6 @@
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 
 namespace {
 
