@@ -25,8 +25,7 @@ bool strictlyIncreasing(const std::vector<int64_t>& values) {
                               [](int64_t a, int64_t b) { return b <= a; }) == values.end();
 }
 
-// The gyroscope's stream ends half-way through a recording: the sensor thread ends, frames
-// keep coming out, and stop() joins the thread that has already left its loop.
+// The gyro stream ends mid-recording: its thread ends, frames flow on, stop() still joins.
 TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     // 100 samples at 400 Hz (a quarter of a second), stamped on CLOCK_BOOTTIME from now on.
     std::vector<host::GyroSample> samples;
@@ -52,8 +51,7 @@ TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
 }
 
-// A 60 fps camera and a library needing 40 ms a frame: the newest frames are dropped; every
-// frame goes back to the camera and is rendered once or dropped, outputs in order.
+// A 60 fps camera, 40 ms a warp: each frame is released, rendered once or dropped, in order.
 TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
     EngineHarness h;
     vstabDouble().warpDelayUs = 40000;
@@ -79,8 +77,7 @@ TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
 }
 
-// Windows removed and added while a live camera is rendered: removal waits for the frame being
-// drawn; a removed window gets nothing more.
+// Removal waits for the frame being drawn into the window; a removed window gets nothing more.
 TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     EngineHarness h;
     h.makeCamera(syntheticCamera(320, 240, 0, Feed::Live, 60));
@@ -115,10 +112,7 @@ TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
     }
 }
 
-// glGenFramebuffers failing in onResume: the error line with line number 566, no program, the
-// context released. glDeleteFramebuffers failing in onPause: line 679, nothing released (so that
-// another onPause can try again). Shaders the driver cannot compile: each failure is logged with
-// the driver's info log, the link failure too, and the resume goes on. The session recovers.
+// Framebuffer and shader failures in onResume/onPause are logged; the session recovers.
 TEST(EngineSession, FramebufferFailuresAreLoggedAndTheSessionRecovers) {
     EngineHarness h;
     h.engine->onPause();

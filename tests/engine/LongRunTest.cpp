@@ -1,5 +1,4 @@
-// Long runs checked for growth of memory, threads and descriptors (ctest label "long"); each
-// prints its "[long-run]" figures for docs/reliability.md.
+// Long runs checked for growth; each prints its "[long-run]" figures for docs/reliability.md.
 #include <dirent.h>
 #include <gtest/gtest.h>
 
@@ -82,10 +81,7 @@ void report(const char* what, int cycles, const ProcessFigures& warm, const Proc
         end.threads, end.fds);
 }
 
-// 200 recordings of five frames on one GL session, then 100 GL sessions driven as the Java side
-// does (resume, window, start, stop, window removed, pause), with a live gyroscope. Within one
-// session the recordings share one output window: the session's binding cache keeps every
-// window buffer it has drawn into until the session pauses (3 EGL images per new window).
+// 200 recordings in one GL session (one window: the session caches its buffers), 100 sessions.
 TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     for (bool sessions : {false, true}) {
         ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
@@ -123,8 +119,7 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     }
 }
 
-// 50,000 paced frames with a live gyroscope: memory flat after the first 5,000, every frame out
-// once, in order.
+// 50,000 paced frames: memory flat after the first 5,000, every frame out once, in order.
 TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     constexpr uint64_t kFrames = 50000, kStep = 5000;
     ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);

@@ -1,6 +1,4 @@
-// A stand-in for the stabilization library in the engine tests: every status the engine tells
-// apart on demand, every call recorded. Read by the test thread too: counters are atomics, the
-// records sit behind `mutex`.
+// The stabilization library's stand-in: statuses on demand, every call recorded (under `mutex`).
 #pragma once
 
 #include <array>

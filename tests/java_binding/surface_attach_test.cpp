@@ -1,5 +1,4 @@
-// Attaching a Java surface's window for the renderer (surface_init / surface_release), against a
-// window that records every operation and can refuse one, wrapped in a host Java Surface.
+// surface_init / surface_release on a Java Surface around a window that records each call.
 #include <android/log.h>
 #include <gtest/gtest.h>
 
@@ -16,8 +15,7 @@
 
 namespace {
 
-// A native window that records its perform() calls as {operation, arguments...} and counts its
-// references. `refuse` makes that operation fail with -EINVAL.
+// Records perform() calls as {operation, arguments...}, counts references; fails `refuse`.
 struct RecordingWindow : ANativeWindow {
     std::vector<std::vector<long>> calls;
     int references = 1;  // the Java surface's
@@ -75,18 +73,29 @@ constexpr long kUsage = NATIVE_WINDOW_SET_USAGE;
 constexpr long kCount = NATIVE_WINDOW_SET_BUFFER_COUNT;
 constexpr long kCpu = NATIVE_WINDOW_API_CPU;
 
-// Every setting in order; a negative one (or a size with one negative side) keeps the window's
-// own; 0 x 0 is passed on (the default size).
+// Every setting in order; a negative one keeps the window's own; 0 x 0 is passed on.
 TEST(SurfaceAttach, ConnectsAndAppliesEverySettingInOrder) {
     const struct {
         int width, height, format, count, transform;
         Calls calls;
     } cases[] = {
-        {320, 240, 1, 5, 4,
-         {{kConnect, kCpu}, {kTransform, 4}, {kDimensions, 320, 240}, {kFormat, 1},
-          {kUsage, 0x30}, {kCount, 5}}},
+        {320,
+         240,
+         1,
+         5,
+         4,
+         {{kConnect, kCpu},
+          {kTransform, 4},
+          {kDimensions, 320, 240},
+          {kFormat, 1},
+          {kUsage, 0x30},
+          {kCount, 5}}},
         {-1, -1, -1, 0, -1, {{kConnect, kCpu}, {kUsage, 0x30}}},
-        {320, -1, 0, 1, 0,
+        {320,
+         -1,
+         0,
+         1,
+         0,
          {{kConnect, kCpu}, {kTransform, 0}, {kFormat, 0}, {kUsage, 0x30}, {kCount, 1}}},
         {0, 0, -1, -3, -1, {{kConnect, kCpu}, {kDimensions, 0, 0}, {kUsage, 0x30}}},
     };

@@ -55,8 +55,7 @@ TEST_F(SurfaceManager, FirstRegistrationOfAnIdWinsMapIsOrderedAndRemovalHandsItB
     EXPECT_EQ(jsm.remSurface(7), nullptr);
 }
 
-// Each cycle delivers its frame with its timestamp; the window's mutex is held from dequeue to
-// queue, and a copy of the window gets a fresh one.
+// Frames keep their timestamps; the mutex is held from dequeue to queue; a copy gets its own.
 TEST_F(SurfaceManager, DequeueQueueCycleDeliversFramesWithTimestamps) {
     JavaSurfaceManager jsm;
     jsm.addSurface(1, connectedWindow(sink_));
