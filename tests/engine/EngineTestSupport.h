@@ -15,7 +15,6 @@
 
 namespace enginetest {
 
-constexpr int kInfo = 4;
 constexpr int kWarn = 5;
 constexpr int kError = 6;
 

@@ -58,9 +58,6 @@ struct CountingSink : host::FrameSink {
         last = frame.timestampNs;
         ++count;
     }
-    bool waitForCount(size_t n, std::chrono::milliseconds timeout) const {
-        return waitFor([&] { return count.load() >= n; }, timeout);
-    }
 };
 
 // Five frames per recording, numbered from 0 in each recording, stamped on CLOCK_MONOTONIC.
@@ -97,7 +94,8 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
             android::sp<ANativeWindow> window = sessions ? connectedWindow(sink, 160, 96) : shared;
             h.engine->jsm.addSurface(1, window);
             h.start();
-            ASSERT_TRUE(sink->waitForCount(static_cast<size_t>(5 * (cycle + 1)), 20s)) << cycle;
+            ASSERT_TRUE(waitFor([&] { return sink->count.load() >= 5u * (cycle + 1); }, 20s))
+                << cycle;
             finishesWithin(20000ms, "stop", [&] { h.stop(); });
             h.engine->jsm.remSurface(1);
             if (sessions)
@@ -134,7 +132,7 @@ TEST(EngineLongRun, FiftyThousandFrameRecordingKeepsMemoryFlatAndLosesNoFrame) {
     ProcessFigures warm;
     ProcessFigures most;  // the largest figures seen after the warm-up, while frames flow
     for (uint64_t done = kStep; done <= kFrames; done += kStep) {
-        ASSERT_TRUE(sink->waitForCount(done, 300s)) << done;
+        ASSERT_TRUE(waitFor([&] { return sink->count.load() >= done; }, 300s)) << done;
         vstabDouble().clearRecords();
         const ProcessFigures now = processFigures();
         std::printf("[long-run] %llu frames: rss %ld KiB, threads %d, fds %d\n",

@@ -107,6 +107,12 @@ TEST(SurfaceAttach, ConnectsAndAppliesEverySettingInOrder) {
                   owned.get());
         EXPECT_EQ(owned->calls, c.calls) << c.width << "x" << c.height;
         EXPECT_EQ(owned->references, 2) << "one reference acquired for the caller";
+        // Release disconnects and drops that reference, also when the window refuses (odd cases).
+        owned->calls.clear();
+        owned->refuse = (&c - cases) % 2 == 1 ? NATIVE_WINDOW_API_DISCONNECT : -1;
+        surface_release(android::sp<ANativeWindow>(owned.get()));
+        EXPECT_EQ(owned->calls, (Calls{{NATIVE_WINDOW_API_DISCONNECT, kCpu}}));
+        EXPECT_EQ(owned->references, 1);
     }
 }
 
@@ -138,23 +144,6 @@ TEST(SurfaceAttach, ARefusedSettingThrowsItsMessageAndKeepsTheReference) {
         EXPECT_EQ(window.calls.back().front(), c.operation) << "stops at the refused setting";
         EXPECT_EQ(window.references, 2) << c.message;
     }
-}
-
-TEST(SurfaceAttach, ReleaseDisconnectsAndDropsTheAcquiredReference) {
-    auto owned = std::make_unique<RecordingWindow>();  // sp<> refuses stack objects
-    RecordingWindow& window = *owned;
-    jobject surface = javaSurface(&window);
-    surface_init(javaEnv(), nullptr, surface, -1, -1, -1, 0, -1);
-    window.calls.clear();
-    surface_release(android::sp<ANativeWindow>(&window));
-    EXPECT_EQ(window.calls, (Calls{{NATIVE_WINDOW_API_DISCONNECT, kCpu}}));
-    EXPECT_EQ(window.references, 1);
-
-    // A window that refuses the disconnection is released all the same.
-    surface_init(javaEnv(), nullptr, surface, -1, -1, -1, 0, -1);
-    window.refuse = NATIVE_WINDOW_API_DISCONNECT;
-    surface_release(android::sp<ANativeWindow>(&window));
-    EXPECT_EQ(window.references, 1);
 }
 
 TEST(SurfaceAttachDeathTest, ASurfaceWithoutAWindowAborts) {
