@@ -35,7 +35,7 @@ TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     ScopedGyro gyro(std::make_shared<host::ReplayGyroSource>(samples), 2500,
                     host::Pacing::RealTime);
     EngineHarness h;
-    h.makeCamera(syntheticCamera(320, 240, 0, Feed::Live, 30));
+    h.makeCamera(syntheticCamera(320, 240, 0, Feed::Live, 60));
     auto& out = h.addOutput(1, 160, 120);
     LogCapture log;
     h.start();
@@ -44,11 +44,39 @@ TEST(EngineFaults, GyroscopeStoppingMidRecordingLeavesFramesFlowing) {
     EXPECT_TRUE(
         waitFor([&] { return h.engine->sensorManager->state.load() == ThreadState::Exited; }, 5s));
     const size_t atGyroEnd = out.sink->count();
+    // Windows come and go: removal waits for the frame being drawn, then nothing more arrives.
+    struct Removed {
+        android::sp<ANativeWindow> window;
+        std::shared_ptr<host::MemorySink> sink;
+        uint64_t queuedAtRemoval;
+    };
+    std::vector<Removed> removed;
+    for (int round = 0; round < 20; ++round) {
+        auto sink = std::make_shared<host::MemorySink>();
+        android::sp<ANativeWindow> window = connectedWindow(sink, 160, 120);
+        h.engine->jsm.addSurface(7, window);
+        ASSERT_TRUE(sink->waitForCount(2, 10s)) << round;
+        android::sp<ANativeWindow> taken;
+        finishesWithin(10000ms, "remSurface", [&] { taken = h.engine->jsm.remSurface(7); });
+        ASSERT_EQ(taken.get(), window.get());
+        host::WindowCounters counters{};
+        ASSERT_TRUE(host::windowCounters(window.get(), &counters));
+        removed.push_back({window, sink, counters.queued});
+        native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
+    }
     ASSERT_TRUE(out.sink->waitForCount(atGyroEnd + 10, 10s));
     finishesWithin(10000ms, "stop", [&] { h.stop(); });
     EXPECT_EQ(vstabDouble().addCalls.load(), 100);
     EXPECT_TRUE(strictlyIncreasing(timestamps(*out.sink)));
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
+    for (const Removed& r : removed) {
+        host::WindowCounters counters{};
+        ASSERT_TRUE(host::windowCounters(r.window.get(), &counters));
+        EXPECT_EQ(counters.queued, r.queuedAtRemoval);
+        ASSERT_TRUE(host::waitForIdle(r.window.get(), 10s));
+        EXPECT_EQ(r.sink->count(), r.queuedAtRemoval);
+        EXPECT_TRUE(strictlyIncreasing(timestamps(*r.sink)));
+    }
 }
 
 // A 60 fps camera, 40 ms a warp: each frame is released, rendered once or dropped, in order.
@@ -75,41 +103,6 @@ TEST(EngineFaults, CameraFasterThanRenderingDropsAndCountsFrames) {
               counters.delivered);
     EXPECT_TRUE(strictlyIncreasing(timestamps(*out.sink)));
     EXPECT_EQ(log.countContaining("[Exception]"), 0);
-}
-
-// Removal waits for the frame being drawn into the window; a removed window gets nothing more.
-TEST(EngineFaults, WindowRemovedWhileTheProcessingThreadDrawsIntoIt) {
-    EngineHarness h;
-    h.makeCamera(syntheticCamera(320, 240, 0, Feed::Live, 60));
-    h.start();
-    struct Removed {
-        android::sp<ANativeWindow> window;
-        std::shared_ptr<host::MemorySink> sink;
-        uint64_t queuedAtRemoval;
-    };
-    std::vector<Removed> removed;
-    for (int round = 0; round < 20; ++round) {
-        auto sink = std::make_shared<host::MemorySink>();
-        android::sp<ANativeWindow> window = connectedWindow(sink, 160, 120);
-        h.engine->jsm.addSurface(7, window);
-        ASSERT_TRUE(sink->waitForCount(2, 10s)) << round;
-        android::sp<ANativeWindow> taken;
-        finishesWithin(10000ms, "remSurface", [&] { taken = h.engine->jsm.remSurface(7); });
-        ASSERT_EQ(taken.get(), window.get());
-        host::WindowCounters counters{};
-        ASSERT_TRUE(host::windowCounters(window.get(), &counters));
-        removed.push_back({window, sink, counters.queued});
-        native_window_api_disconnect(window.get(), NATIVE_WINDOW_API_CPU);
-    }
-    finishesWithin(10000ms, "stop", [&] { h.stop(); });
-    for (const Removed& r : removed) {
-        host::WindowCounters counters{};
-        ASSERT_TRUE(host::windowCounters(r.window.get(), &counters));
-        EXPECT_EQ(counters.queued, r.queuedAtRemoval);
-        ASSERT_TRUE(host::waitForIdle(r.window.get(), 10s));
-        EXPECT_EQ(r.sink->count(), r.queuedAtRemoval);
-        EXPECT_TRUE(strictlyIncreasing(timestamps(*r.sink)));
-    }
 }
 
 // Framebuffer and shader failures in onResume/onPause are logged; the session recovers.

@@ -100,8 +100,8 @@ TEST(EngineGyro, SensorSamplesReachTheLibraryInTheFrameClock) {
         h.stop();
         const int64_t offset = clockDelta(c.frameClock, c.gyroClock);
 
-        std::vector<int64_t> received = vstabDouble().gyroSnapshot();
-        std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
+        std::vector<int64_t> received = snapshot(vstabDouble().gyroTimestamps);
+        std::vector<std::array<float, 3>> rates = snapshot(vstabDouble().gyroRates);
         ASSERT_EQ(received.size(), kept.size());
         for (size_t i = 0; i < kept.size(); ++i) {
             const size_t k = kept[i];
@@ -135,8 +135,8 @@ TEST(EngineGyro, WithoutAGyroscopeZeroRatesArriveEveryFourMilliseconds) {
         h.stop();
         const int64_t ended = clockNs(CLOCK_BOOTTIME);
         EXPECT_EQ(log.count("Gyro Sensor Not Available", kWarn), 1);
-        std::vector<int64_t> received = vstabDouble().gyroSnapshot();
-        std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
+        std::vector<int64_t> received = snapshot(vstabDouble().gyroTimestamps);
+        std::vector<std::array<float, 3>> rates = snapshot(vstabDouble().gyroRates);
         EXPECT_EQ(received.empty(), gyroClock == -1) << received.size();
         for (size_t k = 0; k < received.size(); ++k) {
             // Stamped on CLOCK_BOOTTIME, the frame clock too: the offset added is about zero.

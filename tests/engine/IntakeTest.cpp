@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <ui/GraphicBuffer.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -61,7 +62,7 @@ std::shared_ptr<host::FrameSource> producedSource(uint64_t frames,
 // Warp timestamps with the repeated calls for a frame that stayed queued folded into one.
 std::vector<int64_t> framesWarped() {
     std::vector<int64_t> frames;
-    for (int64_t t : vstabDouble().warpSnapshot()) {
+    for (int64_t t : snapshot(vstabDouble().warpTimestamps)) {
         if (frames.empty() || frames.back() != t)
             frames.push_back(t);
     }
@@ -179,16 +180,14 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
     LogCapture log;
     h.start();
     ASSERT_EQ(h.engine->frameQueue->getCapacity(), kCapacity);
-    int accepted = 0, refused = 0, dropped = 0, skipped = 0;
-    for (const PlannedFrame& f : plan) {
-        accepted += f.fate == Fate::Accepted;
-        refused += f.fate == Fate::Refused;
-        dropped += f.fate == Fate::Dropped;
-        skipped += f.fate == Fate::Skipped;
-    }
+    auto planned = [&plan](Fate fate) {
+        return std::count_if(plan.begin(), plan.end(),
+                             [&](const auto& f) { return f.fate == fate; });
+    };
     EXPECT_TRUE(h.cameraDevice->waitUntilDrained(120s));
     EXPECT_TRUE(waitFor([&] { return h.cameraDevice->counters().released >= plan.size(); }, 10s));
-    EXPECT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() >= accepted; }, 10s));
+    EXPECT_TRUE(
+        waitFor([&] { return vstabDouble().warpedOk.load() >= planned(Fate::Accepted); }, 10s));
     h.stop();
     EXPECT_FALSE(gate->timedOut.load()) << "the engine did not reach the planned state";
 
@@ -212,11 +211,11 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
     EXPECT_EQ(log.count("[VStab] frame timestamp within StartTimeOffsetUs(" +
                             std::to_string(kStartOffsetUs) + "), skip this frame",
                         kWarn),
-              skipped);
+              planned(Fate::Skipped));
     EXPECT_EQ(log.count("[VStab] error, duplicate frame timestamp, ignore this frame", kWarn),
-              refused);
+              planned(Fate::Refused));
     EXPECT_EQ(log.count("[Warning] Dropping new frame, internal buffer queue is full", kWarn),
-              dropped);
+              planned(Fate::Dropped));
 }
 
 // Frames fed to the listener directly; a failed measurement counts as one and keeps the offset.
@@ -263,7 +262,7 @@ TEST(EngineIntake, FailedOffsetMeasurementKeepsTheStoredOffset) {
     EXPECT_EQ(Boottime_Monotonic_timerDiff_got, 1);
     EXPECT_EQ(Boottime_Monotonic_timerDiff, kStored);
     EXPECT_EQ(log.countContaining("got Boottime_Monotonic_timerDiff"), 1);
-    std::vector<VStabFrameInfo> infos = vstabDouble().warpInfoSnapshot();
+    std::vector<VStabFrameInfo> infos = snapshot(vstabDouble().warpInfos);
     ASSERT_EQ(infos.size(), std::size(cases));
     for (size_t k = 0; k < infos.size(); ++k) {
         EXPECT_EQ(infos[k].timestampNs, first + static_cast<int64_t>(k) * kFramePeriodNs + kStored);
@@ -353,7 +352,7 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
         }
         const int64_t diff =
             c.expectedDiff == kMeasured ? Boottime_Monotonic_timerDiff : c.expectedDiff;
-        std::vector<VStabFrameInfo> infos = vstabDouble().warpInfoSnapshot();
+        std::vector<VStabFrameInfo> infos = snapshot(vstabDouble().warpInfos);
         std::vector<int64_t> sent = produced->snapshot();
         ASSERT_EQ(infos.size(), kFrames * recordings);
         ASSERT_EQ(sent.size(), infos.size());

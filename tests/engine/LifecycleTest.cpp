@@ -145,9 +145,9 @@ TEST(EngineLifecycle, StartStopCyclesRecordAgainWithFreshState) {
                  "true");
 }
 
-// Log writer that holds the thread logging a line starting with `prefix` until opened (10 s).
+// Log writer that holds the thread logging "Context Thread Run" (just before the thread marks
+// itself running) until opened (10 s at most).
 struct LogBarrier {
-    std::string prefix;
     std::mutex mutex;
     std::condition_variable changed;
     bool holding = false;
@@ -160,7 +160,7 @@ void barrierLogger(const __android_logger_data*, const char* message) {
     std::unique_lock<std::mutex> lock(gBarrier->mutex);
     gBarrier->texts.push_back(message);
     gBarrier->changed.notify_all();
-    if (std::string(message).compare(0, gBarrier->prefix.size(), gBarrier->prefix) == 0) {
+    if (std::string(message).rfind("Context Thread Run", 0) == 0) {
         gBarrier->holding = true;
         gBarrier->changed.notify_all();
         gBarrier->changed.wait_for(lock, 10s, [] { return gBarrier->open; });
@@ -171,7 +171,6 @@ TEST(EngineLifecycle, StopBeforeTheProcessingThreadStartedStillEndsIt) {
     EngineHarness h;
     h.makeCamera(idleCamera());
     LogBarrier barrier;
-    barrier.prefix = "Context Thread Run";  // logged just before the thread marks itself running
     gBarrier = &barrier;
     __android_log_set_logger(barrierLogger);
     h.start();

@@ -35,7 +35,7 @@ TEST(EngineSoak, CameraGyroAndProcessingThreadsRunTogether) {
     // Every frame the library warped went out once, with its own timestamp, in order.
     ASSERT_TRUE(output.sink->waitForCount(vstabDouble().warpedOk.load(), 5s));
     std::vector<host::MemorySink::StoredFrame> frames = output.sink->frames();
-    std::vector<int64_t> warped = vstabDouble().warpSnapshot();
+    std::vector<int64_t> warped = snapshot(vstabDouble().warpTimestamps);
     ASSERT_EQ(frames.size(), warped.size());
     for (size_t i = 0; i < frames.size(); ++i) {
         EXPECT_EQ(frames[i].timestampNs, warped[i]) << i;
@@ -47,7 +47,7 @@ TEST(EngineSoak, CameraGyroAndProcessingThreadsRunTogether) {
                   log.count("[Warning] Dropping new frame, internal buffer queue is full"),
               counters.delivered);
     // The gyroscope ran alongside, its samples in order.
-    std::vector<int64_t> samples = vstabDouble().gyroSnapshot();
+    std::vector<int64_t> samples = snapshot(vstabDouble().gyroTimestamps);
     EXPECT_GT(samples.size(), 200u);
     for (size_t i = 1; i < samples.size(); ++i)
         EXPECT_GE(samples[i], samples[i - 1]) << i;

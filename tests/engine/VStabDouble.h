@@ -57,18 +57,6 @@ struct VStabDouble {
         std::lock_guard<std::mutex> lock(mutex);
         scriptedStatuses.insert(scriptedStatuses.end(), statuses);
     }
-    std::vector<int64_t> gyroSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return gyroTimestamps;
-    }
-    std::vector<int64_t> warpSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return warpTimestamps;
-    }
-    std::vector<VStabFrameInfo> warpInfoSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return warpInfos;
-    }
     // Forgets the per-call records (long runs keep memory flat this way); counters stay.
     void clearRecords() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -81,12 +69,15 @@ struct VStabDouble {
         warpInfos.clear();
         warpInfos.shrink_to_fit();
     }
-    std::vector<std::array<float, 3>> gyroRateSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return gyroRates;
-    }
 };
 
 // Restores every setting and clears the records. Call at the start of each test.
 void resetVStabDouble();
 VStabDouble& vstabDouble();
+
+// A copy of one of the double's records, taken under its mutex.
+template <typename T>
+std::vector<T> snapshot(const std::vector<T>& records) {
+    std::lock_guard<std::mutex> lock(vstabDouble().mutex);
+    return records;
+}
