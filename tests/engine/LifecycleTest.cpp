@@ -145,8 +145,7 @@ TEST(EngineLifecycle, StartStopCyclesRecordAgainWithFreshState) {
                  "true");
 }
 
-// Log writer that holds the thread logging "Context Thread Run" (just before the thread marks
-// itself running) until opened (10 s at most).
+// Log writer holding the thread that logs "Context Thread Run" until opened (10 s at most).
 struct LogBarrier {
     std::mutex mutex;
     std::condition_variable changed;

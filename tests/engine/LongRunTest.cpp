@@ -60,30 +60,17 @@ struct CountingSink : host::FrameSink {
     }
 };
 
-// Five frames per recording, numbered from 0 in each recording, stamped on CLOCK_MONOTONIC.
-host::CameraSetup fiveFramesPerRecording() {
-    host::CameraSetup setup = sourceCamera(320, 240, periodicSource(5, 20000000));
-    paceByWarps(setup);
-    return setup;
-}
-
 // Resident memory may move by allocator caching; threads and descriptors must come back.
 constexpr long kRssSlackKiB = 4096;
-
-void report(const char* what, int cycles, const ProcessFigures& warm, const ProcessFigures& end) {
-    std::printf(
-        "[long-run] %s: %d cycles; after warm-up rss %ld KiB, threads %d, fds %d; "
-        "at the end rss %ld KiB (%+ld), threads %d, fds %d\n",
-        what, cycles, warm.rssKiB, warm.threads, warm.fds, end.rssKiB, end.rssKiB - warm.rssKiB,
-        end.threads, end.fds);
-}
 
 // 200 recordings in one GL session (one window: the session caches its buffers), 100 sessions.
 TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
     for (bool sessions : {false, true}) {
         ScopedGyro gyro(std::make_shared<host::SyntheticGyroSource>(), 2500);
         EngineHarness h;
-        h.makeCamera(fiveFramesPerRecording());
+        host::CameraSetup setup = sourceCamera(320, 240, periodicSource(5, 20000000));
+        paceByWarps(setup);
+        h.makeCamera(setup);
         const int kCycles = sessions ? 100 : 200, kWarmUp = 10;
         auto sink = std::make_shared<CountingSink>();
         ProcessFigures warm;
@@ -107,7 +94,11 @@ TEST(EngineLongRun, StartStopAndPauseResumeCyclesGrowNothing) {
                 h.engine->onPause();  // the last pause is the harness's
         }
         const ProcessFigures end = processFigures();
-        report(sessions ? "onPause/onResume" : "start/stop", kCycles, warm, end);
+        std::printf(
+            "[long-run] %s: %d cycles; after warm-up rss %ld KiB, threads %d, fds %d; "
+            "at the end rss %ld KiB (%+ld), threads %d, fds %d\n",
+            sessions ? "onPause/onResume" : "start/stop", kCycles, warm.rssKiB, warm.threads,
+            warm.fds, end.rssKiB, end.rssKiB - warm.rssKiB, end.threads, end.fds);
         EXPECT_EQ(sink->count.load(), 5u * kCycles);
         EXPECT_EQ(h.cameraDevice->counters().released, 5u * kCycles);
         EXPECT_EQ(vstabDouble().liveHandles.load(), 0);

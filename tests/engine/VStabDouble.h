@@ -60,14 +60,10 @@ struct VStabDouble {
     // Forgets the per-call records (long runs keep memory flat this way); counters stay.
     void clearRecords() {
         std::lock_guard<std::mutex> lock(mutex);
-        gyroTimestamps.clear();
-        gyroTimestamps.shrink_to_fit();
-        gyroRates.clear();
-        gyroRates.shrink_to_fit();
-        warpTimestamps.clear();
-        warpTimestamps.shrink_to_fit();
-        warpInfos.clear();
-        warpInfos.shrink_to_fit();
+        std::vector<int64_t>().swap(gyroTimestamps);
+        std::vector<std::array<float, 3>>().swap(gyroRates);
+        std::vector<int64_t>().swap(warpTimestamps);
+        std::vector<VStabFrameInfo>().swap(warpInfos);
     }
 };
 

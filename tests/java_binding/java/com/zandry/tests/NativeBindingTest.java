@@ -28,17 +28,14 @@ public final class NativeBindingTest {
 
     /** A stabilized RGBA picture: opaque everywhere, and not one flat colour. */
     private static void checkPicture(HostOutput output, int index, String name) {
-        int[] shape = output.shape(index);
+        int[] shape = output.shape(index); // width, height, stride, format, transform
         byte[] pixels = output.pixels(index);
-        int width = shape[0];
-        int height = shape[1];
-        int stride = shape[2];
         boolean opaque = true;
         int minLuma = 255;
         int maxLuma = 0;
-        for (int y = 0; y < height; y++) {
-            for (int x = 0; x < width; x++) {
-                int at = (y * stride + x) * 4;
+        for (int y = 0; y < shape[1]; y++) {
+            for (int x = 0; x < shape[0]; x++) {
+                int at = (y * shape[2] + x) * 4;
                 opaque &= (pixels[at + 3] & 0xff) == 255;
                 int luma = ((pixels[at] & 0xff) + (pixels[at + 1] & 0xff) + (pixels[at + 2] & 0xff)) / 3;
                 minLuma = Math.min(minLuma, luma);
