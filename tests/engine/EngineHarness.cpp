@@ -185,16 +185,11 @@ int64_t clockNs(clockid_t clock) {
 
 ScopedGyro::ScopedGyro(std::shared_ptr<host::GyroSource> source, int minDelayUs,
                        host::Pacing pacing) {
-    if (source == nullptr) {
-        if (!host::removeGyro())
-            throw std::runtime_error("the gyroscope is still enabled by an earlier engine");
-        return;
-    }
     host::GyroSetup setup;
     setup.source = std::move(source);
     setup.minDelayUs = minDelayUs;
     setup.pacing = pacing;
-    if (!host::installGyro(setup))
+    if (!(setup.source == nullptr ? host::removeGyro() : host::installGyro(setup)))
         throw std::runtime_error("the gyroscope is still enabled by an earlier engine");
 }
 

@@ -1,5 +1,4 @@
-// Test harness around one engine instance: a GL session, a host camera, a host gyroscope (or
-// none), host output windows with in-memory sinks, and the library test double.
+// One engine on the host: GL session, camera, gyroscope, windows with in-memory sinks, double.
 #pragma once
 
 #include <host/HostCamera.h>
@@ -68,21 +67,18 @@ bool waitFor(const std::function<bool()>& predicate, std::chrono::milliseconds t
 // A camera recording `width` x `height` at `fps` from `source`, as fast as frames are released.
 host::CameraSetup sourceCamera(int width, int height, std::shared_ptr<host::FrameSource> source,
                                int fps = 30);
-// A frame source scripted per recording: `describe` gets frame n of the recording and its start
-// on CLOCK_MONOTONIC, fills the frame's info and returns false to end; `paint` writes the picture.
+// Per recording: `describe` fills frame n's info (false: the end), `paint` writes its picture.
 using DescribeFrame = std::function<bool(uint64_t n, int64_t startMonotonicNs, host::FrameInfo&)>;
 using PaintFrame = std::function<void(uint64_t n, const host::FrameImage&)>;
 std::shared_ptr<host::FrameSource> scriptedSource(DescribeFrame describe,
                                                   PaintFrame paint = nullptr);
-// The usual script: frames n < `frames` of each recording stamped `offsetNs` + n / 30 s after
-// its start (exposure 10 ms, zoom 1); `meta` (optional) then changes a frame's metadata.
+// `frames` frames at `offsetNs` + n / 30 s into each recording (10 ms, zoom 1), then `meta`.
 using FrameMeta = std::function<void(uint64_t n, host::FrameInfo&)>;
 std::shared_ptr<host::FrameSource> periodicSource(uint64_t frames, int64_t offsetNs = 50000000,
                                                   FrameMeta meta = nullptr,
                                                   PaintFrame paint = nullptr);
 
-// Holds the camera back while `ahead` frames it let through are not yet warped with status 0
-// (counted across recordings), so that the engine's queue never fills.
+// Holds the camera back while `ahead` frames it let through are not yet warped with status 0.
 void paceByWarps(host::CameraSetup& setup, int ahead = 8);
 
 // A camera whose recording delivers no frame at all.
@@ -91,8 +87,7 @@ host::CameraSetup idleCamera(int width = 640, int height = 480, int fps = 30);
 // Current reading of a POSIX clock in nanoseconds.
 int64_t clockNs(clockid_t clock);
 
-// A host gyroscope (none for a null source) for the life of the object: declare it before the
-// harness, so that the engine's sensor thread is gone when it is removed.
+// A host gyroscope (none for a null source) while it lives: declare it before the harness.
 class ScopedGyro {
   public:
     explicit ScopedGyro(std::shared_ptr<host::GyroSource> source, int minDelayUs = 2500,

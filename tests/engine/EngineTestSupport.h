@@ -1,5 +1,4 @@
-// Small helpers shared by the engine's behaviour tests: log priorities, thrown messages, lock
-// probes from another thread and a deadlock guard.
+// Helpers of the engine tests: log priorities, thrown messages, lock probes, a deadlock guard.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 
 namespace enginetest {
 
-constexpr int kInfo = 4;
 constexpr int kWarn = 5;
 constexpr int kError = 6;
 
@@ -44,8 +42,7 @@ inline bool freeForOtherThreads(cTMutex& mutex) {
     return probe.get();
 }
 
-// Runs `work` on another thread and waits for it at most `timeout`. A deadlocked worker cannot
-// be joined, so a time-out ends the program (after recording the failure) instead of hanging.
+// Runs `work` on another thread; past `timeout` (a deadlock) it fails and ends the program.
 template <typename F>
 void finishesWithin(std::chrono::milliseconds timeout, const char* what, F&& work) {
     auto done = std::async(std::launch::async, std::forward<F>(work));

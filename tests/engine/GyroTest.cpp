@@ -1,5 +1,4 @@
-// Gyro intake and the clock helpers: samples reach the library in the frame clock, the sensor
-// thread's ordering and stand-by stream, and the refusals with their log lines.
+// Gyro intake and the clock helpers: the frame clock, ordering, stand-by stream and refusals.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,7 +6,6 @@
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 
 namespace {
 
@@ -27,8 +25,7 @@ int64_t clockDelta(clockid_t a, clockid_t b) {
     return value - (before + (after - before) / 2);
 }
 
-// Gyro samples replayed from CLOCK_BOOTTIME now. The sensor thread's newest timestamp lives as
-// long as the process, so a replaying test ends only once the clock has passed its samples.
+// Gyro samples replayed from CLOCK_BOOTTIME now; the newest one seen outlives the test: wait past.
 struct Replay {
     std::shared_ptr<host::ReplayClock> clock;
     std::shared_ptr<host::ReplayGyroSource> source;
@@ -54,30 +51,42 @@ TEST(EngineClocks, ClosestClockIsFoundWithinHalfASecond) {
     EXPECT_EQ(findClosestClock(clockNs(CLOCK_REALTIME) - 200 * kMs), 0);
     // (In the past: BOOTTIME, read after MONOTONIC and never behind it, is farther away.)
     EXPECT_EQ(findClosestClock(clockNs(CLOCK_MONOTONIC) - 400 * kMs), 1);
-    // BOOTTIME only runs ahead of MONOTONIC, so this is 600 ms from both and far from the wall
-    // clock.
+    // BOOTTIME only runs ahead of MONOTONIC: 600 ms from both, far from the wall clock.
     LogCapture log;
     EXPECT_EQ(findClosestClock(clockNs(CLOCK_MONOTONIC) - 600 * kMs), -1);
     EXPECT_EQ(log.countContaining("Autodetected timer is too far away from sample: 6"), 1);
 }
 
+// Samples reach the library in the frame clock; one older than the newest so far is dropped.
 TEST(EngineGyro, SensorSamplesReachTheLibraryInTheFrameClock) {
     struct Case {
+        std::vector<int64_t> recordedMs;  // empty: 50 samples 2 ms apart
         int frameClock;
         int gyroClock;
         int minDelayUs;
         int timeout;  // as the sensor thread logs it
         int64_t toleranceNs;
     };
-    // Frame and gyro clock equal: passed unchanged within the measurement error.
-    for (Case c : {Case{CLOCK_BOOTTIME, CLOCK_MONOTONIC, 2500, 15000, kMs},
-                   Case{CLOCK_REALTIME, CLOCK_MONOTONIC, 20000, 30000, kMs},
-                   Case{CLOCK_BOOTTIME, CLOCK_BOOTTIME, 5000, 15000, 100000}}) {
-        SCOPED_TRACE(testing::Message()
-                     << "frame clock " << c.frameClock << ", gyro clock " << c.gyroClock);
+    const Case cases[] = {
+        {{}, CLOCK_BOOTTIME, CLOCK_MONOTONIC, 2500, 15000, kMs},
+        {{}, CLOCK_REALTIME, CLOCK_MONOTONIC, 20000, 30000, kMs},
+        {{}, CLOCK_BOOTTIME, CLOCK_BOOTTIME, 5000, 15000, 100000},
+        {{0, 5, 10, 15, 12, 20, 20, 18, 25}, CLOCK_BOOTTIME, CLOCK_BOOTTIME, 2500, 15000, 100000},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "frame clock " << c.frameClock << ", gyro clock "
+                                        << c.gyroClock << ", " << c.recordedMs.size());
         std::vector<host::GyroSample> samples;
-        for (int k = 0; k < 50; ++k)
-            samples.push_back({1000000000LL + k * 2 * kMs, 0.01f * k, -0.02f * k, 0.5f});
+        std::vector<size_t> kept;
+        int64_t newest = 0;
+        for (size_t k = 0; k < (c.recordedMs.empty() ? 50 : c.recordedMs.size()); ++k) {
+            const int64_t ms = c.recordedMs.empty() ? 2 * static_cast<int64_t>(k) : c.recordedMs[k];
+            if (ms >= newest) {
+                kept.push_back(k);
+                newest = ms;
+            }
+            samples.push_back({1000000000LL + ms * kMs, 0.01f * k, -0.02f * k, 0.5f});
+        }
         Replay replay(samples);
         ScopedGyro gyro(replay.source, c.minDelayUs);
         EngineHarness h;
@@ -91,89 +100,56 @@ TEST(EngineGyro, SensorSamplesReachTheLibraryInTheFrameClock) {
         h.stop();
         const int64_t offset = clockDelta(c.frameClock, c.gyroClock);
 
-        std::vector<int64_t> received = vstabDouble().gyroSnapshot();
-        std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
-        ASSERT_EQ(received.size(), samples.size());
-        for (size_t k = 0; k < samples.size(); ++k) {
-            EXPECT_LT(std::llabs(received[k] - (replay.hostNs[k] + offset)), c.toleranceNs) << k;
-            EXPECT_EQ(rates[k][0], samples[k].x);
-            EXPECT_EQ(rates[k][1], samples[k].y);
-            EXPECT_EQ(rates[k][2], samples[k].z);
+        std::vector<int64_t> received = snapshot(vstabDouble().gyroTimestamps);
+        std::vector<std::array<float, 3>> rates = snapshot(vstabDouble().gyroRates);
+        ASSERT_EQ(received.size(), kept.size());
+        for (size_t i = 0; i < kept.size(); ++i) {
+            const size_t k = kept[i];
+            EXPECT_LT(std::llabs(received[i] - (replay.hostNs[k] + offset)), c.toleranceNs) << i;
+            EXPECT_EQ(rates[i], (std::array<float, 3>{samples[k].x, samples[k].y, samples[k].z}));
         }
         EXPECT_EQ(log.count("SensorManager timeout = " + std::to_string(c.timeout) + " us", kWarn),
                   1);
+        EXPECT_EQ(log.countContaining("gyro timestamp go past"),
+                  static_cast<int>(samples.size() - kept.size()));
         replay.waitPastSamples();
     }
 }
 
-TEST(EngineGyro, SensorThreadDropsEventsOlderThanTheLastOne) {
-    // Recorded ms: a step back after 15, an equal pair at 20, a step back after that.
-    const int64_t recordedMs[] = {0, 5, 10, 15, 12, 20, 20, 18, 25};
-    const size_t kept[] = {0, 1, 2, 3, 5, 6, 8};
-    std::vector<host::GyroSample> samples;
-    for (int64_t ms : recordedMs)
-        samples.push_back({5000000000LL + ms * kMs, static_cast<float>(ms), 0.0f, 0.0f});
-    Replay replay(samples);
-    ScopedGyro gyro(replay.source);
-    EngineHarness h;
-    h.makeCamera(idleCamera());
-    LogCapture log;
-    h.start();
-    EXPECT_TRUE(waitFor([&] { return log.contains("[JJJ] SensorManager Thread Exit"); }, 10s));
-    h.stop();
-
-    std::vector<int64_t> received = vstabDouble().gyroSnapshot();
-    std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
-    ASSERT_EQ(received.size(), std::size(kept));
-    for (size_t i = 0; i < std::size(kept); ++i) {
-        EXPECT_LT(std::llabs(received[i] - replay.hostNs[kept[i]]), 100000) << i;
-        EXPECT_EQ(rates[i][0], samples[kept[i]].x) << i;
-    }
-    EXPECT_EQ(log.countContaining("gyro timestamp go past"), 2);
-    replay.waitPastSamples();
-}
-
+// Without a gyroscope zero rates arrive every 4 ms; with the gyro clock unset each is lost.
 TEST(EngineGyro, WithoutAGyroscopeZeroRatesArriveEveryFourMilliseconds) {
-    ScopedGyro none(nullptr);
-    EngineHarness h;
-    h.makeCamera(idleCamera());
-    LogCapture log;
-    const int64_t began = clockNs(CLOCK_BOOTTIME);
-    h.start();
-    EXPECT_TRUE(waitFor([&] { return vstabDouble().addCalls.load() >= 40; }, 10s));
-    h.stop();
-    const int64_t ended = clockNs(CLOCK_BOOTTIME);
-
-    EXPECT_EQ(log.count("Gyro Sensor Not Available", kWarn), 1);
-    std::vector<int64_t> received = vstabDouble().gyroSnapshot();
-    std::vector<std::array<float, 3>> rates = vstabDouble().gyroRateSnapshot();
-    ASSERT_GE(received.size(), 40u);
-    for (size_t k = 0; k < received.size(); ++k) {
-        // Stamped on CLOCK_BOOTTIME, the frame clock too: the offset added is about zero.
-        EXPECT_GE(received[k], began - 100000);
-        EXPECT_LE(received[k], ended + 100000);
-        if (k > 0) {
-            EXPECT_GE(received[k] - received[k - 1], 3900000) << "samples " << k - 1 << ", " << k;
-        }
-        EXPECT_EQ(rates[k], (std::array<float, 3>{0.0f, 0.0f, 0.0f}));
-    }
-}
-
-// Samples the engine loses: unset clock ids (through the stand-by stream, then directly) and a
-// zero timestamp are logged and dropped; a library refusing a sample is fatal. The library's
-// lock is free after each.
-TEST(EngineGyro, UnsetClockIdsLoseEverySampleWithTheErrorLine) {
-    {
-        ScopedGyro none(nullptr);  // the stand-by stream feeds samples
+    for (int gyroClock : {CLOCK_BOOTTIME, -1}) {
+        ScopedGyro none(nullptr);
         EngineHarness h;
-        vstabDouble().clockIdGyro = -1;
+        vstabDouble().clockIdGyro = gyroClock;
         h.makeCamera(idleCamera());
         LogCapture log;
+        const int64_t began = clockNs(CLOCK_BOOTTIME);
         h.start();
-        EXPECT_TRUE(waitFor([&] { return log.count(kTimerNotSet, kWarn) >= 10; }, 10s));
+        EXPECT_TRUE(waitFor(
+            [&] {
+                return gyroClock == -1 ? log.count(kTimerNotSet, kWarn) >= 10
+                                       : vstabDouble().addCalls.load() >= 40;
+            },
+            10s));
         h.stop();
-        EXPECT_EQ(vstabDouble().addCalls.load(), 0);
+        const int64_t ended = clockNs(CLOCK_BOOTTIME);
+        EXPECT_EQ(log.count("Gyro Sensor Not Available", kWarn), 1);
+        std::vector<int64_t> received = snapshot(vstabDouble().gyroTimestamps);
+        std::vector<std::array<float, 3>> rates = snapshot(vstabDouble().gyroRates);
+        EXPECT_EQ(received.empty(), gyroClock == -1) << received.size();
+        for (size_t k = 0; k < received.size(); ++k) {
+            // Stamped on CLOCK_BOOTTIME, the frame clock too: the offset added is about zero.
+            EXPECT_GE(received[k], began - 100000);
+            EXPECT_LE(received[k], ended + 100000);
+            EXPECT_GE(k == 0 ? 3900000 : received[k] - received[k - 1], 3900000) << k;
+            EXPECT_EQ(rates[k], (std::array<float, 3>{0.0f, 0.0f, 0.0f}));
+        }
     }
+}
+
+// Unset clock ids and a zero timestamp are logged and dropped; a refused sample is fatal.
+TEST(EngineGyro, UnsetClockIdsLoseEverySampleWithTheErrorLine) {
     const char kInvalid[] = "[Warning] Received invalid gyro sample timestamp (ignoring sample)";
     const char kRefused[] = "[Error] Could not add gyro to VStab ... aborting";
     const int64_t now = clockNs(CLOCK_BOOTTIME);

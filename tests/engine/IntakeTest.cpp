@@ -1,18 +1,16 @@
-// Frame intake: which camera frames enter the queue, that every frame goes back to the camera
-// exactly once, the frame clock, the metadata read from the image and the copy into the slots.
+// Frame intake: which frames are queued, their release, clock, metadata and copy into the slots.
 #include <binder/MemoryBase.h>
 #include <binder/MemoryHeapBase.h>
 #include <gtest/gtest.h>
 #include <ui/GraphicBuffer.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <functional>
 #include <mutex>
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 #include "SystemHooks.h"
 
 namespace {
@@ -37,8 +35,7 @@ struct Produced {
     }
 };
 
-// Camera memory holding one whole frame of `width` x `height` (or `bytes` of it), its first four
-// bytes the frame metadata (exposure 5000 us, zoom 150).
+// Camera memory of a `width` x `height` frame (or `bytes` of it): exposure 5000 us, zoom 150.
 android::sp<android::IMemory> cameraMemory(int width, int height, size_t bytes = 0) {
     const host::FrameLayout layout = host::FrameLayout::forSize(width, height);
     android::sp<android::MemoryHeapBase> heap = new android::MemoryHeapBase(layout.bytes);
@@ -62,16 +59,6 @@ std::shared_ptr<host::FrameSource> producedSource(uint64_t frames,
         std::move(paint));
 }
 
-// Warp timestamps with the repeated calls for a frame that stayed queued folded into one.
-std::vector<int64_t> framesWarped() {
-    std::vector<int64_t> frames;
-    for (int64_t t : vstabDouble().warpSnapshot()) {
-        if (frames.empty() || frames.back() != t)
-            frames.push_back(t);
-    }
-    return frames;
-}
-
 enum class Fate { Skipped, Accepted, Refused, Dropped };
 
 struct PlannedFrame {
@@ -83,9 +70,7 @@ struct PlannedFrame {
     int acceptedBefore = 0;
 };
 
-// Over a thousand frames of every kind: frames inside the start offset, accepted ones,
-// duplicates and older ones, and in five rounds a queue filled while the library keeps its
-// head frame, the frames that find it full, and a retransmission of the last one dropped.
+// Frames inside the start offset, accepted, duplicate, older, and five rounds of a full queue.
 std::vector<PlannedFrame> planFrames(int capacity) {
     std::vector<PlannedFrame> plan;
     for (int i = 0; i < 8; ++i)
@@ -151,8 +136,7 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
         std::atomic<bool> timedOut{false};
     };
     auto gate = std::make_shared<GateState>();
-    EngineHarness* harness = &h;  // its camera device exists before the capture thread starts
-    setup.gate = [&plan, harness, engine, gate](uint64_t n, int64_t) {
+    setup.gate = [&plan, &h, engine, gate](uint64_t n, int64_t) {
         if (n >= plan.size() || gate->timedOut.load())
             return true;  // once the plan is off, let the rest through to fail fast
         const PlannedFrame& f = plan[n];
@@ -161,9 +145,8 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
         if (f.holdStart) {
             open = warped == f.acceptedBefore && engine->frameQueue->size() == 0;
         } else if (f.holdEnd) {
-            // Frames captured earlier may still be on their way to intake: the library lets
-            // frames go only once every one of them has met the full queue.
-            open = harness->cameraDevice->counters().released >= n;
+            // Only once every frame captured earlier has met the full queue.
+            open = h.cameraDevice->counters().released >= n;
         } else if (!f.inHold) {
             open = f.acceptedBefore - warped <= kCapacity - 4;
         }
@@ -186,16 +169,14 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
     LogCapture log;
     h.start();
     ASSERT_EQ(h.engine->frameQueue->getCapacity(), kCapacity);
-    int accepted = 0, refused = 0, dropped = 0, skipped = 0;
-    for (const PlannedFrame& f : plan) {
-        accepted += f.fate == Fate::Accepted;
-        refused += f.fate == Fate::Refused;
-        dropped += f.fate == Fate::Dropped;
-        skipped += f.fate == Fate::Skipped;
-    }
+    auto planned = [&plan](Fate fate) {
+        return std::count_if(plan.begin(), plan.end(),
+                             [&](const auto& f) { return f.fate == fate; });
+    };
     EXPECT_TRUE(h.cameraDevice->waitUntilDrained(120s));
     EXPECT_TRUE(waitFor([&] { return h.cameraDevice->counters().released >= plan.size(); }, 10s));
-    EXPECT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() >= accepted; }, 10s));
+    EXPECT_TRUE(
+        waitFor([&] { return vstabDouble().warpedOk.load() >= planned(Fate::Accepted); }, 10s));
     h.stop();
     EXPECT_FALSE(gate->timedOut.load()) << "the engine did not reach the planned state";
 
@@ -214,85 +195,21 @@ TEST(EngineIntake, EveryFrameGoesBackToTheCameraOnceWhateverBecomesOfIt) {
         if (plan[n].fate == Fate::Accepted)
             expected.push_back(sent[n] + diff);
     }
-    EXPECT_EQ(framesWarped(), expected);
+    std::vector<int64_t> warped = snapshot(vstabDouble().warpTimestamps);
+    warped.erase(std::unique(warped.begin(), warped.end()), warped.end());  // retries folded
+    EXPECT_EQ(warped, expected);
 
     EXPECT_EQ(log.count("[VStab] frame timestamp within StartTimeOffsetUs(" +
                             std::to_string(kStartOffsetUs) + "), skip this frame",
                         kWarn),
-              skipped);
+              planned(Fate::Skipped));
     EXPECT_EQ(log.count("[VStab] error, duplicate frame timestamp, ignore this frame", kWarn),
-              refused);
+              planned(Fate::Refused));
     EXPECT_EQ(log.count("[Warning] Dropping new frame, internal buffer queue is full", kWarn),
-              dropped);
+              planned(Fate::Dropped));
 }
 
-TEST(EngineIntake, TimestampsMoveIntoTheFrameClockWithAnOffsetMeasuredOncePerResume) {
-    EngineHarness h;
-    auto produced = std::make_shared<Produced>();
-    host::CameraSetup setup = sourceCamera(320, 240, producedSource(10, produced));
-    paceByWarps(setup);
-    h.makeCamera(setup);
-    const int64_t bootMinusMonotonic = clockNs(CLOCK_BOOTTIME) - clockNs(CLOCK_MONOTONIC);
-    const std::string measured = "[VStab] got Boottime_Monotonic_timerDiff: ";
-
-    int recordings = 0;
-    constexpr int64_t kMeasured = INT64_MIN;
-    // One recording of ten frames; every frame reaches the library shifted by `expectedDiff`
-    // (kMeasured: by the offset in store after the recording).
-    auto record = [&](int64_t expectedDiff) {
-        h.start();
-        ++recordings;
-        ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == 10 * recordings; }, 10s));
-        h.stop();
-        if (expectedDiff == kMeasured)
-            expectedDiff = Boottime_Monotonic_timerDiff;
-        std::vector<int64_t> sent = produced->snapshot();
-        std::vector<int64_t> warped = vstabDouble().warpSnapshot();
-        ASSERT_EQ(warped.size(), sent.size());
-        for (size_t i = sent.size() - 10; i < sent.size(); ++i)
-            EXPECT_EQ(warped[i], sent[i] + expectedDiff) << "recording " << recordings;
-    };
-
-    // On CLOCK_BOOTTIME the first frame after a resume measures the offset, replacing the value
-    // in store; a new recording without a resume reuses it. On another frame clock nothing is
-    // measured but the value in store is still added.
-    const struct {
-        int frameClock;
-        bool resume;
-        int64_t stored;  // set before the recording; 0: left as it is
-        int64_t expectedDiff;
-        int measurements;
-    } cases[] = {
-        {CLOCK_BOOTTIME, false, 777777, kMeasured, 1},
-        {CLOCK_BOOTTIME, false, 0, kMeasured, 0},
-        {CLOCK_MONOTONIC, true, 5000, 5000, 0},
-        {CLOCK_BOOTTIME, true, 0, kMeasured, 1},
-    };
-    for (const auto& c : cases) {
-        vstabDouble().clockIdFrame = c.frameClock;
-        if (c.resume) {
-            h.engine->onPause();
-            h.engine->onResume();
-        }
-        if (c.stored != 0)
-            Boottime_Monotonic_timerDiff = c.stored;
-        const int64_t before = Boottime_Monotonic_timerDiff;
-        LogCapture log;
-        record(c.expectedDiff);
-        EXPECT_EQ(log.countContaining(measured), c.measurements) << "recording " << recordings;
-        if (c.measurements == 1) {
-            EXPECT_LT(std::llabs(Boottime_Monotonic_timerDiff - bootMinusMonotonic), 1 * kMs);
-        } else {
-            EXPECT_EQ(Boottime_Monotonic_timerDiff, before);
-        }
-    }
-}
-
-// Frames handed to the engine's listener as the camera would. Separate frame metadata is
-// refused. A failed measurement of the boot-time offset at the first frame still counts as the
-// measurement (not retried until the next resume) and keeps the offset in store: frames move by
-// that value, not by 0. A buffer too small for a frame (metadata only) is reported and still
-// taken as one; every buffer goes back to the camera once.
+// Frames fed to the listener directly; a failed measurement counts as one and keeps the offset.
 TEST(EngineIntake, FailedOffsetMeasurementKeepsTheStoredOffset) {
     EngineHarness h;  // resumed: the offset is to be measured again
     h.makeCamera(idleCamera(640, 480));
@@ -336,7 +253,7 @@ TEST(EngineIntake, FailedOffsetMeasurementKeepsTheStoredOffset) {
     EXPECT_EQ(Boottime_Monotonic_timerDiff_got, 1);
     EXPECT_EQ(Boottime_Monotonic_timerDiff, kStored);
     EXPECT_EQ(log.countContaining("got Boottime_Monotonic_timerDiff"), 1);
-    std::vector<VStabFrameInfo> infos = vstabDouble().warpInfoSnapshot();
+    std::vector<VStabFrameInfo> infos = snapshot(vstabDouble().warpInfos);
     ASSERT_EQ(infos.size(), std::size(cases));
     for (size_t k = 0; k < infos.size(); ++k) {
         EXPECT_EQ(infos[k].timestampNs, first + static_cast<int64_t>(k) * kFramePeriodNs + kStored);
@@ -346,6 +263,7 @@ TEST(EngineIntake, FailedOffsetMeasurementKeepsTheStoredOffset) {
     EXPECT_EQ(h.cameraDevice->counters().released, 0u);
 }
 
+// Metadata read from the image; the clock offset measured once per resume, on CLOCK_BOOTTIME.
 TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
     struct Meta {
         uint16_t exposureUs;
@@ -377,44 +295,85 @@ TEST(EngineIntake, ExposureAndZoomAreReadFromTheImageCheckedAndClamped) {
         }));
     paceByWarps(setup);
     h.makeCamera(setup);
-    LogCapture log;
-    h.start();
-    ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == kFrames; }, 10s));
-    h.stop();
-
-    std::vector<VStabFrameInfo> infos = vstabDouble().warpInfoSnapshot();
-    std::vector<int64_t> sent = produced->snapshot();
-    ASSERT_EQ(infos.size(), kFrames);
-    for (size_t i = 0; i < kFrames; ++i) {
-        EXPECT_EQ(infos[i].timestampNs, sent[i] + Boottime_Monotonic_timerDiff);
-        EXPECT_EQ(infos[i].exposureNs, frames[i].exposureNs) << i;
-        EXPECT_FLOAT_EQ(infos[i].zoom, frames[i].zoom) << i;
-    }
-
-    // Intake logs its warnings for a frame before that frame's metadata line.
+    const int64_t bootMinusMonotonic = clockNs(CLOCK_BOOTTIME) - clockNs(CLOCK_MONOTONIC);
     const std::string jump =
         "[Warning] Big exposure jump or exposure not written in the frames, please capture in "
         "good light - through a window - and see whether this error will stay";
     const std::string zoom = "[Warning] VStab frame zoom is not written in the frames";
-    int jumps = 0, zooms = 0;
-    size_t frame = 0;
-    for (const LogLine& l : log.lines()) {
-        jumps += l.text == jump;
-        zooms += l.text == zoom;
-        if (l.text.compare(0, 20, "Frame Metadata Zoom ") == 0 && frame < kFrames) {
-            if (frame > 0) {  // the first frame has no frame before it to compare with
-                EXPECT_EQ(jumps, frames[frame].jumpWarning ? 1 : 0) << "frame " << frame;
-            }
-            EXPECT_EQ(zooms, frames[frame].zoomWarning ? 1 : 0) << "frame " << frame;
-            jumps = zooms = 0;
-            ++frame;
+
+    constexpr int64_t kMeasured = INT64_MIN;  // expected shift: the offset in store afterwards
+    const struct {
+        int frameClock;
+        bool resume;
+        int64_t stored;  // set before the recording; 0: left as it is
+        int64_t expectedDiff;
+        int measurements;
+    } cases[] = {
+        {CLOCK_BOOTTIME, false, 777777, kMeasured, 1},
+        {CLOCK_BOOTTIME, false, 0, kMeasured, 0},
+        {CLOCK_MONOTONIC, true, 5000, 5000, 0},
+        {CLOCK_BOOTTIME, true, 0, kMeasured, 1},
+    };
+    size_t recordings = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "recording " << recordings);
+        vstabDouble().clockIdFrame = c.frameClock;
+        if (c.resume) {
+            h.engine->onPause();
+            h.engine->onResume();
         }
+        if (c.stored != 0)
+            Boottime_Monotonic_timerDiff = c.stored;
+        const int64_t before = Boottime_Monotonic_timerDiff;
+        LogCapture log;
+        h.start();
+        ++recordings;
+        ASSERT_TRUE(waitFor(
+            [&] {
+                return static_cast<size_t>(vstabDouble().warpedOk.load()) == kFrames * recordings;
+            },
+            10s));
+        h.stop();
+        EXPECT_EQ(log.countContaining("[VStab] got Boottime_Monotonic_timerDiff: "),
+                  c.measurements);
+        if (c.measurements == 1) {
+            EXPECT_LT(std::llabs(Boottime_Monotonic_timerDiff - bootMinusMonotonic), 1 * kMs);
+        } else {
+            EXPECT_EQ(Boottime_Monotonic_timerDiff, before);
+        }
+        const int64_t diff =
+            c.expectedDiff == kMeasured ? Boottime_Monotonic_timerDiff : c.expectedDiff;
+        std::vector<VStabFrameInfo> infos = snapshot(vstabDouble().warpInfos);
+        std::vector<int64_t> sent = produced->snapshot();
+        ASSERT_EQ(infos.size(), kFrames * recordings);
+        ASSERT_EQ(sent.size(), infos.size());
+        for (size_t i = 0; i < kFrames; ++i) {
+            const size_t n = infos.size() - kFrames + i;
+            EXPECT_EQ(infos[n].timestampNs, sent[n] + diff) << i;
+            EXPECT_EQ(infos[n].exposureNs, frames[i].exposureNs) << i;
+            EXPECT_FLOAT_EQ(infos[n].zoom, frames[i].zoom) << i;
+        }
+
+        // Intake logs its warnings for a frame before that frame's metadata line.
+        int jumps = 0, zooms = 0;
+        size_t frame = 0;
+        for (const LogLine& l : log.lines()) {
+            jumps += l.text == jump;
+            zooms += l.text == zoom;
+            if (l.text.compare(0, 20, "Frame Metadata Zoom ") == 0 && frame < kFrames) {
+                if (frame > 0) {  // the first frame has no frame before it to compare with
+                    EXPECT_EQ(jumps, frames[frame].jumpWarning ? 1 : 0) << "frame " << frame;
+                }
+                EXPECT_EQ(zooms, frames[frame].zoomWarning ? 1 : 0) << "frame " << frame;
+                jumps = zooms = 0;
+                ++frame;
+            }
+        }
+        EXPECT_EQ(frame, kFrames);
     }
-    EXPECT_EQ(frame, kFrames);
 }
 
-// A byte of a camera frame's memory, by offset from the start of the buffer; every byte of
-// the buffer, padding included, differs from its neighbours and from the other frames'.
+// A byte of camera frame memory, padding included, unlike its neighbours' and other frames'.
 uint8_t cameraByte(size_t offset, uint64_t frame) {
     return static_cast<uint8_t>(offset * 31 + (offset >> 8) * 7 + (offset >> 16) * 3 + frame * 13);
 }
@@ -425,10 +384,7 @@ TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
         int height;
         int configuredUvOffset;  // -1: not configured
     };
-    // 640: the camera pitch equals the width (one block per plane); 1088: pitch 1152, row by
-    // row. 360 and 720 rows are no multiple of 32, so the camera's chroma plane starts after
-    // padding rows. A configured offset counts from the end of the buffer's own luma plane,
-    // whose pitch (1088) differs from the camera's (1152) in the last case.
+    // Camera pitch 640 or 1152 (slot 1088); chroma after padding rows; offset from the slot's.
     for (Case c :
          {Case{640, 360, -1}, Case{1088, 720, -1}, Case{640, 360, 1280}, Case{1088, 720, 1280}}) {
         SCOPED_TRACE(testing::Message()
@@ -482,8 +438,7 @@ TEST(EngineIntake, SlotBuffersHoldTheCameraPictureWhateverTheCameraPitch) {
                 const size_t uvOffset = c.configuredUvOffset == -1
                                             ? layout.chromaOffset
                                             : stride * c.height + c.configuredUvOffset;
-                // The first of `rows` rows of the slot from `slotOffset` that differs from the
-                // camera's from `cameraOffset`, or -1.
+                // The first of `rows` rows that differs from the camera's, or -1.
                 auto firstWrongRow = [&](int rows, size_t slotOffset, size_t cameraOffset) {
                     for (int y = 0; y < rows; ++y) {
                         for (int x = 0; x < c.width; ++x) {

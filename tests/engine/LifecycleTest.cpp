@@ -1,5 +1,4 @@
-// Engine lifecycle: construction, the GL session, configuration lookup, start/stop and their
-// failures, the size of the frame queue and the camera configuration read-out.
+// Engine lifecycle: the GL session, configuration lookup, start/stop, their failures, the queue.
 #include <EGL/egl.h>
 #include <android/log.h>
 #include <gtest/gtest.h>
@@ -16,7 +15,6 @@
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 
 namespace {
 
@@ -45,10 +43,7 @@ TEST(EngineSession, ResumeReadsTheDiagnosticProperties) {
         EXPECT_EQ(StartTimeOffsetUs, c.offsetUs) << c.startUs;
         EXPECT_EQ(Boottime_Monotonic_timerDiff_got, 0) << "the clock offset is measured anew";
     }
-}
-
-TEST(EngineSession, LockKeepsTheEngineContextCurrentUntilUnlock) {
-    EngineHarness h;
+    // lock() keeps the engine's context current on the calling thread until unlock().
     EXPECT_EQ(eglGetCurrentContext(), EGL_NO_CONTEXT);
     h.engine->lock();
     EXPECT_NE(h.engine->glGuard.data, nullptr);
@@ -83,107 +78,75 @@ TEST(EngineConfig, ValueIsTheTextAfterTheFirstMatchUpToTheLineFeed) {
     // No trimming: the carriage return stays in the text, atof stops at it.
     EXPECT_EQ(number("native.cameraHeight=1080\r\n", "native.cameraHeight"), 1080);
     EXPECT_EQ(text("native.cameraHeight=1080\r\n", "native.cameraHeight"), "1080\r");
-    // Numbers are truncated toward zero; text that is no number reads 0; the last line needs
-    // no line feed.
+    // Truncated toward zero; no number reads 0; the last line needs no line feed.
     EXPECT_EQ(number("k=12.9\n", "k"), 12);
     EXPECT_EQ(number("k=-3.7\n", "k"), -3);
     EXPECT_EQ(number("k=abc\n", "k"), 0);
     EXPECT_EQ(number("k=33", "k"), 33);
 }
 
-// getCamConfig reads the camera; start prepares the recording and refuses a second start; stop
-// frees everything.
-TEST(EngineLifecycle, StartPreparesTheRecordingAndStopFreesEverything) {
+// Recordings 2 and 3 are stamped before the end of the first: a frame order kept would refuse them.
+TEST(EngineLifecycle, StartStopCyclesRecordAgainWithFreshState) {
     EngineHarness h;
-    host::CameraSetup setup = idleCamera(1280, 720, 24);
+    const int64_t offsets[] = {20000000000LL, 200000000LL, 1000000000LL};
+    auto cycle = std::make_shared<std::atomic<int>>(0);
+    host::CameraSetup setup =
+        sourceCamera(320, 240,
+                     periodicSource(20, 0,
+                                    [cycle, offsets](uint64_t, host::FrameInfo& info) {
+                                        info.timestampNs += offsets[cycle->load()];
+                                    }),
+                     24);
     setup.cameraField = 0x5A5A1234;
+    paceByWarps(setup);
     h.makeCamera(setup);
     int width = 0, height = 0, fps = 0, field = 0;
     h.engine->getCamConfig(h.camera, width, height, fps, field);
     EXPECT_EQ(std::vector<int>({width, height, fps, field}),
-              std::vector<int>({1280, 720, 24, 0x5A5A1234}));
+              std::vector<int>({320, 240, 24, 0x5A5A1234}));
     const std::string config = engineConfig("native.cameraUvOffset=-1\n");
-    h.start(config);
-    ASSERT_TRUE(waitFor([&] { return h.engine->threadState.load() == 1; }, 5s));
-    {
-        LogCapture log;
-        EXPECT_EQ(thrownMessage([&] { h.start(); }),
-                  "Logical Error in Context Thread state on initialization");
-        EXPECT_EQ(log.countContaining("Context::start"), 0);
-    }
-    EXPECT_EQ(vstabDouble().createCalls.load(), 1);
-    EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
-    h.stop();
-    EXPECT_EQ(h.engine->forceRecordStop.load(), 0) << "an empty queue needs no forcing";
-    // The library got the whole text; the camera was set to record with the engine.
-    EXPECT_EQ(vstabDouble().lastConfigText, config);
-    android::CameraParameters params(h.camera->getParameters());
-    EXPECT_STREQ(params.get("recording-hint"), "true");
-    EXPECT_EQ(h.engine->threadState.load(), 4);
-    EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
-    EXPECT_EQ(h.engine->mCamera.get(), nullptr);
-    EXPECT_EQ(h.engine->sensorManager.data, nullptr);
-    EXPECT_EQ(h.engine->frameQueue.data, nullptr);
-}
-
-TEST(EngineLifecycle, StartBuildsTheUnwarpedGridAndAZeroWarpGrid) {
-    EngineHarness h;
-    vstabDouble().gridColumns = 4;
-    vstabDouble().gridRows = 3;
-    h.makeCamera(idleCamera());
-    h.start();
-    const float* u = h.engine->uniform_vrtxArr;
-    auto at = [&](int i, int j, int c) { return u[(j * 4 + i) * 3 + c]; };
-    EXPECT_FLOAT_EQ(at(0, 0, 0), -1.25f);
-    EXPECT_FLOAT_EQ(at(0, 0, 1), -1.25f);
-    EXPECT_FLOAT_EQ(at(3, 2, 0), 1.25f);
-    EXPECT_FLOAT_EQ(at(3, 2, 1), 1.25f);
-    EXPECT_FLOAT_EQ(at(1, 1, 0), (2.0f / 3.0f - 1.0f) * 1.25f);
-    EXPECT_FLOAT_EQ(at(1, 1, 1), 0.0f);
-    EXPECT_FLOAT_EQ(at(2, 0, 0), (4.0f / 3.0f - 1.0f) * 1.25f);
-    for (int k = 0; k < 12; ++k) {
-        EXPECT_EQ(at(k % 4, k / 4, 2), 0.0f);
-        // No frame has been warped: the library's grid is still all zero.
-        for (int c = 0; c < 3; ++c)
-            EXPECT_EQ(h.engine->vstabOutput.warpVertices[k * 3 + c], 0.0f);
-    }
-    EXPECT_EQ(h.engine->mesh.width, 6);
-    EXPECT_EQ(h.engine->mesh.height, 5);
-}
-
-TEST(EngineLifecycle, StartStopCyclesRecordAgainWithFreshState) {
-    EngineHarness h;
-    // The first recording is stamped far ahead; later ones earlier than its last frame, so a
-    // frame order kept across recordings would refuse every frame after the first stop.
-    const int64_t offsets[] = {20000000000LL, 200000000LL, 1000000000LL};
-    auto cycle = std::make_shared<std::atomic<int>>(0);
-    host::CameraSetup setup = sourceCamera(
-        320, 240, periodicSource(20, 0, [cycle, offsets](uint64_t, host::FrameInfo& info) {
-            info.timestampNs += offsets[cycle->load()];
-        }));
-    paceByWarps(setup);
-    h.makeCamera(setup);
     for (int c = 0; c < 3; ++c) {
         cycle->store(c);
-        h.start();
+        h.start(config);
         ASSERT_TRUE(waitFor([&] { return vstabDouble().warpedOk.load() == 20 * (c + 1); }, 10s))
             << "cycle " << c << ": " << vstabDouble().warpedOk.load();
         EXPECT_EQ(h.engine->threadState.load(), 1);
+        if (c == 0) {
+            // The unwarped grid spans +-1.25 with z = 0; the library's grid is not touched.
+            const float* u = h.engine->uniform_vrtxArr;
+            for (int k = 0; k < 12; ++k) {
+                EXPECT_FLOAT_EQ(u[k * 3], (2.0f * (k % 4) / 3.0f - 1.0f) * 1.25f) << k;
+                EXPECT_FLOAT_EQ(u[k * 3 + 1], (k / 4 - 1.0f) * 1.25f) << k;
+                EXPECT_EQ(u[k * 3 + 2], 0.0f) << k;
+            }
+            EXPECT_EQ(h.engine->mesh.width, 6);
+            EXPECT_EQ(h.engine->mesh.height, 5);
+            LogCapture log;
+            EXPECT_EQ(thrownMessage([&] { h.start(); }),
+                      "Logical Error in Context Thread state on initialization");
+            EXPECT_EQ(log.countContaining("Context::start"), 0);
+            EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
+        }
         h.stop();
+        EXPECT_EQ(h.engine->forceRecordStop.load(), 0) << "an empty queue needs no forcing";
         EXPECT_EQ(h.engine->threadState.load(), 4);
         EXPECT_EQ(vstabDouble().createCalls.load(), c + 1);
         EXPECT_EQ(vstabDouble().destroyCalls.load(), c + 1);
         EXPECT_EQ(vstabDouble().liveHandles.load(), 0);
+        EXPECT_EQ(vstabDouble().lastConfigText, config);
+        EXPECT_EQ(h.engine->mCamera.get(), nullptr);
+        EXPECT_EQ(h.engine->sensorManager.data, nullptr);
+        EXPECT_EQ(h.engine->frameQueue.data, nullptr);
         host::CameraCounters counters = h.cameraDevice->counters();
         EXPECT_EQ(counters.delivered, 20u * (c + 1));
         EXPECT_EQ(counters.released, 20u * (c + 1));
     }
+    EXPECT_STREQ(android::CameraParameters(h.camera->getParameters()).get("recording-hint"),
+                 "true");
 }
 
-// Holds the thread that logs a line starting with `prefix` until opened (10 s at most), and
-// keeps every text logged meanwhile. Installed as the process's log writer.
+// Log writer holding the thread that logs "Context Thread Run" until opened (10 s at most).
 struct LogBarrier {
-    std::string prefix;
     std::mutex mutex;
     std::condition_variable changed;
     bool holding = false;
@@ -196,7 +159,7 @@ void barrierLogger(const __android_logger_data*, const char* message) {
     std::unique_lock<std::mutex> lock(gBarrier->mutex);
     gBarrier->texts.push_back(message);
     gBarrier->changed.notify_all();
-    if (std::string(message).compare(0, gBarrier->prefix.size(), gBarrier->prefix) == 0) {
+    if (std::string(message).rfind("Context Thread Run", 0) == 0) {
         gBarrier->holding = true;
         gBarrier->changed.notify_all();
         gBarrier->changed.wait_for(lock, 10s, [] { return gBarrier->open; });
@@ -207,7 +170,6 @@ TEST(EngineLifecycle, StopBeforeTheProcessingThreadStartedStillEndsIt) {
     EngineHarness h;
     h.makeCamera(idleCamera());
     LogBarrier barrier;
-    barrier.prefix = "Context Thread Run";  // logged just before the thread marks itself running
     gBarrier = &barrier;
     __android_log_set_logger(barrierLogger);
     h.start();
@@ -237,9 +199,7 @@ TEST(EngineLifecycle, StopBeforeTheProcessingThreadStartedStillEndsIt) {
     EXPECT_EQ(h.engine->threadState.load(), 4);
 }
 
-// The queue holds the library's latency (or half its window, the longer) at the preview rate
-// plus 13 frames, truncated; "native.bufferFrameCount" overrides it (16 at least) and
-// "native.cameraHeight" sets the slot buffers' height.
+// max(latency, window / 2) at the preview rate + 13 frames, truncated; the config may override.
 TEST(EngineLifecycle, QueueHoldsTheLibraryLatencyAtThePreviewRatePlusThirteen) {
     const struct {
         int fps;
@@ -288,84 +248,68 @@ TEST(EngineLifecycle, QueueHoldsTheLibraryLatencyAtThePreviewRatePlusThirteen) {
             EXPECT_EQ(gb->getPixelFormat(), 17);
         }
         pthread_mutex_unlock(&queue->mutex.mutex);
+        for (int k = 0; k < 36; ++k)
+            EXPECT_EQ(h.engine->vstabOutput.warpVertices[k], 0.0f) << "no warp yet: all zero";
         h.stop();
     }
 }
 
-// A width that is not a multiple of 16 is refused before any slot gets a buffer; an odd
-// camera height makes a buffer the graphics cannot allocate (NV21 needs an even height).
-// Either way nothing later runs: no sensor thread, no recording, no processing thread.
-TEST(EngineLifecycle, BuffersThatCannotBeMadeAreRefused) {
-    struct Case {
-        int width, height;
-        const char* config;
-        const char* message;
-    };
-    const Case cases[] = {
-        {1080, 720, "", "[CPGL] allocateGB buffer width is not a multiple of 16"},
-        {640, 480, "native.cameraHeight=481\n", "[CPGL] Could not initialize GraphicBuffer"},
-    };
-    for (const Case& c : cases) {
-        EngineHarness h;
-        host::CameraSetup setup = idleCamera(640, 480);
-        setup.videoSizes.push_back({1080, 720});
-        h.makeCamera(setup);
-        LogCapture log;
-        const std::string config = engineConfig(c.config);
-        EXPECT_EQ(
-            thrownMessage([&] { h.engine->start(h.camera, c.width, c.height, config.c_str()); }),
-            c.message);
-        EXPECT_EQ(log.count(c.message, kWarn), 1);
-        auto* queue = h.engine->frameQueue.data;
-        ASSERT_NE(queue, nullptr);
-        if (c.width == 1080) {
-            for (int i = 0; i < queue->getCapacity(); ++i)
-                EXPECT_EQ(queue->slots[i].buffer.data, nullptr) << i;
-        }
-        EXPECT_EQ(h.engine->sensorManager.data, nullptr);
-        EXPECT_FALSE(h.cameraDevice->recording());
-        EXPECT_EQ(h.engine->threadState.load(), 0);
-        EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
-        EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
-        // A failed start undoes nothing; the test lets go of the handle and the grids itself.
-        vStabDestroy(h.engine->vstabHandle);
-        delete[] h.engine->uniform_vrtxArr;
-        delete[] h.engine->vstabOutput.warpVertices;
-    }
-}
-
+// Refused starts undo nothing but leave the locks free and nothing running.
 TEST(EngineLifecycle, StartAndStopFailuresAreThrownAndLeaveTheLocksFree) {
     EngineHarness h;
-    h.makeCamera(idleCamera());
+    host::CameraSetup setup = idleCamera(640, 480);
+    setup.videoSizes.push_back({1080, 720});
+    h.makeCamera(setup);
     const std::string config = engineConfig();
+    const std::string oddHeight = engineConfig("native.cameraHeight=481\n");
     struct Case {
         const char* config;
-        int createStatus;
-        bool configNull;
+        int width, createStatus;
+        bool configNull, buffers;  // buffers: refused by the graphics, after the grids are made
         const char* message;
         const char* logged;
     };
     const Case cases[] = {
-        {nullptr, 0, false, "VStabConfig missing",
+        {nullptr, 640, 0, false, false, "VStabConfig missing",
          "VStabConfig configuration in java assets was not found ... aborting"},
-        {config.c_str(), 7, false, "Could not create VStab with given configuration",
+        {config.c_str(), 640, 7, false, false, "Could not create VStab with given configuration",
          "Could not create VStab with given configuration"},
-        {config.c_str(), 0, true, "VStab config is not valid", "VStab config is not valid"},
+        {config.c_str(), 640, 0, true, false, "VStab config is not valid",
+         "VStab config is not valid"},
+        {config.c_str(), 1080, 0, false, true,
+         "[CPGL] allocateGB buffer width is not a multiple of 16",
+         "[CPGL] allocateGB buffer width is not a multiple of 16"},
+        {oddHeight.c_str(), 640, 0, false, true, "[CPGL] Could not initialize GraphicBuffer",
+         "[CPGL] Could not initialize GraphicBuffer"},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.message);
         vstabDouble().createStatus = c.createStatus;
         vstabDouble().configNull = c.configNull;
         LogCapture log;
-        EXPECT_EQ(thrownMessage([&] { h.engine->start(h.camera, 640, 480, c.config); }), c.message);
-        EXPECT_EQ(log.count(c.logged, kWarn), 1) << c.message;
-        EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex)) << c.message;
-        EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex)) << c.message;
-        EXPECT_EQ(h.engine->threadState.load(), 0) << c.message;
-        EXPECT_FALSE(h.cameraDevice->recording()) << c.message;
+        EXPECT_EQ(thrownMessage([&] {
+                      h.engine->start(h.camera, c.width, c.width == 640 ? 480 : 720, c.config);
+                  }),
+                  c.message);
+        EXPECT_EQ(log.count(c.logged, kWarn), 1);
+        EXPECT_TRUE(freeForOtherThreads(h.engine->stateMutex));
+        EXPECT_TRUE(freeForOtherThreads(h.engine->vstabMutex));
+        EXPECT_EQ(h.engine->threadState.load(), 0);
+        EXPECT_EQ(h.engine->sensorManager.data, nullptr);
+        EXPECT_FALSE(h.cameraDevice->recording());
+        if (c.width == 1080) {
+            for (int i = 0; i < h.engine->frameQueue->getCapacity(); ++i)
+                EXPECT_EQ(h.engine->frameQueue->slots[i].buffer.data, nullptr) << i;
+        }
+        if (c.configNull || c.buffers)  // the handle made before the failure
+            vStabDestroy(h.engine->vstabHandle);
+        if (c.buffers) {
+            delete[] h.engine->uniform_vrtxArr;
+            delete[] h.engine->vstabOutput.warpVertices;
+        }
     }
     vstabDouble().createStatus = 0;
     vstabDouble().configNull = false;
-    vStabDestroy(h.engine->vstabHandle);  // a failed start keeps the handle it made
 
     // The engine is still usable; a library that cannot be destroyed fails the stop.
     h.start(config);

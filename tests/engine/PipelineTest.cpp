@@ -1,17 +1,12 @@
-// The whole pipeline on the host: camera frames through the queue, the library's statuses, the
-// warped rendering into every output window and the drain at stop.
+// The whole pipeline: frames through the queue, the library's statuses, the outputs, the drain.
 #include <gtest/gtest.h>
-#include <host/PixelConversion.h>
 
 #include <algorithm>
-#include <cmath>
-#include <cstring>
 #include <thread>
 #include <unistd.h>
 
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
-#include "LogCapture.h"
 #include "SystemHooks.h"
 
 namespace {
@@ -35,9 +30,7 @@ int64_t readFrameMarks(const host::MemorySink::StoredFrame& f) {
     return value;
 }
 
-// Every frame comes out once per window in order; a stop with an empty queue then joins the
-// processing thread without polling or forcing. In debug mode each buffer carries the count of
-// buffers drawn before it, windows in id order.
+// Every frame comes out once per window in order, marked (debug mode) with the buffer count.
 TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
     EngineHarness h;
     vstabDouble().debugFrameIndex = 1;
@@ -56,16 +49,14 @@ TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
 
     auto framesA = a.sink->frames();
     auto framesB = b.sink->frames();
-    std::vector<int64_t> warped = vstabDouble().warpSnapshot();
+    std::vector<int64_t> warped = snapshot(vstabDouble().warpTimestamps);
     ASSERT_EQ(warped.size(), 60u);
     for (size_t i = 0; i < 60; ++i) {
         EXPECT_EQ(framesA[i].timestampNs, warped[i]) << i;
         EXPECT_EQ(framesB[i].timestampNs, warped[i]) << i;
         EXPECT_EQ(readFrameMarks(framesA[i]), static_cast<int64_t>(2 * i)) << i;
         EXPECT_EQ(readFrameMarks(framesB[i]) & 0xFF, static_cast<int64_t>(2 * i + 1) & 0xFF) << i;
-        if (i > 0) {
-            EXPECT_GT(warped[i], warped[i - 1]);
-        }
+        EXPECT_GT(warped[i], i == 0 ? INT64_MIN : warped[i - 1]) << i;
     }
     EXPECT_EQ(h.engine->outputFrameCount, 120);
     host::CameraCounters counters = h.cameraDevice->counters();
@@ -73,41 +64,42 @@ TEST(EnginePipeline, EveryCameraFrameYieldsOneOutputPerWindowInOrder) {
     EXPECT_EQ(counters.released, 60u);
 }
 
-TEST(EnginePipeline, NoGyroBeforeFrameRendersUnwarpedGridAndRemovesFrame) {
-    for (int status : {1, 26}) {
-        EngineHarness h;
-        vstabDouble().defaultStatus = status;
-        h.makeCamera(syntheticCamera(640, 480, 5, Feed::Paced));
-        auto& out = h.addOutput(1, 320, 240);
-        h.start();
-        ASSERT_TRUE(waitFor([&] { return out.sink->count() == 5; }, 20s)) << status;
-        // The renderer read the unwarped grid, copied over the library's array.
-        const float* grid = h.engine->vstabOutput.warpVertices;
-        EXPECT_FLOAT_EQ(grid[0], -1.25f);
-        EXPECT_FLOAT_EQ(grid[1], -1.25f);
-        h.stop();
-        EXPECT_EQ(vstabDouble().warpSnapshot().size(), 5u);  // each frame removed at once
-    }
-}
-
+// Statuses 1 and 26 render unwarped at once; the others keep frames until a forced stop.
 TEST(EnginePipeline, NotEnoughGyroKeepsFramesUntilForcedThenRendersThemUnwarped) {
-    for (int status : {2, 5, 25, 27}) {
+    for (int status : {1, 26, 2, 5, 25, 27}) {
+        SCOPED_TRACE(status);
+        const bool kept = status != 1 && status != 26;
         EngineHarness h;
         vstabDouble().defaultStatus = status;
-        h.makeCamera(syntheticCamera(640, 480, 10, Feed::Free));
-        auto& out = h.addOutput(1, 320, 240);
+        vstabDouble().script({ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN,
+                              ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN,
+                              ZEF_GYRO_V_STAB_INTERP_AFTER_END});
+        h.makeCamera(syntheticCamera(320, 240, 10, Feed::Free));
+        auto& out = h.addOutput(1, 160, 120);
         h.start();
-        ASSERT_TRUE(h.cameraDevice->waitUntilDrained(10s));
-        // Every frame handed back means every frame went through intake.
         ASSERT_TRUE(waitFor([&] { return h.cameraDevice->counters().released == 10; }, 10s));
-        // 10 frames in a queue of 16: below the almost-full mark, so all are kept and retried.
-        ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= 5; }, 5s));
-        EXPECT_EQ(out.sink->count(), 0u) << status;
-        EXPECT_EQ(h.engine->frameQueue->size(), 10);
-
-        h.engine->forceRecordStop = 1;
-        ASSERT_TRUE(waitFor([&] { return out.sink->count() == 10; }, 10s)) << status;
+        if (kept) {
+            ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= 20; }, 5s));
+            EXPECT_EQ(out.sink->count(), 0u);
+            EXPECT_EQ(h.engine->frameQueue->size(), 10);
+            if (status == 2)  // nine go; stop() waits for the last one and forces it out
+                vstabDouble().script({0, 0, 0, 0, 0, 0, 0, 0, 0});
+            else
+                h.engine->forceRecordStop = 1;
+        }
+        ASSERT_TRUE(waitFor([&] { return out.sink->count() == (status == 2 ? 9u : 10u); }, 10s));
+        // The renderer read the unwarped grid, copied over the library's array.
+        EXPECT_FLOAT_EQ(h.engine->vstabOutput.warpVertices[0], -1.25f);
+        EXPECT_FLOAT_EQ(h.engine->vstabOutput.warpVertices[1], -1.25f);
         h.stop();
+        EXPECT_EQ(out.sink->count(), 10u);
+        // The interpolation-range statuses keep the first frame at the head, rendered later.
+        const std::vector<int64_t> warped = snapshot(vstabDouble().warpTimestamps);
+        ASSERT_GE(warped.size(), 13u);
+        EXPECT_EQ(std::count(warped.begin(), warped.begin() + 4, warped[0]), 4);
+        EXPECT_TRUE(kept || warped[3] < warped[4]);
+        EXPECT_EQ(out.sink->frames()[0].timestampNs, warped[0]);
+        EXPECT_EQ(warped.size() == 13u, !kept) << "removed at once";
     }
 }
 
@@ -116,8 +108,7 @@ TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
     EngineHarness h;
     vstabDouble().defaultStatus = 2;
     auto& out = h.addOutput(1, 320, 240);
-    // One frame at a time, never more than 15 waiting: a completely full queue would report a
-    // size of 0 and keep its head, which is a different case.
+    // Never more than 15 waiting: a completely full queue is another case (below).
     host::CameraSetup setup = syntheticCamera(640, 480, 20, Feed::Free);
     std::shared_ptr<host::MemorySink> sink = out.sink;
     setup.gate = [sink](uint64_t index, int64_t) { return index < sink->count() + 15; };
@@ -125,8 +116,7 @@ TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
     h.start();
     ASSERT_TRUE(h.cameraDevice->waitUntilDrained(10s));
     ASSERT_EQ(h.engine->frameQueue->capacity, 16);
-    // The queue never holds more than capacity - 1 = 15 frames while status 2 persists: the
-    // head is rendered as soon as 15 wait, so of 20 frames 6 leave early and 14 stay.
+    // The head is rendered as soon as 15 wait: of 20 frames 6 leave early and 14 stay.
     ASSERT_TRUE(waitFor([&] { return out.sink->count() == 6; }, 10s)) << out.sink->count();
     const int callsBefore = vstabDouble().warpCalls.load();
     ASSERT_TRUE(waitFor([&] { return vstabDouble().warpCalls.load() >= callsBefore + 5; }, 10s));
@@ -134,8 +124,7 @@ TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
     EXPECT_EQ(log.count("[VStab][Status] forceRecordStop=0", 4), 6);
     EXPECT_EQ(h.engine->forceRecordStop.load(), 0);
 
-    // stop() drains the rest: it polls every 33 ms and forces them out once it has slept more
-    // than a second, i.e. after its 31st sleep.
+    // stop() polls every 33 ms and forces the rest out after more than a second asleep.
     systemhooks::recordSleepsOf(pthread_self());
     h.stop();
     systemhooks::recordSleepsOf(pthread_t{});
@@ -147,26 +136,7 @@ TEST(EnginePipeline, NotEnoughGyroRendersHeadWhenQueueIsAlmostFull) {
     EXPECT_EQ(log.count("forceRecordStop = 1", 5), 1);
 }
 
-TEST(EnginePipeline, InterpolationRangeStatusesKeepTheSameFrameAtTheHead) {
-    EngineHarness h;
-    vstabDouble().script({ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN, ZEF_GYRO_V_STAB_INTERP_BEFORE_BEGIN,
-                          ZEF_GYRO_V_STAB_INTERP_AFTER_END});
-    h.makeCamera(syntheticCamera(640, 480, 4, Feed::Paced));
-    auto& out = h.addOutput(1, 320, 240);
-    h.start();
-    ASSERT_TRUE(waitFor([&] { return out.sink->count() == 4; }, 10s));
-    h.stop();
-    auto warped = vstabDouble().warpSnapshot();
-    ASSERT_EQ(warped.size(), 7u);
-    EXPECT_EQ(warped[0], warped[1]);
-    EXPECT_EQ(warped[1], warped[2]);
-    EXPECT_EQ(warped[2], warped[3]);
-    EXPECT_LT(warped[3], warped[4]);
-    EXPECT_EQ(out.sink->frames()[0].timestampNs, warped[0]);
-}
-
-// A status outside the handled classes ends the processing thread with an exception, which
-// ends the process (nothing catches it above the thread body).
+// An unhandled status throws on the processing thread, which ends the process.
 TEST(EnginePipelineDeathTest, ErrorStatusEndsThreadWithException) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (int status : {3, -1}) {
@@ -184,8 +154,7 @@ TEST(EnginePipelineDeathTest, ErrorStatusEndsThreadWithException) {
     }
 }
 
-// A completely full queue reports size 0: under status 2 its head stays (the almost-full rule
-// does not see it) and stop() joins at once, forcing nothing out.
+// A full queue reads size 0: under status 2 its head stays and stop() does not wait for it.
 TEST(EnginePipeline, FullQueueKeepsItsHeadUnderStatus2AndStopDoesNotWaitForIt) {
     LogCapture log;
     EngineHarness h;
@@ -210,8 +179,7 @@ TEST(EnginePipeline, FullQueueKeepsItsHeadUnderStatus2AndStopDoesNotWaitForIt) {
     EXPECT_EQ(out.sink->count(), 0u);
 }
 
-// A pass that found nothing to render sleeps 5000 us when the preview runs at exactly 60 fps
-// and 10000 us at any other rate.
+// A pass with nothing to render sleeps 5000 us at exactly 60 fps, 10000 us otherwise.
 TEST(EnginePipeline, IdlePassSleeps5000UsAt60FpsAnd10000UsOtherwise) {
     for (int fps : {60, 30, 24}) {
         EngineHarness h;
@@ -227,8 +195,7 @@ TEST(EnginePipeline, IdlePassSleeps5000UsAt60FpsAnd10000UsOtherwise) {
     }
 }
 
-// Child-process body (the registry lock stays held): a GL error while drawing releases the
-// context, drops the dequeued buffer and skips the other windows; exits 0 if so.
+// Child process: a GL error releases the context, drops the buffer, skips the other windows.
 void runRenderWithBrokenProgram() {
     EngineHarness h;
     h.makeCamera(syntheticCamera(640, 480, 1, Feed::Paced));

@@ -1,7 +1,6 @@
 // Rendering through the real engine: the mesh, warped and unwarped pictures, colours, RenderEmpty.
 #include <gtest/gtest.h>
 #include <host/PixelConversion.h>
-#include <system/window.h>
 
 #include <algorithm>
 #include <cmath>
@@ -11,7 +10,6 @@
 #include "EngineHarness.h"
 #include "EngineTestSupport.h"
 #include "GlTestSupport.h"
-#include "LogCapture.h"
 
 namespace {
 
@@ -77,9 +75,7 @@ void paintRamp(uint64_t, const host::FrameImage& image) {
         std::memset(image.chroma + y * image.pitch, 128, image.width);
 }
 
-// Status 0 draws through the library's grid, here moved a quarter width right (x shows x - W/4,
-// the ring fills the uncovered strip with edge pixels); status 1 ignores it and magnifies the
-// centre 1.25 times (x shows 0.1 W + 0.8 (x + 0.5) - 0.5).
+// Status 0: the grid moved W/4 right (x shows x - W/4); status 1: the centre magnified 1.25x.
 TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
     constexpr int kW = 640, kH = 480;
     for (int status : {0, 1}) {
@@ -112,8 +108,7 @@ TEST(EngineRender, FrameIsDrawnThroughTheLibraryGridOrUnwarped) {
     }
 }
 
-// The calibration chart filmed by the camera comes out of the engine (intake copy, NV21 slot
-// buffer, external texture, identity warp) in BT.601 colours.
+// The calibration chart comes through intake, slot, texture and identity warp in BT.601.
 TEST(EngineRender, CalibrationChartComesOutAsBt601) {
     constexpr int w = ColorCalibration::kWidth, h = ColorCalibration::kHeight;
     EngineHarness harness;
@@ -149,8 +144,7 @@ TEST(EngineRender, CalibrationChartComesOutAsBt601) {
     }
 }
 
-// RenderEmpty queues a window-stamped plain frame to every window: red rising by 0.01 a frame,
-// back to 0.0 once past 1.0.
+// RenderEmpty: window-stamped frames, red rising by 0.01 a frame, back to 0.0 past 1.0.
 TEST(EngineRender, EmptyFramesRampTheRedLevelAndLetTheWindowStampThem) {
     EngineHarness h;
     h.engine->RenderEmpty();  // no window yet

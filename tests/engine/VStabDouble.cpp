@@ -88,9 +88,8 @@ int vStabWarpGrid(void* handle, const void* frameInfo, VStabOutput* output) {
             d.scriptedStatuses.pop_front();
         }
     }
-    if (status == 0)
-        d.warpedOk++;
     if (status == 0) {
+        d.warpedOk++;
         const VStabConfigRecord& r = static_cast<Handle*>(handle)->record;
         float* v = output->warpVertices;
         for (uint32_t j = 0; j < r.gridRows; ++j) {

@@ -1,6 +1,4 @@
-// A stand-in for the stabilization library in the engine tests: every status the engine tells
-// apart on demand, every call recorded. Read by the test thread too: counters are atomics, the
-// records sit behind `mutex`.
+// The stabilization library's stand-in: statuses on demand, every call recorded (under `mutex`).
 #pragma once
 
 #include <array>
@@ -59,36 +57,23 @@ struct VStabDouble {
         std::lock_guard<std::mutex> lock(mutex);
         scriptedStatuses.insert(scriptedStatuses.end(), statuses);
     }
-    std::vector<int64_t> gyroSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return gyroTimestamps;
-    }
-    std::vector<int64_t> warpSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return warpTimestamps;
-    }
-    std::vector<VStabFrameInfo> warpInfoSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return warpInfos;
-    }
     // Forgets the per-call records (long runs keep memory flat this way); counters stay.
     void clearRecords() {
         std::lock_guard<std::mutex> lock(mutex);
-        gyroTimestamps.clear();
-        gyroTimestamps.shrink_to_fit();
-        gyroRates.clear();
-        gyroRates.shrink_to_fit();
-        warpTimestamps.clear();
-        warpTimestamps.shrink_to_fit();
-        warpInfos.clear();
-        warpInfos.shrink_to_fit();
-    }
-    std::vector<std::array<float, 3>> gyroRateSnapshot() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return gyroRates;
+        std::vector<int64_t>().swap(gyroTimestamps);
+        std::vector<std::array<float, 3>>().swap(gyroRates);
+        std::vector<int64_t>().swap(warpTimestamps);
+        std::vector<VStabFrameInfo>().swap(warpInfos);
     }
 };
 
 // Restores every setting and clears the records. Call at the start of each test.
 void resetVStabDouble();
 VStabDouble& vstabDouble();
+
+// A copy of one of the double's records, taken under its mutex.
+template <typename T>
+std::vector<T> snapshot(const std::vector<T>& records) {
+    std::lock_guard<std::mutex> lock(vstabDouble().mutex);
+    return records;
+}

@@ -49,7 +49,6 @@ std::string takeJavaException() {
         description = chars;
         env->ReleaseStringUTFChars(text, chars);
     }
-    env->ExceptionClear();
     return description;
 }
 

@@ -1,6 +1,4 @@
-// The entry points' abort paths, reached from Java: each statement runs in a child process with
-// its own JVM, which loads libqlmr.so through com.zandry.mediatek.Native and calls it as the app
-// would. Assertions abort; engine exceptions are logged by the wrapper and end the process.
+// The entry points' abort paths, called through com.zandry.mediatek.Native in a child's JVM.
 #include <gtest/gtest.h>
 
 #include "JavaVm.h"
@@ -11,33 +9,24 @@ constexpr const char* kNative = "com/zandry/mediatek/Native";
 #define ASSERTED(message) \
     "Assert: \\[library/src/main/jni/src/native:[0-9]+\\] 0 && \"" message "\""
 
-// Calls static method `name` of the Java class Native (void result); a Java exception is
-// printed and cleared.
-void callNative(const char* name, const char* signature = "()V", ...) {
+// Calls static method `name` of Native (a void or int result); a Java exception is cleared.
+jint callNative(const char* name, const char* signature = "()V", ...) {
     JNIEnv* env = javaEnv();
     jclass native = javaClass(kNative);
     jmethodID method = javaStaticMethod(native, name, signature);
     va_list args;
     va_start(args, signature);
-    env->CallStaticVoidMethodV(native, method, args);
-    va_end(args);
-    takeJavaException();
-}
-
-jint callNativeInt(const char* name, const char* signature, ...) {
-    JNIEnv* env = javaEnv();
-    jclass native = javaClass(kNative);
-    jmethodID method = javaStaticMethod(native, name, signature);
-    va_list args;
-    va_start(args, signature);
-    jint result = env->CallStaticIntMethodV(native, method, args);
+    jint result = 0;
+    if (std::string(signature).back() == 'V')
+        env->CallStaticVoidMethodV(native, method, args);
+    else
+        result = env->CallStaticIntMethodV(native, method, args);
     va_end(args);
     takeJavaException();
     return result;
 }
 
-// A Java camera connected to a new host camera `id` (640 x 480 at 30 fps); `released`: a
-// camera whose release() was called, so that it has no native context any more.
+// A Java camera on a new 640 x 480 host camera `id`; `released`: without its native context.
 jobject javaCamera(int id, bool released = false) {
     JNIEnv* env = javaEnv();
     jclass host = javaClass("com/zandry/host/HostPlatform");
@@ -69,7 +58,7 @@ TEST_F(EntryPointsDeathTest, GlLockTwiceOrGlUnlockWithoutGlLockAborts) {
 }
 
 TEST_F(EntryPointsDeathTest, GlSessionBeforeOnResumeAborts) {
-    EXPECT_DEATH(callNativeInt("getCameraTextureId", "([I)I", javaEnv()->NewIntArray(1)),
+    EXPECT_DEATH(callNative("getCameraTextureId", "([I)I", javaEnv()->NewIntArray(1)),
                  ASSERTED("Native Context has not been resumed \\.\\.\\. Logical Error"));
     EXPECT_DEATH(callNative("glLock"),
                  ASSERTED("Native Context has not been resumed \\.\\.\\. Logical Error"));
@@ -77,9 +66,9 @@ TEST_F(EntryPointsDeathTest, GlSessionBeforeOnResumeAborts) {
 
 TEST_F(EntryPointsDeathTest, NullSurfaceAborts) {
     EXPECT_DEATH(
-        callNativeInt("surfaceAdd", "(Landroid/view/Surface;IIIII)I", nullptr, -1, -1, -1, 0, -1),
+        callNative("surfaceAdd", "(Landroid/view/Surface;IIIII)I", nullptr, -1, -1, -1, 0, -1),
         ASSERTED("Trying to add an invalid java Surface"));
-    EXPECT_DEATH(callNativeInt("surfaceRemove", "(Landroid/view/Surface;)I", nullptr),
+    EXPECT_DEATH(callNative("surfaceRemove", "(Landroid/view/Surface;)I", nullptr),
                  ASSERTED("Trying to remove an invalid java Surface"));
 }
 

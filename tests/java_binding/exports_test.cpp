@@ -1,5 +1,4 @@
-// libqlmr.so is loaded by the JVM, which resolves the Java entry points by name: they must be
-// in its dynamic symbol table, and nothing else of the engine may be.
+// The JVM resolves the Java entry points by name: libqlmr.so exports them and nothing else.
 #include <elf.h>
 #include <link.h>
 #include <gtest/gtest.h>
@@ -19,8 +18,7 @@ struct DynamicSymbol {
     unsigned char type;
 };
 
-// Every symbol that the file's .dynsym section defines (as `nm -D --defined-only` lists them).
-// The file is of the build's own ELF class (64-bit on x86-64, 32-bit on armhf).
+// The symbols the file's .dynsym defines (`nm -D --defined-only`), in the build's ELF class.
 std::vector<DynamicSymbol> definedDynamicSymbols(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     std::vector<char> bytes((std::istreambuf_iterator<char>(file)),

@@ -1,5 +1,4 @@
-// Attaching a Java surface's window for the renderer (surface_init / surface_release), against a
-// window that records every operation and can refuse one, wrapped in a host Java Surface.
+// surface_init / surface_release on a Java Surface around a window that records each call.
 #include <android/log.h>
 #include <gtest/gtest.h>
 
@@ -16,8 +15,7 @@
 
 namespace {
 
-// A native window that records its perform() calls as {operation, arguments...} and counts its
-// references. `refuse` makes that operation fail with -EINVAL.
+// Records perform() calls as {operation, arguments...}, counts references; fails `refuse`.
 struct RecordingWindow : ANativeWindow {
     std::vector<std::vector<long>> calls;
     int references = 1;  // the Java surface's
@@ -75,18 +73,29 @@ constexpr long kUsage = NATIVE_WINDOW_SET_USAGE;
 constexpr long kCount = NATIVE_WINDOW_SET_BUFFER_COUNT;
 constexpr long kCpu = NATIVE_WINDOW_API_CPU;
 
-// Every setting in order; a negative one (or a size with one negative side) keeps the window's
-// own; 0 x 0 is passed on (the default size).
+// Every setting in order; a negative one keeps the window's own; 0 x 0 is passed on.
 TEST(SurfaceAttach, ConnectsAndAppliesEverySettingInOrder) {
     const struct {
         int width, height, format, count, transform;
         Calls calls;
     } cases[] = {
-        {320, 240, 1, 5, 4,
-         {{kConnect, kCpu}, {kTransform, 4}, {kDimensions, 320, 240}, {kFormat, 1},
-          {kUsage, 0x30}, {kCount, 5}}},
+        {320,
+         240,
+         1,
+         5,
+         4,
+         {{kConnect, kCpu},
+          {kTransform, 4},
+          {kDimensions, 320, 240},
+          {kFormat, 1},
+          {kUsage, 0x30},
+          {kCount, 5}}},
         {-1, -1, -1, 0, -1, {{kConnect, kCpu}, {kUsage, 0x30}}},
-        {320, -1, 0, 1, 0,
+        {320,
+         -1,
+         0,
+         1,
+         0,
          {{kConnect, kCpu}, {kTransform, 0}, {kFormat, 0}, {kUsage, 0x30}, {kCount, 1}}},
         {0, 0, -1, -3, -1, {{kConnect, kCpu}, {kDimensions, 0, 0}, {kUsage, 0x30}}},
     };
@@ -98,6 +107,12 @@ TEST(SurfaceAttach, ConnectsAndAppliesEverySettingInOrder) {
                   owned.get());
         EXPECT_EQ(owned->calls, c.calls) << c.width << "x" << c.height;
         EXPECT_EQ(owned->references, 2) << "one reference acquired for the caller";
+        // Release disconnects and drops that reference, also when the window refuses (odd cases).
+        owned->calls.clear();
+        owned->refuse = (&c - cases) % 2 == 1 ? NATIVE_WINDOW_API_DISCONNECT : -1;
+        surface_release(android::sp<ANativeWindow>(owned.get()));
+        EXPECT_EQ(owned->calls, (Calls{{NATIVE_WINDOW_API_DISCONNECT, kCpu}}));
+        EXPECT_EQ(owned->references, 1);
     }
 }
 
@@ -129,23 +144,6 @@ TEST(SurfaceAttach, ARefusedSettingThrowsItsMessageAndKeepsTheReference) {
         EXPECT_EQ(window.calls.back().front(), c.operation) << "stops at the refused setting";
         EXPECT_EQ(window.references, 2) << c.message;
     }
-}
-
-TEST(SurfaceAttach, ReleaseDisconnectsAndDropsTheAcquiredReference) {
-    auto owned = std::make_unique<RecordingWindow>();  // sp<> refuses stack objects
-    RecordingWindow& window = *owned;
-    jobject surface = javaSurface(&window);
-    surface_init(javaEnv(), nullptr, surface, -1, -1, -1, 0, -1);
-    window.calls.clear();
-    surface_release(android::sp<ANativeWindow>(&window));
-    EXPECT_EQ(window.calls, (Calls{{NATIVE_WINDOW_API_DISCONNECT, kCpu}}));
-    EXPECT_EQ(window.references, 1);
-
-    // A window that refuses the disconnection is released all the same.
-    surface_init(javaEnv(), nullptr, surface, -1, -1, -1, 0, -1);
-    window.refuse = NATIVE_WINDOW_API_DISCONNECT;
-    surface_release(android::sp<ANativeWindow>(&window));
-    EXPECT_EQ(window.references, 1);
 }
 
 TEST(SurfaceAttachDeathTest, ASurfaceWithoutAWindowAborts) {

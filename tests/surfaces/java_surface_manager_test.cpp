@@ -36,6 +36,14 @@ class SurfaceManager : public ::testing::Test {
 
 TEST_F(SurfaceManager, FirstRegistrationOfAnIdWinsMapIsOrderedAndRemovalHandsItBack) {
     JavaSurfaceManager jsm;
+    // The registry lock holds adders off until unlocked.
+    jsm.lock();
+    auto adder = std::async(std::launch::async, [&] { jsm.addSurface(4, connectedWindow(sink_)); });
+    EXPECT_EQ(adder.wait_for(milliseconds(100)), std::future_status::timeout);
+    EXPECT_TRUE(jsm.windows.empty());
+    jsm.unlock();
+    ASSERT_EQ(adder.wait_for(seconds(10)), std::future_status::ready);
+    EXPECT_NE(jsm.remSurface(4), nullptr);
     sp<ANativeWindow> first = connectedWindow(sink_);
     sp<ANativeWindow> second = connectedWindow(sink_);
     ANativeWindow* secondRaw = second.get();
@@ -55,8 +63,7 @@ TEST_F(SurfaceManager, FirstRegistrationOfAnIdWinsMapIsOrderedAndRemovalHandsItB
     EXPECT_EQ(jsm.remSurface(7), nullptr);
 }
 
-// Each cycle delivers its frame with its timestamp; the window's mutex is held from dequeue to
-// queue, and a copy of the window gets a fresh one.
+// Frames keep their timestamps; the mutex is held from dequeue to queue; a copy gets its own.
 TEST_F(SurfaceManager, DequeueQueueCycleDeliversFramesWithTimestamps) {
     JavaSurfaceManager jsm;
     jsm.addSurface(1, connectedWindow(sink_));
@@ -91,17 +98,6 @@ TEST_F(SurfaceManager, DequeueQueueCycleDeliversFramesWithTimestamps) {
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(frames[i].timestampNs, 1000000000LL + i);
     EXPECT_TRUE(frames[4].autoTimestamp);
-}
-
-TEST_F(SurfaceManager, RegistryLockHoldsOffAddersUntilUnlocked) {
-    JavaSurfaceManager jsm;
-    jsm.lock();
-    auto adder = std::async(std::launch::async, [&] { jsm.addSurface(4, connectedWindow(sink_)); });
-    EXPECT_EQ(adder.wait_for(milliseconds(100)), std::future_status::timeout);
-    EXPECT_TRUE(jsm.windows.empty());
-    jsm.unlock();
-    ASSERT_EQ(adder.wait_for(seconds(10)), std::future_status::ready);
-    EXPECT_EQ(jsm.windows.size(), 1u);
 }
 
 // Every misuse of the registry or of a window is a logic error that aborts.

@@ -7,11 +7,7 @@ import com.zandry.host.HostPlatform;
 import com.zandry.mediatek.Native;
 import java.util.Arrays;
 
-/**
- * The engine driven through its Java entry points in a real JVM, on the host platform. One case
- * per run (the engine is one per process): {@code java NativeBindingTest <case>}; exit status 0
- * when every check held, 1 otherwise.
- */
+/** The engine through its Java entry points, one case per JVM; exit status 1 on a failed check. */
 public final class NativeBindingTest {
     private static final int TIMEOUT_MS = 30000;
     private static final int HAL_PIXEL_FORMAT_RGBA_8888 = 1;
@@ -32,17 +28,14 @@ public final class NativeBindingTest {
 
     /** A stabilized RGBA picture: opaque everywhere, and not one flat colour. */
     private static void checkPicture(HostOutput output, int index, String name) {
-        int[] shape = output.shape(index);
+        int[] shape = output.shape(index); // width, height, stride, format, transform
         byte[] pixels = output.pixels(index);
-        int width = shape[0];
-        int height = shape[1];
-        int stride = shape[2];
         boolean opaque = true;
         int minLuma = 255;
         int maxLuma = 0;
-        for (int y = 0; y < height; y++) {
-            for (int x = 0; x < width; x++) {
-                int at = (y * stride + x) * 4;
+        for (int y = 0; y < shape[1]; y++) {
+            for (int x = 0; x < shape[0]; x++) {
+                int at = (y * shape[2] + x) * 4;
                 opaque &= (pixels[at + 3] & 0xff) == 255;
                 int luma = ((pixels[at] & 0xff) + (pixels[at + 1] & 0xff) + (pixels[at + 2] & 0xff)) / 3;
                 minLuma = Math.min(minLuma, luma);
@@ -122,7 +115,6 @@ public final class NativeBindingTest {
         b.surface.release();
         check(!a.alive() && !b.alive(), "windows destroyed with their surfaces");
         camera.release();
-
     }
 
     /** Reported frame rates: 30 and 60 as they are, any other as 30. */
@@ -194,22 +186,13 @@ public final class NativeBindingTest {
         camera.release();
     }
 
-    public static void main(String[] args) {
+    public static void main(String[] args) throws ReflectiveOperationException {
         String name = args.length > 0 ? args[0] : "";
-        switch (name) {
-            case "recording":
-                recording();
-                break;
-            case "cameraConfig":
-                cameraConfig();
-                break;
-            case "hashCollision":
-                hashCollision();
-                break;
-            default:
-                System.err.println("usage: NativeBindingTest recording|cameraConfig|hashCollision");
-                System.exit(2);
+        if (!Arrays.asList("recording", "cameraConfig", "hashCollision").contains(name)) {
+            System.err.println("usage: NativeBindingTest recording|cameraConfig|hashCollision");
+            System.exit(2);
         }
+        NativeBindingTest.class.getDeclaredMethod(name).invoke(null);
         if (failures > 0) {
             System.err.println(name + ": " + failures + " check(s) failed");
             System.exit(1);
