@@ -166,7 +166,7 @@ FIGURES = [
      "agreement is 0.933 (x 0.864, y 0.994, roll 0.788", "phone-replay",
      [j("calibration.agreement"), j("calibration.agreement_x_y_roll.0"),
       j("calibration.agreement_x_y_roll.1"), j("calibration.agreement_x_y_roll.2")], 0.005),
-    ("docs/replay.md", "is the configured mapping, 3.5 ms earlier", "phone-replay",
+    ("docs/replay.md", "is the configured mapping, 3.3 ms earlier", "phone-replay",
      ["offset_gap"], 0.05),
     ("docs/replay.md", "102 consecutive frame\npairs", "phone-analyze",
      [r"re:image motion measured on (\d+) of"], 0),
@@ -206,25 +206,25 @@ FIGURES = [
     # docs/replay.md, calibration table (synthetic walk, 8 s at 960x540).
     ("docs/replay.md", "ground truth residual jitter\n(input 11.63 px)", "cal-stated",
      [j("ground_truth.residual_jitter_input_px")], 0),
-    ("docs/replay.md", "| offset stated correctly (true 2 ms) | 1.05 | 0.996 | `-y,-x,-z`, 2.03 ms, kept |",
+    ("docs/replay.md", "| offset stated correctly (true 2 ms) | 1.05 | 0.996 | `-y,-x,-z`, 1.95 ms, kept |",
      "cal-stated", [N, j("ground_truth.residual_jitter_output_px"), j("calibration.agreement"),
                     j("calibration.best_offset_ms")], 0),
     ("docs/replay.md", "| 15 ms unstated (`--gyro-offset-ms 17 --stated-gyro-offset-ms 2`) | 4.23 "
-     "| 0.840 | `-y,-x,-z`, 17.03 ms, warned |", "cal-unstated",
+     "| 0.840 | `-y,-x,-z`, 16.95 ms, warned |", "cal-unstated",
      [N, N, N, j("ground_truth.residual_jitter_output_px"), j("calibration.agreement"),
       j("calibration.best_offset_ms")], 0),
-    ("docs/replay.md", "| the same with `--calibrate` | 1.05 (+0.2 % on the correct case) | "
-     "0.996 (after) | replayed with 17.03 ms |", "cal-calibrated",
+    ("docs/replay.md", "| the same with `--calibrate` | 1.05 (−0.4 % on the correct case) | "
+     "0.996 (after) | replayed with 16.95 ms |", "cal-calibrated",
      [j("ground_truth.residual_jitter_output_px"), "calibrate_cost_pct",
       j("calibration.agreement"), j("calibration.stated_offset_ms")], 0.05),
     ("docs/replay.md", "| axes swapped (`--stated-gyro-axes=-x,-y,z`) | 13.57 | 0.201, warned as "
      "poor | `-y,-x,-z` named, 0.996 |", "cal-axes",
      [j("ground_truth.residual_jitter_output_px"), j("calibration.agreement"),
       j("calibration.best_agreement")], 0),
-    ("docs/replay.md", "2.03 for 2 and 17.03 for 17 here", "cal-calibrated",
+    ("docs/replay.md", "1.95 for 2 and 16.95 for 17 here", "cal-calibrated",
      ["json@cal-stated:calibration.best_offset_ms", N, j("calibration.stated_offset_ms"), N],
      0),
-    ("docs/stabilizer.md", "(8 s at 960x540), the calibration\nfinds 17.03 ms for the true 17 ms, "
+    ("docs/stabilizer.md", "(8 s at 960x540), the calibration\nfinds 16.95 ms for the true 17 ms, "
      "and the calibrated replay leaves 1.05 px of ground-truth\nresidual against 1.05 px with "
      "the offset stated (4.23 px uncalibrated)", "cal-calibrated",
      [N, N, N, j("calibration.stated_offset_ms"), N, j("ground_truth.residual_jitter_output_px"),

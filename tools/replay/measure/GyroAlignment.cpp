@@ -463,20 +463,31 @@ void gyroWarpedPicture(const GrayImage& first, const FrameMotion& f,
         return frameSec + offsetSec + (row + 0.5) / h * readoutSec;
     };
     // Camera orientations at every row's read time in both frames, relative to the first
-    // frame's top row, composed from row to row.
+    // frame's top row: composed every kRowStep rows, blended linearly in between (the
+    // camera turns by well under a milliradian over that many rows' read time, where the
+    // blend's error is of second order).
+    constexpr int kRowStep = 8;
     std::vector<sim::M3> firstRows(static_cast<size_t>(h)), secondRows(static_cast<size_t>(h));
     sim::Q a = sim::Q::Identity();
     sim::Q b = sim::fromRotationVector(
         integrateRotation(gyro, map, rowTime(f.startSec, 0), rowTime(f.endSec, 0)));
-    for (int y = 0; y < h; ++y) {
-        if (y > 0) {
-            a = a * sim::fromRotationVector(integrateRotation(gyro, map, rowTime(f.startSec, y - 1),
-                                                              rowTime(f.startSec, y)));
-            b = b * sim::fromRotationVector(integrateRotation(gyro, map, rowTime(f.endSec, y - 1),
-                                                              rowTime(f.endSec, y)));
+    firstRows[0] = a.toRotationMatrix();
+    secondRows[0] = b.toRotationMatrix();
+    for (int y0 = 0; y0 < h - 1;) {
+        const int y1 = std::min(y0 + kRowStep, h - 1);
+        a = a * sim::fromRotationVector(
+                    integrateRotation(gyro, map, rowTime(f.startSec, y0), rowTime(f.startSec, y1)));
+        b = b * sim::fromRotationVector(
+                    integrateRotation(gyro, map, rowTime(f.endSec, y0), rowTime(f.endSec, y1)));
+        const size_t i0 = static_cast<size_t>(y0), i1 = static_cast<size_t>(y1);
+        firstRows[i1] = a.toRotationMatrix();
+        secondRows[i1] = b.toRotationMatrix();
+        for (int y = y0 + 1; y < y1; ++y) {
+            const double u = static_cast<double>(y - y0) / (y1 - y0);
+            firstRows[static_cast<size_t>(y)] = (1 - u) * firstRows[i0] + u * firstRows[i1];
+            secondRows[static_cast<size_t>(y)] = (1 - u) * secondRows[i0] + u * secondRows[i1];
         }
-        firstRows[static_cast<size_t>(y)] = a.toRotationMatrix();
-        secondRows[static_cast<size_t>(y)] = b.toRotationMatrix();
+        y0 = y1;
     }
     const double cx = w / 2.0, cy = h / 2.0;
     // Source point (continuous coordinates, pixel centres at +0.5) of output point (x, y):
@@ -499,17 +510,19 @@ void gyroWarpedPicture(const GrayImage& first, const FrameMotion& f,
             landRow = sy;
         }
     };
-    // Bilinear sample of `first` at a source point, the edge repeated outside.
-    const auto sample = [&](double sx, double sy) {
-        const double px = std::clamp(sx - 0.5, 0.0, w - 1.0);
-        const double py = std::clamp(sy - 0.5, 0.0, h - 1.0);
+    // Bilinear sample of `first` at a source point, the edge repeated outside (float: a
+    // source position to a ten-thousandth of a pixel is plenty).
+    const float maxX = static_cast<float>(w - 1), maxY = static_cast<float>(h - 1);
+    const auto sample = [&](float sx, float sy) {
+        const float px = std::min(std::max(sx - 0.5f, 0.0f), maxX);
+        const float py = std::min(std::max(sy - 0.5f, 0.0f), maxY);
         const int ix = std::min(w - 2, static_cast<int>(px));
         const int iy = std::min(h - 2, static_cast<int>(py));
-        const double fx = px - ix, fy = py - iy;
+        const float fx = px - static_cast<float>(ix), fy = py - static_cast<float>(iy);
         const uint8_t* p = first.data.data() + static_cast<size_t>(iy) * w + ix;
-        const double top = p[0] + fx * (p[1] - p[0]);
-        const double bottom = p[w] + fx * (p[w + 1] - p[w]);
-        return static_cast<uint8_t>(top + fy * (bottom - top) + 0.5);
+        const float top = p[0] + fx * static_cast<float>(p[1] - p[0]);
+        const float bottom = p[w] + fx * static_cast<float>(p[w + 1] - p[w]);
+        return static_cast<uint8_t>(top + fy * (bottom - top) + 0.5f);
     };
     // Exact every kSpan pixels and at the last column, linear in between: over a span the
     // mapping is affine far below a hundredth of a pixel.
@@ -521,14 +534,17 @@ void gyroWarpedPicture(const GrayImage& first, const FrameMotion& f,
         for (int x0 = 0; x0 < w - 1; x0 += kSpan) {
             const int x1 = std::min(x0 + kSpan, w - 1);
             source(x1 + 0.5, y, bx, by);
+            const float sx = static_cast<float>(ax), sy = static_cast<float>(ay);
+            const float dx = static_cast<float>((bx - ax) / (x1 - x0));
+            const float dy = static_cast<float>((by - ay) / (x1 - x0));
             for (int x = x0; x < x1; ++x) {
-                const double t = static_cast<double>(x - x0) / (x1 - x0);
-                dst[x] = sample(ax + t * (bx - ax), ay + t * (by - ay));
+                const float t = static_cast<float>(x - x0);
+                dst[x] = sample(sx + t * dx, sy + t * dy);
             }
             ax = bx;
             ay = by;
         }
-        dst[w - 1] = sample(ax, ay);
+        dst[w - 1] = sample(static_cast<float>(ax), static_cast<float>(ay));
     }
 }
 
