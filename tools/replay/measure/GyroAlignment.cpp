@@ -550,10 +550,10 @@ void gyroWarpedPicture(const GrayImage& first, const FrameMotion& f,
 
 namespace {
 
-// One registrationResponse run: the pairs of `motion` split over the pool's threads.
+// One responseCorrected run: the pairs of `out` (the measured motion, corrected in place)
+// split over the pool's threads.
 struct ResponseRun {
     const std::vector<const GrayImage*>* pictures;
-    const std::vector<FrameMotion>* motion;
     const std::vector<GyroSample>* gyro;
     const AxisMap* map;
     double offsetMs;
@@ -600,7 +600,7 @@ std::vector<FrameMotion> responseCorrected(const std::vector<const GrayImage*>& 
     if (pictures.size() != motion.size() + 1)
         throw ReplayError("responseCorrected: one picture more than frame pairs expected");
     std::vector<FrameMotion> out = motion;
-    ResponseRun run{&pictures, &motion, &gyro, &map, offsetMs, &search, &out};
+    ResponseRun run{&pictures, &gyro, &map, offsetMs, &search, &out};
     if (!out.empty()) {
         WorkerPool pool(std::max(1, threads));
         pool.run(&respondRun, &run, static_cast<int>(out.size()));
